@@ -1,0 +1,38 @@
+#pragma once
+
+#include <memory>
+#include <ostream>
+
+/// The framework's abstract logger. Framework and transport code logs through this interface only; the program that
+/// embeds the framework decides where the lines go.
+namespace Orbi::Log {
+
+/// Framework levels, most verbose first. A level outside this range is a programming error.
+enum Level : int { kTrace = 0, kDebug = 1, kInfo = 2, kWarning = 3, kError = 4, kFatal = 5 };
+
+/// One log line in the making: write the message into Stream(); destroying the record emits it.
+class LogRecord {
+ public:
+  LogRecord() = default;
+  LogRecord(const LogRecord&) = delete;
+  LogRecord& operator=(const LogRecord&) = delete;
+
+  virtual std::ostream& Stream() = 0;
+  virtual ~LogRecord() = default;
+};
+
+/// Creates log records. Implementations are safe to call from any thread; a record belongs to the thread that made it.
+class Logger {
+ public:
+  /// @return an empty pointer when the level is disabled, so that the caller skips all formatting
+  virtual std::unique_ptr<LogRecord> CreateRecord(int level) = 0;
+  virtual ~Logger() = default;
+};
+
+/// Writes the arguments to `logger` as one line, formatting nothing when the level is disabled.
+template <typename... Args>
+void Write(Logger& logger, int level, const Args&... args) {
+  if (const auto record = logger.CreateRecord(level)) (record->Stream() << ... << args);
+}
+
+}  // namespace Orbi::Log
