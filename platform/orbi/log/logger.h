@@ -3,8 +3,8 @@
 #include <memory>
 #include <ostream>
 
-/// The framework's abstract logger. Framework and transport code logs through this interface only; the program that
-/// embeds the framework decides where the lines go.
+/// The framework's abstract logger. Framework and transport code logs through this interface only;
+/// the program that embeds the framework decides where the lines go.
 namespace Orbi::Log {
 
 /// Framework levels, most verbose first. A level outside this range is a programming error.
@@ -21,7 +21,8 @@ class LogRecord {
   virtual ~LogRecord() = default;
 };
 
-/// Creates log records. Implementations are safe to call from any thread; a record belongs to the thread that made it.
+/// Creates log records. Implementations are safe to call from any thread; a record belongs to the
+/// thread that made it.
 class Logger {
  public:
   /// @return an empty pointer when the level is disabled, so that the caller skips all formatting

@@ -1,0 +1,50 @@
+#pragma once
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+
+/// What accompanies a call beside its input: who calls, for whom the answer is worded, what the
+/// client told about itself. Filled while a request travels down the provider chain, then read by
+/// services; belongs to one call and to the thread that serves it.
+namespace Orbi::Core {
+
+/// How texts for the client are worded.
+struct LocalizationContext {
+  std::string language = "en_US";
+  std::string format_locale = "C";
+  std::string time_zone = "Etc/UTC";
+};
+
+/// The credentials of a call, as the client sent them.
+struct SecurityContext {
+  std::optional<std::string> scheme_id;
+  std::string user_name;
+  std::string password;
+
+  SecurityContext() = default;
+  SecurityContext(const SecurityContext&) = delete;
+  SecurityContext& operator=(const SecurityContext&) = delete;
+  ~SecurityContext();
+
+  /// Overwrites the password in memory, in a way that the compiler keeps.
+  void ClearPassword();
+};
+
+/// The outcome of a successful authentication.
+struct AuthenticationResult {
+  std::string type;  ///< for example "UserPassAuthentication"
+  std::string user_name;
+};
+
+struct ExecutionContext {
+  std::map<std::string, std::string> application;  ///< "opId" and whatever else the client sent
+  std::unique_ptr<SecurityContext> security;       ///< empty when the call carries no credentials
+  std::optional<AuthenticationResult> authentication;
+  LocalizationContext localization;
+};
+
+using ExecutionContextPtr = std::shared_ptr<ExecutionContext>;
+
+}  // namespace Orbi::Core
