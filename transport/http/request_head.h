@@ -1,0 +1,38 @@
+#pragma once
+
+#include <algorithm>
+#include <optional>
+#include <span>
+#include <string_view>
+
+#include "orbi/http/phr_parse.h"
+
+namespace Orbi::Transport::PicoHttp {
+
+/// The head of the request that a connection is working on. All texts are views into the
+/// connection's head buffer; they live until the request has been answered, and whoever needs one
+/// longer copies it.
+struct RequestHead {
+  std::string_view method;  ///< as sent; methods are case-sensitive (RFC 9110, section 9.1)
+  std::string_view path;
+  int minorVersion = 1;  ///< the y of HTTP/1.y
+
+  /// Names in lower case, sorted by name, with the pseudo-header ":method" among them.
+  std::span<const HeaderField> headers;
+
+  std::string_view contentType;  ///< empty when the request has none
+  std::string_view accept;       ///< empty when the request has none
+  bool acceptStream = false;     ///< the accept header names a ".stream.json" type
+  bool framed = false;           ///< the content type is a ".stream.json" or ".framed" type
+  bool keepAlive = true;  ///< the client is willing to send another request on this connection
+
+  /// @param name  in lower case
+  /// @return the first value of that name
+  [[nodiscard]] std::optional<std::string_view> Find(std::string_view name) const {
+    const auto found = std::ranges::lower_bound(headers, name, {}, &HeaderField::name);
+    if (found == headers.end() || found->name != name) return std::nullopt;
+    return found->value;
+  }
+};
+
+}  // namespace Orbi::Transport::PicoHttp
