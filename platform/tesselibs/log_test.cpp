@@ -1,0 +1,213 @@
+#include "tesselibs/log.h"
+
+#include <errno.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <stdlib.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <thread>
+
+#include "tesselibs/log_writer.h"
+#include "tesselibs/panic.h"
+#include "tesselibs/syslog_output.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::MatchesRegex;
+
+/// A system log: a bound datagram socket, of which the kernel keeps a few datagrams by itself.
+class SystemLog {
+ public:
+  SystemLog() {
+    char name[] = "/tmp/system-log-XXXXXX";
+    directory_ = mkdtemp(name);
+    Start();
+  }
+  ~SystemLog() {
+    Stop();
+    rmdir(directory_.c_str());
+  }
+
+  void Start() {
+    socket_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    Path().copy(address.sun_path, sizeof address.sun_path - 1);
+    if (bind(socket_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) abort();
+  }
+
+  void Stop() {
+    close(socket_);
+    unlink(Path().c_str());
+  }
+
+  [[nodiscard]] std::string Path() const { return directory_ + "/log"; }
+
+  /// @return the next datagram, or an empty one when none comes for some seconds
+  [[nodiscard]] std::string Receive() const {
+    pollfd ready{socket_, POLLIN, 0};
+    if (poll(&ready, 1, 10000) != 1) return "";
+    std::string datagram(1 << 16, '\0');
+    const ssize_t length = recv(socket_, datagram.data(), datagram.size(), 0);
+    datagram.resize(length > 0 ? static_cast<std::size_t>(length) : 0);
+    return datagram;
+  }
+
+  [[nodiscard]] std::string ReceiveText() const {
+    const std::string datagram = Receive();
+    return datagram.substr(datagram.find("]: ") + 3);
+  }
+
+  [[nodiscard]] std::unique_ptr<LogOutput> Output() const {
+    auto output = Log_NewSyslogOutput("kestreld", "syslog", {Path()});
+    Log_SetOutputLevel(*output, 7);
+    return output;
+  }
+
+ private:
+  std::string directory_;
+  int socket_ = -1;
+};
+
+class LogTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    auto output = log_.Output();
+    ASSERT_TRUE(Log_AddOutput(output));
+  }
+  void TearDown() override { Log_RemoveOutput(); }
+
+  SystemLog log_;
+};
+
+TEST_F(LogTest, EachLineIsOneDatagramWithPriorityStampAndIdent) {
+  errno = ERANGE;
+  Log_Level(2, "[%s] code %d\n", "RunCommand", 3);
+  Log_Level(9, "beyond the most verbose level");
+  EXPECT_EQ(errno, ERANGE);
+  const std::string form =
+      "[A-Z][a-z][a-z] [ 1-3][0-9] [0-9]+:[0-9]+:[0-9]+ kestreld\\[" + std::to_string(getpid());
+  EXPECT_THAT(log_.Receive(), MatchesRegex("<26>" + form + "\\]: \\[RunCommand\\] code 3"));
+  EXPECT_THAT(log_.Receive(), MatchesRegex("<31>" + form + "\\]: beyond the most verbose level"));
+}
+
+TEST_F(LogTest, TextFromOutsideCannotForgeALine) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"", ""},
+      {"\n", ""},
+      {"a\n<26>Jan  1 root[1]: b\n", "a#012<26>Jan  1 root[1]: b"},
+      {"\x1b[2J\x7f\t\xc3\xa4\n\n", "#033[2J#177#011\xc3\xa4#012"},
+      {std::string(8191, 'x') + "\n", std::string(8191, 'x')},
+      {std::string(8191, 'x') + "\xc3\xa4yz", std::string(8191, 'x') + "... (4 more bytes)"},
+  };
+  for (const auto& [text, expected] : cases) {
+    Log_Level(6, "%s", text.c_str());
+    EXPECT_EQ(log_.ReceiveText(), expected);
+  }
+}
+
+TEST_F(LogTest, ARestartedSystemLogIsFoundAgain) {
+  Log_Level(6, "before");
+  EXPECT_EQ(log_.ReceiveText(), "before");
+  log_.Stop();
+  log_.Start();
+  Log_Level(6, "after");
+  EXPECT_EQ(log_.ReceiveText(), "after");
+}
+
+TEST_F(LogTest, OnlyOneOutputAndOnlySyslogIsTaken) {
+  auto second = log_.Output();
+  EXPECT_FALSE(Log_AddOutput(second));
+  EXPECT_TRUE(second) << "the caller still owns what was not added";
+  EXPECT_FALSE(Log_NewSyslogOutput("kestreld", "carrier pigeon", Log_CfgInterface()));
+}
+
+TEST(LogEndTest, PanicAndExitWriteWhatIsQueued) {
+  const SystemLog log;
+  const auto addOutput = [&log] {
+    auto output = log.Output();
+    if (!Log_AddOutput(output)) abort();
+    Log_Level(7, "queued");
+  };
+  EXPECT_EXIT(
+      {
+        addOutput();
+        Panic("VERIFY %s:%d\n", "some/source", 7);
+      },
+      testing::KilledBySignal(SIGABRT), "VERIFY some/source:7");
+  EXPECT_EQ(log.ReceiveText(), "queued");
+  EXPECT_EQ(log.ReceiveText(), "VERIFY some/source:7");
+  EXPECT_EXIT(
+      {
+        addOutput();
+        exit(0);
+      },
+      testing::ExitedWithCode(0), "");
+  EXPECT_EQ(log.ReceiveText(), "queued");
+}
+
+/// Reads lines until `count` of them came or were told as lost. @return how many came
+int DrainUntil(const SystemLog& log, int count) {
+  int received = 0;
+  int lost = 0;
+  while (received + lost < count) {
+    const std::string text = log.ReceiveText();
+    if (text.empty()) {
+      ADD_FAILURE() << received << " lines came and " << lost << " were told as lost";
+      break;
+    }
+    if (text.ends_with(" log lines were lost")) {
+      lost += std::stoi(text);
+    } else {
+      ++received;
+    }
+  }
+  return received;
+}
+
+// Were every line to wait in vain, these tests would run into their time limit.
+TEST(StuckLogTest, LosesLinesInsteadOfStallingAndTellsHowMany) {
+  constexpr int kLines = 2000;
+  for (const int level : {2, 6, 7}) {
+    const SystemLog log;
+    LogWriter writer({.queuedBytes = 10000, .patience = std::chrono::milliseconds(500)});
+    auto output = log.Output();
+    ASSERT_TRUE(writer.Add(output));
+    for (int i = 0; i < kLines; ++i) writer.Push(level, std::string(100, 'x'));
+    const int received = DrainUntil(log, kLines);
+    EXPECT_GT(received, 10);
+    EXPECT_LT(received, kLines / 2);
+  }
+}
+
+TEST(StuckLogTest, ErrorsWaitForALogThatIsSlow) {
+  constexpr int kLines = 2000;
+  const SystemLog log;
+  LogWriter writer({.queuedBytes = 1000, .patience = std::chrono::seconds(60)});
+  auto output = log.Output();
+  ASSERT_TRUE(writer.Add(output));
+  std::thread producer([&] {
+    for (int i = 0; i < kLines; ++i) writer.Push(5, std::to_string(i));
+  });
+  for (int i = 0; i < kLines; ++i) ASSERT_EQ(log.ReceiveText(), std::to_string(i));
+  producer.join();
+  EXPECT_TRUE(writer.Flush());
+}
+
+TEST(StuckLogTest, EndsInBoundedTimeAndHandsTheOutputBack) {
+  const SystemLog log;
+  LogWriter writer({.flushTime = std::chrono::milliseconds(50)});
+  auto output = log.Output();
+  ASSERT_TRUE(writer.Add(output));
+  for (int i = 0; i < 5000; ++i) writer.Push(6, "x");
+  EXPECT_FALSE(writer.Flush());
+  EXPECT_TRUE(writer.Remove());
+}
+
+}  // namespace

@@ -1,0 +1,154 @@
+#include "tesselibs/log_writer.h"
+
+#include <pthread.h>
+#include <signal.h>
+
+#include <system_error>
+#include <utility>
+
+namespace {
+
+// From this level on lines are for following what goes on, not for learning of faults.
+constexpr int kFirstDroppableLevel = 6;
+constexpr int kLostLinesLevel = 3;
+
+/// Blocks all signals in the calling thread; threads started meanwhile inherit that.
+class SignalsBlocked {
+ public:
+  SignalsBlocked() {
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &previous_);
+  }
+  SignalsBlocked(const SignalsBlocked&) = delete;
+  SignalsBlocked& operator=(const SignalsBlocked&) = delete;
+  ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &previous_, nullptr); }
+
+ private:
+  sigset_t previous_;
+};
+
+}  // namespace
+
+bool LogWriter::Add(std::unique_ptr<LogOutput>& output) {
+  if (!output || output_) return false;
+  {
+    const std::lock_guard lock(mutex_);
+    stopping_ = stuck_ = false;
+  }
+  output_ = std::move(output);
+  try {
+    const SignalsBlocked blocked;
+    thread_ = std::thread(&LogWriter::Run, this);
+  } catch (const std::system_error&) {
+    output = std::move(output_);
+    return false;
+  }
+  const std::lock_guard lock(mutex_);
+  running_ = true;
+  return true;
+}
+
+std::unique_ptr<LogOutput> LogWriter::Remove() {
+  if (!output_) return nullptr;
+  {
+    const std::lock_guard lock(mutex_);
+    running_ = false;
+    stopping_ = true;
+    stopDeadline_ = std::chrono::steady_clock::now() + limits_.flushTime;
+  }
+  linesQueued_.notify_one();
+  thread_.join();
+  return std::move(output_);
+}
+
+void LogWriter::Push(int level, std::string_view text) {
+  const std::time_t now = std::time(nullptr);
+  std::unique_lock lock(mutex_);
+  if (!running_) return;
+  if (!HasRoom(text.size()) && (level >= kFirstDroppableLevel || !WaitForRoom(lock, text.size()))) {
+    ++lost_;
+    return;
+  }
+  const bool wake = queued_.entries.empty() && !writing_;
+  queued_.text.append(text);
+  queued_.entries.push_back({now, level, text.size()});
+  lock.unlock();
+  if (wake) linesQueued_.notify_one();
+}
+
+bool LogWriter::HasRoom(std::size_t length) const {
+  return queued_.Bytes() + length + sizeof(Batch::Entry) <= limits_.queuedBytes;
+}
+
+bool LogWriter::WaitForRoom(std::unique_lock<std::mutex>& lock, std::size_t length) {
+  if (stuck_) return false;
+  const bool room = roomMade_.wait_for(lock, limits_.patience, [&] { return HasRoom(length); });
+  stuck_ = !room;
+  return room && running_;
+}
+
+bool LogWriter::Flush() {
+  std::unique_lock lock(mutex_);
+  if (!running_) return true;
+  return allWritten_.wait_for(lock, limits_.flushTime,
+                              [this] { return queued_.entries.empty() && !writing_; });
+}
+
+void LogWriter::Run() {
+  Batch batch;
+  std::unique_lock lock(mutex_);
+  for (;;) {
+    linesQueued_.wait(lock, [this] { return stopping_ || !queued_.entries.empty(); });
+    if (queued_.entries.empty()) return;
+    std::swap(batch, queued_);
+    writing_ = true;
+    stuck_ = false;
+    lock.unlock();
+    roomMade_.notify_all();
+
+    WriteBatch(batch);
+    batch.text.clear();
+    batch.entries.clear();
+
+    lock.lock();
+    writing_ = false;
+    allWritten_.notify_all();
+  }
+}
+
+void LogWriter::WriteBatch(const Batch& batch) {
+  std::string_view rest = batch.text;
+  std::uint64_t lost = 0;
+  for (const Batch::Entry& entry : batch.entries) {
+    if (!WriteLine({entry.when, entry.level, rest.substr(0, entry.length)})) ++lost;
+    rest.remove_prefix(entry.length);
+    if (OutOfTime()) return;
+  }
+  const std::time_t now = std::time(nullptr);
+  {
+    const std::lock_guard lock(mutex_);
+    lost += std::exchange(lost_, 0);
+  }
+  if (lost > 0) ReportLost(lost, now);
+}
+
+void LogWriter::ReportLost(std::uint64_t count, std::time_t when) {
+  const std::string text = std::to_string(count) + " log lines were lost";
+  if (WriteLine({when, kLostLinesLevel, text})) return;
+  const std::lock_guard lock(mutex_);
+  lost_ += count;
+}
+
+bool LogWriter::WriteLine(const LogLine& line) {
+  for (;;) {
+    const LogOutput::Result result = output_->Write(line);
+    if (result != LogOutput::Result::kBusy) return result == LogOutput::Result::kWritten;
+    if (OutOfTime()) return false;
+  }
+}
+
+bool LogWriter::OutOfTime() {
+  const std::lock_guard lock(mutex_);
+  return stopping_ && std::chrono::steady_clock::now() >= stopDeadline_;
+}
