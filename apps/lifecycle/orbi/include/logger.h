@@ -1,0 +1,46 @@
+#pragma once
+
+#include <memory>
+#include <sstream>
+
+#include "orbi/log/logger.h"
+
+namespace Host::Settings::SettingsApi {
+
+/// The logger that framework, transport and provider code gets: hands each record to the host's log
+/// facility. Created once at start-up and shared; callable from any thread.
+///
+/// | framework level | 0 | 1 | 2 | 3 | 4 | 5 |
+/// |---|---|---|---|---|---|---|
+/// | platform level | 7 | 6 | 5 | 3 | 2 | 1 |
+class OrbiLoggerWrapper : public Orbi::Log::Logger {
+ public:
+  using LogFunction = void (*)(int level, const char* format, ...);
+
+  /// @param log  where records go: the platform's Log_Level
+  explicit OrbiLoggerWrapper(LogFunction log) : log_(log) {}
+
+  /// A level outside 0 to 5 ends the process. A disabled level costs no allocation.
+  std::unique_ptr<Orbi::Log::LogRecord> CreateRecord(int level) override;
+
+  class Record;
+
+ private:
+  const LogFunction log_;
+};
+
+/// One line; the text that its stream holds is logged when the record is destroyed.
+class OrbiLoggerWrapper::Record : public Orbi::Log::LogRecord {
+ public:
+  Record(LogFunction log, int platformLevel) : log_(log), platformLevel_(platformLevel) {}
+  ~Record() override { log_(platformLevel_, "%s", stream_.str().c_str()); }
+
+  std::ostream& Stream() override { return stream_; }
+
+ private:
+  const LogFunction log_;
+  const int platformLevel_;
+  std::stringstream stream_;
+};
+
+}  // namespace Host::Settings::SettingsApi
