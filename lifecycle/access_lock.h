@@ -1,0 +1,65 @@
+#pragma once
+
+#include <exception>
+#include <string>
+
+namespace LifeCycle {
+
+/// A failure to acquire or to release an access lock.
+class AccessLockError : public std::exception {
+ public:
+  explicit AccessLockError(int error_number);
+
+  /// The system's error number: EADDRINUSE when the lock is held elsewhere.
+  [[nodiscard]] int error_number() const noexcept { return error_number_; }
+  /// The system's text for the error number.
+  [[nodiscard]] const char* what() const noexcept override { return text_.c_str(); }
+
+ private:
+  int error_number_;
+  std::string text_;
+};
+
+/// Cross-process mutual exclusion named after a file path, used as a scope guard.
+///
+/// The lock is a Unix-domain socket bound in the abstract namespace (unix(7)) to "/com/tessel/" and
+/// the MD5 digest (RFC 1321) of the absolute path in 32 lower-case hexadecimal digits: whoever has
+/// the name bound holds the lock. Closing the socket releases it, so a process that dies never
+/// leaves a stale lock behind. The file itself is neither needed nor touched, and its path is taken
+/// as it is written: "a/../b" and "b" are two locks.
+///
+/// Excludes threads of one process as well as other processes; not re-entrant. May be constructed
+/// on any thread, and waits there.
+class AccessLock {
+ public:
+  /// Acquires the lock.
+  ///
+  /// With `retries` of 0 there is one attempt, and a lock held elsewhere is an error. With N of 1
+  /// or more there are N attempts, each followed by one second of sleep, and after the last the
+  /// constructor returns *without holding the lock*: a holder that does not let go must not bring
+  /// every other user to a halt. Whoever writes under a lock taken so writes in a manner that
+  /// leaves the file whole even when two do it at once.
+  ///
+  /// @param path     the file the lock is named after; a relative path is taken from the current
+  ///                 directory
+  /// @param retries  attempts, as told above
+  /// @throws AccessLockError when the lock cannot be had
+  AccessLock(const std::string& path, int retries);
+
+  /// Releases the lock.
+  /// @throws AccessLockError when the socket cannot be closed, unless another exception is on its
+  ///         way already
+  ~AccessLock() noexcept(false);
+
+  AccessLock(const AccessLock&) = delete;
+  AccessLock& operator=(const AccessLock&) = delete;
+
+ private:
+  void Bind();
+  void Close();
+
+  int socket_ = -1;
+  std::string name_;
+};
+
+}  // namespace LifeCycle

@@ -1,0 +1,178 @@
+#include "lifecycle/access_lock.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+#include <boost/filesystem/operations.hpp>
+
+namespace LifeCycle {
+namespace {
+
+using testing::HasSubstr;
+
+constexpr char kPath[] = "/nowhere/guarded.json";
+const std::string kName = "{/com/tessel/f457b90849d3e0d579b03e615ef29b8c}";
+const std::string kInUse = "{Address already in use}";
+
+/// A child process that holds the lock on `path` until it is killed.
+class Holder {
+ public:
+  explicit Holder(const std::string& path) {
+    int ready[2];
+    if (pipe(ready) != 0) abort();
+    child_ = fork();
+    if (child_ == 0) {
+      const AccessLock lock(path, 0);
+      if (write(ready[1], "", 1) != 1) _exit(1);
+      for (;;) pause();
+    }
+    char byte;
+    if (read(ready[0], &byte, 1) != 1) abort();
+    close(ready[0]);
+    close(ready[1]);
+  }
+  ~Holder() { Kill(); }
+
+  void Kill() {
+    if (child_ == -1) return;
+    kill(child_, SIGKILL);
+    waitpid(child_, nullptr, 0);
+    child_ = -1;
+  }
+
+ private:
+  pid_t child_;
+};
+
+/// @return the system's error number, or 0 when the lock could be taken
+int TryLock(const std::string& path) {
+  try {
+    const AccessLock lock(path, 0);
+    return 0;
+  } catch (const AccessLockError& e) {
+    EXPECT_STREQ(e.what(), std::strerror(e.error_number()));
+    return e.error_number();
+  }
+}
+
+/// The sandbox's system log for as long as it lives.
+class SystemLog {
+ public:
+  SystemLog() : socket_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strcpy(address.sun_path, "/dev/log");
+    unlink(address.sun_path);
+    if (bind(socket_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) abort();
+    openlog("access_lock_test", 0, LOG_USER);
+  }
+  ~SystemLog() {
+    closelog();
+    close(socket_);
+    unlink("/dev/log");
+  }
+
+  /// @return the severity and the text of each line so far
+  [[nodiscard]] std::vector<std::string> Lines() const {
+    std::vector<std::string> lines;
+    char line[1024];
+    for (ssize_t size; (size = recv(socket_, line, sizeof line, 0)) > 0;) {
+      const std::string text(line, static_cast<std::size_t>(size));
+      const int severity = std::atoi(text.c_str() + 1) & 7;
+      lines.push_back(std::to_string(severity) + text.substr(text.find(": ") + 1));
+    }
+    return lines;
+  }
+
+  /// Waits until there is a line, for at most ten seconds.
+  void WaitForLine() const {
+    pollfd readable{socket_, POLLIN, 0};
+    poll(&readable, 1, 10000);
+  }
+
+ private:
+  int socket_;
+};
+
+TEST(AccessLock, SecondUserOfThePathIsRefusedUntilTheFirstLetsGo) {
+  boost::filesystem::current_path("/tmp");
+  auto lock = std::make_unique<AccessLock>("/tmp/guarded.json", 0);
+  EXPECT_EQ(TryLock("/tmp/guarded.json"), EADDRINUSE);
+  EXPECT_EQ(TryLock("guarded.json"), EADDRINUSE);
+  EXPECT_EQ(TryLock("/tmp/guarded"), 0);
+  lock.reset();
+  EXPECT_EQ(TryLock("guarded.json"), 0);
+}
+
+TEST(AccessLock, NameIsTheOneOtherProgramsBind) {
+  const AccessLock lock(kPath, 0);
+  std::ostringstream sockets;
+  sockets << std::ifstream("/proc/net/unix").rdbuf();
+  EXPECT_THAT(sockets.str(), HasSubstr(" @" + kName.substr(1, kName.size() - 2) + "\n"));
+}
+
+TEST(AccessLock, KilledHolderLeavesNoLockBehind) {
+  Holder holder(kPath);
+  EXPECT_EQ(TryLock(kPath), EADDRINUSE);
+  holder.Kill();
+  EXPECT_EQ(TryLock(kPath), 0);
+}
+
+TEST(AccessLock, ReturnsWithoutTheLockAfterTheLastRetry) {
+  const Holder holder(kPath);
+  const SystemLog log;
+  const AccessLock lock(kPath, 2);
+  const auto lines = log.Lines();
+  ASSERT_EQ(lines.size(), 10U);
+  EXPECT_EQ(lines[0], "6 [AccessLock]: Create lock with retry count{2}");
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    const auto* line = &lines[1 + 4 * attempt];
+    const std::string count = std::to_string(attempt), next = std::to_string(attempt + 1);
+    EXPECT_EQ(line[0], "3 [AccessLock]: Failed to bind socket" + kName + ": " + kInUse);
+    EXPECT_EQ(line[1], "6 [AccessLock]: socket" + kName + " closed");
+    EXPECT_EQ(line[2], "3 [AccessLock]: Acquiring lock failed on socket" + kName + ", count{" +
+                           count + "/2}: " + kInUse);
+    EXPECT_EQ(line[3], "3 [AccessLock]: Sleeping for a second and retrying to acquire lock" +
+                           kName + ", count{" + next + "/2}");
+  }
+  EXPECT_EQ(lines[9], "3 [AccessLock]: Lock acquired on socket" + kName + ", count{2/2}");
+}
+
+TEST(AccessLock, GivesUpAtOnceWithoutRetries) {
+  const Holder holder(kPath);
+  const SystemLog log;
+  EXPECT_EQ(TryLock(kPath), EADDRINUSE);
+  EXPECT_THAT(log.Lines().back(),
+              "3 [AccessLock]: Giving up on acquiring lock" + kName + ", count{0/0}: " + kInUse);
+}
+
+TEST(AccessLock, TakesTheLockThatIsFreedWhileItWaits) {
+  Holder holder(kPath);
+  const SystemLog log;
+  std::thread killer([&] {
+    log.WaitForLine();
+    holder.Kill();
+  });
+  const AccessLock lock(kPath, 5);
+  killer.join();
+  EXPECT_EQ(TryLock(kPath), EADDRINUSE);
+}
+
+}  // namespace
+}  // namespace LifeCycle
