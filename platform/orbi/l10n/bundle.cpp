@@ -1,0 +1,119 @@
+#include "orbi/l10n/bundle.h"
+
+#include <array>
+#include <sstream>
+#include <utility>
+
+#include <boost/property_tree/ini_parser.hpp>
+#include <boost/property_tree/ptree.hpp>
+
+#include "orbi/data/utf8.h"
+#include "orbi/l10n/errors.h"
+
+namespace Orbi::L10n {
+namespace {
+
+/// At most one byte more than a catalogue may have.
+std::string ReadBounded(std::istream& stream) {
+  std::string text(LocalizationBundle::kMaxCatalogueBytes + 1, '\0');
+  stream.read(text.data(), static_cast<std::streamsize>(text.size()));
+  text.resize(static_cast<std::size_t>(stream.gcount()));
+  return text;
+}
+
+/// @return nothing when a quote is left open or a backslash stands before something unknown
+std::optional<std::string> Unquote(const std::string& text) {
+  if (text.empty() || text[0] != '"') return text;
+  std::string plain;
+  for (std::size_t i = 1; i < text.size(); ++i) {
+    if (text[i] == '"') return i + 1 == text.size() ? std::optional(plain) : std::nullopt;
+    if (text[i] != '\\') {
+      plain += text[i];
+      continue;
+    }
+    static constexpr std::string_view kLetters = "\"\\nt";
+    static constexpr std::string_view kCharacters = "\"\\\n\t";
+    const std::size_t letter = ++i < text.size() ? kLetters.find(text[i]) : kLetters.npos;
+    if (letter == kLetters.npos) return std::nullopt;
+    plain += kCharacters[letter];
+  }
+  return std::nullopt;
+}
+
+/// @throws boost::property_tree::ini_parser_error
+std::optional<LocalizationBundle::Texts> Parse(const std::string& catalogue) {
+  constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
+  std::istringstream lines(
+      catalogue.starts_with(kByteOrderMark) ? catalogue.substr(kByteOrderMark.size()) : catalogue);
+  boost::property_tree::ptree tree;
+  boost::property_tree::read_ini(lines, tree);
+
+  LocalizationBundle::Texts texts;
+  for (const auto& [id, node] : tree) {
+    auto text = Unquote(node.data());
+    if (id.empty() || !node.empty() || !text) return std::nullopt;
+    texts.emplace(id, std::move(*text));
+  }
+  return texts;
+}
+
+std::string_view LanguageOf(std::string_view locale) { return locale.substr(0, locale.find('_')); }
+
+}  // namespace
+
+LocalizationBundle::Texts LocalizationBundle::LoadIniFile(std::istream& stream,
+                                                          boost::system::error_code& ec) {
+  ec.clear();
+  const std::string catalogue = ReadBounded(stream);
+  if (!stream.bad() && catalogue.size() <= kMaxCatalogueBytes && Data::IsUtf8(catalogue)) {
+    try {
+      if (auto texts = Parse(catalogue)) return std::move(*texts);
+    } catch (const boost::property_tree::ini_parser_error&) {
+      // Told below, as everything else that is wrong with a catalogue.
+    }
+  }
+  ec = LocalizationError::kBundleNotLoaded;
+  return {};
+}
+
+void LocalizationBundle::AddLocale(const std::string& locale, Texts texts) {
+  const std::lock_guard lock(writers_);
+  auto locales = std::make_shared<Locales>(*Snapshot());
+  Texts& known = (*locales)[locale];
+  texts.merge(known);  // leaves in `known` only what the new texts replace
+  known = std::move(texts);
+  Publish(std::move(locales));
+}
+
+void LocalizationBundle::Replace(const LocalizationBundle& other) {
+  const std::lock_guard lock(writers_);
+  Publish(other.Snapshot());
+}
+
+bool LocalizationBundle::Supports(std::string_view locale) const {
+  const auto locales = Snapshot();
+  return locales->contains(locale) || locales->contains(LanguageOf(locale));
+}
+
+std::optional<std::string> LocalizationBundle::Find(std::string_view locale,
+                                                    std::string_view id) const {
+  const auto locales = Snapshot();
+  for (const std::string_view name : {locale, LanguageOf(locale)}) {
+    const auto texts = locales->find(name);
+    if (texts == locales->end()) continue;
+    if (const auto text = texts->second.find(id); text != texts->second.end()) return text->second;
+  }
+  return std::nullopt;
+}
+
+std::shared_ptr<const LocalizationBundle::Locales> LocalizationBundle::Snapshot() const {
+  const std::lock_guard lock(mutex_);
+  return locales_;
+}
+
+void LocalizationBundle::Publish(std::shared_ptr<const Locales> locales) {
+  const std::lock_guard lock(mutex_);
+  locales_.swap(locales);  // the old texts are freed after the lock
+}
+
+}  // namespace Orbi::L10n
