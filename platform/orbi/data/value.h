@@ -35,8 +35,15 @@ struct Secret {
   bool operator==(const Secret&) const = default;
 };
 
+/// The name of the structure, with the fields "key" and "value", that is one entry of a map.
+inline constexpr std::string_view kMapEntry = "map-entry";
+
 struct List {
   std::vector<Value> items;
+  /// The list stands for a map: without entries, its clean JSON is {} and not []. Not part of the
+  /// value, and unknown of a list that was read from JSON.
+  bool is_map = false;
+
   bool operator==(const List&) const;
 };
 

@@ -1,0 +1,133 @@
+#include "orbi/json/parse.h"
+
+#include <rapidjson/error/en.h>
+#include <rapidjson/reader.h>
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <cstdlib>
+#include <system_error>
+
+namespace Orbi::Protocol::Json {
+namespace {
+
+Scalar ToNumber(std::string_view text) {
+  const char* const end = text.data() + text.size();
+  if (text.find_first_of(".eE") == std::string_view::npos) {
+    std::int64_t integer = 0;
+    const auto [last, error] = std::from_chars(text.data(), end, integer);
+    if (error == std::errc{} && last == end) return integer;
+    return UnrepresentableNumber{text};
+  }
+  double number = 0;
+  const auto [last, error] = std::from_chars(text.data(), end, number);
+  // from_chars reports a number too small for a double like one that is too large.
+  if (error == std::errc::result_out_of_range) {
+    number = std::strtod(std::string(text).c_str(), nullptr);
+    return std::isfinite(number) ? Scalar{number} : Scalar{UnrepresentableNumber{text}};
+  }
+  if (error != std::errc{} || last != end) return UnrepresentableNumber{text};
+  return number;
+}
+
+/// The parser validates the encoding of what stands in the text, but writes an escaped lone low
+/// surrogate as if it were a character.
+bool HoldsSurrogate(std::string_view text) {
+  for (std::size_t at = text.find('\xED'); at != std::string_view::npos;
+       at = text.find('\xED', at + 1)) {
+    if (at + 1 < text.size() && static_cast<unsigned char>(text[at + 1]) >= 0xA0) return true;
+  }
+  return false;
+}
+
+/// Hands RapidJSON's events on, and bounds the nesting before its parser recurses.
+class Handler {
+ public:
+  Handler(Events& events, std::size_t max_nesting) : events_(events), max_nesting_(max_nesting) {}
+
+  bool Null() { return events_.OnScalar(Json::Null{}); }
+  bool Bool(bool value) { return events_.OnScalar(value); }
+  bool RawNumber(const char* text, rapidjson::SizeType length, bool) {
+    return events_.OnScalar(ToNumber({text, length}));
+  }
+  bool String(const char* text, rapidjson::SizeType length, bool) {
+    const std::string_view string(text, length);
+    return Valid(string) && events_.OnScalar(string);
+  }
+  bool Key(const char* text, rapidjson::SizeType length, bool) {
+    const std::string_view name(text, length);
+    return Valid(name) && events_.OnKey(name);
+  }
+  bool StartObject() { return Deeper() && events_.OnStart(Container::kObject); }
+  bool StartArray() { return Deeper() && events_.OnStart(Container::kArray); }
+  bool EndObject(rapidjson::SizeType) { return Ended(); }
+  bool EndArray(rapidjson::SizeType) { return Ended(); }
+
+  // Required of a handler; numbers come as text, see RawNumber.
+  bool Int(int) { return false; }
+  bool Uint(unsigned) { return false; }
+  bool Int64(std::int64_t) { return false; }
+  bool Uint64(std::uint64_t) { return false; }
+  bool Double(double) { return false; }
+
+  /// Why this handler ended the parse; empty when its receiver did.
+  [[nodiscard]] const std::string& objection() const { return objection_; }
+
+ private:
+  bool Valid(std::string_view string) {
+    if (!HoldsSurrogate(string)) return true;
+    objection_ = rapidjson::GetParseError_En(rapidjson::kParseErrorStringUnicodeSurrogateInvalid);
+    return false;
+  }
+  bool Deeper() {
+    if (++nesting_ <= max_nesting_) return true;
+    objection_ = "Nesting deeper than " + std::to_string(max_nesting_) + " levels.";
+    return false;
+  }
+  bool Ended() {
+    --nesting_;
+    return events_.OnEnd();
+  }
+
+  Events& events_;
+  const std::size_t max_nesting_;
+  std::size_t nesting_ = 0;
+  std::string objection_;
+};
+
+}  // namespace
+
+std::optional<ParseFailure> ParseInPlace(std::string& text, std::size_t max_nesting,
+                                         Events& events) {
+  constexpr unsigned kFlags = rapidjson::kParseInsituFlag | rapidjson::kParseValidateEncodingFlag |
+                              rapidjson::kParseNumbersAsStringsFlag;
+  // The stream ends at the first zero byte, of which a text has none.
+  const std::size_t zero = text.find('\0');
+
+  Handler handler(events, max_nesting);
+  rapidjson::InsituStringStream stream(text.data());
+  rapidjson::Reader reader;
+  const rapidjson::ParseResult result = reader.Parse<kFlags>(stream, handler);
+  if (!result.IsError()) {
+    if (zero == std::string::npos) return std::nullopt;
+    return ParseFailure{"A zero byte in the text.", zero};
+  }
+  const bool by_handler = result.Code() == rapidjson::kParseErrorTermination;
+  if (!by_handler) return ParseFailure{rapidjson::GetParseError_En(result.Code()), result.Offset()};
+  return ParseFailure{handler.objection(), result.Offset(), handler.objection().empty()};
+}
+
+bool HasDuplicates(std::vector<std::string_view> names) {
+  constexpr std::size_t kFew = 8;
+  if (names.size() <= kFew) {
+    for (auto name = names.begin(); name != names.end(); ++name) {
+      if (std::find(std::next(name), names.end(), *name) != names.end()) return true;
+    }
+    return false;
+  }
+  std::ranges::sort(names);
+  return std::ranges::adjacent_find(names) != names.end();
+}
+
+}  // namespace Orbi::Protocol::Json
