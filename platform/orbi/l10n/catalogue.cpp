@@ -16,12 +16,16 @@ constexpr Entry kCatalogue[] = {
     {"com.tessel.orbi.std.unauthenticated", "The call could not be authenticated."},
     {"com.tessel.orbi.std.unauthorized", "The caller is not allowed to do this."},
     {"orbi.data.json.invalid", "Invalid JSON at byte {1}: {2}"},
+    {"orbi.data.map.key.duplicate", "Map '{1}' has the key '{2}' twice."},
     {"orbi.data.structure.field.extra", "Structure '{1}' has no field '{2}'."},
-    {"orbi.data.structure.field.missing", "Structure '{1}' lacks the field '{2}'."},
+    {"orbi.data.structure.field.missing", "Structure '{1}' lacks the field '{2}' of type {3}."},
     {"orbi.data.validate.mismatch", "Field '{1}' is expected to be {2}, but is {3}."},
+    {"orbi.metadata.identifier.unknown", "There is no metadata of '{1}'."},
     {"orbi.provider.interface.already.registered", "Interface '{1}' is already registered."},
     {"orbi.provider.interface.unknown", "There is no interface '{1}'."},
     {"orbi.provider.operation.unknown", "Interface '{1}' has no operation '{2}'."},
+    {"orbi.provider.operation.unsupported",
+     "Operation '{2}' of interface '{1}' is not supported by this server."},
 };
 
 }  // namespace
