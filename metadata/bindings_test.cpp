@@ -1,0 +1,148 @@
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "bindings/com/tessel/cis/tasks.h"
+#include "bindings/com/tessel/ryx/host_settings/config.h"
+#include "bindings/com/tessel/ryx/host_settings/depots.h"
+#include "bindings/com/tessel/ryx/host_settings/software.h"
+#include "bindings/com/tessel/ryx/software/installed_paxs.h"
+#include "orbi/core/local_provider.h"
+#include "orbi/data/message.h"
+
+namespace {
+
+namespace Depots = Com::Tessel::Ryx::HostSettings::DepotsSvc;
+namespace HostSettings = Com::Tessel::Ryx::HostSettings;
+using Orbi::Bindings::Adapter;
+using Orbi::Bindings::AdaptErrors;
+using Orbi::Core::MethodResult;
+using Orbi::Data::List;
+using Orbi::Data::LocalizableMessage;
+using Orbi::Data::Some;
+using Orbi::Data::Structure;
+using Orbi::Data::Value;
+
+Structure Object(std::vector<std::pair<const char*, Value>> fields, const char* name = "") {
+  Structure structure{name, {}};
+  for (auto& [field, value] : fields) structure.Add(field, std::move(value));
+  return structure;
+}
+
+Value ListOf(std::vector<Value> items) { return List{std::move(items)}; }
+
+Value MapEntry(const char* key, Value value) {
+  return Object({{"key", key}, {"value", std::move(value)}}, "map-entry");
+}
+
+HostSettings::SoftwareSpec FullSpec() {
+  HostSettings::SoftwareSpec spec;
+  spec.base_image.version = "8.0-1";
+  spec.add_on = {"vendor-pack", "2.1"};
+  spec.components = {{"disk", {"1.0"}}, {"net", {}}};
+  spec.solutions = {{"backup", {"3.0", {"agent", "driver"}}}};
+  return spec;
+}
+
+TEST(StructureAdapter, NativeStructureSurvivesTheWayThroughAValue) {
+  AdaptErrors errors;
+  const auto spec = FullSpec();
+  const Value value = Adapter<HostSettings::SoftwareSpec>::ToValue(spec);
+  EXPECT_EQ(value.As<Structure>()->name, "com.tessel.ryx.host_settings.software_spec");
+  EXPECT_EQ(Adapter<HostSettings::SoftwareSpec>::FromValue(value, errors), spec) << errors.ToText();
+
+  Com::Tessel::Cis::Task::Info info;
+  info.status = Com::Tessel::Cis::Task::Status::FAILED;
+  info.start_time = *Orbi::DateTime::Create("2026-11-21T02:12:52.123Z");
+  info.result = Value(std::int64_t{7});
+  info.error = Orbi::Data::ErrorValue{"some.error", {}};
+  info.description.localized = "Aufgabe";
+  EXPECT_EQ(Adapter<Com::Tessel::Cis::Task::Info>::FromValue(
+                Adapter<Com::Tessel::Cis::Task::Info>::ToValue(info), errors),
+            info)
+      << errors.ToText();
+}
+
+TEST(StructureAdapter, TakesWhatAPersonTypes) {
+  // Bare optionals, null for an unset one, objects for maps, no structure names.
+  const Value typed = Object(
+      {{"base_image", Object({{"version", "8.0-1"}})},
+       {"add_on", Object({{"name", "vendor-pack"}, {"version", "2.1"}})},
+       {"components", Object({{"net", Object({{"version", Value{}}})},
+                              {"disk", Object({{"version", "1.0"}}, "some.other.name")}})},
+       {"solutions", Some(ListOf({MapEntry(
+                         "backup", Object({{"version", "3.0"},
+                                           {"components", ListOf({"agent", "driver"})}}))}))}});
+  AdaptErrors errors;
+  EXPECT_EQ(Adapter<HostSettings::SoftwareSpec>::FromValue(typed, errors), FullSpec())
+      << errors.ToText();
+}
+
+TEST(StructureAdapter, SaysWhatDoesNotFitAndWhere) {
+  const Value image = Object({{"version", "1"}});
+  const struct {
+    const char* what;
+    Value value;
+    LocalizableMessage message;
+  } cases[] = {
+      {"missing",
+       Object({{"components", Object({})}}),
+       {"orbi.data.structure.field.missing",
+        "",
+        {"com.tessel.ryx.host_settings.software_spec", "base_image",
+         "com.tessel.ryx.host_settings.base_image_spec"},
+        {}}},
+      {"extra",
+       Object({{"base_image", image}, {"components", Object({})}, {"addon", Value(1)}}),
+       {"orbi.data.structure.field.extra",
+        "",
+        {"com.tessel.ryx.host_settings.software_spec", "addon", "integer"},
+        {}}},
+      {"wrong scalar in an optional in a map",
+       Object({{"base_image", image},
+               {"components", Object({{"net", Object({{"version", Some(Value(true))}})}})}}),
+       {"orbi.data.validate.mismatch",
+        "",
+        {"components[\"net\"].version", "string", "boolean"},
+        {}}},
+      {"optional where none is declared",
+       Object({{"base_image", Object({{"version", Some("1")}})}, {"components", Object({})}}),
+       {"orbi.data.validate.mismatch", "", {"base_image.version", "string", "optional"}, {}}},
+      {"no structure at all",
+       ListOf({}),
+       {"orbi.data.validate.mismatch",
+        "",
+        {"value", "com.tessel.ryx.host_settings.software_spec", "list"},
+        {}}},
+      {"wrong element of a list",
+       Object({{"base_image", image},
+               {"components", Object({})},
+               {"solutions", Object({{"s", Object({{"version", "1"},
+                                                   {"components", ListOf({"a", Value(2)})}})}})}}),
+       {"orbi.data.validate.mismatch",
+        "",
+        {"solutions[\"s\"].components[1]", "string", "integer"},
+        {}}},
+      {"map entry with too much",
+       Object(
+           {{"base_image", image},
+            {"components", ListOf({Object({{"key", "k"}, {"value", Object({})}, {"x", "y"}})})}}),
+       {"orbi.data.structure.field.extra", "", {"map-entry", "components[0].x", "string"}, {}}},
+      {"key twice",
+       Object({{"base_image", image},
+               {"components", ListOf({MapEntry("k", Object({})), MapEntry("k", Object({}))})}}),
+       {"orbi.data.map.key.duplicate", "", {"components[1][\"k\"]", "k"}, {}}},
+  };
+  for (const auto& c : cases) {
+    AdaptErrors errors;
+    EXPECT_FALSE(Adapter<HostSettings::SoftwareSpec>::FromValue(c.value, errors)) << c.what;
+    ASSERT_EQ(errors.messages().size(), 1U) << c.what << ": " << errors.ToText();
+    EXPECT_EQ(errors.messages()[0].id, c.message.id) << c.what;
+    EXPECT_EQ(errors.messages()[0].args, c.message.args) << c.what;
+  }
+}
+
+}  // namespace
