@@ -87,13 +87,10 @@ bool ValueBuilder::StartTag(const Tag& tag) {
 }
 
 bool ValueBuilder::OnStart(Container container) {
+  const State state = frames_.empty() ? State::kElement : frames_.back().state;
+  if (state == State::kText) return Refuse("A binary or a secret must be a string.");
   if (container == Container::kObject) return StartObject();
-  if (!frames_.empty()) {
-    const State state = frames_.back().state;
-    if (state == State::kNamedObject || state == State::kFields || state == State::kText) {
-      return Refuse("A typed value holds a list where it must not.");
-    }
-  }
+  if (state == State::kNamedObject || state == State::kFields) return RefuseShape();
   frames_.push_back({State::kElement, Data::List{}, {}, 1});
   return true;
 }
@@ -101,7 +98,6 @@ bool ValueBuilder::OnStart(Container container) {
 bool ValueBuilder::StartObject() {
   if (!frames_.empty()) {
     Frame& frame = frames_.back();
-    if (frame.state == State::kText) return Refuse("A binary or a secret must be a string.");
     if (frame.state == State::kNamedObject || frame.state == State::kFields) {
       frame.state = frame.state == State::kNamedObject ? State::kName : State::kField;
       ++frame.brackets;
@@ -148,7 +144,7 @@ bool ValueBuilder::Deliver(Value value) {
     case State::kText:
       return Refuse("A binary or a secret must be a string.");
     default:
-      return Refuse("A structure or an error is not an object within an object.");
+      return RefuseShape();
   }
 }
 
@@ -170,6 +166,10 @@ bool ValueBuilder::CheckFields(Frame& frame) {
   names.reserve(fields.size());
   for (const Data::Field& field : fields) names.push_back(field.name);
   return !HasDuplicates(std::move(names)) || Refuse("A structure has a field twice.");
+}
+
+bool ValueBuilder::RefuseShape() {
+  return Refuse("A structure or an error is not an object within an object.");
 }
 
 bool ValueBuilder::Refuse(std::string objection) {

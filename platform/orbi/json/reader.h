@@ -66,6 +66,7 @@ class ValueBuilder final : public Events {
   bool Deliver(Data::Value value);
   bool SetText(Frame& frame, std::string_view text);
   bool CheckFields(Frame& frame);
+  bool RefuseShape();
   bool Refuse(std::string objection);
 
   const Form form_;

@@ -1,0 +1,337 @@
+#include "orbi/json_rpc/request.h"
+
+#include <string.h>
+
+#include <algorithm>
+#include <iterator>
+#include <memory>
+#include <optional>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "orbi/json/reader.h"
+
+namespace Orbi::Protocol::Json {
+namespace {
+
+constexpr std::string_view kVersion = "2.0";
+constexpr std::string_view kInvoke = "invoke";
+
+/// The objects of the envelope.
+enum class Place { kRoot, kParams, kContext, kApplication, kSecurity };
+
+enum class Slot {
+  kIgnored,
+  kVersion,
+  kId,
+  kMethod,
+  kParams,
+  kService,
+  kOperation,
+  kContext,
+  kInput,
+  kApplication,
+  kApplicationEntry,
+  kSecurity,
+  kScheme,
+  kUserName,
+  kPassword,
+};
+
+enum class Type { kAny, kString, kObject, kObjectOrNull };
+
+/// One member that means something, in one of the envelope's objects.
+struct Member {
+  Slot slot;
+  Place place;
+  std::string_view name;
+  Type type;
+  Place opens = Place::kRoot;  ///< by an object
+};
+
+constexpr Member kMembers[] = {
+    {Slot::kVersion, Place::kRoot, "jsonrpc", Type::kString},
+    {Slot::kId, Place::kRoot, "id", Type::kAny},
+    {Slot::kMethod, Place::kRoot, "method", Type::kString},
+    {Slot::kParams, Place::kRoot, "params", Type::kObject, Place::kParams},
+    {Slot::kService, Place::kParams, "serviceId", Type::kString},
+    {Slot::kOperation, Place::kParams, "operationId", Type::kString},
+    {Slot::kContext, Place::kParams, "ctx", Type::kObjectOrNull, Place::kContext},
+    {Slot::kInput, Place::kParams, "input", Type::kAny},
+    {Slot::kApplication, Place::kContext, "appCtx", Type::kObjectOrNull, Place::kApplication},
+    {Slot::kSecurity, Place::kContext, "securityCtx", Type::kObjectOrNull, Place::kSecurity},
+    {Slot::kScheme, Place::kSecurity, "schemeId", Type::kString},
+    {Slot::kUserName, Place::kSecurity, "userName", Type::kString},
+    {Slot::kPassword, Place::kSecurity, "password", Type::kString},
+};
+constexpr Member kIgnoredMember{Slot::kIgnored, Place::kRoot, "", Type::kAny};
+constexpr Member kApplicationEntry{Slot::kApplicationEntry, Place::kApplication,
+                                   "an entry of appCtx", Type::kString};
+
+const Member& MemberOf(Place place, std::string_view name) {
+  if (place == Place::kApplication) return kApplicationEntry;
+  const auto* const member = std::ranges::find_if(
+      kMembers, [&](const Member& m) { return m.place == place && m.name == name; });
+  return member == std::end(kMembers) ? kIgnoredMember : *member;
+}
+
+/// Walks through a request to its end whatever is wrong with its members, so that its identifier is
+/// found wherever it stands, and which fault is told does not depend on the members' order.
+class RequestReader final : public Events {
+ public:
+  bool OnScalar(const Scalar& scalar) override;
+  bool OnKey(std::string_view name) override;
+  bool OnStart(Container container) override;
+  bool OnEnd() override;
+
+  /// The request, once its whole text has been read.
+  [[nodiscard]] ApiRequest Finish() &&;
+  /// The identifier as far as the text has been read.
+  [[nodiscard]] RequestId TakeId() { return std::move(id_); }
+
+ private:
+  struct OpenObject {
+    Place place;
+    std::vector<std::string_view> names;  ///< of its members so far
+    const Member* member = &kIgnoredMember;
+  };
+
+  void TakeScalar(const Member& member, const Scalar& scalar);
+  void TakeString(const Member& member, std::string_view text);
+  void TakeId(const Scalar& scalar);
+  void Enter(Place place);
+  void StartSubtree(const Member& member, Container container);
+  template <typename Event>
+  void Build(const Event& event);
+
+  void Fault(const Member& member, std::string_view is);
+  std::optional<ProtocolError> Check() const;
+
+  std::vector<OpenObject> open_;
+  // Inside a member whose parts are no members of the envelope: ignored, or the input's.
+  std::size_t subtree_nesting_ = 0;
+  std::optional<ValueBuilder> builder_;  ///< while the input is read and good
+
+  RequestId id_;
+  std::optional<std::string> version_;
+  std::optional<std::string> method_;
+  bool has_params_ = false;
+  ApiCall call_{
+      {}, Data::Structure{"operation-input", {}}, std::make_shared<Core::ExecutionContext>()};
+  std::string request_fault_;  ///< the first one outside the params
+  std::string params_fault_;   ///< the first one inside
+};
+
+bool RequestReader::OnScalar(const Scalar& scalar) {
+  if (subtree_nesting_ > 0) {
+    Build([&](ValueBuilder& builder) { return builder.OnScalar(scalar); });
+  } else if (open_.empty()) {
+    request_fault_ = "the request is not an object";
+  } else {
+    TakeScalar(*open_.back().member, scalar);
+  }
+  return true;
+}
+
+bool RequestReader::OnKey(std::string_view name) {
+  if (subtree_nesting_ > 0) {
+    Build([&](ValueBuilder& builder) { return builder.OnKey(name); });
+  } else {
+    OpenObject& object = open_.back();
+    object.names.push_back(name);
+    object.member = &MemberOf(object.place, name);
+  }
+  return true;
+}
+
+bool RequestReader::OnStart(Container container) {
+  if (subtree_nesting_ > 0) {
+    ++subtree_nesting_;
+    Build([&](ValueBuilder& builder) { return builder.OnStart(container); });
+    return true;
+  }
+  const bool object = container == Container::kObject;
+  if (open_.empty()) {
+    if (object) {
+      open_.push_back({Place::kRoot, {}});
+    } else {
+      request_fault_ = "the request is a batch or a list";
+      subtree_nesting_ = 1;
+    }
+    return true;
+  }
+  const Member& member = *open_.back().member;
+  const bool opens = member.type == Type::kObject || member.type == Type::kObjectOrNull;
+  if (object && opens) {
+    Enter(member.opens);
+  } else {
+    StartSubtree(member, container);
+  }
+  return true;
+}
+
+bool RequestReader::OnEnd() {
+  if (subtree_nesting_ > 0) {
+    --subtree_nesting_;
+    Build([](ValueBuilder& builder) { return builder.OnEnd(); });
+    return true;
+  }
+  OpenObject object = std::move(open_.back());
+  open_.pop_back();
+  if (HasDuplicates(std::move(object.names))) {
+    std::string& fault = object.place == Place::kRoot ? request_fault_ : params_fault_;
+    if (fault.empty()) fault = "an object has a member twice";
+  }
+  return true;
+}
+
+void RequestReader::Enter(Place place) {
+  if (place == Place::kParams) has_params_ = true;
+  if (place == Place::kSecurity)
+    call_.context->security = std::make_unique<Core::SecurityContext>();
+  open_.push_back({place, {}});
+}
+
+void RequestReader::StartSubtree(const Member& member, Container container) {
+  subtree_nesting_ = 1;
+  if (member.slot == Slot::kInput) {
+    builder_.emplace(Form::kPlain);
+    Build([&](ValueBuilder& builder) { return builder.OnStart(container); });
+  } else if (member.slot == Slot::kId) {
+    Fault(member, "is neither a string, an integer nor null");
+  } else if (member.type != Type::kAny) {
+    Fault(member, member.type == Type::kString ? "is not a string" : "is not an object");
+  }
+}
+
+template <typename Event>
+void RequestReader::Build(const Event& event) {
+  if (!builder_) return;
+  const bool good = event(*builder_);
+  if (good && !builder_->done()) return;
+  if (good) {
+    call_.input = builder_->Take();
+  } else if (params_fault_.empty()) {
+    params_fault_ = "input: " + builder_->objection();
+  }
+  builder_.reset();
+}
+
+void RequestReader::TakeScalar(const Member& member, const Scalar& scalar) {
+  const auto* const text = std::get_if<std::string_view>(&scalar);
+  if (member.slot == Slot::kInput) {
+    builder_.emplace(Form::kPlain);
+    Build([&](ValueBuilder& builder) { return builder.OnScalar(scalar); });
+  } else if (member.slot == Slot::kId) {
+    TakeId(scalar);
+  } else if (member.type == Type::kString && text) {
+    TakeString(member, *text);
+  } else if (member.type == Type::kString) {
+    Fault(member, "is not a string");
+  } else if (member.type == Type::kObject ||
+             (member.type == Type::kObjectOrNull && !std::holds_alternative<Null>(scalar))) {
+    Fault(member, "is not an object");
+  }
+}
+
+void RequestReader::TakeString(const Member& member, std::string_view text) {
+  Core::ExecutionContext& context = *call_.context;
+  switch (member.slot) {
+    case Slot::kVersion:
+      version_ = text;
+      break;
+    case Slot::kMethod:
+      method_ = text;
+      break;
+    case Slot::kService:
+      call_.method.service = text;
+      break;
+    case Slot::kOperation:
+      call_.method.operation = text;
+      break;
+    case Slot::kApplicationEntry:
+      context.application[std::string(open_.back().names.back())] = text;
+      break;
+    case Slot::kScheme:
+      context.security->scheme_id = text;
+      break;
+    case Slot::kUserName:
+      context.security->user_name = text;
+      break;
+    case Slot::kPassword:
+      context.security->password = text;
+      break;
+    default:
+      break;
+  }
+}
+
+void RequestReader::TakeId(const Scalar& scalar) {
+  if (const auto* text = std::get_if<std::string_view>(&scalar)) {
+    id_ = std::string(*text);
+  } else if (const auto* integer = std::get_if<std::int64_t>(&scalar)) {
+    id_ = *integer;
+  } else if (!std::holds_alternative<Null>(scalar)) {
+    Fault(MemberOf(Place::kRoot, "id"), "is neither a string, an integer nor null");
+  }
+}
+
+void RequestReader::Fault(const Member& member, std::string_view is) {
+  std::string& fault = member.place == Place::kRoot ? request_fault_ : params_fault_;
+  if (fault.empty()) fault.append(member.name).append(" ").append(is);
+}
+
+std::optional<ProtocolError> RequestReader::Check() const {
+  const auto error = [](ProtocolErrorCode code, std::string_view what) {
+    return ProtocolError{code, std::string("protocol error: ").append(what)};
+  };
+  constexpr auto kInvalidRequest = ProtocolErrorCode::kInvalidRequest;
+  constexpr auto kInvalidParams = ProtocolErrorCode::kInvalidParams;
+  if (!request_fault_.empty()) return error(kInvalidRequest, request_fault_);
+  if (version_ != kVersion) return error(kInvalidRequest, "jsonrpc is not \"2.0\"");
+  if (!method_) return error(kInvalidRequest, "method is missing");
+  if (!has_params_) return error(kInvalidRequest, "params is missing");
+  if (method_ != kInvoke) {
+    return error(ProtocolErrorCode::kUnknownMethod, "method is not \"invoke\"");
+  }
+  if (!params_fault_.empty()) return error(kInvalidParams, params_fault_);
+  if (call_.method.service.empty()) return error(kInvalidParams, "serviceId is missing");
+  if (call_.method.operation.empty()) return error(kInvalidParams, "operationId is missing");
+  return std::nullopt;
+}
+
+ApiRequest RequestReader::Finish() && {
+  if (auto error = Check()) return {std::move(id_), std::move(*error)};
+  return {std::move(id_), std::move(call_)};
+}
+
+/// Overwrites a text when its reader is done with it, in a way that the compiler keeps.
+class Wiper {
+ public:
+  explicit Wiper(std::string& text) : text_(text) {}
+  Wiper(const Wiper&) = delete;
+  Wiper& operator=(const Wiper&) = delete;
+  ~Wiper() {
+    text_.resize(text_.capacity());  // what it was longer once may still stand behind its end
+    explicit_bzero(text_.data(), text_.size());
+    text_.clear();
+  }
+
+ private:
+  std::string& text_;
+};
+
+}  // namespace
+
+ApiRequest JsonApiRequestDeserializer::Deserialize(std::string& body) const {
+  const Wiper wiper(body);
+  RequestReader reader;
+  const auto failure = ParseInPlace(body, kMaxNesting, reader);
+  if (!failure) return std::move(reader).Finish();
+  return {reader.TakeId(), ProtocolError{ProtocolErrorCode::kNotJson,
+                                         "protocol error: " + failure->text + " (at byte " +
+                                             std::to_string(failure->offset) + ")"}};
+}
+
+}  // namespace Orbi::Protocol::Json

@@ -1,0 +1,89 @@
+#include "orbi/json_rpc/update_execution_ctx.h"
+
+#include <algorithm>
+#include <string>
+#include <string_view>
+
+#include "orbi/l10n/errors.h"
+#include "orbi/l10n/localizer.h"
+
+namespace Orbi::Provider::JsonRpc1_1 {
+namespace {
+
+using Transport::PicoHttp::HeaderField;
+using Headers = std::span<const HeaderField>;
+
+/// Entries whose names have upper-case letters, which those of headers cannot have.
+constexpr std::string_view kMixedCaseEntries[] = {"opId"};
+
+char ToLower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
+
+bool EqualsIgnoringCase(std::string_view a, std::string_view b) {
+  return std::ranges::equal(a, b, {}, ToLower, ToLower);
+}
+
+auto Named(Headers headers, std::string_view name) {
+  return std::ranges::equal_range(headers, name, {}, &HeaderField::name);
+}
+
+bool Contradict(Headers headers, std::string_view name, std::string_view payload) {
+  return std::ranges::any_of(Named(headers, name),
+                             [&](const HeaderField& header) { return header.value != payload; });
+}
+
+void AddEntries(Headers headers, std::map<std::string, std::string>& application) {
+  constexpr std::string_view kPrefix = "orbi-ctx-";
+  auto header = std::ranges::lower_bound(headers, kPrefix, {}, &HeaderField::name);
+  for (; header != headers.end() && header->name.starts_with(kPrefix); ++header) {
+    std::string_view name = header->name.substr(kPrefix.size());
+    for (const std::string_view entry : kMixedCaseEntries) {
+      if (EqualsIgnoringCase(entry, name)) name = entry;
+    }
+    const bool there = std::ranges::any_of(
+        application, [&](const auto& entry) { return EqualsIgnoringCase(entry.first, name); });
+    if (!there && !name.empty()) application.emplace(name, header->value);
+  }
+}
+
+/// "Etc/GMT+2", "America/Argentina/Buenos_Aires".
+bool IsTimeZoneName(std::string_view text) {
+  constexpr std::size_t kLongest = 64;
+  return !text.empty() && text.size() <= kLongest && std::ranges::all_of(text, [](char c) {
+    return (ToLower(c) >= 'a' && ToLower(c) <= 'z') || (c >= '0' && c <= '9') || c == '/' ||
+           c == '_' || c == '-' || c == '+';
+  });
+}
+
+}  // namespace
+
+std::optional<Protocol::Json::ProtocolError> UpdateExecutionCtxHelper::Update(
+    Headers headers, const Core::MethodIdentifier& method, Core::ExecutionContext& context,
+    boost::system::error_code& localization) {
+  localization.clear();
+  if (Contradict(headers, "orbi-service", method.service) ||
+      Contradict(headers, "orbi-operation", method.operation)) {
+    return Protocol::Json::ProtocolError{
+        Protocol::Json::ProtocolErrorCode::kInvalidParams,
+        "Mismatching operation identifier in HTTP header and payload"};
+  }
+  AddEntries(headers, context.application);
+
+  if (const auto language = Named(headers, "accept-language"); !language.empty()) {
+    context.localization.language = L10n::PreferredLocale(language.front().value, localization);
+  }
+  if (const auto entry = context.application.find("format-locale");
+      entry != context.application.end()) {
+    if (L10n::IsLocaleName(entry->second)) {
+      context.localization.format_locale = entry->second;
+    } else {
+      localization = L10n::LocalizationError::kIncorrectHeader;
+    }
+  }
+  if (const auto entry = context.application.find("timezone");
+      entry != context.application.end() && IsTimeZoneName(entry->second)) {
+    context.localization.time_zone = entry->second;
+  }
+  return std::nullopt;
+}
+
+}  // namespace Orbi::Provider::JsonRpc1_1

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <optional>
+#include <span>
+
+#include <boost/system/error_code.hpp>
+
+#include "orbi/core/execution_context.h"
+#include "orbi/core/provider.h"
+#include "orbi/http/phr_parse.h"
+#include "orbi/json_rpc/request.h"
+
+namespace Orbi::Provider::JsonRpc1_1 {
+
+struct UpdateExecutionCtxHelper {
+  /// Adds to a call's context what the HTTP headers say: "orbi-ctx-NAME" is the
+  /// application-context entry NAME unless the payload has that entry (names of headers have no
+  /// letter case), "accept-language" the language. The entries "format-locale" and "timezone" are
+  /// taken for the localisation context, too.
+  /// @param headers  names in lower case, sorted by name
+  /// @param method   as the payload names it
+  /// @param localization  why the client's language or formatting locale was passed over for the
+  ///                      default
+  /// @return an error when "orbi-service" or "orbi-operation" names another method
+  [[nodiscard]] static std::optional<Protocol::Json::ProtocolError> Update(
+      std::span<const Transport::PicoHttp::HeaderField> headers,
+      const Core::MethodIdentifier& method, Core::ExecutionContext& context,
+      boost::system::error_code& localization);
+};
+
+}  // namespace Orbi::Provider::JsonRpc1_1
