@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <utility>
 
 #include "tesselibs/log_writer.h"
@@ -17,16 +18,16 @@ constexpr int kNothingEnabled = -1;
 constexpr int kHighestLevel = 7;
 constexpr std::size_t kLongestText = 8192;
 
-// Outlives the writer, so that destructors that run after it may still ask.
 std::atomic<int> enabledLevel{kNothingEnabled};
 
-/// The process's writer. Its end at exit flushes it.
+/// The process's writer. It is never destroyed, so that threads may log until the very end; exit
+/// removes the output, which flushes it.
 LogWriter& Writer() {
-  static struct Facility {
-    LogWriter writer;
-    ~Facility() { enabledLevel = kNothingEnabled; }
-  } facility;
-  return facility.writer;
+  static LogWriter* const writer = [] {
+    std::atexit([] { Log_RemoveOutput(); });
+    return std::make_unique<LogWriter>().release();
+  }();
+  return *writer;
 }
 
 std::string_view TrimLineEnd(std::string_view text) {

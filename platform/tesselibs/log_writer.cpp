@@ -1,32 +1,15 @@
 #include "tesselibs/log_writer.h"
 
-#include <pthread.h>
-#include <signal.h>
-
 #include <system_error>
 #include <utility>
+
+#include "tesselibs/signals_blocked.h"
 
 namespace {
 
 // From this level on lines are for following what goes on, not for learning of faults.
 constexpr int kFirstDroppableLevel = 6;
 constexpr int kLostLinesLevel = 3;
-
-/// Blocks all signals in the calling thread; threads started meanwhile inherit that.
-class SignalsBlocked {
- public:
-  SignalsBlocked() {
-    sigset_t all;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &previous_);
-  }
-  SignalsBlocked(const SignalsBlocked&) = delete;
-  SignalsBlocked& operator=(const SignalsBlocked&) = delete;
-  ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &previous_, nullptr); }
-
- private:
-  sigset_t previous_;
-};
 
 }  // namespace
 
