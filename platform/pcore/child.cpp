@@ -1,0 +1,36 @@
+#include "pcore/child.h"
+
+#include <errno.h>
+#include <sys/wait.h>
+
+#include <utility>
+
+#include "pcore/reaper.h"
+
+namespace PcoreCtl {
+
+Child::Child(Child&& other) noexcept
+    : pid_(std::exchange(other.pid_, 0)),
+      handle_(std::move(other.handle_)),
+      usage_(std::move(other.usage_)) {}
+
+Child::~Child() {
+  if (pid_ == 0) return;
+  Reaper::Instance().Adopt({pid_, std::move(handle_), std::move(usage_), Reaper::Kind::kChild});
+}
+
+int Child::Wait(int& status) { return WaitForChild(std::exchange(pid_, 0), usage_, status); }
+
+int WaitForChild(pid_t pid, std::optional<Usage>& usage, int& status) {
+  rusage used{};
+  while (wait4(pid, &status, 0, &used) < 0) {
+    if (errno != EINTR) return errno;
+  }
+  if (usage) {
+    usage->Set(used);
+    usage->Log(pid);
+  }
+  return 0;
+}
+
+}  // namespace PcoreCtl

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <optional>
+
+#include "pcore/unique_fd.h"
+#include "pcore/usage.h"
+
+namespace PcoreCtl {
+
+/// A started child process. One that is not waited for is handed to the reaper when this object
+/// ends, so that no child stays behind as a zombie.
+class Child {
+ public:
+  /// @param handle  the process's pid descriptor (pidfd_open(2))
+  /// @param usage   what to log at its end, if anything
+  Child(pid_t pid, UniqueFd handle, std::optional<Usage> usage)
+      : pid_(pid), handle_(std::move(handle)), usage_(std::move(usage)) {}
+  Child(Child&& other) noexcept;
+  Child& operator=(Child&&) = delete;
+  ~Child();
+
+  /// Waits for the child's end and logs its usage. Called at most once.
+  /// @return 0 and the wait status, or the system's error number
+  int Wait(int& status);
+
+ private:
+  pid_t pid_;  ///< 0 when there is nothing to wait for any more
+  UniqueFd handle_;
+  std::optional<Usage> usage_;
+};
+
+/// Waits for the child `pid` and logs its usage.
+/// @return 0 and the wait status, or the system's error number
+int WaitForChild(pid_t pid, std::optional<Usage>& usage, int& status);
+
+}  // namespace PcoreCtl

@@ -1,0 +1,30 @@
+#include "pcore/pcore_ctl.h"
+
+#include <sys/wait.h>
+
+#include "pcore/spawn.h"
+
+namespace PcoreCtl::Util {
+
+int PcoreCtl_Daemon(const std::string& command, bool changeToRoot, bool discardStreams,
+                    bool honourGroup, bool logUsage) {
+  SpawnDetached(command, {.discardStreams = discardStreams,
+                          .changeToRoot = changeToRoot,
+                          .honourGroup = honourGroup,
+                          .logUsage = logUsage});
+  return 0;
+}
+
+int PcoreCtl_Exec(const std::string& command, bool discardStreams, bool honourGroup,
+                  bool logUsage) {
+  Child child =
+      Spawn(command,
+            {.discardStreams = discardStreams, .honourGroup = honourGroup, .logUsage = logUsage});
+  int status = 0;
+  if (const int error = child.Wait(status); error != 0) {
+    throw HostCtl::Lib::HostCtlException(error, "Cannot wait for " + command);
+  }
+  return WIFEXITED(status) ? WEXITSTATUS(status) : status;
+}
+
+}  // namespace PcoreCtl::Util

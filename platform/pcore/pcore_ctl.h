@@ -1,0 +1,28 @@
+#pragma once
+
+#include <string>
+
+#include "pcore/host_ctl_exception.h"
+
+/// Running commands; see PcoreCtl::Spawn for what a command line and its child are. Callable from
+/// any thread.
+namespace PcoreCtl::Util {
+
+/// Starts the command as a detached process: in a session of its own, and not a child of this one.
+/// @param changeToRoot    start it in "/" instead of this process's directory
+/// @param discardStreams  connect its standard streams to /dev/null instead of inheriting them
+/// @param honourGroup     put it under the limits of its resource group
+/// @param logUsage        log what it used, when its resource group says "stats": as looked at once
+/// a
+///                        second while it runs
+/// @return 0; the program has begun
+/// @throws HostCtl::Lib::HostCtlException when it cannot be started
+int PcoreCtl_Daemon(const std::string& command, bool changeToRoot, bool discardStreams,
+                    bool honourGroup, bool logUsage);
+
+/// Runs the command to its end.
+/// @return its exit status, or the raw wait status when a signal ended it
+/// @throws HostCtl::Lib::HostCtlException when it cannot be started or waited for
+int PcoreCtl_Exec(const std::string& command, bool discardStreams, bool honourGroup, bool logUsage);
+
+}  // namespace PcoreCtl::Util

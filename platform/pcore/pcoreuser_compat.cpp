@@ -1,0 +1,46 @@
+#include "pcore/pcoreuser_compat.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <string_view>
+#include <system_error>
+#include <utility>
+
+#include "pcore/host_ctl_exception.h"
+#include "pcore/spawn.h"
+
+int PcoreuserCompat_POpen(const std::string& command, const char* mode,
+                          PcoreuserCompat_Handle& handle) {
+  const bool reading = std::string_view(mode) == "r";
+  if (!reading && std::string_view(mode) != "w") return EINVAL;
+
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC) != 0) return errno;
+  PcoreCtl::UniqueFd readEnd(ends[0]);
+  PcoreCtl::UniqueFd writeEnd(ends[1]);
+  PcoreCtl::SpawnOptions options;
+  (reading ? options.standardOutput : options.standardInput) =
+      reading ? writeEnd.Get() : readEnd.Get();
+  try {
+    handle.child_.emplace(PcoreCtl::Spawn(command, options));
+  } catch (const HostCtl::Lib::HostCtlException& error) {
+    return error.code().value();
+  }
+  handle.pipe_ = reading ? std::move(readEnd) : std::move(writeEnd);
+  return 0;
+}
+
+int PcoreuserCompat_PClose(PcoreuserCompat_Handle& handle, int& waitStatus) {
+  handle.pipe_.Reset();
+  if (!handle.child_) return ECHILD;
+  const int status = handle.child_->Wait(waitStatus);
+  handle.child_.reset();
+  return status;
+}
+
+void PcoreuserStatus_CodeToString(int status, char* buffer, std::size_t size) {
+  std::snprintf(buffer, size, "%s", std::generic_category().message(status).c_str());
+}

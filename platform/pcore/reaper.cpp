@@ -1,0 +1,117 @@
+#include "pcore/reaper.h"
+
+#include <errno.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+
+#include <iterator>
+#include <system_error>
+#include <utility>
+
+#include "pcore/child.h"
+#include "pcore/host_ctl_exception.h"
+#include "tesselibs/log.h"
+#include "tesselibs/signals_blocked.h"
+
+namespace PcoreCtl {
+
+namespace {
+
+constexpr int kSampleMilliseconds = 1000;
+
+bool HasEnded(const UniqueFd& handle) {
+  pollfd ended{handle.Get(), POLLIN, 0};
+  return poll(&ended, 1, 0) == 1;
+}
+
+/// Looks at what a process that is not our child has used so far.
+void Sample(Reaper::Process& process) {
+  Usage sampled = *process.usage;
+  sampled.Sample(process.pid);
+  // Once the process has ended, its id may be another's.
+  if (!HasEnded(process.handle)) process.usage = std::move(sampled);
+}
+
+}  // namespace
+
+Reaper& Reaper::Instance() {
+  static Reaper reaper;
+  return reaper;
+}
+
+Reaper::Reaper() : wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+  if (!wake_) throw HostCtl::Lib::HostCtlException(errno, "Cannot set up the reaper");
+}
+
+Reaper::~Reaper() {
+  if (!thread_.joinable()) return;
+  {
+    const std::lock_guard lock(mutex_);
+    stopping_ = true;
+  }
+  Wake();
+  thread_.join();
+}
+
+void Reaper::Adopt(Process process) {
+  if (process.kind == Kind::kDetached) Sample(process);
+  {
+    const std::lock_guard lock(mutex_);
+    arrivals_.push_back(std::move(process));
+    if (!thread_.joinable()) StartThread();
+  }
+  Wake();
+}
+
+void Reaper::StartThread() {
+  const SignalsBlocked blocked;
+  try {
+    thread_ = std::thread(&Reaper::Run, this);
+  } catch (const std::system_error& error) {
+    // The next process that comes tries again.
+    Log_Level(3, "Cannot start the reaper: %s\n", error.what());
+  }
+}
+
+void Reaper::Wake() const { eventfd_write(wake_.Get(), 1); }
+
+void Reaper::Run() {
+  while (TakeArrivals()) {
+    std::erase_if(processes_, SeeToEnd);
+    if (!WaitForEvents()) continue;
+    eventfd_t ignored = 0;
+    eventfd_read(wake_.Get(), &ignored);
+  }
+}
+
+bool Reaper::TakeArrivals() {
+  const std::lock_guard lock(mutex_);
+  std::move(arrivals_.begin(), arrivals_.end(), std::back_inserter(processes_));
+  arrivals_.clear();
+  return !stopping_;
+}
+
+bool Reaper::WaitForEvents() const {
+  std::vector<pollfd> events = {{wake_.Get(), POLLIN, 0}};
+  int timeout = -1;
+  for (const Process& process : processes_) {
+    events.push_back({process.handle.Get(), POLLIN, 0});
+    if (process.kind == Kind::kDetached) timeout = kSampleMilliseconds;
+  }
+  return poll(events.data(), events.size(), timeout) > 0 && events.front().revents != 0;
+}
+
+bool Reaper::SeeToEnd(Process& process) {
+  const bool ended = HasEnded(process.handle);
+  if (process.kind == Kind::kChild) {
+    int status = 0;
+    if (ended) WaitForChild(process.pid, process.usage, status);
+  } else if (ended) {
+    process.usage->Log(process.pid);
+  } else {
+    Sample(process);
+  }
+  return ended;
+}
+
+}  // namespace PcoreCtl

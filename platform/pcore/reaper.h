@@ -1,0 +1,58 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <mutex>
+#include <optional>
+#include <thread>
+#include <vector>
+
+#include "pcore/unique_fd.h"
+#include "pcore/usage.h"
+
+namespace PcoreCtl {
+
+/// Sees processes to their end that nobody waits for: takes the exit status of children, so that
+/// they do not stay as zombies, and logs the usage of detached processes.
+///
+/// One thread for the whole process, started with the first of them, with all signals blocked. A
+/// detached process is not ours to wait for, so its usage is looked at once a second, and what it
+/// used after the last look is not in the log.
+class Reaper {
+ public:
+  enum class Kind { kChild, kDetached };
+
+  struct Process {
+    pid_t pid;
+    UniqueFd handle;             ///< pid descriptor
+    std::optional<Usage> usage;  ///< what to log at its end; a detached process always has one
+    Kind kind;
+  };
+
+  /// @throws HostCtl::Lib::HostCtlException on the first call, when a descriptor cannot be had
+  static Reaper& Instance();
+
+  Reaper();
+  ~Reaper();
+
+  /// Takes over a process. Callable from any thread.
+  void Adopt(Process process);
+
+ private:
+  void StartThread();
+  void Run();
+  void Wake() const;
+  [[nodiscard]] bool TakeArrivals();
+  [[nodiscard]] bool WaitForEvents() const;
+  static bool SeeToEnd(Process& process);
+
+  UniqueFd wake_;  ///< eventfd: something arrived, or stop
+  std::thread thread_;
+  std::vector<Process> processes_;  ///< the thread's own
+
+  std::mutex mutex_;  ///< guards what follows
+  std::vector<Process> arrivals_;
+  bool stopping_ = false;
+};
+
+}  // namespace PcoreCtl
