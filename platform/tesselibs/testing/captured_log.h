@@ -1,0 +1,52 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tesselibs/log.h"
+
+/// For tests: takes what the process logs for as long as it lives. One at a time.
+class CapturedLog {
+ public:
+  CapturedLog() {
+    std::unique_ptr<LogOutput> output = std::make_unique<Output>(lines_);
+    output->SetLevel(7);
+    EXPECT_TRUE(Log_AddOutput(output));
+  }
+  CapturedLog(const CapturedLog&) = delete;
+  CapturedLog& operator=(const CapturedLog&) = delete;
+  ~CapturedLog() { Log_RemoveOutput(); }
+
+  /// What was logged since the last call, each line as "LEVEL TEXT".
+  [[nodiscard]] std::vector<std::string> TakeLines() {
+    EXPECT_TRUE(Log_Flush());
+    const std::lock_guard lock(lines_->mutex);
+    return std::exchange(lines_->texts, {});
+  }
+
+ private:
+  struct Lines {
+    std::mutex mutex;
+    std::vector<std::string> texts;
+  };
+
+  class Output : public LogOutput {
+   public:
+    explicit Output(std::shared_ptr<Lines> lines) : lines_(std::move(lines)) {}
+    Result Write(const LogLine& line) override {
+      const std::lock_guard lock(lines_->mutex);
+      lines_->texts.push_back(std::to_string(line.level) + " " + std::string(line.text));
+      return Result::kWritten;
+    }
+
+   private:
+    const std::shared_ptr<Lines> lines_;
+  };
+
+  const std::shared_ptr<Lines> lines_ = std::make_shared<Lines>();
+};
