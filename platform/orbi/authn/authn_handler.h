@@ -20,7 +20,7 @@ class AuthnHandler {
  public:
   virtual ~AuthnHandler() = default;
 
-  /// On kAccepted sets `context.authentication` and the localisation context.
+  /// On kAccepted sets `context.authentication`, the user's localisation context included.
   [[nodiscard]] virtual Verdict Authenticate(Core::ExecutionContext& context) = 0;
 };
 

@@ -36,6 +36,7 @@ struct SecurityContext {
 struct AuthenticationResult {
   std::string type;  ///< for example "UserPassAuthentication"
   std::string user_name;
+  LocalizationContext localization;  ///< the user's own, for what the client leaves open
 };
 
 struct ExecutionContext {
