@@ -1,0 +1,180 @@
+#include "lib/ticket/ticket.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <string_view>
+
+#include "tesselibs/log.h"
+
+namespace Ticket {
+namespace {
+
+constexpr int kRefusal = 3;
+constexpr int kInformation = 6;
+
+constexpr std::size_t kShortestText = 16;
+constexpr std::size_t kLongestText = 255;
+constexpr std::size_t kNameBufferSize = 128;
+
+/// Closes its descriptor.
+class OpenFile {
+ public:
+  explicit OpenFile(int fd) : fd_(fd) {}
+  OpenFile(const OpenFile&) = delete;
+  OpenFile& operator=(const OpenFile&) = delete;
+  ~OpenFile() {
+    if (fd_ >= 0) close(fd_);
+  }
+
+  [[nodiscard]] int fd() const { return fd_; }
+
+ private:
+  const int fd_;
+};
+
+std::string PathOf(const std::string& text) { return std::string(kDirectory) + kFilePrefix + text; }
+
+bool LimitFileAccess(const char* path, mode_t mode) {
+  if (chmod(path, mode) == 0) return true;
+  const int error = errno;
+  Log_Level(kRefusal, "[Ticket] LimitFileAccess: chmod(%s, %oo) failed: %d/%s\n", path, mode, error,
+            strerror(error));
+  return false;
+}
+
+bool IsOpenToOthers(const struct stat& status) { return (status.st_mode & 077) != 0; }
+
+/// Whether the open file is one that an issuer left: only what this process's own user put there
+/// counts, even if the directory was open to others for a while.
+bool IsTicketFile(int fd, const std::string& path) {
+  struct stat status = {};
+  if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode) || status.st_uid != geteuid()) {
+    return false;
+  }
+  return !IsOpenToOthers(status) || LimitFileAccess(path.c_str(), 0600);
+}
+
+/// Reads and compares the ticket's own text and the line end behind it.
+bool HasText(int fd, const std::string& text) {
+  std::string line(text.size() + 1, '\0');
+  const ssize_t length = pread(fd, line.data(), line.size(), 0);
+  const bool whole = length == static_cast<ssize_t>(line.size());
+  if (whole && line.back() != '\n') {
+    Log_Level(kRefusal, "[Ticket] Invalid ticket - too long.\n");
+    return false;
+  }
+  if (!whole || !line.starts_with(text)) {
+    Log_Level(kRefusal, "[Ticket] Invalid ticket.\n");
+    return false;
+  }
+  return true;
+}
+
+/// Reads the name that begins at `offset` and ends with a NUL.
+std::optional<std::string> ReadName(int fd, std::size_t offset, const char* what) {
+  if (lseek(fd, static_cast<off_t>(offset), SEEK_SET) < 0) {
+    Log_Level(kRefusal, "[Ticket] Cannot seek to the beginning of %s.\n", what);
+    return std::nullopt;
+  }
+  std::array<char, kNameBufferSize> buffer;
+  // One read is enough: a regular file gives less than was asked for only at its end.
+  const ssize_t length = read(fd, buffer.data(), buffer.size());
+  if (length < 0) {
+    Log_Level(kRefusal, "[Ticket] Cannot read %s: %s.\n", what, strerror(errno));
+    return std::nullopt;
+  }
+  if (length == 0) {
+    Log_Level(kRefusal, "[Ticket] Cannot read %s: ticket on disk is truncated.\n", what);
+    return std::nullopt;
+  }
+  const auto end = buffer.begin() + length;
+  const auto nul = std::find(buffer.begin(), end, '\0');
+  if (nul != end) return std::string(buffer.begin(), nul);
+  if (end == buffer.end()) {
+    Log_Level(kRefusal, "[Ticket] Cannot find end of %s: %s.\n", what, strerror(ENAMETOOLONG));
+  } else {
+    Log_Level(kRefusal, "[Ticket] Cannot find end of %s: ticket on disk is truncated.\n", what);
+  }
+  return std::nullopt;
+}
+
+}  // namespace
+
+bool IsWellFormed(const std::string& text) {
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte >= 128 || c == '/' || c == '\\') {
+      Log_Level(kRefusal, "[Ticket] Illegal character in the ticket.\n");
+      return false;
+    }
+    if (byte <= ' ' || byte == 0x7F) {
+      Log_Level(kRefusal, "[Ticket] Non-graphic character in the ticket.\n");
+      return false;
+    }
+  }
+  if (text.size() < kShortestText) {
+    Log_Level(kRefusal, "[Ticket] Ticket is too short. Actual %zu, expected at least %d\n",
+              text.size(), static_cast<int>(kShortestText));
+    return false;
+  }
+  if (text.size() > kLongestText) {
+    Log_Level(kRefusal, "[Ticket] Ticket too long.\n");
+    return false;
+  }
+  return true;
+}
+
+std::optional<Content> Find(const std::string& text) {
+  if (!IsWellFormed(text)) return std::nullopt;
+  if (!SetUpDirectory(kDirectory)) {
+    Log_Level(kRefusal, "[Ticket] Failed to setup ticket dir (service: %s).\n", "none");
+    return std::nullopt;
+  }
+  const std::string path = PathOf(text);
+  // Without O_NONBLOCK a FIFO in place of a ticket would hold up every other caller.
+  const OpenFile file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  if (file.fd() < 0 || !IsTicketFile(file.fd(), path)) {
+    Log_Level(kRefusal, "[Ticket] Ticket not found: %s\n", text.c_str());
+    return std::nullopt;
+  }
+  return ReadContent(file.fd(), text);
+}
+
+bool Consume(const std::string& text) {
+  if (unlink(PathOf(text).c_str()) != 0) {
+    Log_Level(kRefusal, "[Ticket] Failed to delete ticket %s: %s\n", text.c_str(), strerror(errno));
+    return false;
+  }
+  Log_Level(kInformation, "[Ticket] Deleted ticket %s\n", text.c_str());
+  return true;
+}
+
+std::optional<Content> ReadContent(int fd, const std::string& text) {
+  if (!HasText(fd, text)) return std::nullopt;
+  const std::size_t begin = text.size() + 1;
+  auto config_file = ReadName(fd, begin, "config file name");
+  if (!config_file) return std::nullopt;
+  auto service = ReadName(fd, begin + config_file->size() + 1, "service name");
+  if (!service) return std::nullopt;
+  return Content{std::move(*config_file), std::move(*service)};
+}
+
+bool SetUpDirectory(const char* path) {
+  // With its slash at the end, the path would lead through a symbolic link.
+  std::string_view name = path;
+  while (name.ends_with('/')) name.remove_suffix(1);
+  struct stat status = {};
+  if (lstat(std::string(name).c_str(), &status) != 0 || !S_ISDIR(status.st_mode) ||
+      status.st_uid != geteuid()) {
+    return false;
+  }
+  return !IsOpenToOthers(status) || LimitFileAccess(path, 0700);
+}
+
+}  // namespace Ticket

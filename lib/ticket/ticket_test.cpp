@@ -1,0 +1,183 @@
+#include "lib/ticket/ticket.h"
+
+#include <gmock/gmock.h>
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+#include <boost/asio/io_context.hpp>
+
+#include "lib/ticket/reaper.h"
+#include "tesselibs/testing/captured_log.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using testing::ElementsAre;
+using namespace std::string_literals;
+
+const std::string kText = "0123456789abcdef";
+
+/// The directories are the host's own: the test runs in a sandbox.
+class TicketTest : public testing::Test {
+ protected:
+  TicketTest() {
+    for (const char* directory : {Ticket::kDirectory, Ticket::kRemoteDeviceDirectory}) {
+      fs::remove_all(directory);
+      fs::create_directories(directory);
+    }
+  }
+
+  static fs::path Issue(const std::string& text, const std::string& content,
+                        const char* directory = Ticket::kDirectory) {
+    const fs::path path = directory + ("rntkt-" + text);
+    std::ofstream(path, std::ios::binary) << content;
+    return path;
+  }
+
+  static void MakeOld(const fs::path& path, std::chrono::minutes age) {
+    fs::last_write_time(path, fs::file_time_type::clock::now() - age);
+  }
+
+  CapturedLog log_;
+};
+
+TEST_F(TicketTest, TextThatCannotBeATicketIsRefusedBeforeAnyFileIsOpened) {
+  fs::remove_all(Ticket::kDirectory);  // looking for a file would tell that this is missing
+  const struct {
+    std::string text, line;
+  } cases[] = {
+      {"0123456789abcde", "Ticket is too short. Actual 15, expected at least 16"},
+      {std::string(256, 'a'), "Ticket too long."},
+      {"../../etc/passwd", "Illegal character in the ticket."},
+      {"0123456789abcde\\", "Illegal character in the ticket."},
+      {"0123456789abcd\u00e9", "Illegal character in the ticket."},
+      {"0123456789 abcdef", "Non-graphic character in the ticket."},
+      {"0123456789abcdef\0x"s, "Non-graphic character in the ticket."},
+      {"0123456789abcdef\x7f", "Non-graphic character in the ticket."},
+      {kText, "Failed to setup ticket dir (service: none)."},
+  };
+  for (const auto& [text, line] : cases) {
+    EXPECT_EQ(Ticket::Find(text), std::nullopt) << text;
+    EXPECT_THAT(log_.TakeLines(), ElementsAre("3 [Ticket] " + line)) << text;
+  }
+}
+
+TEST_F(TicketTest, ContentIsReadOnlyFromAWholeTicket) {
+  const std::string name(127, 'n');
+  Issue(kText, kText + "\n\0"s + name + "\0trailing"s);
+  EXPECT_EQ(Ticket::Find(kText), (Ticket::Content{"", name}));
+  EXPECT_THAT(log_.TakeLines(), ElementsAre());
+  const struct {
+    std::string content, line;
+  } cases[] = {
+      {"", "Invalid ticket."},
+      {kText, "Invalid ticket."},
+      {"0123456789abcdeF\nc\0s\0"s, "Invalid ticket."},
+      {kText + "0\nc\0s\0"s, "Invalid ticket - too long."},
+      {std::string(1 << 20, 'x'), "Invalid ticket - too long."},
+      {kText + "\n", "Cannot read config file name: ticket on disk is truncated."},
+      {kText + "\nc", "Cannot find end of config file name: ticket on disk is truncated."},
+      {kText + "\n" + name + "n", "Cannot find end of config file name: File name too long."},
+      {kText + "\nc\0"s, "Cannot read service name: ticket on disk is truncated."},
+      {kText + "\nc\0s"s, "Cannot find end of service name: ticket on disk is truncated."},
+  };
+  for (const auto& [content, line] : cases) {
+    Issue(kText, content);
+    EXPECT_EQ(Ticket::Find(kText), std::nullopt) << line;
+    EXPECT_THAT(log_.TakeLines(), ElementsAre("3 [Ticket] " + line));
+  }
+}
+
+TEST_F(TicketTest, OnlyARegularFileInAClosedDirectoryIsATicket) {
+  const fs::path moved = "/var/run/tessel/moved/";
+  const fs::path path = Issue(kText, kText + "\nc\0s\0"s);
+  fs::permissions(path, fs::perms{0644});
+  fs::permissions(Ticket::kDirectory, fs::perms{0777});
+  EXPECT_NE(Ticket::Find(kText), std::nullopt);
+  EXPECT_EQ(fs::status(path).permissions(), fs::perms{0600});
+  EXPECT_EQ(fs::status(Ticket::kDirectory).permissions(), fs::perms{0700});
+
+  fs::rename(fs::path(Ticket::kDirectory).parent_path(), moved.parent_path());
+  fs::create_directory_symlink(moved, fs::path(Ticket::kDirectory).parent_path());
+  EXPECT_EQ(Ticket::Find(kText), std::nullopt) << "a link to a directory";
+  fs::remove(fs::path(Ticket::kDirectory).parent_path());
+  fs::create_directory(Ticket::kDirectory);
+  fs::create_symlink(moved / path.filename(), path);
+  EXPECT_EQ(Ticket::Find(kText), std::nullopt) << "a link to a ticket";
+  fs::remove(path);
+  ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+  EXPECT_EQ(Ticket::Find(kText), std::nullopt) << "a FIFO";
+  EXPECT_THAT(log_.TakeLines(),
+              ElementsAre("3 [Ticket] Failed to setup ticket dir (service: none).",
+                          "3 [Ticket] Ticket not found: " + kText,
+                          "3 [Ticket] Ticket not found: " + kText));
+  fs::remove_all(moved);
+}
+
+TEST_F(TicketTest, OfManyThatRaceForATicketExactlyOneConsumesIt) {
+  constexpr int kTickets = 200;
+  const auto text = [](int i) { return "racing-for-ticket-" + std::to_string(i); };
+  for (int i = 0; i < kTickets; ++i) Issue(text(i), text(i) + "\nc\0s\0"s);
+  std::atomic<int> won = 0;
+  std::atomic<bool> go = false;
+  {
+    std::vector<std::jthread> racers;
+    for (int racer = 0; racer < 4; ++racer) {
+      racers.emplace_back([&won, &go, &text] {
+        go.wait(false);
+        for (int i = 0; i < kTickets; ++i) won += Ticket::Find(text(i)) && Ticket::Consume(text(i));
+      });
+    }
+    go = true;
+    go.notify_all();
+  }
+  EXPECT_EQ(won, kTickets);
+  EXPECT_TRUE(fs::is_empty(Ticket::kDirectory));
+}
+
+TEST_F(TicketTest, ReaperRemovesStaleTicketsOfBothKindsAndNothingElse) {
+  const auto issue_old = [](const std::string& text, int minutes, const char* directory) {
+    const fs::path path = Issue(text, "", directory);
+    MakeOld(path, std::chrono::minutes(minutes));
+    return path;
+  };
+  const fs::path stale = issue_old("stale", 11, Ticket::kDirectory);
+  const fs::path remote = issue_old("stale", 11, Ticket::kRemoteDeviceDirectory);
+  const fs::path young = issue_old("young", 9, Ticket::kDirectory);
+  const fs::path other = fs::path(Ticket::kDirectory) / "other";
+  std::ofstream(other) << "";
+  MakeOld(other, std::chrono::minutes(11));
+
+  Ticket::ReapStaleTickets();
+  EXPECT_TRUE(!fs::exists(stale) && !fs::exists(remote) && fs::exists(young) && fs::exists(other));
+  fs::remove_all(Ticket::kRemoteDeviceDirectory);
+  Ticket::ReapStaleTickets();
+  EXPECT_THAT(log_.TakeLines(),
+              ElementsAre("6 [Ticket] Reaping stale ticket " + stale.string(),
+                          "6 [Ticket] Reaping stale ticket " + remote.string(),
+                          "6 [Ticket] Failed to get remoteDevice ticket dir in reap."));
+}
+
+TEST_F(TicketTest, ReaperGoesOnUntilItIsDestroyed) {
+  boost::asio::io_context io;
+  auto reaper = std::make_shared<Ticket::Reaper>(io, std::chrono::milliseconds(1));
+  fs::path path;
+  for (int round = 0; round < 3; ++round) {
+    path = Issue("stale", "");
+    MakeOld(path, std::chrono::minutes(11));
+    if (round == 0) reaper->Start();  // reaps at once
+    while (round > 0 && fs::exists(path) && io.run_one_for(std::chrono::seconds(10)) > 0) {
+    }
+    EXPECT_FALSE(fs::exists(path)) << round;
+  }
+  path = Issue("stale", "");
+  MakeOld(path, std::chrono::minutes(11));
+  reaper.reset();
+  io.run();  // ends: nothing is waited for any more
+  EXPECT_TRUE(fs::exists(path));
+}
+
+}  // namespace
