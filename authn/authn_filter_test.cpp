@@ -1,0 +1,61 @@
+#include "authn/authn_filter.h"
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+#include "orbi/core/testing/echo_provider.h"
+
+namespace {
+
+using Orbi::Authn::Verdict;
+using Orbi::Core::MethodIdentifier;
+
+/// Takes its own scheme only, and the password "good".
+struct Handler : Orbi::Authn::AuthnHandler {
+  explicit Handler(std::string own_scheme) : scheme(std::move(own_scheme)) {}
+  Verdict Authenticate(Orbi::Core::ExecutionContext& context) override {
+    if (!context.security || context.security->scheme_id != scheme) return Verdict::kNotMine;
+    if (context.security->password == "throw") throw std::runtime_error("broken");
+    if (context.security->password != "good") return Verdict::kRefused;
+    context.authentication = {scheme, "user", {}};
+    return Verdict::kAccepted;
+  }
+  const std::string scheme;
+};
+
+TEST(AsyncAuthnFilterTest, OnlyWhatAHandlerAcceptsOrNeedsNoCredentialsReachesTheService) {
+  const struct {
+    const char *service, *scheme, *password, *authenticated_by;  // scheme "": no credentials
+  } cases[] = {
+      {"host", "one", "good", "one"},    {"host", "two", "good", "two"},
+      {"host", "one", "bad", nullptr},   {"host", "two", "bad", nullptr},
+      {"host", "six", "good", nullptr},  {"host", "", "", nullptr},
+      {"host", "one", "throw", nullptr}, {"metadata", "", "", ""},
+      {"metadata", "one", "bad", ""},
+  };
+  Host::Settings::SettingsApi::Authn::AsyncAuthnFilter filter(
+      std::make_shared<Orbi::Core::EchoProvider>(),
+      [](const MethodIdentifier& method) { return method.service == "metadata"; },
+      {std::make_shared<Handler>("one"), std::make_shared<Handler>("two")});
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::string(c.service) + " " + c.scheme + " " + c.password);
+    const auto context = std::make_shared<Orbi::Core::ExecutionContext>();
+    context->authentication = {"forged", "root", {}};
+    if (*c.scheme) {
+      context->security = std::make_unique<Orbi::Core::SecurityContext>();
+      context->security->scheme_id = c.scheme;
+      context->security->password = c.password;
+    }
+    const auto result = Call(filter, {c.service, "get"}, "input", context);
+    EXPECT_TRUE(!context->security || context->security->password.empty()) << "still in memory";
+    if (c.authenticated_by) {
+      EXPECT_EQ(result.output, Orbi::Data::Value("input"));
+      EXPECT_EQ(context->authentication ? context->authentication->type : "", c.authenticated_by);
+      continue;
+    }
+    EXPECT_EQ(result.error.value().id, "com.tessel.orbi.std.errors.unauthenticated");
+  }
+}
+
+}  // namespace

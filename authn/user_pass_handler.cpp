@@ -1,0 +1,56 @@
+#include "authn/user_pass_handler.h"
+
+#include <optional>
+#include <string_view>
+#include <utility>
+
+#include "lib/ticket/ticket.h"
+#include "tesselibs/log.h"
+
+namespace Host::Settings::SettingsApi::Authn {
+namespace {
+
+constexpr int kFailure = 2;
+
+constexpr std::string_view kScheme = "com.tessel.orbi.std.security.user_pass";
+constexpr const char* kPamService = "kestreld";
+constexpr std::string_view kTicketService = "Lifecycle";
+
+bool UseTicket(const std::string& text) {
+  const std::optional<Ticket::Content> ticket = Ticket::Find(text);
+  if (ticket && ticket->service != kTicketService) {
+    Log_Level(kFailure, "Ticket's service name invalid, ticket: %s, service: %s\n", text.c_str(),
+              ticket->service.c_str());
+    return false;
+  }
+  // Only whoever deletes the file has the ticket: of two that found it, one comes too late.
+  if (!ticket || !Ticket::Consume(text)) {
+    Log_Level(kFailure, "Ticket authentication failed for ticket: %s\n", text.c_str());
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+UserPassHandler::UserPassHandler(PamAuthenticator pam) : pam_(std::move(pam)) {}
+
+Orbi::Authn::Verdict UserPassHandler::Authenticate(Orbi::Core::ExecutionContext& context) {
+  using Orbi::Authn::Verdict;
+  if (!context.security || context.security->scheme_id != kScheme) return Verdict::kNotMine;
+  const std::string& user = context.security->user_name;
+  const std::string& password = context.security->password;
+  if (!(user == password ? UseTicket(password) : CheckAccount(user, password))) {
+    return Verdict::kRefused;
+  }
+  context.authentication = {"UserPassAuthentication", user, {"en_US", "C", "Etc/UTC"}};
+  return Verdict::kAccepted;
+}
+
+bool UserPassHandler::CheckAccount(const std::string& user, const std::string& password) {
+  if (pam_.AuthenticateUser(user, password, kPamService)) return true;
+  Log_Level(kFailure, "UserPass authentication failed for user: %s\n", user.c_str());
+  return false;
+}
+
+}  // namespace Host::Settings::SettingsApi::Authn
