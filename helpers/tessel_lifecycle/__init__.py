@@ -1,0 +1,1 @@
+"""What the host's software helper commands do; see ../README.md."""

@@ -1,0 +1,115 @@
+"""JSON documents that somebody else wrote: read within bounds, and taken apart field by field.
+
+Everything here raises ValueError, with a text that names the place, for a document that is not what it should be.
+"""
+
+import json
+
+_MISSING = object()
+
+
+def parse(data):
+    """The value of a JSON text in UTF-8; refuses what this system's other readers could not read back."""
+    def refuse_constant(name):
+        raise ValueError(f"{name} is not a JSON number")
+
+    def unique(members):
+        fields = dict(members)
+        if len(fields) != len(members):
+            raise ValueError("a member occurs twice")
+        return fields
+
+    try:
+        value = json.loads(data, parse_constant=refuse_constant, object_pairs_hook=unique)
+        json.dumps(value, ensure_ascii=False, allow_nan=False).encode()  # lone surrogates and infinite numbers end here
+    except RecursionError:
+        raise ValueError("nested too deeply") from None
+    return value
+
+
+def compact(value):
+    """The JSON text of a value on one line, ASCII only."""
+    return json.dumps(value, separators=(",", ":"))
+
+
+class Fields:
+    """The members of a JSON object, taken one by one; `place` names the object in messages."""
+
+    def __init__(self, value, place="document"):
+        if not isinstance(value, dict):
+            raise ValueError(f"{place}: not an object")
+        self.value, self.place = value, place
+
+    def take(self, name, kind, default=_MISSING):
+        """The member `name`, converted by `kind`; a missing or null one is `default`, or an error without a default."""
+        value = self.value.get(name)
+        if value is None:
+            if default is _MISSING:
+                raise MissingField(name, f"{self.place}: member '{name}' is missing")
+            return default
+        try:
+            return kind(value)
+        except MissingField:
+            raise
+        except ValueError as error:
+            raise ValueError(f"{self.place}, member '{name}': {error}") from None
+
+
+class MissingField(ValueError):
+    """A required member that is not there."""
+
+    def __init__(self, field, text):
+        super().__init__(text)
+        self.field = field
+
+
+def text(value):
+    """A string."""
+    if not isinstance(value, str) or len(value) > 10000:
+        raise ValueError("not a text")
+    return value
+
+
+def name(value):
+    """A name that is safe in a path and as one word of a command line."""
+    if not is_name(value):
+        raise ValueError(f"not a name: {value!r:.80}")
+    return value
+
+
+def is_name(value):
+    """Whether a value is a string of letters, digits, '.', '_' and '-' that starts with a letter or digit."""
+    return (isinstance(value, str) and 0 < len(value) <= 128 and value.isascii() and value[0].isalnum()
+            and all(c.isalnum() or c in "._-" for c in value))
+
+
+def size(value):
+    """A number of bytes."""
+    if isinstance(value, bool) or not isinstance(value, int) or not 0 <= value < 2 ** 63:
+        raise ValueError("not a size")
+    return value
+
+
+def sha256(value):
+    """A SHA-256 digest in lower-case hexadecimal."""
+    if not isinstance(value, str) or len(value) != 64 or value.strip("0123456789abcdef"):
+        raise ValueError("not a SHA-256 digest")
+    return value
+
+
+def list_of(kind, most=100000):
+    """Converts each element of a list."""
+    def convert(value):
+        if not isinstance(value, list) or len(value) > most:
+            raise ValueError("not a list")
+        return [kind(element) for element in value]
+    return convert
+
+
+def map_of(kind, key=name):
+    """Converts keys and values of an object."""
+    def convert(value):
+        if not isinstance(value, dict):
+            raise ValueError("not an object")
+        return {key(k): kind(v) for k, v in value.items()}
+    return convert

@@ -1,0 +1,99 @@
+"""A depot on an HTTP server (RFC 9110, RFC 9112)."""
+
+import functools
+import http.client
+import io
+import time
+import urllib.parse
+
+from tessel_lifecycle.fetch import Refused, Source
+
+MOST_REDIRECTS = 5
+REDIRECTS = (301, 302, 303, 307, 308)
+WORTH_REPEATING = (408, 425, 429)
+
+
+class HttpSource(Source):
+    """Asks for one file at a time on a connection of its own; knows no proxies, cookies or credentials."""
+
+    def open(self, name, offset, deadline):
+        url = self.url(urllib.parse.quote(name))
+        try:
+            for _ in range(MOST_REDIRECTS + 1):
+                response = self._ask(url, offset, deadline)
+                if response.status not in REDIRECTS:
+                    return self._accept(response, name, offset, deadline)
+                url = _redirected(url, response)
+        except http.client.HTTPException as error:
+            raise OSError(f"not an answer in HTTP: {error!r:.200}") from error
+        except ValueError as error:
+            raise Refused(f"redirected to something that is no URL: {error}") from error
+        raise Refused("redirected too often")
+
+    def _ask(self, url, offset, deadline):
+        parts = urllib.parse.urlsplit(url)
+        kind = http.client.HTTPSConnection if parts.scheme == "https" else http.client.HTTPConnection
+        connection = kind(parts.hostname, parts.port, timeout=self.patience.timeout)
+        connection.response_class = functools.partial(_TimedResponse, deadline=deadline)
+        headers = {"User-Agent": "imagemanagerctl", "Accept-Encoding": "identity", "Connection": "close"}
+        if offset:
+            headers["Range"] = f"bytes={offset}-"
+        connection.request("GET", parts.path or "/", headers=headers)
+        return connection.getresponse()
+
+    def _accept(self, response, name, offset, deadline):
+        if response.status == 200:
+            return response, 0
+        if response.status == 206 and (response.getheader("Content-Range") or "").startswith(f"bytes {offset}-"):
+            return response, offset
+        response.close()
+        if offset and response.status in (206, 416):
+            return self.open(name, 0, deadline)
+        reason = f"answered {response.status}"
+        raise OSError(reason) if response.status >= 500 or response.status in WORTH_REPEATING else Refused(reason)
+
+
+def _redirected(url, response):
+    response.close()
+    target = urllib.parse.urljoin(url, response.getheader("Location") or "")
+    parts = urllib.parse.urlsplit(target)
+    safe = {"https"} if url.startswith("https:") else {"http", "https"}
+    if parts.scheme not in safe or not parts.hostname or "@" in parts.netloc or not target.isascii():
+        raise Refused("redirected to something that is no depot's URL")
+    return target
+
+
+class _TimedResponse(http.client.HTTPResponse):
+    """Gives up at a deadline, however the server spreads its bytes, those of the head included."""
+
+    def __init__(self, sock, *args, deadline, **kwargs):
+        super().__init__(sock, *args, **kwargs)
+        self.fp.close()
+        self.fp = io.BufferedReader(_TimedInput(sock, deadline))
+
+    def read1(self, length):
+        try:
+            return super().read1(length)
+        except (http.client.HTTPException, ValueError) as error:
+            raise OSError(f"not an answer in HTTP: {error!r:.200}") from error
+
+
+class _TimedInput(io.RawIOBase):
+    def __init__(self, sock, deadline):
+        self._socket, self._deadline = sock, deadline
+        self._timeout = sock.gettimeout()
+        self._raw = sock.makefile("rb", buffering=0)
+
+    def readable(self):
+        return True
+
+    def readinto(self, buffer):
+        left = self._deadline - time.monotonic()
+        if left <= 0:
+            raise TimeoutError("took too long")
+        self._socket.settimeout(min(left, self._timeout))
+        return self._raw.readinto(buffer)
+
+    def close(self):
+        self._raw.close()
+        super().close()

@@ -1,0 +1,296 @@
+"""What a depot describes: base images, add-ons, components, solutions, manifests and PAXs, and a catalogue of them.
+
+Each class is built from its JSON document and raises ValueError for one that does not fit; the document is kept as it
+came, so that it can be stored and handed on unchanged.
+"""
+
+import datetime
+import re
+
+from tessel_lifecycle.document import Fields, list_of, map_of, name, sha256, size, text
+from tessel_lifecycle.errors import ImageError
+from tessel_lifecycle.version import Range, Version
+
+ACCEPTANCE_LEVELS = ("CERTIFIED", "ACCEPTED", "PARTNER", "COMMUNITY")  # from the strictest
+
+_DATE_TIME = re.compile(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d(\.\d{1,6})?Z", re.ASCII)
+
+
+def date_time(value):
+    """An ISO 8601 UTC date-time."""
+    if not isinstance(value, str) or not _DATE_TIME.fullmatch(value):
+        raise ValueError("not a date-time")
+    datetime.datetime.fromisoformat(value)  # refuses the thirteenth month
+    return value
+
+
+def acceptance_level(value):
+    """One of ACCEPTANCE_LEVELS."""
+    if value not in ACCEPTANCE_LEVELS:
+        raise ValueError("not an acceptance level")
+    return value
+
+
+class Reference:
+    """One exact version of a named thing."""
+
+    def __init__(self, document):
+        fields = Fields(document, "reference")
+        self.name, self.version = fields.take("name", name), fields.take("version", Version)
+
+    @property
+    def key(self):
+        return self.name, self.version
+
+
+class Relation:
+    """A named thing in any version of a range."""
+
+    def __init__(self, document):
+        fields = Fields(document, "relation")
+        self.name, self.range = fields.take("name", name), fields.take("range", Range, Range("*"))
+
+
+class Unit:
+    """What all described things have; `key` is what tells two of a kind apart, `depot` where it was found, if in one."""
+
+    folder = ""
+    depot = None
+
+    def __init__(self, document):
+        self.document = document
+        self.fields = Fields(document, self.folder)
+        self.version = self.fields.take("version", Version)
+        self.vendor = self.fields.take("vendor", text, "")
+        self.read(self.fields)
+        self.display_name = self.fields.take("display_name", text, getattr(self, "name", ""))
+        self.display_version = self.fields.take("display_version", text, self.version.text)
+
+    def read(self, fields):
+        self.name = fields.take("name", name)
+
+    @property
+    def key(self):
+        return self.name, self.version
+
+    @property
+    def label(self):
+        return f"{self.name}({self.version})"
+
+
+class ReleaseUnit(Unit):
+    """A base image, add-on or solution: two depots must not tell different things under one key."""
+
+    def read(self, fields):
+        super().read(fields)
+        self.release_date = fields.take("release_date", date_time)
+
+
+class BaseImage(ReleaseUnit):
+    folder = "base_images"
+
+    def read(self, fields):
+        self.release_date = fields.take("release_date", date_time)
+        self.components = fields.take("components", map_of(Version))
+        self.paxs = fields.take("paxs", list_of(Reference), [])
+
+    @property
+    def key(self):
+        return self.version
+
+    @property
+    def label(self):
+        return self.version.text
+
+
+class AddOn(ReleaseUnit):
+    folder = "add_ons"
+
+    def read(self, fields):
+        super().read(fields)
+        self.base_images = fields.take("base_images", Range)
+        self.components = fields.take("components", map_of(Version), {})
+        self.removed_components = fields.take("removed_components", list_of(name), [])
+
+
+class Solution(ReleaseUnit):
+    folder = "solutions"
+
+    def read(self, fields):
+        super().read(fields)
+        self.components = fields.take("components", map_of(Range))
+
+
+class Manifest(Unit):
+    """A hardware support package for some base images."""
+
+    folder = "manifests"
+
+    def read(self, fields):
+        self.name = fields.take("id", name)
+        self.manager, self.package = fields.take("manager", name), fields.take("package", name)
+        self.base_images = fields.take("base_images", Range)
+        self.components = fields.take("components", map_of(Version))
+
+    @property
+    def key(self):
+        return self.name
+
+
+class Component(Unit):
+    folder = "components"
+
+    def read(self, fields):
+        super().read(fields)
+        self.paxs = fields.take("paxs", list_of(Reference))
+        self.depends = fields.take("depends", list_of(Relation), [])
+        self.conflicts = fields.take("conflicts", list_of(Relation), [])
+
+
+class PayloadFile:
+    """One file, directory or symbolic link of a payload. `path` is relative and has no '..'."""
+
+    def __init__(self, document):
+        fields = Fields(document, "file")
+        self.path = fields.take("path", relative_path)
+        self.type = fields.take("type", text)
+        self.mode = fields.take("mode", size, 0o644)
+        if self.type == "file":
+            self.size, self.sha256 = fields.take("size", size), fields.take("sha256", sha256)
+        elif self.type == "link":
+            self.target = fields.take("target", text)
+            check_link(self.path, self.target)
+        elif self.type != "directory":
+            raise ValueError(f"{self.path}: a {self.type:.40} cannot be in a payload")
+        if self.mode > 0o7777:
+            raise ValueError(f"{self.path}: bad mode")
+
+
+def relative_path(value):
+    """A path that stays below the folder it is taken from."""
+    if not isinstance(value, str) or not 0 < len(value) <= 1000 or "\0" in value or value.startswith("/"):
+        raise ValueError(f"not a relative path: {value!r:.80}")
+    if any(part in ("", ".", "..") or len(part.encode()) > 255 for part in value.split("/")):
+        raise ValueError(f"path leaves its folder or is not normal: {value!r:.80}")
+    return value
+
+
+def check_link(path, target):
+    """Raises ValueError for a symbolic link at `path` whose target is absolute or climbs out of the payload.
+
+    `..` may stand only at the front: behind a name it would climb from wherever that name, itself a link, leads.
+    """
+    parts = target.split("/")
+    climbs = next((i for i, part in enumerate(parts) if part != ".."), len(parts))
+    if len(target) > 1000 or "\0" in target or climbs > path.count("/") or any(p in ("", ".", "..") for p in parts[climbs:]):
+        raise ValueError(f"{path}: link leaves the payload")
+
+
+def content_problem(descriptors):
+    """Tells what keeps payloads from lying in one tree, or None: a file twice, or a file below a file or a link."""
+    owners, directories = {}, {}
+    for descriptor in descriptors:
+        for file in descriptor.files:
+            seen = directories if file.type == "directory" else owners
+            if seen is owners and file.path in owners:
+                return f"{file.path} is in {owners[file.path]} and {descriptor.label}"
+            seen[file.path] = descriptor.label
+    for path in [*owners, *directories]:
+        parent = path if path in directories else path.rpartition("/")[0]
+        while parent:
+            if parent in owners:
+                return f"{path} lies below {parent} of {owners[parent]}, which is no directory"
+            parent = parent.rpartition("/")[0]
+    return None
+
+
+class Descriptor(Unit):
+    """The descriptor of a PAX."""
+
+    folder = "descriptor"
+    MOST_FILES, MOST_INSTALLED = 50000, 2 << 30
+
+    def read(self, fields):
+        super().read(fields)
+        self.summary = fields.take("summary", text, "")
+        self.acceptance_level = fields.take("acceptance_level", acceptance_level)
+        payload = fields.take("payload", lambda value: Fields(value, "payload"))
+        self.payload_name = payload.take("name", name)
+        self.payload_size, self.payload_sha256 = payload.take("size", size), payload.take("sha256", sha256)
+        self.hardware_platforms = fields.take("hardware_platforms", list_of(_platform), [])
+        self.depends = fields.take("depends", list_of(Relation), [])
+        self.files = fields.take("files", list_of(PayloadFile, self.MOST_FILES))
+        self.installed_size = sum(file.size for file in self.files if file.type == "file")
+        if self.installed_size > self.MOST_INSTALLED:
+            raise ValueError("payload is too large")
+        problem = content_problem([self])
+        if problem:
+            raise ValueError(problem)
+
+
+def _platform(value):
+    fields = Fields(value, "platform")
+    return fields.take("vendor", text), fields.take("model", text, "")
+
+
+class Pax(Unit):
+    """A PAX in a depot: the descriptor it must hold, and its file's size and digest."""
+
+    folder = "paxs"
+
+    def read(self, fields):
+        self.descriptor = fields.take("descriptor", Descriptor)
+        self.name = self.descriptor.name
+        if self.descriptor.version != self.version:
+            raise ValueError("two versions for one PAX")
+        self.size, self.sha256 = fields.take("size", size), fields.take("sha256", sha256)
+
+    @property
+    def file(self):
+        """Where the PAX's file lies in its depot."""
+        return f"paxs/{self.name}-{self.version.text}.pax"
+
+
+KINDS = {kind.folder: kind for kind in (BaseImage, AddOn, Component, Solution, Manifest, Pax)}
+
+
+class Catalogue:
+    """Everything that the depots in use, and perhaps the host's own image, describe."""
+
+    def __init__(self):
+        self.base_images, self.add_ons, self.solutions = {}, {}, {}
+        self.manifests, self.components, self.paxs = {}, {}, {}
+
+    def add(self, unit):
+        """Takes a unit of a depot. The same PAX in two depots is taken from the first."""
+        known = getattr(self, unit.folder).setdefault(unit.key, unit)
+        if known is unit or known.document == unit.document or isinstance(unit, Pax):
+            return
+        if isinstance(unit, ReleaseUnit):
+            raise ImageError("ReleaseUnitConflictError", unit.label)
+        raise ImageError("ComponentFormatError", detail=f"different descriptions of {unit.folder} {unit.label}")
+
+    def add_all(self, other):
+        """Takes the units of another depot's catalogue. @throws ImageError when the two contradict each other"""
+        for unit in other.units():
+            self.add(unit)
+
+    def add_missing(self, other):
+        """Takes from another catalogue what this one does not have."""
+        for unit in other.units():
+            getattr(self, unit.folder).setdefault(unit.key, unit)
+
+    def units(self):
+        """All units, kind by kind."""
+        for folder in KINDS:
+            yield from getattr(self, folder).values()
+
+    def versions(self, component, allowed=Range("*")):
+        """The components of a name in a range of versions, newest first."""
+        return sorted((c for c in self.components.values() if c.name == component and c.version in allowed),
+                      key=lambda c: c.version, reverse=True)
+
+    def manifests_of(self, manager, wanted):
+        """The manifests of a hardware support package: of `wanted`'s package and version."""
+        return [m for m in self.manifests.values()
+                if (m.manager, m.package, m.version) == (manager, wanted.package, wanted.version)]

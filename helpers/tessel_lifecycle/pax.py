@@ -1,0 +1,197 @@
+"""PAX files: a zip with `descriptor.json` and one xz-packed tar archive of the files to install."""
+
+import contextlib
+import hashlib
+import os
+import stat
+import tarfile
+import zipfile
+
+from tessel_lifecycle import files
+from tessel_lifecycle.archive import ARCHIVE_ERRORS, CHUNK, XzStream, ZipReader, add_member, tar_members
+from tessel_lifecycle.document import compact, parse
+from tessel_lifecycle.errors import ImageError
+
+DESCRIPTOR = "descriptor.json"
+PAYLOAD = "payload.tar.xz"
+MOST_DESCRIPTOR = 16 << 20
+TAR_OVERHEAD = 4096  # per member: headers, long names and filling
+TAR_END = 1 << 20
+PRESET = 3           # packs in less than 40 MiB of memory
+
+
+def verify(path, descriptor):
+    """Checks that the PAX at `path` is the described one, up to its packed payload. @throws ImageError"""
+    with _format_errors(descriptor), files.open_regular(path) as file, ZipReader(file) as archive:
+        if sorted(archive.names()) != sorted((DESCRIPTOR, descriptor.payload_name)):
+            raise ValueError("wrong members")
+        if parse(archive.read(DESCRIPTOR, MOST_DESCRIPTOR)) != descriptor.document:
+            raise ValueError("the descriptor is not the depot's")
+        digest, length = hashlib.sha256(), 0
+        with archive.open(descriptor.payload_name) as payload:
+            while data := payload.read(CHUNK):
+                digest.update(data)
+                length += len(data)
+                if length > descriptor.payload_size:
+                    break
+        if (length, digest.hexdigest()) != (descriptor.payload_size, descriptor.payload_sha256):
+            raise ImageError("PaxSigDigestError", descriptor.label, detail="payload")
+
+
+def unpack(path, descriptor, root, on_bytes=lambda count: None):
+    """Unpacks a PAX below the folder `root`, which has none of its files yet.
+
+    Only what the descriptor lists is written, and only as it lists it. @throws ImageError, OSError
+    """
+    wanted = {file.path: file for file in descriptor.files}
+    most = descriptor.installed_size + TAR_OVERHEAD * len(wanted) + TAR_END
+    with (_format_errors(descriptor), files.open_regular(path) as file, ZipReader(file) as archive,
+          archive.open(descriptor.payload_name) as packed):
+        stream = XzStream(packed, most)
+        for info, content in tar_members(stream):
+            entry = wanted.pop(info.name, None)
+            if entry is None:
+                raise ValueError(f"{info.name!r:.200} is not listed, or twice in the payload")
+            _install(root, entry, info, content, on_bytes)
+        if wanted:
+            raise ValueError(f"{next(iter(wanted))} is missing in the payload")
+        if stream.finish() != descriptor.payload_sha256:
+            raise ImageError("PaxSigDigestError", descriptor.label, detail="payload")
+    set_directory_modes(root, descriptor.files)
+
+
+def _install(root, file, info, content, on_bytes):
+    kind = "file" if content else "directory" if info.isdir() else "link" if info.issym() else "special file"
+    if kind != file.type:
+        raise ValueError(f"{file.path}: a {kind}, not a {file.type}")
+    target = os.path.join(root, file.path)
+    if kind == "directory":
+        os.makedirs(target, exist_ok=True)
+        return
+    os.makedirs(os.path.dirname(target), exist_ok=True)
+    if kind == "link":
+        if info.linkname != file.target:
+            raise ValueError(f"{file.path}: link has another target")
+        os.symlink(file.target, target)
+    elif not write_verified(content, file, target, on_bytes):
+        raise ValueError(f"{file.path}: content is not as listed")
+
+
+def write_verified(content, file, target, on_bytes):
+    """Writes a listed file from a stream; False when size or digest differ from the list's."""
+    digest, length = hashlib.sha256(), 0
+    flags = os.O_WRONLY | os.O_CREAT | os.O_EXCL | os.O_NOFOLLOW | os.O_CLOEXEC
+    with open(os.open(target, flags, 0o600), "wb") as output:
+        while length <= file.size and (data := content.read(CHUNK)):
+            output.write(data)
+            digest.update(data)
+            length += len(data)
+            on_bytes(len(data))
+        os.fchmod(output.fileno(), file.mode)
+    return (length, digest.hexdigest()) == (file.size, file.sha256)
+
+
+def set_directory_modes(root, listed):
+    """Sets the directories' modes, last, since one that forbids writing would be in the way."""
+    for file in listed:
+        if file.type == "directory":
+            os.chmod(os.path.join(root, file.path), file.mode)
+
+
+@contextlib.contextmanager
+def _format_errors(descriptor):
+    try:
+        yield
+    except ARCHIVE_ERRORS as error:
+        raise ImageError("PaxFormatError", descriptor.label, detail=error) from error
+
+
+def listing(root):
+    """The descriptor's file list of everything below a folder, as JSON values, in an order that can be unpacked."""
+    found = []
+    for folder, directories, names in os.walk(root):
+        directories.sort()
+        for name in sorted(directories + names):
+            path = os.path.join(folder, name)
+            found.append(_entry(path, os.path.relpath(path, root)))
+    return sorted(found, key=lambda entry: entry["path"])
+
+
+def _entry(path, relative):
+    status = os.lstat(path)
+    if stat.S_ISLNK(status.st_mode):
+        return {"path": relative, "type": "link", "target": os.readlink(path)}
+    entry = {"path": relative, "type": "directory", "mode": stat.S_IMODE(status.st_mode)}
+    if stat.S_ISREG(status.st_mode):
+        entry |= {"type": "file", "size": status.st_size, "sha256": files.sha256(path)}
+    elif not stat.S_ISDIR(status.st_mode):
+        raise ValueError(f"{path}: neither file, directory nor link")
+    return entry
+
+
+def create(path, document, root, listed):
+    """Makes a PAX from the files of a folder and returns its descriptor's document, `document` with the payload's data.
+
+    @throws ChangedFile when a file is not as listed any more, OSError
+    """
+    packed = path + ".payload"
+    try:
+        with tarfile.open(packed, "w:xz", preset=PRESET) as tar:
+            for file in listed:
+                _pack(tar, file, os.path.join(root, file.path))
+        document = document | {"payload": {"name": PAYLOAD, "size": os.path.getsize(packed),
+                                           "sha256": files.sha256(packed)}}
+        with zipfile.ZipFile(path, "w") as archive:
+            add_member(archive, DESCRIPTOR, content=compact(document).encode())
+            add_member(archive, PAYLOAD, source=packed)
+    finally:
+        files.remove(packed)
+    return document
+
+
+class ChangedFile(Exception):
+    """A file that should be packed differs from its recorded size or digest."""
+
+
+def _pack(tar, file, path):
+    info = tarfile.TarInfo(file.path)  # owner root, time 0: the same content gives the same archive
+    info.mode = file.mode
+    if file.type == "file":
+        with files.open_regular(path) as content:
+            if (os.fstat(content.fileno()).st_size, files.sha256(path)) != (file.size, file.sha256):
+                raise ChangedFile(file.path)
+            info.size = file.size
+            tar.addfile(info, content)
+        return
+    info.type = tarfile.DIRTYPE if file.type == "directory" else tarfile.SYMTYPE
+    info.linkname = file.target if file.type == "link" else ""
+    tar.addfile(info)
+
+
+def copy_installed(old_root, new_root, descriptor, on_bytes=lambda count: None):
+    """Copies a PAX's files from one image to another; False when the old ones are not as installed.
+
+    @throws OSError
+    """
+    for file in descriptor.files:
+        source, target = os.path.join(old_root, file.path), os.path.join(new_root, file.path)
+        os.makedirs(target if file.type == "directory" else os.path.dirname(target), exist_ok=True)
+        if file.type == "link":
+            os.symlink(file.target, target)
+        elif file.type == "file":
+            try:
+                content = files.open_regular(source)
+            except OSError:
+                return False
+            with content:
+                if not write_verified(content, file, target, on_bytes):
+                    return False
+    set_directory_modes(new_root, descriptor.files)
+    return True
+
+
+def discard(root, descriptor):
+    """Removes a PAX's files that `copy_installed` began to copy."""
+    for file in descriptor.files:
+        if file.type != "directory":
+            files.remove(os.path.join(root, file.path))
