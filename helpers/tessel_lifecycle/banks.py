@@ -1,0 +1,55 @@
+"""Where the host's image lies: two banks, of which one is the running one.
+
+    image/current -> a     the running bank; changed by one rename
+    image/a, image/b       each with image.json (the database), descriptors/NAME.json and root/ (the installed files)
+    image/stage            PAXs that were downloaded and verified
+    image/lock             locked while the image is being changed, or shared while it is being read out
+
+Imported by commands that have to answer fast, so it imports little.
+"""
+
+import os
+
+from tessel_lifecycle import files
+from tessel_lifecycle.document import parse
+from tessel_lifecycle.errors import ImageError
+
+BANKS = ("a", "b")
+MOST_DATABASE = 64 << 20
+
+
+class Banks:
+    """The banks below a directory. Without a current one nothing is installed."""
+
+    def __init__(self, directory):
+        self.directory = directory
+        self.stage = os.path.join(directory, "stage")
+
+    def path(self, *parts):
+        return os.path.join(self.directory, *parts)
+
+    def current(self):
+        """The running bank's name, or None. @throws ImageError"""
+        try:
+            bank = os.readlink(self.path("current"))
+        except FileNotFoundError:
+            return None
+        except OSError as error:
+            raise ImageError("StatelessError", detail=error) from error
+        if bank not in BANKS or not os.path.isdir(self.path(bank)):
+            raise ImageError("StatelessError", detail=f"current leads to {bank!r}")
+        return bank
+
+    def database(self):
+        """The running bank's database as a JSON value, or None when nothing is installed. @throws ImageError"""
+        bank = self.current()
+        return None if bank is None else self.document(bank, "image.json")
+
+    def document(self, *parts):
+        """A JSON file of the image. @throws ImageError"""
+        try:
+            return parse(files.read_bounded(self.path(*parts), MOST_DATABASE))
+        except OSError as error:
+            raise ImageError("DatabaseIOError", detail=error) from error
+        except ValueError as error:
+            raise ImageError("DatabaseFormatError", detail=error) from error

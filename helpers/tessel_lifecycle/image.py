@@ -1,0 +1,168 @@
+"""The host's image: reading it in full, locking it, and putting another in its place."""
+
+import contextlib
+import ctypes
+import fcntl
+import os
+import shutil
+
+from tessel_lifecycle import files
+from tessel_lifecycle.banks import BANKS, Banks
+from tessel_lifecycle.content import Choice, Content
+from tessel_lifecycle.document import Fields, compact, list_of, name, text
+from tessel_lifecycle.errors import ImageError
+from tessel_lifecycle.metadata import (AddOn, BaseImage, Catalogue, Component, Descriptor, Manifest, Solution,
+                                       date_time)
+from tessel_lifecycle.version import Version
+
+SOURCES = ("BASE_IMAGE", "ADD_ON", "HARDWARE_SUPPORT", "SOLUTION", "COMPONENT")
+
+
+class InstalledPax:
+    """A PAX of the running image: its descriptor, when it came and from which depot."""
+
+    folder = "paxs"
+
+    def __init__(self, descriptor, installed_at, depot):
+        self.descriptor, self.installed_at, self.depot = descriptor, installed_at, depot
+
+    @property
+    def key(self):
+        return self.descriptor.key
+
+
+class InstalledImage:
+    """The content of a bank with its dates. `content.base_image` is None when nothing is installed."""
+
+    def __init__(self):
+        self.content, self.root = Content(), None
+        self.component_dates, self.paxs = {}, {}   # name -> date-time, name -> InstalledPax
+
+    def catalogue(self):
+        """What this image can describe, as a depot would."""
+        content, catalogue = self.content, Catalogue()
+        units = [content.base_image, content.add_on, *content.hardware_support]
+        units += [solution for solution, _ in content.solutions.values()]
+        units += [choice.component for choice in content.components.values()]
+        for unit in units:
+            if unit:
+                catalogue.add(unit)
+        catalogue.paxs = {pax.key: pax for pax in self.paxs.values()}
+        return catalogue
+
+
+class Image(Banks):
+    """The image of a host. Reading needs no lock; changing is done under `locked`."""
+
+    def read(self):
+        """The running image in full. @throws ImageError"""
+        installed, bank = InstalledImage(), self.current()
+        if bank is not None:
+            installed.root = self.path(bank, "root")
+            try:
+                self._read(bank, installed)
+            except (ValueError, KeyError) as error:
+                raise ImageError("DatabaseFormatError", detail=error) from error
+        return installed
+
+    def _read(self, bank, installed):
+        fields, content = Fields(self.document(bank, "image.json"), "image.json"), installed.content
+        content.base_image = fields.take("base_image", BaseImage)
+        content.add_on = fields.take("add_on", AddOn, None)
+        content.hardware_support = fields.take("hardware_support", list_of(Manifest))
+        for entry in fields.take("solutions", list_of(Fields)):
+            solution = entry.take("document", Solution)
+            content.solutions[solution.name] = solution, entry.take("components", list_of(name))
+        for entry in fields.take("components", list_of(Fields)):
+            component = entry.take("document", Component)
+            content.components[component.name] = Choice(component, SOURCES[SOURCES.index(entry.take("source", text))])
+            installed.component_dates[component.name] = entry.take("installed_at", date_time)
+        for entry in fields.take("paxs", list_of(Fields)):
+            descriptor = Descriptor(self.document(bank, "descriptors", entry.take("name", name) + ".json"))
+            if descriptor.version != entry.take("version", Version):
+                raise ValueError(f"descriptor of {descriptor.label} is of another version")
+            content.descriptors[descriptor.name] = descriptor
+            installed.paxs[descriptor.name] = InstalledPax(
+                descriptor, entry.take("installed_at", date_time), entry.take("depot", text, ""))
+
+    @contextlib.contextmanager
+    def locked(self, shared=False):
+        """Keeps other helpers from changing the image; never waits. @throws ImageError"""
+        try:
+            os.makedirs(self.directory, exist_ok=True)
+            lock = open(self.path("lock"), "a")
+        except OSError as error:
+            raise ImageError("DatabaseIOError", detail=error) from error
+        with lock:
+            try:
+                fcntl.flock(lock, fcntl.LOCK_NB | (fcntl.LOCK_SH if shared else fcntl.LOCK_EX))
+            except BlockingIOError:
+                raise ImageError("LockingError") from None
+            yield
+
+    def new_bank(self):
+        """Empties the bank that does not run and returns its name."""
+        bank = "b" if self.current() == "a" else "a"
+        self.discard(bank)
+        for folder in ("root", "descriptors"):
+            os.makedirs(self.path(bank, folder))
+        return bank
+
+    def discard(self, bank):
+        """Removes a bank that does not run."""
+        if os.path.lexists(self.path(bank)):
+            shutil.rmtree(self.path(bank))
+
+    def discard_unfinished(self):
+        """Removes what a killed apply left of a new bank; the database is the last thing that a bank gets."""
+        unfinished = [bank for bank in BANKS if os.path.isdir(self.path(bank))
+                      and not os.path.exists(self.path(bank, "image.json"))]
+        if unfinished:
+            with contextlib.suppress(ImageError, OSError), self.locked():
+                for bank in unfinished:
+                    if bank != self.current():
+                        self.discard(bank)
+
+    def write_database(self, bank, content, dates, paxs, now):
+        """Writes a bank's descriptors and database; a component or PAX without a date is dated `now`."""
+        for descriptor in content.descriptors.values():
+            with open(self.path(bank, "descriptors", descriptor.name + ".json"), "x") as file:
+                file.write(compact(descriptor.document))
+        database = _database(content, dates, paxs, now)
+        files.replace(self.path(bank, "image.json"), compact(database).encode())
+
+    def switch(self, bank):
+        """Makes a complete bank the running one, for good: a crash leaves the old one or this one."""
+        sync_file_system(self.directory)
+        new = self.path("current.new")
+        files.remove(new)
+        os.symlink(bank, new)
+        os.rename(new, self.path("current"))
+        files.sync_directory(self.directory)
+
+
+def _database(content, dates, paxs, now):
+    return {
+        "format": 1, "installed_at": now,
+        "base_image": content.base_image.document,
+        "add_on": content.add_on and content.add_on.document,
+        "hardware_support": [manifest.document for manifest in content.hardware_support],
+        "solutions": [{"document": solution.document, "components": components}
+                      for solution, components in content.solutions.values()],
+        "components": [{"document": choice.component.document, "source": choice.source,
+                        "installed_at": dates.get(name, now)} for name, choice in content.components.items()],
+        "paxs": [{"name": pax.descriptor.name, "version": pax.descriptor.version.text, "vendor": pax.descriptor.vendor,
+                  "summary": pax.descriptor.summary, "acceptance_level": pax.descriptor.acceptance_level,
+                  "payload_size": pax.descriptor.payload_size, "installed_size": pax.descriptor.installed_size,
+                  "sha256": pax.descriptor.payload_sha256, "installed_at": pax.installed_at or now, "depot": pax.depot}
+                 for pax in paxs]}
+
+
+def sync_file_system(path):
+    """Writes everything of the file system that holds `path` to its disk."""
+    descriptor = os.open(path, os.O_RDONLY)
+    try:
+        if ctypes.CDLL(None, use_errno=True).syncfs(descriptor) != 0:
+            raise OSError(ctypes.get_errno(), "syncfs", path)
+    finally:
+        os.close(descriptor)

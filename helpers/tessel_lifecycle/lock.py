@@ -1,0 +1,41 @@
+"""Cross-process mutual exclusion named after a file path, shared with the daemon.
+
+Whoever has the name bound in the abstract socket name space holds the lock; it goes with its holder.
+"""
+
+import contextlib
+import errno
+import hashlib
+import os
+import socket
+import time
+
+_PAUSE = 0.01  # seconds; the daemon holds the lock for milliseconds
+
+
+def lock_name(path):
+    """The socket address of a path's lock; the digest only spreads names."""
+    digest = hashlib.md5(os.fsencode(os.path.abspath(path)), usedforsecurity=False).hexdigest()
+    return b"\0/com/tessel/" + digest.encode()
+
+
+@contextlib.contextmanager
+def access_lock(path, patience):
+    """Holds the lock of a path, waiting for it at most `patience` seconds. @throws LockTimeout, OSError"""
+    name, end = lock_name(path), time.monotonic() + patience
+    with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as holder:
+        while True:
+            try:
+                holder.bind(name)
+                break
+            except OSError as error:
+                if error.errno != errno.EADDRINUSE:
+                    raise
+            if time.monotonic() >= end:
+                raise LockTimeout(f"the lock of {path} is not given free")
+            time.sleep(_PAUSE)
+        yield
+
+
+class LockTimeout(Exception):
+    """Somebody else has held the lock all the time."""

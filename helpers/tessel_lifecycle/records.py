@@ -1,0 +1,114 @@
+"""Where the records of tasks live: the task status file, or the task database behind its feature switch."""
+
+import contextlib
+import json
+import os
+import syslog
+
+from tessel_lifecycle import files, paths, platform_file
+from tessel_lifecycle.lock import LockTimeout, access_lock
+
+
+def open_records():
+    """The records of this host."""
+    try:
+        switched = platform_file.read(paths.FEATURE_STATES).get("task_database", "").lower() == "true"
+    except (OSError, ValueError):
+        switched = False
+    return DatabaseRecords(paths.TASK_DATABASE) if switched else FileRecords(paths.TASK_STATUS)
+
+
+class FileRecords:
+    """One JSON object, task identifier to record, rewritten whole under the lock named after the file."""
+
+    def __init__(self, path):
+        self.path = path
+
+    def change(self, task_id, edit, patience):
+        """Calls `edit` with the task's record, empty if there is none, and keeps what it makes of it.
+
+        Waits `patience` seconds for the lock. @throws LockTimeout, OSError
+        """
+        with access_lock(self.path, patience):
+            self._rewrite(task_id, edit)
+
+    def change_at_last(self, task_id, edit, patience):
+        """As `change`, but goes on without a lock that somebody sits on: the record of an end must not be lost."""
+        try:
+            self.change(task_id, edit, patience)
+        except LockTimeout as error:
+            syslog.syslog(syslog.LOG_ERR, f"{error}; going on without it")
+            self._rewrite(task_id, edit)
+
+    def _rewrite(self, task_id, edit):
+        records = self._read()
+        record = records.get(task_id)
+        records[task_id] = record if isinstance(record, dict) else {}
+        edit(records[task_id])
+        files.replace(self.path, _json(records))
+
+    def _read(self):
+        """All records, none of them looked at. A file that nobody could read any more starts anew, as the daemon does
+        when it starts; the old one is kept aside."""
+        try:
+            with files.open_regular(self.path) as file:
+                records = json.loads(file.read().decode(errors="surrogateescape"), parse_constant=_refuse)
+            if isinstance(records, dict):
+                return records
+        except FileNotFoundError:
+            os.makedirs(os.path.dirname(self.path), exist_ok=True)
+            return {}
+        except (ValueError, RecursionError):
+            pass
+        syslog.syslog(syslog.LOG_ERR, f"{self.path} cannot be parsed, starting anew")
+        with contextlib.suppress(OSError):
+            os.replace(self.path, self.path + ".corrupt")
+        return {}
+
+
+def _json(records):
+    """Compact JSON that keeps even bytes which are not UTF-8 as they are."""
+    try:
+        text = json.dumps(records, separators=(",", ":"), allow_nan=False, ensure_ascii=False)
+        return text.encode(errors="surrogateescape")
+    except UnicodeEncodeError:
+        return json.dumps(records, separators=(",", ":")).encode()
+
+
+def _refuse(constant):
+    raise ValueError(f"{constant} is not a JSON number")
+
+
+class DatabaseRecords:
+    """A table with one row a task, whose text is the same record."""
+
+    def __init__(self, path):
+        self.path = path
+
+    def change(self, task_id, edit, patience):
+        """As FileRecords.change; an SQLite error is told as OSError."""
+        import sqlite3
+        os.makedirs(os.path.dirname(self.path), exist_ok=True)
+        try:
+            with contextlib.closing(sqlite3.connect(self.path, timeout=max(5, patience), isolation_level=None)) as database:
+                self._change(database, task_id, edit)
+        except sqlite3.Error as error:
+            raise OSError(f"{self.path}: {error}") from error
+
+    change_at_last = change
+
+    def _change(self, database, task_id, edit):
+        database.execute("PRAGMA journal_mode = WAL")
+        database.execute("CREATE TABLE IF NOT EXISTS tasks (id TEXT PRIMARY KEY, record TEXT NOT NULL)")
+        database.execute("BEGIN IMMEDIATE")
+        row = database.execute("SELECT record FROM tasks WHERE id = ?", (task_id,)).fetchone()
+        try:
+            record = json.loads(row[0]) if row else {}
+        except ValueError:
+            record = {}
+        record = record if isinstance(record, dict) else {}
+        edit(record)
+        text = json.dumps(record, separators=(",", ":"), allow_nan=False)
+        database.execute("INSERT INTO tasks VALUES (?, ?) ON CONFLICT (id) DO UPDATE SET record = excluded.record",
+                         (task_id, text))
+        database.execute("COMMIT")

@@ -1,0 +1,136 @@
+"""The record of one task, from RUNNING to its end, and the files that mark the task while it runs."""
+
+import contextlib
+import datetime
+import os
+import pwd
+import signal
+import syslog
+import time
+
+from tessel_lifecycle import files, paths
+from tessel_lifecycle.document import compact
+from tessel_lifecycle.lock import LockTimeout
+from tessel_lifecycle.records import open_records
+
+ENDING = (signal.SIGTERM, signal.SIGINT, signal.SIGHUP)
+
+_FINISHED = ("SUCCEEDED", "FAILED")
+_PATIENCE = 30         # seconds for the lock at start and end
+_SHORT_PATIENCE = 1    # seconds for the lock to tell progress, which can be left out
+_LEAST_INTERVAL = 0.1  # seconds between two rewrites for progress
+_LAST_TRIES = 600      # seconds for a disk to take the record of an end
+
+
+class Terminated(BaseException):
+    """The task was asked to end; not an Exception, so that nothing takes it for a failure of its own."""
+
+
+def utc_now():
+    """The time as records hold it: UTC, ISO 8601, milliseconds."""
+    return datetime.datetime.now(datetime.timezone.utc).isoformat(timespec="milliseconds").replace("+00:00", "Z")
+
+
+@contextlib.contextmanager
+def uninterrupted():
+    """Puts off termination while something is done that must be done whole."""
+    mask = signal.pthread_sigmask(signal.SIG_BLOCK, ENDING)
+    try:
+        yield
+    finally:
+        signal.pthread_sigmask(signal.SIG_SETMASK, mask)
+
+
+class Task:
+    """One task. `documents` are its input files, removed at its end together with the sync file that names it."""
+
+    def __init__(self, task_id, operation, documents):
+        self.id, self.operation, self._documents = task_id, operation, documents
+        self._records = open_records()
+        self._told, self._told_at = 0, 0.0
+
+    def start(self):
+        """To RUNNING."""
+        def edit(record):
+            record.update(status="RUNNING", operation=self.operation, user=_user(),
+                          progress={"completed": 0, "total": 100}, startTime=utc_now())
+        with uninterrupted():
+            self._records.change_at_last(self.id, edit, _PATIENCE)
+
+    def progress(self, percent):
+        """Tells how far the task is; skipped when it was told just before or the records are busy."""
+        percent = min(int(percent), 99)
+        if percent <= self._told or time.monotonic() < self._told_at + _LEAST_INTERVAL:
+            return
+        with contextlib.suppress(LockTimeout, OSError), uninterrupted():
+            self._records.change(self.id, lambda record: record.update(progress={"completed": percent, "total": 100}),
+                                 _SHORT_PATIENCE)
+        self._told, self._told_at = percent, time.monotonic()
+
+    def commit(self):
+        """From here on the task has done what it was asked for and cannot be ended any more."""
+        signal.pthread_sigmask(signal.SIG_BLOCK, ENDING)
+
+    def succeed(self, result):
+        """To SUCCEEDED with a value in plain JSON."""
+        self._finish(lambda record: record.update(
+            status="SUCCEEDED", progress={"completed": 100, "total": 100}, endTime=utc_now(), result=compact(result)))
+
+    def fail(self, error):
+        """To FAILED with the identifier and arguments of a TaskError."""
+        self._finish(lambda record: self._fail(record, error))
+
+    def fail_unfinished(self, error):
+        """As `fail`, unless the task has ended. Returns whether it had."""
+        finished = []
+
+        def edit(record):
+            finished.append(record.get("status") in _FINISHED)
+            if not finished[-1]:
+                self._fail(record, error)
+        self._finish(edit)
+        return finished[-1]
+
+    def _fail(self, record, error):
+        record.setdefault("operation", self.operation)
+        record.setdefault("progress", {"completed": 0, "total": 100})
+        record.setdefault("startTime", utc_now())  # a record of an end without a start is not readable
+        record.update(status="FAILED", endTime=utc_now(),
+                      error={"message": {"id": error.identifier, "args": error.arguments}})
+
+    def _finish(self, edit):
+        """Frees the host for the next task, then records the end: who sees the end may start the next at once."""
+        with uninterrupted():
+            for document in self._documents:
+                files.remove(document)
+            if self.id in _named_by_sync_file():
+                files.remove(paths.TASK_SYNC)
+            end = time.monotonic() + _LAST_TRIES
+            while True:
+                try:
+                    return self._records.change_at_last(self.id, edit, _PATIENCE)
+                except OSError as error:
+                    syslog.syslog(syslog.LOG_ERR, f"task {self.id}: cannot record its end: {error}")
+                    if time.monotonic() > end:
+                        raise
+                time.sleep(1)
+
+
+def _named_by_sync_file():
+    try:
+        return files.read_bounded(paths.TASK_SYNC, 4096).decode().split()
+    except (OSError, ValueError):
+        return []
+
+
+def task_in_sync_file(candidates):
+    """The one of several identifiers that the sync file names, or the first."""
+    named = _named_by_sync_file()
+    return next((c for c in candidates if c in named), candidates[0])
+
+
+def _user():
+    try:
+        return pwd.getpwuid(os.geteuid()).pw_name
+    except KeyError:
+        return str(os.geteuid())
