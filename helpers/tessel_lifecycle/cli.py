@@ -1,0 +1,150 @@
+"""From a command line to the command.
+
+A line is a noun, a verb written as an option, the verb's values, then options. Commands are named here as text and
+imported when they are run, since the callers of inline commands wait for them.
+"""
+
+import os
+import sys
+
+INLINE_LIMIT = 30  # seconds
+
+_REPEATED = ("--depot", "--component", "--name")
+
+
+class Command:
+    """`function` is MODULE:FUNCTION, `values` the number of values after the verb.
+
+    An inline command ends with `bad_usage` when its line is not understood and with `failed` when something breaks.
+    A task has an `operation`, by which its record names it, and takes `required` options and --task-id.
+    """
+
+    def __init__(self, function, values=0, required=(), operation="", bad_usage=1, failed=1):
+        self.function, self.values, self.operation = function, values, operation
+        self.required = (*required, "--task-id") if operation else required
+        self.bad_usage, self.failed = bad_usage, failed
+
+    def load(self):
+        """The function itself."""
+        from importlib import import_module
+        module, _, name = self.function.partition(":")
+        return getattr(import_module("tessel_lifecycle." + module), name)
+
+
+_WITH_SPEC = ("--depot", "--software-spec")
+_DAEMON = "com.tessel.ryx.kestrel_daemon."
+
+COMMANDS = {
+    ("depots", "--list"): Command("depots:list_depots"),
+    ("depots", "--create"): Command("depots:create", failed=81),
+    ("depots", "--delete"): Command("depots:delete", 1),
+    ("software", "--get"): Command("desired_software:get"),
+    ("software", "--set"): Command("desired_software:set_spec"),
+    ("software_ryx", "--get"): Command("desired_software:get_base_image"),
+    ("software_ryx", "--set"): Command("desired_software:set_base_image", 1, bad_usage=84),
+    ("components", "--get"): Command("desired_software:get_component", 1),
+    ("components", "--set"): Command("desired_software:set_component", 2, bad_usage=81),
+    ("components", "--del"): Command("desired_software:delete_component", 1, failed=80),
+    ("software", "--getsoftwareinfo"): Command("installed_software:software_info"),
+    ("ryx", "--get"): Command("installed_software:base_image"),
+    ("component", "--get"): Command("installed_software:component", 1),
+    ("component", "--list"): Command("installed_software:components"),
+    ("PAX", "--list-all"): Command("installed_software:packages"),
+    ("PAX", "--list-orphan"): Command("installed_software:orphan_packages"),
+    ("software", "--scan"): Command("software_tasks:scan", 0, _WITH_SPEC, _DAEMON + "software.scan$task"),
+    ("software", "--stage"): Command("software_tasks:software_stage", 0, _WITH_SPEC, _DAEMON + "software.stage$task"),
+    ("software", "--apply"): Command("software_tasks:software_apply", 0, _WITH_SPEC, _DAEMON + "software.apply$task"),
+    ("components", "--apply"): Command("software_tasks:components_apply", 0, ("--depot", "--component"),
+                                       _DAEMON + "components.apply$task"),
+    ("solutions", "--apply"): Command("software_tasks:solutions_apply", 0, _WITH_SPEC, _DAEMON + "solutions.apply$task"),
+    ("solutions", "--stage"): Command("software_tasks:solutions_stage", 0, _WITH_SPEC, _DAEMON + "solutions.stage$task"),
+    ("solutions", "--remove"): Command("software_tasks:solutions_remove", 0, ("--name",),
+                                       _DAEMON + "solutions.remove$task"),
+    ("depots", "--extract"): Command("extract:extract_depot", 0, (),
+                                     "com.tessel.ryx.software.installed_image.extract_depot$task"),
+}
+
+
+def main(arguments):
+    """Runs a command line, without the script's name. Returns the exit code."""
+    os.umask(0o022)
+    command = COMMANDS.get(tuple(arguments[:2]))
+    if command is None:
+        print("usage: imagemanagerctl.py COMMAND, one of:", file=sys.stderr)
+        for noun, verb in COMMANDS:
+            print(f"  {noun} {verb}", file=sys.stderr)
+        return 1
+    return _run_task(command, arguments[2:]) if command.operation else _run_inline(command, arguments[2:])
+
+
+def _run_inline(command, words):
+    """Runs a command whose caller waits; it ends itself at INLINE_LIMIT seconds."""
+    import signal
+
+    def too_long(*_):
+        sys.stderr.write(f"given up after {INLINE_LIMIT} seconds\n")
+        sys.stderr.flush()
+        os._exit(command.failed)
+
+    signal.signal(signal.SIGALRM, too_long)
+    signal.alarm(INLINE_LIMIT)
+    if len(words) != command.values:
+        print(f"{command.values} values are taken, not {len(words)}", file=sys.stderr)
+        return command.bad_usage
+    try:
+        sys.stdout.write(command.load()({"values": words}))
+        sys.stdout.flush()
+        return 0
+    except Exception as error:  # whatever it is, the caller is told by an exit code and people by a sentence
+        print(str(error) or repr(error), file=sys.stderr)
+        return getattr(error, "exit_code", command.failed)
+
+
+def _run_task(command, words):
+    """Runs a command that reports through the record of its task; a line that is not understood is reported there."""
+    from tessel_lifecycle.errors import INVALID_INPUT, TaskError, UsageError
+    from tessel_lifecycle.guard import run
+    from tessel_lifecycle.task import Task, task_in_sync_file
+    named = [words[i + 1] for i, word in enumerate(words[:-1]) if word == "--task-id" and _is_task_id(words[i + 1])]
+    if not named:
+        print("--task-id ID is missing", file=sys.stderr)
+        return 1
+    task_id = task_in_sync_file(named)
+    task = Task(task_id, command.operation, _documents(command, task_id))
+    try:
+        options = _options(command, words)
+    except UsageError as error:
+        print(error, file=sys.stderr)
+        task.fail(TaskError(INVALID_INPUT))
+        return 1
+    return run(task, lambda task: command.load()(task, options))
+
+
+def _is_task_id(word):
+    return len(word) == 36 and all(c in "0123456789abcdefABCDEF-" for c in word)
+
+
+def _documents(command, task_id):
+    """The input files that the daemon made for this task, whatever the line says."""
+    from tessel_lifecycle import paths
+    if "--software-spec" not in command.required:
+        return []
+    return [paths.SCAN_DOCUMENT if command.function.endswith(":scan") else paths.TASK_DOCUMENT + task_id]
+
+
+def _options(command, words):
+    """The options of a task's line: name -> value, or name -> values for those that may be repeated."""
+    from tessel_lifecycle.errors import UsageError
+    options, rest = {}, iter(words)
+    for word in rest:
+        value = next(rest, None)
+        if word not in command.required or not value or value.startswith("--"):
+            raise UsageError(f"not understood: {word}")
+        if word in _REPEATED:
+            options.setdefault(word, []).append(value)
+        elif options.setdefault(word, value) is not value:
+            raise UsageError(f"{word} is given twice")
+    missing = [name for name in command.required if name not in options]
+    if missing:
+        raise UsageError(f"{missing[0]} is missing")
+    return options

@@ -1,0 +1,46 @@
+"""Writing a depot."""
+
+import os
+import zipfile
+
+from tessel_lifecycle import files, pax
+from tessel_lifecycle.archive import add_member
+from tessel_lifecycle.document import compact
+from tessel_lifecycle.metadata import Pax
+
+METADATA = "metadata.zip"
+
+
+class DepotWriter:
+    """Fills an empty folder with a depot; the index comes last, so that an unfinished one is none.
+
+    The same content gives the same bytes, whenever and wherever it is written.
+    """
+
+    def __init__(self, folder, vendor):
+        self._folder, self._vendor, self._members = folder, vendor, {}
+        os.makedirs(os.path.join(folder, "paxs"), exist_ok=True)
+
+    def add(self, unit):
+        """Takes a described unit."""
+        name = "-".join(part for part in (getattr(unit, "name", ""), unit.version.text) if part)
+        self._members[f"{unit.folder}/{name}.json"] = unit.document
+
+    def add_pax(self, document, root, listed):
+        """Makes a PAX of the listed files below `root`. @throws pax.ChangedFile, OSError"""
+        name = f"{document['name']}-{document['version']}"
+        path = os.path.join(self._folder, "paxs", name + ".pax")
+        descriptor = pax.create(path, document, root, listed)
+        unit = Pax({"name": document["name"], "version": document["version"], "size": os.path.getsize(path),
+                    "sha256": files.sha256(path), "descriptor": descriptor})
+        self.add(unit)
+
+    def finish(self):
+        """Writes metadata and index."""
+        path = os.path.join(self._folder, METADATA)
+        with zipfile.ZipFile(path, "w") as archive:
+            for name, document in sorted(self._members.items()):
+                add_member(archive, name, content=compact(document).encode())
+        index = {"format": 1, "vendor": self._vendor, "metadata": [
+            {"file": METADATA, "sha256": files.sha256(path), "size": os.path.getsize(path)}]}
+        files.replace(os.path.join(self._folder, "index.json"), compact(index).encode())

@@ -1,0 +1,169 @@
+"""The tasks that compare, stage and change the host's software. Each takes the task and its options, and returns the
+task's result in plain JSON."""
+
+from tessel_lifecycle import compliance, files, install, paths
+from tessel_lifecycle.depot import Depot, merged
+from tessel_lifecycle.errors import INVALID_INPUT, ImageError, TaskError
+from tessel_lifecycle.fetch import TASK
+from tessel_lifecycle.image import Image, InstalledImage
+from tessel_lifecycle.resolve import resolve
+from tessel_lifecycle.spec import MOST_SPEC, SoftwareSpec, parse_spec
+
+
+class _Offer:
+    """What the given depots describe together with the installed image, and the PAXs that the depots have."""
+
+    def __init__(self, task, installed, locations):
+        depots = [Depot(location, TASK) for location in locations]
+        self.catalogue = merged(depots, lambda fraction: task.progress(5 + 35 * fraction))
+        self.paxs = dict(self.catalogue.paxs)
+        known = installed.catalogue()
+        self.catalogue.add_missing(known)
+        self.catalogue.paxs.update(known.paxs)  # what is installed need not be brought again
+
+    def plan(self, spec, installed):
+        return install.Plan(resolve(spec, self.catalogue), installed, self.paxs)
+
+
+def scan(task, options):
+    """Compares the host with a specification."""
+    spec = _spec_document(options)
+    installed, unreadable = _installed_or_error()
+    task.progress(5)
+    offer = _Offer(task, installed, options["--depot"])
+    task.progress(60)
+    try:
+        plan = offer.plan(spec, installed)
+    except ImageError as error:
+        if not compliance.is_incompatibility(error):
+            raise
+        return compliance.scan_result(compliance.of_content(installed.content), compliance.of_spec(spec), errors=[error])
+    task.progress(80)
+    errors = [unreadable] if unreadable else []
+    try:
+        plan.check()
+    except ImageError as error:
+        if not compliance.is_incompatibility(error):
+            raise
+        errors.append(error)
+    present = None if unreadable else compliance.of_content(installed.content)
+    return compliance.scan_result(present, compliance.of_content(plan.content), plan.download_size, errors)
+
+
+def _installed_or_error():
+    image = Image(paths.IMAGE)
+    try:
+        return image.read(), None
+    except ImageError as error:
+        return InstalledImage(), error
+
+
+def software_stage(task, options):
+    """Downloads and verifies what a specification needs."""
+    return _change(task, options, lambda installed: _spec_document(options), _stage)
+
+
+def software_apply(task, options):
+    """Brings the host to a specification."""
+    return _change(task, options, lambda installed: _spec_document(options), _apply)
+
+
+def components_apply(task, options):
+    """Adds or updates single components of the running image."""
+    def spec(installed):
+        document = _spec_of(installed)
+        for entry in options["--component"]:
+            name, colon, version = entry.partition(":")
+            if not colon:
+                raise TaskError(INVALID_INPUT, detail=f"--component {entry}: not NAME:VERSION")
+            document["components"][name] = {"version": version}
+        return _checked(document)
+    return _change(task, options, spec, _apply)
+
+
+def solutions_apply(task, options):
+    """Adds or updates the solutions of a specification, leaving the rest of the running image."""
+    return _change(task, options, _with_solutions(options), _apply)
+
+
+def solutions_stage(task, options):
+    """Downloads and verifies what solutions_apply needs."""
+    return _change(task, options, _with_solutions(options), _stage)
+
+
+def solutions_remove(task, options):
+    """Removes solutions; a component that only they brought goes, one that they raised goes back."""
+    def spec(installed):
+        document = _spec_of(installed)
+        for name in options["--name"]:
+            if document["solutions"].pop(name, None) is None:
+                raise ImageError("SolutionNotFound", name, "*", detail="not installed")
+        return _checked(document)
+    return _change(task, options, spec, _apply, downgrades=True)
+
+
+def _spec_document(options):
+    try:
+        return parse_spec(files.read_bounded(options["--software-spec"], MOST_SPEC))
+    except (OSError, ValueError) as error:
+        raise ImageError("SoftwareSpecFormatError", "", detail=error) from error
+
+
+def _checked(document):
+    try:
+        return SoftwareSpec(document)
+    except ValueError as error:
+        raise TaskError(INVALID_INPUT, detail=error) from error
+
+
+def _with_solutions(options):
+    def spec(installed):
+        document = _spec_of(installed)
+        document["solutions"] |= _spec_document(options).document.get("solutions") or {}
+        return _checked(document)
+    return spec
+
+
+def _spec_of(installed):
+    """The specification, as a document, that leads to the installed image."""
+    content = installed.content
+    if content.base_image is None:
+        raise ImageError("StatelessError", detail="no image is installed")
+    document = {
+        "base_image": {"version": content.base_image.version.text},
+        "components": {name: {"version": choice.version.text} for name, choice in content.components.items()
+                       if choice.source == "COMPONENT"},
+        "solutions": {name: {"version": solution.version.text, "components": parts}
+                      for name, (solution, parts) in content.solutions.items()},
+        "hardware_support": {manifest.manager: {"package": manifest.package, "version": manifest.version.text}
+                             for manifest in content.hardware_support}}
+    if content.add_on:
+        document["add_on"] = {"name": content.add_on.name, "version": content.add_on.version.text}
+    return document
+
+
+def _change(task, options, spec, finish, downgrades=False):
+    """What all changing tasks share: lock the image, find out what is wanted and what it takes, then `finish`."""
+    image = Image(paths.IMAGE)
+    with image.locked():
+        installed = image.read()
+        wanted = spec(installed)
+        task.progress(5)
+        offer = _Offer(task, installed, options.get("--depot", ()))
+        plan = offer.plan(wanted, installed)
+        plan.check(downgrades)
+        task.progress(40)
+        return finish(image, plan, task)
+
+
+def _stage(image, plan, task):
+    brought = install.stage(image, plan.new, task.progress, 40, 95)
+    return compliance.stage_result(len(plan.new), brought)
+
+
+def _apply(image, plan, task):
+    before, brought = plan.installed.content, 0
+    if not plan.is_done:
+        brought = install.stage(image, plan.new, task.progress, 40, 60)
+        install.apply(image, plan, task)
+    return compliance.apply_result(not plan.is_done, before, plan.content, brought)
