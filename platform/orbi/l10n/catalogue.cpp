@@ -20,6 +20,7 @@ constexpr Entry kCatalogue[] = {
     {"orbi.data.structure.field.extra", "Structure '{1}' has no field '{2}'."},
     {"orbi.data.structure.field.missing", "Structure '{1}' lacks the field '{2}' of type {3}."},
     {"orbi.data.validate.mismatch", "Field '{1}' is expected to be {2}, but is {3}."},
+    {"orbi.metadata.file.invalid", "Metadata file {1}: {2}"},
     {"orbi.metadata.identifier.unknown", "There is no metadata of '{1}'."},
     {"orbi.provider.interface.already.registered", "Interface '{1}' is already registered."},
     {"orbi.provider.interface.unknown", "There is no interface '{1}'."},
