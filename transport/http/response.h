@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -7,6 +8,8 @@
 #include <utility>
 #include <variant>
 #include <vector>
+
+#include <boost/system/error_code.hpp>
 
 namespace Orbi::Transport::PicoHttp {
 
@@ -37,6 +40,9 @@ struct Response {
   std::vector<ResponseHeader> headers;
   /// A sized body, or the source of one that is sent in chunks. A source is not null.
   std::variant<std::string, std::unique_ptr<BodySource>> body;
+  /// Told, on the server's thread, when the last byte has been written or writing has failed.
+  /// Destroyed without a call when the connection ends for another reason. May be empty.
+  std::function<void(const boost::system::error_code&)> sent{};
 };
 
 /// Where the answer of one request goes: the connection behind a ResponseSink.

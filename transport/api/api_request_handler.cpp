@@ -1,0 +1,252 @@
+#include "transport/api/api_request_handler.h"
+
+#include <exception>
+#include <ostream>
+#include <string_view>
+#include <utility>
+#include <variant>
+
+#include <boost/asio/post.hpp>
+#include <boost/system/error_code.hpp>
+
+#include "orbi/json_rpc/request.h"
+#include "orbi/json_rpc/response.h"
+#include "orbi/json_rpc/update_execution_ctx.h"
+#include "orbi/std/errors.h"
+#include "transport/api/request_spec.h"
+#include "transport/http/response.h"
+
+namespace Orbi::Transport::PicoHttp {
+namespace {
+
+using Protocol::Json::ApiResponseSerializer;
+using Protocol::Json::ProtocolError;
+using Protocol::Json::ProtocolErrorCode;
+using SpecPtr = std::shared_ptr<const ApiRequestHandlerSpec>;
+
+/// Streamed answers go out in pieces of this size.
+constexpr std::size_t kPieceSize = std::size_t{16} * 1024;
+
+/// One request on its way to its answer. Its address tells its log lines from those of others.
+///
+/// Everything but the arrival of the provider's result happens on the server's thread.
+class ApiExchange : public std::enable_shared_from_this<ApiExchange> {
+ public:
+  ApiExchange(SpecPtr handler, const RequestSpec& spec, ResponseSink sink)
+      : handler_(std::move(handler)), spec_(spec), sink_(std::move(sink)) {}
+
+  void Handle(const RequestHead& head, std::string body);
+
+  void LogLine(int level, std::string_view what, std::string_view reason = {}) const {
+    Log::Write(*handler_->logger, level, what, '[', static_cast<const void*>(this), ']',
+               reason.empty() ? "" : " ", reason);
+  }
+
+ private:
+  /// How an answer's way to the client is logged, once it has been sent and when it could not be.
+  struct LogTexts {
+    int level;
+    std::string_view sent;
+    std::string_view failed;
+  };
+  static constexpr LogTexts kResult{Log::kTrace, "Request handled", "Handle request error: "};
+  static constexpr LogTexts kInvalidRequest{
+      Log::kTrace, "Sent InvalidRequest response:", "Failed to send InvalidRequest response:"};
+  static constexpr LogTexts kNotSerialized{
+      Log::kDebug, "Response head sent (Deserializer error):", "Failed to sent Deserializer error"};
+  using Body = decltype(Response::body);
+
+  void Decode(const RequestHead& head, std::string& body);
+  void Call(Protocol::Json::ApiCall call);
+  void Failed(std::string_view reason);
+  void Complete(Core::MethodResult result) noexcept;
+  void AnswerOrTellWhyNot(Core::MethodResult result);
+  void Answer(Core::MethodResult result, const LogTexts& texts);
+  void AnswerInvalidRequest(const ProtocolError& error);
+  void Localize(Data::ErrorValue& error) const;
+  [[nodiscard]] Body Serialize(Core::MethodResult result);
+  void Send(std::string error_id, Body body, const LogTexts& texts);
+  void Sent(const LogTexts& texts, const boost::system::error_code& ec) const;
+
+  const SpecPtr handler_;
+  const RequestSpec spec_;
+  ResponseSink sink_;
+  Protocol::Json::RequestId id_;
+  std::string language_;
+  bool called_ = false;         ///< the provider owes the result
+  std::string not_serialized_;  ///< why the result could not be
+};
+
+/// An answer that is written while it is sent. What is wrong with it after its beginning can only
+/// end the connection.
+class AnswerStream : public BodySource {
+ public:
+  AnswerStream(std::shared_ptr<const ApiExchange> exchange,
+               std::unique_ptr<Protocol::Json::ResponseText> text)
+      : exchange_(std::move(exchange)), text_(std::move(text)) {
+    Fill(first_);
+  }
+
+  void Next(std::string& piece) override {
+    if (!first_.empty()) {
+      piece = std::exchange(first_, {});
+      return;
+    }
+    piece.clear();
+    try {
+      Fill(piece);
+    } catch (const Protocol::Json::JsonSerializationError& error) {
+      exchange_->LogLine(Log::kDebug, "Response head sent (Deserializer error):", error.what());
+      throw;
+    }
+  }
+
+ private:
+  void Fill(std::string& piece) {
+    if (more_) more_ = text_->Write(piece, kPieceSize);
+  }
+
+  const std::shared_ptr<const ApiExchange> exchange_;
+  const std::unique_ptr<Protocol::Json::ResponseText> text_;
+  bool more_ = true;
+  std::string first_;
+};
+
+void ApiExchange::Handle(const RequestHead& head, std::string body) {
+  LogLine(Log::kTrace, "Request received");
+  try {
+    Decode(head, body);
+  } catch (const std::exception& error) {
+    Failed(error.what());
+  } catch (...) {
+    Failed("unknown exception");
+  }
+}
+
+void ApiExchange::Decode(const RequestHead& head, std::string& body) {
+  if (body.size() > handler_->requestSizeLimitInBytes) {
+    return AnswerInvalidRequest(
+        {ProtocolErrorCode::kInvalidRequest, "protocol error: message too long"});
+  }
+  Protocol::Json::ApiRequest request = spec_.deserializer->Deserialize(body);
+  id_ = std::move(request.id);
+  if (const auto* error = std::get_if<ProtocolError>(&request.content)) {
+    return AnswerInvalidRequest(*error);
+  }
+
+  auto& call = std::get<Protocol::Json::ApiCall>(request.content);
+  boost::system::error_code localization;
+  const auto mismatch = Provider::JsonRpc1_1::UpdateExecutionCtxHelper::Update(
+      head.headers, call.method, *call.context, localization);
+  if (mismatch) return AnswerInvalidRequest(*mismatch);
+  if (localization) LogLine(Log::kTrace, "Localization error: ", localization.message());
+  Call(std::move(call));
+}
+
+void ApiExchange::Call(Protocol::Json::ApiCall call) {
+  // Kept for the answer: authentication gives the call a localisation of its own.
+  language_ = call.context->localization.language;
+  Core::MethodCompletion completion([self = shared_from_this()](Core::MethodResult result) {
+    boost::asio::post(self->handler_->ioContext, [self, result = std::move(result)]() mutable {
+      self->Complete(std::move(result));
+    });
+  });
+  called_ = true;
+  handler_->provider->Invoke(call.method, std::move(call.input), std::move(call.context),
+                             std::move(completion));
+}
+
+void ApiExchange::Failed(std::string_view reason) {
+  LogLine(Log::kDebug, "Handle request error: ", reason);
+  // A provider that throws has dropped its completion, which brings an empty result.
+  if (!called_) Complete({});
+}
+
+void ApiExchange::Complete(Core::MethodResult result) noexcept {
+  // Called from the I/O context, out of which an exception would end the server. Whoever gets no
+  // answer here loses the connection with this exchange.
+  try {
+    AnswerOrTellWhyNot(std::move(result));
+  } catch (const std::exception& error) {
+    LogLine(Log::kDebug, "Handle request error: ", error.what());
+  } catch (...) {
+    LogLine(Log::kDebug, "Handle request error: ", "unknown exception");
+  }
+}
+
+void ApiExchange::AnswerOrTellWhyNot(Core::MethodResult result) {
+  try {
+    Answer(std::move(result), kResult);
+  } catch (const Protocol::Json::JsonSerializationError& error) {
+    not_serialized_ = error.what();
+    Answer({}, kNotSerialized);
+  }
+}
+
+void ApiExchange::Answer(Core::MethodResult result, const LogTexts& texts) {
+  if (!result.output && !result.error) {
+    constexpr auto kInternal = Com::Tessel::Orbi::Std::Errors::InternalServerError;
+    result.error = *Data::ErrorValue::Create(std::string(kInternal.id()));
+  }
+  std::string error_id;
+  if (result.error) {
+    Localize(*result.error);
+    error_id = result.error->id;
+  }
+  Send(std::move(error_id), Serialize(std::move(result)), texts);
+}
+
+void ApiExchange::AnswerInvalidRequest(const ProtocolError& error) {
+  LogLine(Log::kDebug, "Handle request error: ", error.message);
+  Send("InvalidRequest", ApiResponseSerializer::Serialize(id_, error), kInvalidRequest);
+}
+
+void ApiExchange::Localize(Data::ErrorValue& error) const {
+  boost::system::error_code ec;
+  handler_->localizer->Localize(error, language_.empty() ? L10n::kDefaultLocale : language_, ec);
+  if (ec) LogLine(Log::kTrace, "Localization error: ", ec.message());
+}
+
+ApiExchange::Body ApiExchange::Serialize(Core::MethodResult result) {
+  if (!spec_.streamResponse) return spec_.serializer->Serialize(id_, std::move(result));
+  return std::make_unique<AnswerStream>(shared_from_this(),
+                                        spec_.serializer->Start(id_, std::move(result)));
+}
+
+void ApiExchange::Send(std::string error_id, Body body, const LogTexts& texts) {
+  Response response{.headers = {{":status", "200"},
+                                {":reason", "OK"},
+                                {"Content-Type", std::string(NameOf(spec_.responseFormat))},
+                                {"Connection", spec_.keepAlive ? "Keep-Alive" : "close"}},
+                    .body = std::move(body),
+                    .sent = [self = shared_from_this(), &texts](
+                                const boost::system::error_code& ec) { self->Sent(texts, ec); }};
+  if (!error_id.empty()) response.headers.push_back({"orbi-error", std::move(error_id)});
+  sink_(std::move(response));
+}
+
+void ApiExchange::Sent(const LogTexts& texts, const boost::system::error_code& ec) const {
+  if (ec) {
+    LogLine(Log::kDebug, texts.failed, ec.message());
+  } else {
+    LogLine(texts.level, texts.sent, not_serialized_);
+  }
+}
+
+}  // namespace
+
+PicoHttpApiRequestHandler::PicoHttpApiRequestHandler(ApiRequestHandlerSpec spec)
+    : spec_(std::make_shared<const ApiRequestHandlerSpec>(std::move(spec))) {}
+
+bool PicoHttpApiRequestHandler::Accepts(const RequestHead& head) {
+  const RequestSpec spec = ExtractRequestSpec(head);
+  return spec.deserializer && spec.serializer;
+}
+
+void PicoHttpApiRequestHandler::Handle(const RequestHead& head, std::string body,
+                                       ResponseSink sink) {
+  std::make_shared<ApiExchange>(spec_, ExtractRequestSpec(head), std::move(sink))
+      ->Handle(head, std::move(body));
+}
+
+}  // namespace Orbi::Transport::PicoHttp
