@@ -3,6 +3,8 @@
 #include <utility>
 
 #include "configuration/messages/message_table.h"
+#include "configuration/messages/translator.h"
+#include "orbi/l10n/localizer.h"
 
 namespace LifeCycle {
 namespace {
@@ -203,7 +205,11 @@ Orbi::Data::LocalizableMessage ApiMessage(std::string id, std::vector<std::strin
 
 Orbi::Data::ErrorValue ApiError(const Com::Tessel::Orbi::Std::Errors::StandardError& type,
                                 std::string id, std::vector<std::string> args) {
-  return type({ApiMessage(std::move(id), std::move(args))});
+  auto error = type({ApiMessage(std::move(id), std::move(args))});
+  boost::system::error_code ignored;  // a message that no catalogue knows has its default text
+  Orbi::L10n::Localizer(std::string(Orbi::L10n::kDefaultLocale), GetTranslator())
+      .Localize(error, Orbi::L10n::kDefaultLocale, ignored);
+  return error;
 }
 
 }  // namespace LifeCycle
