@@ -9,22 +9,20 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
-#include <atomic>
-#include <condition_variable>
 #include <filesystem>
 #include <fstream>
-#include <mutex>
 #include <thread>
 
 #include "pcore/pcore_ctl.h"
 #include "pcore/pcoreuser_compat.h"
-#include "tesselibs/log.h"
+#include "tesselibs/testing/captured_log.h"
 
 namespace {
 
 using HostCtl::Lib::HostCtlException;
 using PcoreCtl::Util::PcoreCtl_Daemon;
 using PcoreCtl::Util::PcoreCtl_Exec;
+using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::MatchesRegex;
 
@@ -227,43 +225,25 @@ TEST_F(PcoreTest, MemoryOfAGroupIsLimited) {
   EXPECT_EQ(PcoreCtl_Exec(command + "100", true, false, true), 0);
 }
 
-class CapturedLog : public LogOutput {
- public:
-  Result Write(const LogLine& line) override {
-    const std::lock_guard lock(mutex_);
-    text_.append(line.text).append("\n");
-    return Result::kWritten;
-  }
-  [[nodiscard]] std::string Text() {
-    const std::lock_guard lock(mutex_);
-    return text_;
-  }
-
- private:
-  std::mutex mutex_;
-  std::string text_;
-};
-
 TEST_F(PcoreTest, StatsLogsWhatACommandUsed) {
-  auto capture = std::make_unique<CapturedLog>();
-  CapturedLog& log = *capture;
-  std::unique_ptr<LogOutput> output = std::move(capture);
-  ASSERT_TRUE(Log_AddOutput(output));
-  const std::string command = "/bin/sh -c 'while test ! -e " + directory_ + "/end; do :; done' ";
-  const std::string line =
-      "process [0-9]+ ended after [0-9.]+ s, CPU time [0-9.]+ s, peak memory [1-9][0-9]* KiB\n";
-
+  CapturedLog log;
+  const auto usageOf = [](const std::string& group) {
+    return MatchesRegex("6 \\[" + group +
+                        "\\]: process [0-9]+ ended after [0-9.]+ s, CPU time [0-9.]+ s, "
+                        "peak memory [1-9][0-9]* KiB");
+  };
   PcoreCtl_Exec("/bin/true ++group=quiet", false, true, true);
   PcoreCtl_Exec("/bin/true ++group=told-not-to,stats", false, true, false);
   PcoreCtl_Exec("/bin/true ++group=waited-for,stats", false, true, true);
-  ASSERT_TRUE(Log_Flush());
-  EXPECT_THAT(log.Text(), MatchesRegex("\\[waited-for\\]: " + line));
+  EXPECT_THAT(log.TakeLines(), ElementsAre(usageOf("waited-for")));
 
-  PcoreCtl_Daemon(command + "++group=detached,stats", false, false, true, true);
-  std::ofstream(directory_ + "/end") << "";
-  EXPECT_TRUE(Eventually([&] { return log.Text().find("[detached]") != std::string::npos; }));
-  EXPECT_THAT(log.Text(), MatchesRegex("\\[waited-for\\]: " + line + "\\[detached\\]: " + line));
-  Log_RemoveOutput();
+  const std::string end = directory_ + "/end";
+  PcoreCtl_Daemon("/bin/sh -c 'while test ! -e " + end + "; do :; done' ++group=detached,stats",
+                  false, false, true, true);
+  std::ofstream(end) << "";
+  std::vector<std::string> lines;
+  ASSERT_TRUE(Eventually([&] { return !(lines = log.TakeLines()).empty(); }));
+  EXPECT_THAT(lines, ElementsAre(usageOf("detached")));
 }
 
 }  // namespace
