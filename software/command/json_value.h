@@ -1,0 +1,23 @@
+#pragma once
+
+#include <exception>
+#include <memory>
+#include <string>
+
+#include "orbi/data/value.h"
+
+namespace LifeCycle {
+
+/// A text could not be read into a value, or a value not be written as text; the log tells why.
+class OrbiJsonSerializationError : public std::exception {};
+
+/// Reads a command's JSON output (clean JSON) into a value. Callable from any thread.
+/// @throws OrbiJsonSerializationError
+std::shared_ptr<const Orbi::Data::Value> JsonToValue(const std::string& json);
+
+/// Reads JSON that names its types (plain JSON), as a task's stored result, into a value. Callable
+/// from any thread.
+/// @throws OrbiJsonSerializationError
+std::shared_ptr<const Orbi::Data::Value> TypedJsonToValue(const std::string& json);
+
+}  // namespace LifeCycle

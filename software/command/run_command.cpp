@@ -1,0 +1,116 @@
+#include "software/command/run_command.h"
+
+#include <errno.h>
+#include <string.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <vector>
+
+#include "pcore/pcore_ctl.h"
+#include "pcore/pcoreuser_compat.h"
+#include "tesselibs/log.h"
+
+namespace LifeCycle {
+
+namespace {
+
+constexpr const char* kFunction = "RunCommand";
+constexpr std::size_t kMostOutput = 64U << 20;
+const auto kPageSize = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+
+CommandResult NotStarted(const std::string& command, int status) {
+  char text[256];
+  PcoreuserStatus_CodeToString(status, text, sizeof text);
+  Log_Level(2, "[%s] Could not start command: %s, error: %s\n", kFunction, command.c_str(), text);
+  return {CommandResult::kNotStarted, status};
+}
+
+/// @return 0 or the system's error number
+int WriteInput(const PcoreuserCompat_Handle& pipe, const std::string& input) {
+  Log_Level(6, "[%s]: Writing to command: %s.\n", kFunction, input.c_str());
+  if (write(pipe.Descriptor(), input.data(), input.size()) >= 0) return 0;
+  const int error = errno;
+  Log_Level(2, "[%s]: Failed to write %lu bytes to pipe.\n", kFunction, input.size());
+  return error;
+}
+
+/// @return 0 or the system's error number
+int CollectOutput(const PcoreuserCompat_Handle& pipe, std::string& output) {
+  std::vector<char> page(kPageSize + 1);
+  std::size_t total = 0;
+  ssize_t length = 0;
+  errno = 0;
+  while ((length = read(pipe.Descriptor(), page.data(), kPageSize)) > 0) {
+    total += static_cast<std::size_t>(length);
+    if (total > kMostOutput) {
+      errno = EMSGSIZE;
+      length = -1;
+      break;
+    }
+    page[static_cast<std::size_t>(length)] = '\0';
+    output.append(page.data());
+  }
+  return length < 0 ? errno : 0;
+}
+
+int ReadOutput(const PcoreuserCompat_Handle& pipe, std::string& output) {
+  const int error = CollectOutput(pipe, output);
+  if (error == 0) {
+    Log_Level(6, "[%s] Got result : %s\n", kFunction, output.c_str());
+  } else {
+    Log_Level(6, "[%s] Error reading from pipe: %s\n", kFunction, strerror(error));
+  }
+  return error;
+}
+
+CommandResult Close(PcoreuserCompat_Handle& pipe) {
+  int waitStatus = 0;
+  const int status = PcoreuserCompat_PClose(pipe, waitStatus);
+  Log_Level(6, "[%s] Status from pclose %d\n", kFunction, status);
+  const int code = status == 0 && WIFEXITED(waitStatus) ? WEXITSTATUS(waitStatus) : waitStatus;
+  Log_Level(6, "[%s] Command return code %d\n", kFunction, code);
+  return {code == 0 ? CommandResult::kSuccess : CommandResult::kFailed, code};
+}
+
+CommandResult NotExecuted(int error) {
+  Log_Level(2, "[%s] Got exception from exec\n", kFunction);
+  return {CommandResult::kNotStarted, error};
+}
+
+}  // namespace
+
+CommandResult RunCommand(const std::string& command, const std::string* input,
+                         std::string* output) {
+  Log_Level(6, "[%s] About to run command %s\n", kFunction, command.c_str());
+  if (input != nullptr && output != nullptr) return NotStarted(command, EINVAL);
+
+  errno = 0;
+  // Leaving with the pipe open closes it; the command is then not waited for.
+  PcoreuserCompat_Handle pipe;
+  const int status = PcoreuserCompat_POpen(command, input != nullptr ? "w" : "r", pipe);
+  if (status != 0) return NotStarted(command, status);
+  if (input != nullptr) {
+    if (const int error = WriteInput(pipe, *input)) return {CommandResult::kInputNotWritten, error};
+  }
+  if (output != nullptr) {
+    if (const int error = ReadOutput(pipe, *output)) return {CommandResult::kOutputNotRead, error};
+  }
+  return Close(pipe);
+}
+
+CommandResult RunCommand(const std::string& command) {
+  errno = 0;
+  try {
+    const int code = PcoreCtl::Util::PcoreCtl_Exec(command, false, true, true);
+    Log_Level(6, "[%s] Got returnCode from exec: %d\n", kFunction, code);
+    return {code == 0 ? CommandResult::kSuccess : CommandResult::kFailed, code};
+  } catch (const HostCtl::Lib::HostCtlException& failure) {
+    // What unwound the stack may have changed errno.
+    return NotExecuted(failure.code().value());
+  } catch (...) {
+    return NotExecuted(errno);
+  }
+}
+
+}  // namespace LifeCycle

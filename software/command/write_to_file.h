@@ -1,0 +1,17 @@
+#pragma once
+
+#include <exception>
+#include <string>
+
+namespace LifeCycle {
+
+/// A document could not be written; the log tells why.
+class FileIOError : public std::exception {};
+
+/// Writes a document to a path as its whole content, making missing parent directories. On failure
+/// nothing is left at the path, not even what was there before: who cannot do without the old
+/// content writes to a neighbouring name and renames. Callable from any thread.
+/// @throws FileIOError
+void WriteToFile(const std::string& path, const std::string& content);
+
+}  // namespace LifeCycle
