@@ -3,6 +3,7 @@
 import http.client
 import itertools
 import json
+import socket
 import time
 
 USER_PASS = "com.tessel.orbi.std.security.user_pass"
@@ -46,7 +47,8 @@ def envelope(service, operation, fields=None, user=None, password=None):
 class Client:
     """One keep-alive connection. Answers are read in clean JSON. Not for use from several threads."""
 
-    def __init__(self, host="127.0.0.1", port=9085, user=None, password=None, timeout=60):
+    def __init__(self, host="127.0.0.1", port=None, user=None, password=None, timeout=60):
+        port = port or socket.getservbyname("kestreld", "tcp")
         self._connection = http.client.HTTPConnection(host, port, timeout=timeout)
         self._user = user
         self._password = password
