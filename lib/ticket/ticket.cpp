@@ -10,6 +10,7 @@
 #include <array>
 #include <string_view>
 
+#include "pcore/unique_fd.h"
 #include "tesselibs/log.h"
 
 namespace Ticket {
@@ -21,22 +22,6 @@ constexpr int kInformation = 6;
 constexpr std::size_t kShortestText = 16;
 constexpr std::size_t kLongestText = 255;
 constexpr std::size_t kNameBufferSize = 128;
-
-/// Closes its descriptor.
-class OpenFile {
- public:
-  explicit OpenFile(int fd) : fd_(fd) {}
-  OpenFile(const OpenFile&) = delete;
-  OpenFile& operator=(const OpenFile&) = delete;
-  ~OpenFile() {
-    if (fd_ >= 0) close(fd_);
-  }
-
-  [[nodiscard]] int fd() const { return fd_; }
-
- private:
-  const int fd_;
-};
 
 std::string PathOf(const std::string& text) { return std::string(kDirectory) + kFilePrefix + text; }
 
@@ -138,12 +123,12 @@ std::optional<Content> Find(const std::string& text) {
   }
   const std::string path = PathOf(text);
   // Without O_NONBLOCK a FIFO in place of a ticket would hold up every other caller.
-  const OpenFile file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-  if (file.fd() < 0 || !IsTicketFile(file.fd(), path)) {
+  const PcoreCtl::UniqueFd file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  if (!file || !IsTicketFile(file.Get(), path)) {
     Log_Level(kRefusal, "[Ticket] Ticket not found: %s\n", text.c_str());
     return std::nullopt;
   }
-  return ReadContent(file.fd(), text);
+  return ReadContent(file.Get(), text);
 }
 
 bool Consume(const std::string& text) {
