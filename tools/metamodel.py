@@ -178,7 +178,7 @@ class _Reader:
     def read(self, document):
         known = ("format", "component", "documentation", "services", "structures", "enumerations", "errors",
                  "error_fields")
-        _only(document, "document", known[:4], known[4:])
+        _only(document, "document", known[:3], known[3:])
         if document["format"] != 1:
             raise ValueError(f"format {document['format']} is not known")
         self.component = document["component"]

@@ -1,0 +1,152 @@
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "orbi/metadata/authentication_container.h"
+#include "orbi/metadata/cli_container.h"
+#include "orbi/metadata/document.h"
+#include "orbi/metadata/metamodel_container.h"
+#include "orbi/metadata/provider_helper.h"
+
+namespace Orbi::Provider::Metadata {
+namespace {
+
+/// A folder for the files of one test.
+class ContainersTest : public testing::Test {
+ protected:
+  void SetUp() override { std::filesystem::create_directories(folder_); }
+  void TearDown() override { std::filesystem::remove_all(folder_); }
+
+  Data::Value Read(const std::string& text) {
+    std::ofstream(path_, std::ios::trunc) << text;
+    return ReadDocument("test", path_);
+  }
+  /// A document with these members beside format and component.
+  Data::Value Document(const std::string& members) {
+    return Read(R"({"format": 1, "component": "test", )" + members + "}");
+  }
+
+  const std::string folder_ = testing::TempDir() + "metadata." + std::to_string(::getpid());
+  const std::string path_ = folder_ + "/file.json";
+};
+
+template <typename Function>
+std::string Failure(const Function& function) {
+  try {
+    function();
+  } catch (const MetadataError& e) {
+    return e.what();
+  }
+  return "none";
+}
+
+TEST_F(ContainersTest, FileThatIsNoDocumentOfTheComponentIsRefused) {
+  EXPECT_EQ(Failure([&] { (void)ReadDocument("test", folder_ + "/none.json"); }),
+            "No such file or directory");
+  EXPECT_NE(Failure([&] { (void)ReadDocument("test", folder_); }), "none");
+  const std::pair<std::string, const char*> cases[] = {
+      {"", "Invalid JSON"},
+      {R"({"format": 1} x)", "Invalid JSON"},
+      {R"({"format": 1, "format": 1})", "Invalid JSON"},
+      {std::string(200, '['), "Invalid JSON"},
+      {"[1]", "document is no object"},
+      {"{}", "document lacks 'format'"},
+      {R"({"format": "1", "component": "test"})", "document/format is no integer"},
+      {R"({"format": 2, "component": "test"})", "document/format is not 1"},
+      {R"({"format": 1, "component": "other"})", "document/component is not 'test'"},
+      {R"({"format": 1, "component": ")" + std::string(kMaxFileBytes, 'x') + "\"}", "16 MiB"},
+  };
+  for (const auto& [text, reason] : cases) {
+    EXPECT_NE(Failure([&] { (void)Read(text); }).find(reason), std::string::npos) << reason;
+  }
+}
+
+TEST_F(ContainersTest, LoaderNamesTheFileAndWhatIsWrong) {
+  std::ofstream(path_) << R"({"format": 1, "component": "test", "commands": []})";
+  const auto error = ProviderHelper::LoadCliMetadataFile("test", path_);
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->ToText(), "com.tessel.orbi.std.errors.error: Metadata file " + path_ +
+                                 ": document/commands is no object");
+}
+
+TEST_F(ContainersTest, MalformedDescriptionIsRefusedWithItsPlace) {
+  const std::string service = R"("services": {"s": {"documentation": "", "operations": )";
+  const std::pair<std::string, const char*> metamodels[] = {
+      {R"("service": {})", "document has an unknown member 'service'"},
+      {service + "[]}}", "document/services/s/operations is no object"},
+      {service + R"({"get": {"documentation": "", "input": "all",
+                             "output": {"type": "void", "documentation": ""}}}}})",
+       "document/services/s/operations/get/input is no object"},
+      {service + R"({"get": {"documentation": "", "input": {}}}}})",
+       "document/services/s/operations/get lacks 'output'"},
+      {R"("structures": {"x": {"documentation": "", "fields": {"f": {"type": 1,
+          "documentation": ""}}}})",
+       "document/structures/x/fields/f/type is no string"},
+      {R"("enumerations": {"e": {"documentation": "", "values": {"A": null}}})",
+       "document/enumerations/e/values/A is no string"},
+      {R"("structures": {"x": {"documentation": "", "fields": {}}},
+          "errors": {"x": {"documentation": ""}}, "error_fields": {})",
+       "document/errors/x is described twice"},
+  };
+  for (const auto& [members, reason] : metamodels) {
+    Metamodel::MetadataContainer container;
+    EXPECT_EQ(Failure([&] { container.Add("test", Document(members)); }), reason);
+  }
+  const std::pair<std::string, const char*> commands[] = {
+      {R"({"c": {"documentation": "", "service": "s"}})", "document/commands/c lacks 'operation'"},
+      {R"({"c": {"documentation": "", "service": "s", "operation": "o", "columns": [1]}})",
+       "document/commands/c/columns[0] is no string"},
+      {R"({"c": {"documentation": "", "service": "s", "operation": "o",
+                 "options": {"o": {"field": "f", "form": "PIPE", "documentation": ""}}}})",
+       "document/commands/c/options/o/form is no form of an option"},
+  };
+  for (const auto& [text, reason] : commands) {
+    Cli::MetadataContainer container;
+    EXPECT_EQ(Failure([&] { container.Add("test", Document("\"commands\": " + text)); }), reason);
+  }
+}
+
+TEST_F(ContainersTest, SecondDescriptionIsRefusedAndNothingOfItKept) {
+  const std::string x = R"("x": {"documentation": "", "fields": {}})";
+  const std::string y = R"("y": {"documentation": "", "fields": {}})";
+  Metamodel::MetadataContainer container;
+  container.Add("test", Document("\"structures\": {" + x + "}"));
+  EXPECT_EQ(
+      Failure([&] { container.Add("test", Document("\"structures\": {" + y + ", " + x + "}")); }),
+      "'x' is described twice");
+  EXPECT_EQ(container.structures().size(), 1U);
+}
+
+TEST_F(ContainersTest, NarrowestAuthenticationRuleHolds) {
+  const std::string none(Authentication::kNoAuthentication);
+  const std::string schemes = R"("schemes": {"password": "", ")" + none + R"(": ""}, )";
+  Authentication::MetadataContainer container;
+  EXPECT_TRUE(container.RequiredSchemes({"any", "get"}).empty());
+  EXPECT_FALSE(container.IsPublic({"any", "get"}));
+  container.Add("test", Document(schemes + R"("default": ["password"],
+      "services": {"open": [")" + none +
+                                 R"("], "closed": ["password"]},
+      "operations": {"open.set": ["password"], "closed.list": ["password", ")" +
+                                 none + R"("]})"));
+
+  EXPECT_TRUE(container.IsPublic({"open", "get"}));
+  EXPECT_FALSE(container.IsPublic({"open", "set"}));
+  EXPECT_FALSE(container.IsPublic({"closed", "get"}));
+  EXPECT_TRUE(container.IsPublic({"closed", "list"}));
+  EXPECT_FALSE(container.IsPublic({"any", "get"}));
+
+  Authentication::MetadataContainer refusing;
+  for (const auto& [members, reason] : {
+           std::pair{R"("services": {"s": ["pasword"]})",
+                     "document/services/s names the unknown scheme 'pasword'"},
+           std::pair{R"("operations": {"s.get": []})", "document/operations/s.get is empty"},
+       }) {
+    EXPECT_EQ(Failure([&] { refusing.Add("test", Document(schemes + members)); }), reason);
+  }
+}
+
+}  // namespace
+}  // namespace Orbi::Provider::Metadata
