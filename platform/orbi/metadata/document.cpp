@@ -3,6 +3,7 @@
 #include <string.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <fstream>
 
@@ -14,12 +15,13 @@ namespace {
 std::string ReadFile(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   if (!file) throw MetadataError(strerror(errno));
-  std::string text(kMaxFileBytes + 1, '\0');
-  file.read(text.data(), static_cast<std::streamsize>(text.size()));
+  std::string text;
+  std::array<char, 16384> part;
+  while (file.read(part.data(), part.size()) || file.gcount() > 0) {
+    text.append(part.data(), static_cast<std::size_t>(file.gcount()));
+    if (text.size() > kMaxFileBytes) throw MetadataError("it is larger than 16 MiB");
+  }
   if (file.bad()) throw MetadataError("it cannot be read");
-  if (file.gcount() > static_cast<std::streamsize>(kMaxFileBytes))
-    throw MetadataError("it is larger than 16 MiB");
-  text.resize(static_cast<std::size_t>(file.gcount()));
   return text;
 }
 
