@@ -1,0 +1,51 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <iosfwd>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <boost/asio/ip/tcp.hpp>
+
+#include "transport/http/request_head.h"
+
+namespace Orbi::L10n {
+class Localizer;
+}
+
+namespace Orbi::Transport::PicoHttp {
+
+/// Whether a request with this head is acceptable.
+using RequestSpecExtractor = std::function<bool(const RequestHead&)>;
+
+/// How connections are served.
+struct ProtocolHandlerSpec {
+  std::chrono::nanoseconds readTimeout = std::chrono::minutes(20);   ///< of each single read
+  std::chrono::nanoseconds writeTimeout = std::chrono::minutes(30);  ///< of each single write
+  std::uint64_t httpBodySizeLimitInBytes = 2'500'000;
+  /// When set, all of them must accept a request's head before the request handler is asked.
+  std::optional<std::vector<RequestSpecExtractor>> extractors;
+};
+
+/// Where the server listens and how it serves.
+struct ServerConfig {
+  std::int32_t port =
+      0;  ///< when not zero, listening puts the wildcard addresses and this port into the endpoints
+  boost::asio::ip::tcp::endpoint endpoint4{boost::asio::ip::tcp::v4(), 0};
+  boost::asio::ip::tcp::endpoint endpoint6{boost::asio::ip::tcp::v6(), 0};
+  std::shared_ptr<const L10n::Localizer> localizer;
+  ProtocolHandlerSpec serverSpec;
+};
+
+/// Text forms for diagnostics.
+std::ostream& operator<<(std::ostream& out, const ProtocolHandlerSpec& spec);
+std::ostream& operator<<(std::ostream& out, const ServerConfig& config);
+
+/// "999 nanoseconds", "20 minutes", "1 minutes and 30 seconds": whole units, rounded down.
+std::string DurationText(std::chrono::nanoseconds duration);
+
+}  // namespace Orbi::Transport::PicoHttp
