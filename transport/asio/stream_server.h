@@ -1,0 +1,179 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include <boost/asio/basic_socket_acceptor.hpp>
+#include <boost/asio/basic_stream_socket.hpp>
+#include <boost/asio/basic_waitable_timer.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/ip/v6_only.hpp>
+
+#include "orbi/log/logger.h"
+#include "transport/asio/deadline.h"
+
+namespace Orbi::Asio {
+
+using TcpSocket =
+    boost::asio::basic_stream_socket<boost::asio::ip::tcp, boost::asio::io_context::executor_type>;
+
+/// The condition of a server that turns nobody away by address.
+struct AcceptAllCond {
+  bool operator()(const boost::asio::ip::tcp::endpoint&) const { return true; }
+};
+
+struct StreamServerSpec {
+  int backlog = 128;
+  /// How long a listener waits for descriptors to become free when the process has run out of them.
+  std::chrono::nanoseconds acceptDelay = std::chrono::milliseconds(500);
+};
+
+/// One listening socket: accepts one connection at a time and hands it on, until Close() or an
+/// error that more waiting does not mend. Works on the thread that runs the I/O context.
+template <class AcceptCond = AcceptAllCond>
+class Acceptor : public std::enable_shared_from_this<Acceptor<AcceptCond>> {
+ public:
+  using Endpoint = boost::asio::ip::tcp::endpoint;
+  using NewConnection = std::function<void(TcpSocket)>;
+
+  Acceptor(boost::asio::io_context& context, const StreamServerSpec& spec,
+           std::shared_ptr<Log::Logger> logger, NewConnection newConnection, AcceptCond cond = {})
+      : acceptor_(context.get_executor()),
+        timer_(context.get_executor()),
+        spec_(spec),
+        logger_(std::move(logger)),
+        newConnection_(std::move(newConnection)),
+        cond_(std::move(cond)) {}
+
+  /// Opens the socket on `endpoint` and starts to accept. An IPv6 socket takes no IPv4 connections,
+  /// so that each family can have its own.
+  /// @throws boost::system::system_error
+  void Listen(const Endpoint& endpoint) {
+    acceptor_.open(endpoint.protocol());
+    acceptor_.set_option(boost::asio::socket_base::reuse_address(true));
+    if (endpoint.address().is_v6()) acceptor_.set_option(boost::asio::ip::v6_only(true));
+    acceptor_.bind(endpoint);
+    acceptor_.listen(spec_.backlog);
+    endpoint_ = acceptor_.local_endpoint();
+    AcceptNext();
+  }
+
+  /// Where it really listens: the endpoint given, with the port that the system chose if that was
+  /// 0.
+  [[nodiscard]] const Endpoint& LocalEndpoint() const { return endpoint_; }
+
+  void Close() {
+    boost::system::error_code ignored;  // closed is closed
+    acceptor_.close(ignored);
+    timer_.cancel();
+  }
+
+ private:
+  using Timer =
+      boost::asio::basic_waitable_timer<SteadyClock, boost::asio::wait_traits<SteadyClock>,
+                                        boost::asio::io_context::executor_type>;
+
+  void AcceptNext() {
+    acceptor_.async_accept(peer_, [self = this->shared_from_this()](
+                                      const boost::system::error_code& ec, TcpSocket socket) {
+      self->Accepted(ec, std::move(socket));
+    });
+  }
+
+  void Accepted(const boost::system::error_code& ec, TcpSocket socket) {
+    if (!acceptor_.is_open()) return;
+    if (!ec) {
+      LogAccept(Log::kTrace, "NoError", "");
+      if (cond_(peer_)) newConnection_(std::move(socket));
+      AcceptNext();
+    } else if (ec == boost::system::error_code(EMFILE, boost::system::system_category())) {
+      LogAccept(Log::kDebug, ec, ";DelayAcceptError");
+      AcceptLater();
+    } else {
+      LogAccept(Log::kDebug, ec, ";TerminalAcceptError");
+      Close();
+    }
+  }
+
+  void AcceptLater() {
+    timer_.expires_at(DeadlineIn(spec_.acceptDelay));
+    timer_.async_wait([self = this->shared_from_this()](const boost::system::error_code& ec) {
+      if (!self->acceptor_.is_open()) return;
+      if (ec) Log::Write(*self->logger_, Log::kDebug, "Delay timer Accept Error: ", ec);
+      self->AcceptNext();
+    });
+  }
+
+  template <class Result>
+  void LogAccept(int level, const Result& result, std::string_view classification) {
+    Log::Write(*logger_, level, "Accept: ", result, ".Acceptor info:", endpoint_, classification);
+  }
+
+  boost::asio::basic_socket_acceptor<boost::asio::ip::tcp, boost::asio::io_context::executor_type>
+      acceptor_;
+  Timer timer_;
+  const StreamServerSpec spec_;
+  const std::shared_ptr<Log::Logger> logger_;
+  const NewConnection newConnection_;
+  const AcceptCond cond_;
+  Endpoint endpoint_;
+  Endpoint peer_;  ///< of the connection being accepted
+};
+
+/// A server of one protocol on any number of endpoints. Each accepted connection becomes a
+/// StreamHandler, which owns itself from then on. Connections outlive the server; they end with the
+/// I/O context.
+///
+/// Not thread-safe: used before the I/O context runs, on its thread, or after it was stopped.
+template <class StreamHandler, class AcceptCond = AcceptAllCond>
+class StreamServer {
+ public:
+  using Endpoint = boost::asio::ip::tcp::endpoint;
+
+  StreamServer(boost::asio::io_context& ioContext, StreamServerSpec spec,
+               std::shared_ptr<Log::Logger> logger,
+               std::shared_ptr<const typename StreamHandler::Context> handlerContext)
+      : ioContext_(ioContext),
+        spec_(spec),
+        logger_(std::move(logger)),
+        handlerContext_(std::move(handlerContext)) {}
+
+  StreamServer(const StreamServer&) = delete;
+  StreamServer& operator=(const StreamServer&) = delete;
+
+  ~StreamServer() {
+    for (const auto& acceptor : acceptors_) acceptor->Close();
+  }
+
+  /// Accepts connections on one more endpoint.
+  /// @throws boost::system::system_error when the socket cannot be opened, bound or listened on
+  void Listen(const Endpoint& endpoint) {
+    auto acceptor = std::make_shared<Acceptor<AcceptCond>>(
+        ioContext_, spec_, logger_, [context = handlerContext_](TcpSocket socket) {
+          std::make_shared<StreamHandler>(std::move(socket), context)->Start();
+        });
+    acceptor->Listen(endpoint);
+    Log::Write(*logger_, Log::kDebug, "Listening on: ", acceptor->LocalEndpoint());
+    acceptors_.push_back(std::move(acceptor));
+  }
+
+  [[nodiscard]] std::vector<Endpoint> LocalEndpoints() const {
+    std::vector<Endpoint> endpoints;
+    for (const auto& acceptor : acceptors_) endpoints.push_back(acceptor->LocalEndpoint());
+    return endpoints;
+  }
+
+ private:
+  boost::asio::io_context& ioContext_;
+  const StreamServerSpec spec_;
+  const std::shared_ptr<Log::Logger> logger_;
+  const std::shared_ptr<const typename StreamHandler::Context> handlerContext_;
+  std::vector<std::shared_ptr<Acceptor<AcceptCond>>> acceptors_;
+};
+
+}  // namespace Orbi::Asio

@@ -1,0 +1,113 @@
+#include "transport/asio/timeout_base_stream.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <optional>
+#include <thread>
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/local/connect_pair.hpp>
+#include <boost/asio/local/stream_protocol.hpp>
+#include <boost/asio/write.hpp>
+
+namespace Orbi::Asio {
+namespace {
+
+using namespace std::chrono_literals;
+using Socket = boost::asio::local::stream_protocol::socket;
+using Stream = TimeoutBaseStream<Socket>;
+
+class TimeoutBaseStreamTest : public testing::Test {
+ protected:
+  std::shared_ptr<Stream> Connect(std::chrono::nanoseconds readTimeout) {
+    Socket socket(context_);
+    boost::asio::local::connect_pair(socket, peer_);
+    return std::make_shared<Stream>(std::move(socket), IOTimeouts{readTimeout, 1h});
+  }
+
+  void PeerSends() { boost::asio::write(peer_, boost::asio::buffer("x", 1)); }
+
+  /// Starts a read whose result goes to `result`, and `next` after it.
+  template <class Next>
+  void Read(Stream& stream, std::optional<boost::system::error_code>& result, Next next) {
+    stream.async_read_some(boost::asio::buffer(buffer_), [&result, next](auto ec, std::size_t) {
+      result = ec;
+      next();
+    });
+  }
+
+  boost::asio::io_context context_;
+  Socket peer_{context_};
+  std::array<char, 16> buffer_;
+};
+
+constexpr auto kNothing = [] {};
+
+TEST_F(TimeoutBaseStreamTest, DeadlineOfACompletedReadSparesTheNextOne) {
+  const auto stream = Connect(1h);
+  std::optional<boost::system::error_code> first;
+  std::optional<boost::system::error_code> second;
+  stream->FinishBy(DeadlineIn(20ms));
+  Read(*stream, first, [&] {
+    // The second read has all the time it wants, but the handler of the first one's deadline is
+    // queued already.
+    stream->FinishBy(SteadyClock::time_point::max());
+    Read(*stream, second, kNothing);
+  });
+  PeerSends();
+  std::this_thread::sleep_for(
+      25ms);  // nothing runs meanwhile, so that data and deadline are both there at once
+  context_.poll();
+  ASSERT_TRUE(first);
+  EXPECT_EQ(*first, boost::system::error_code());
+  EXPECT_FALSE(second) << second->message();
+  PeerSends();
+  while (!second) context_.run_one();
+  EXPECT_EQ(second, boost::system::error_code());
+}
+
+TEST_F(TimeoutBaseStreamTest, EveryReadOfAConnectionHasItsDeadline) {
+  const auto stream = Connect(20ms);
+  std::optional<boost::system::error_code> first;
+  std::optional<boost::system::error_code> second;
+  Read(*stream, first, [&] { Read(*stream, second, kNothing); });
+  PeerSends();
+  context_.run();
+  EXPECT_EQ(first, boost::system::error_code());
+  EXPECT_EQ(second, boost::asio::error::timed_out);
+}
+
+TEST_F(TimeoutBaseStreamTest, ALimitEndsReadsThatWouldWaitLonger) {
+  for (const std::chrono::nanoseconds timeout :
+       {std::chrono::nanoseconds(1h), std::chrono::nanoseconds::max()}) {
+    const auto stream = Connect(timeout);
+    std::optional<boost::system::error_code> first;
+    std::optional<boost::system::error_code> second;
+    Read(*stream, first, [&] {
+      stream->FinishBy(DeadlineIn(20ms));
+      Read(*stream, second, kNothing);
+    });
+    context_.restart();
+    context_.poll();
+    EXPECT_FALSE(first);
+    PeerSends();
+    context_.run();
+    EXPECT_EQ(second, boost::asio::error::timed_out);
+    peer_.close();
+  }
+}
+
+TEST_F(TimeoutBaseStreamTest, AWaitOutlivesItsStream) {
+  auto stream = Connect(1h);
+  std::optional<boost::system::error_code> result;
+  Read(*stream, result, kNothing);
+  stream->Close();
+  context_.poll();
+  EXPECT_EQ(result, boost::asio::error::operation_aborted);
+  stream.reset();
+  context_.run();  // ends, because the timer's wait ends with the stream
+}
+
+}  // namespace
+}  // namespace Orbi::Asio
