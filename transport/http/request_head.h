@@ -1,6 +1,7 @@
 #pragma once
 
 #include <algorithm>
+#include <iosfwd>
 #include <optional>
 #include <span>
 #include <string_view>
@@ -34,5 +35,9 @@ struct RequestHead {
     return found->value;
   }
 };
+
+/// One line for the log: the request line and the header fields, without the values of those that
+/// carry credentials.
+std::ostream& operator<<(std::ostream& out, const RequestHead& head);
 
 }  // namespace Orbi::Transport::PicoHttp

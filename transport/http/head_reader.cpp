@@ -1,0 +1,131 @@
+#include "transport/http/head_reader.h"
+
+#include <charconv>
+
+#include "transport/errors.h"
+#include "transport/http/ascii.h"
+
+namespace Orbi::Transport::PicoHttp {
+
+/// The headers that the transport itself acts on. A header that comes more than once is visited
+/// each time.
+struct HeadReader::Visitor {
+  std::string_view name;
+  boost::system::error_code (*visit)(HeadReader&, std::string_view value);
+
+  static const Visitor kAll[];
+};
+
+const HeadReader::Visitor HeadReader::Visitor::kAll[] = {
+    {"accept",
+     [](HeadReader& reader, std::string_view value) {
+       reader.head_.accept = value;
+       if (value.find(".stream.json") != value.npos) reader.head_.acceptStream = true;
+       return boost::system::error_code();
+     }},
+    {"connection",
+     [](HeadReader& reader, std::string_view value) {
+       if (ContainsIgnoringCase(value, "keep-alive")) reader.asksToKeep_ = true;
+       if (ContainsIgnoringCase(value, "close")) reader.asksToClose_ = true;
+       return boost::system::error_code();
+     }},
+    {"content-length",
+     [](HeadReader& reader, std::string_view value) { return reader.VisitContentLength(value); }},
+    {"content-type",
+     [](HeadReader& reader, std::string_view value) {
+       reader.head_.contentType = value;
+       if (value.find(".stream.json") != value.npos || value.find(".framed") != value.npos)
+         reader.head_.framed = true;
+       return boost::system::error_code();
+     }},
+    {"expect",
+     [](HeadReader& reader, std::string_view value) {
+       if (EqualsIgnoringCase(value, "100-continue"))
+         reader.expectation_ = Expectation::kContinue;
+       else if (reader.expectation_ == Expectation::kNone)
+         reader.expectation_ = Expectation::kUnknown;
+       return boost::system::error_code();
+     }},
+    {"transfer-encoding",
+     [](HeadReader& reader, std::string_view value) {
+       // Names of codings ignore case (RFC 9112, section 7): a body missed here would be read as
+       // the next request.
+       if (ContainsIgnoringCase(value, "chunked")) reader.framing_.chunked = true;
+       return boost::system::error_code();
+     }},
+};
+
+bool HeadReader::Take(std::size_t count, boost::system::error_code& ec) {
+  const auto parsedBefore = filled_;
+  filled_ += count;
+  const int length = PhrParse({buffer_.data(), filled_}, request_, parsedBefore);
+  if (length == kPhrMalformed) {
+    ec = PicoHttpError::kHeadersParse;
+  } else if (length == kPhrIncomplete) {
+    if (filled_ == kBufferSize) ec = PicoHttpError::kHeadersTooLong;
+  } else {
+    headLength_ = static_cast<std::size_t>(length);
+    ec = VisitHeaders();
+    return !ec;
+  }
+  return false;
+}
+
+boost::system::error_code HeadReader::VisitHeaders() {
+  TolowerAndSortHeaders(buffer_, request_);
+  head_.method = request_.method;
+  head_.path = request_.path;
+  head_.minorVersion = request_.minorVersion;
+  for (const auto& field : request_.Headers()) {
+    for (const auto& visitor : Visitor::kAll) {
+      if (field.name != visitor.name) continue;
+      if (const auto ec = visitor.visit(*this, field.value)) return ec;
+    }
+  }
+  InsertHeader(request_, {":method", request_.method});
+  head_.headers = request_.Headers();
+  // Clients older than HTTP/1.1 keep a connection only when they say so (RFC 9112, section 9.3).
+  head_.keepAlive = !asksToClose_ && (head_.minorVersion >= 1 || asksToKeep_);
+
+  if (framing_.chunked) framing_ = {.chunked = true};
+  ForceEmptyBody();
+  return {};
+}
+
+boost::system::error_code HeadReader::VisitContentLength(std::string_view value) {
+  std::uint64_t length = 0;
+  const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), length);
+  if (error == std::errc::result_out_of_range) return Http::HttpError::kMessageTooLong;
+  if (error != std::errc() || end != value.data() + value.size())
+    return PicoHttpError::kInvalidRequest;
+  // Two readers of one connection that disagree on where a request ends: a way to smuggle requests.
+  if (framing_.hasContentLength && framing_.contentLength != length)
+    return PicoHttpError::kInvalidRequest;
+  framing_.hasContentLength = true;
+  framing_.contentLength = length;
+  return {};
+}
+
+void HeadReader::ForceEmptyBody() {
+  constexpr std::string_view kBodyless[] = {"get", "head", "connect", "options", "trace"};
+  const bool bodyless = std::ranges::any_of(kBodyless, [this](std::string_view method) {
+    return EqualsIgnoringCase(head_.method, method);
+  });
+  // A DELETE keeps the body that it announces, the other methods do not: intended.
+  const bool emptyDelete = EqualsIgnoringCase(head_.method, "delete") && !framing_.hasContentLength;
+  if (!bodyless && !emptyDelete) return;
+  framing_.hasContentLength = true;
+  framing_.contentLength = 0;
+}
+
+void HeadReader::Reset() {
+  filled_ = 0;
+  headLength_ = 0;
+  request_.headerCount = 0;
+  head_ = {};
+  framing_ = {};
+  expectation_ = Expectation::kNone;
+  asksToKeep_ = asksToClose_ = false;
+}
+
+}  // namespace Orbi::Transport::PicoHttp

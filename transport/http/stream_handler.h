@@ -1,0 +1,250 @@
+#pragma once
+
+#include <cstddef>
+#include <exception>
+#include <functional>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include <boost/asio/buffer.hpp>
+#include <boost/asio/error.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/write.hpp>
+
+#include "orbi/log/logger.h"
+#include "transport/asio/putback_stream.h"
+#include "transport/asio/timeout_base_stream.h"
+#include "transport/errors.h"
+#include "transport/http/head_reader.h"
+#include "transport/http/request_handler.h"
+#include "transport/http/transaction.h"
+#include "transport/server_config.h"
+
+namespace Orbi::Transport::PicoHttp {
+
+/// What the connections of a server have in common.
+struct ConnectionContext {
+  ProtocolHandlerSpec spec;
+  RequestHandler& handler;
+  std::shared_ptr<Log::Logger> logger;
+};
+
+/// One connection: reads a head, collects the body, has the request handled, sends the answer, and
+/// starts again while both sides want to keep the connection. Owned by its pending operation, or by
+/// whoever owes it an answer; it is gone when neither is left. Works on the thread that runs the
+/// I/O context.
+///
+/// Every step ends by starting exactly one operation that leads to the next step, or by closing.
+template <class Socket>
+class PicoHttpStreamHandler final
+    : public ResponseReceiver,
+      public std::enable_shared_from_this<PicoHttpStreamHandler<Socket>> {
+ public:
+  using Context = ConnectionContext;
+
+  PicoHttpStreamHandler(Socket socket, std::shared_ptr<const Context> context)
+      : context_(std::move(context)),
+        base_(std::make_shared<BaseStream>(
+            WithoutDelay(std::move(socket)),
+            Orbi::Asio::IOTimeouts{context_->spec.readTimeout, context_->spec.writeTimeout})),
+        stream_(*base_),
+        transaction_(stream_) {}
+
+  void Start() {
+    Guarded([this] { ReadHead(); });
+  }
+
+ private:
+  using Self = PicoHttpStreamHandler;
+  using BaseStream = Orbi::Asio::TimeoutBaseStream<Socket>;
+  using Stream = Orbi::Asio::AsyncPutbackStream<BaseStream&>;
+  using ErrorCode = boost::system::error_code;
+
+  /// How much, and for how long, is still read from a client that has its last answer. Closing a
+  /// socket with unread bytes makes the kernel send a reset, which can overtake the answer on its
+  /// way.
+  static constexpr std::size_t kDrainLimit = 64 * 1024;
+  static constexpr std::chrono::seconds kDrainTime{1};
+
+  /// An answer leaves in one write, so there is nothing to be gained by holding back its last
+  /// segment.
+  static Socket WithoutDelay(Socket socket) {
+    ErrorCode ignored;  // a socket that has gone already says so at the first read
+    socket.set_option(boost::asio::ip::tcp::no_delay(true), ignored);
+    return socket;
+  }
+
+  // Reading a request.
+
+  void ReadHead() {
+    const auto free = head_.Free();
+    stream_.async_read_some(boost::asio::buffer(free.data(), free.size()), Then(&Self::HeadReadCb));
+  }
+
+  void HeadReadCb(ErrorCode ec, std::size_t count) {
+    if (ec == boost::asio::error::eof && head_.Empty()) return base_->Close();
+    if (ec) return ReadFailed(ec);
+    if (head_.Take(count, ec)) return HeadComplete();
+    if (ec) return ReadFailed(ec);
+    ReadHead();
+  }
+
+  void HeadComplete() {
+    stream_.PutBack(head_.Rest());
+    if (head_.Expects() == Expectation::kUnknown) return RefuseExpectation();
+    if (head_.Framing().contentLength > context_->spec.httpBodySizeLimitInBytes)
+      return ReadFailed(Http::HttpError::kMessageTooLong);
+    if (head_.Head().framed) {
+      Log("Request is framed. Not supported");
+      return AnswerBadRequest(
+          "invalid request: framed and streamed content types are not supported");
+    }
+    if (!IsAcceptable()) {
+      Log("Request is considered as bad");
+      return AnswerBadRequest("invalid request: no Content-Type or method that is supported here");
+    }
+    LogRequest("Request head: ", head_.Head());
+    transaction_.Begin(head_.Framing(), head_.Expects() == Expectation::kContinue);
+    transaction_.AsyncReadBody(context_->spec.httpBodySizeLimitInBytes, Then(&Self::RequestReadCb));
+  }
+
+  bool IsAcceptable() {
+    const auto& head = head_.Head();
+    const auto& extractors = context_->spec.extractors;
+    const auto accepts = [&head](const auto& extractor) { return extractor(head); };
+    return (!extractors || std::ranges::all_of(*extractors, accepts)) &&
+           context_->handler.Accepts(head);
+  }
+
+  void RequestReadCb(ErrorCode ec, std::string body) {
+    if (ec) return ReadFailed(ec);
+    context_->handler.Handle(head_.Head(), std::move(body), ResponseSink(this->shared_from_this()));
+  }
+
+  /// A client that speaks wrongly is told so; to one that is gone or silent there is nothing to
+  /// say.
+  void ReadFailed(const ErrorCode& ec) {
+    Log("RequestReadCb: orbi.recv.failed: ", ec, " ", ec.message());
+    const bool clientsFault =
+        ec == Http::HttpError::kMessageTooLong ||
+        (ec.category() == PicoHttpCategory() && ec != PicoHttpError::kIncompleteBody);
+    if (!clientsFault) return base_->Close();
+    AnswerBadRequest(ec.message());
+  }
+
+  // Answering it.
+
+  void Respond(Response response) override {
+    sent_ = std::exchange(response.sent, nullptr);
+    transaction_.AsyncWriteResponse(std::move(response), head_.Head(), Then(&Self::ResponseSentCb));
+  }
+
+  void Abandon() noexcept override { base_->Close(); }
+
+  void ResponseSentCb(ErrorCode ec, std::size_t sent) {
+    const auto& writer = transaction_.Writer();
+    const bool headSent = sent >= writer.HeadLength();
+    if (headSent) LogRequest("Response head sent: ", writer.Status());
+    if (ec) {
+      Log("ResponseSentCb: orbi.send.failed: ",
+          headSent ? "Failed to sent response body" : "Failed to sent response head", ": ", ec, " ",
+          ec.message(), " ", writer.Failure());
+    }
+    if (const auto told = std::exchange(sent_, nullptr)) told(ec);
+    const bool brokenOff = ec == PicoHttpError::kIncompleteBody;
+    if (ec && !brokenOff) return base_->Close();
+    const bool keep = !brokenOff && head_.Head().keepAlive && writer.KeepsConnection();
+    transaction_.End();
+    head_.Reset();
+    if (!keep) return Drain();
+    ReadHead();
+  }
+
+  void AnswerBadRequest(std::string text) {
+    Respond({.headers = {{":status", "400"},
+                         {":reason", "Bad Request"},
+                         {"Content-Type", "text/plain"},
+                         {"Connection", "close"}},
+             .body = std::move(text)});
+  }
+
+  /// The answer is a fixed text that clients of this service know: it ends in a zero byte, and no
+  /// empty line follows.
+  void RefuseExpectation() {
+    Log("Invalid Http request: Expect header value is not 100-continue");
+    static constexpr char kAnswer[] =
+        "HTTP/1.1 417 Expectation Failed\r\nConnection: close\r\nContent-Length: 0\r\n";
+    boost::asio::async_write(stream_, boost::asio::buffer(kAnswer, sizeof kAnswer),
+                             Then(&Self::RefusalSentCb));
+  }
+
+  void RefusalSentCb(ErrorCode ec, std::size_t) {
+    if (ec) return base_->Close();
+    head_.Reset();
+    Drain();
+  }
+
+  // Closing.
+
+  void Drain() {
+    base_->ShutdownSend();
+    base_->FinishBy(Orbi::Asio::DeadlineIn(kDrainTime));
+    DrainNext();
+  }
+
+  void DrainNext() {
+    const auto scratch = head_.Free();
+    base_->async_read_some(boost::asio::buffer(scratch.data(), scratch.size()),
+                           Then(&Self::DrainedCb));
+  }
+
+  void DrainedCb(ErrorCode ec, std::size_t count) {
+    drained_ += count;
+    if (ec || drained_ >= kDrainLimit) return base_->Close();
+    DrainNext();
+  }
+
+  // Common to all steps.
+
+  /// A completion handler that keeps the connection alive up to its next step.
+  template <class... Args>
+  auto Then(void (Self::*step)(Args...)) {
+    return [self = this->shared_from_this(), step](auto&&... args) {
+      self->Guarded([&] { ((*self).*step)(std::forward<decltype(args)>(args)...); });
+    };
+  }
+
+  /// Whatever goes wrong with one request, the server and its other connections go on.
+  template <class Step>
+  void Guarded(Step&& step) {
+    try {
+      step();
+    } catch (const std::exception& error) {
+      Log("Connection closed: ", error.what());
+      base_->Close();
+    }
+  }
+
+  template <class... Args>
+  void Log(const Args&... args) {
+    Log::Write(*context_->logger, Log::kDebug, args...);
+  }
+
+  template <class... Args>
+  void LogRequest(const Args&... args) {
+    Log::Write(*context_->logger, Log::kTrace, args...);
+  }
+
+  const std::shared_ptr<const Context> context_;
+  const std::shared_ptr<BaseStream> base_;
+  Stream stream_;
+  HeadReader head_;
+  HttpServerTransaction<Stream> transaction_;
+  std::function<void(const ErrorCode&)> sent_;  ///< whom to tell how the answer's sending ends
+  std::size_t drained_ = 0;
+};
+
+}  // namespace Orbi::Transport::PicoHttp
