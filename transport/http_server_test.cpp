@@ -1,0 +1,388 @@
+#include "transport/http_server.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/resource.h>
+
+#include <list>
+
+#include "transport/errors.h"
+#include "transport/testing/loopback.h"
+
+namespace Orbi::Transport::PicoHttp {
+namespace {
+
+using namespace std::literals;
+using testing::AnyOf;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+class PieceSource : public BodySource {
+ public:
+  explicit PieceSource(std::list<std::string> pieces) : pieces_(std::move(pieces)) {}
+  void Next(std::string& piece) override {
+    if (pieces_.empty()) return;
+    if (pieces_.front() == "throw") throw std::runtime_error("cannot be serialized");
+    piece = std::move(pieces_.front());
+    pieces_.pop_front();
+  }
+
+ private:
+  std::list<std::string> pieces_;
+};
+
+/// Answers with what it understood: "METHOD PATH BODY". Some paths ask for other things.
+class EchoHandler : public RequestHandler {
+ public:
+  bool Accepts(const RequestHead& head) override { return !head.Find("x-refuse"); }
+
+  void Handle(const RequestHead& head, std::string body, ResponseSink sink) override {
+    const auto& path = head.path;
+    if (path == "/drop") return;
+    if (path == "/keep") return kept.push_back(std::move(sink));
+    if (path == "/throw") throw std::runtime_error("handler failed");
+    Response response{.headers = {{":status", "200"},
+                                  {":reason", "OK"},
+                                  {"Connection", path == "/close" ? "close" : "Keep-Alive"}},
+                      .body = std::string(head.method) + ' ' + std::string(path) + ' ' + body};
+    if (path == "/big") response.body = std::string(32 << 20, 'x');
+    if (path == "/stream")
+      response.body =
+          std::make_unique<PieceSource>(std::list{"first"s, std::string(16384 + 171, 'p')});
+    if (path == "/broken") response.body = std::make_unique<PieceSource>(std::list{"a"s, "throw"s});
+    response.sent = [this](const auto& ec) { sent.push_back(ec.message()); };
+    sink(std::move(response));
+  }
+
+  std::list<ResponseSink> kept;
+  std::vector<std::string> sent;  ///< how the sending of each answer ended
+};
+
+std::string Answer(std::string_view head, std::string_view body) {
+  return "HTTP/1.1 " + std::string(head) + "Server: Orbi-PicoHttp\r\n\r\n" + std::string(body);
+}
+
+std::string Ok(std::string_view body, std::string_view connection = "Keep-Alive") {
+  return Answer("200 OK\r\nContent-Length: " + std::to_string(body.size()) +
+                    "\r\nConnection: " + std::string(connection) + "\r\n",
+                body);
+}
+
+std::string Bad(std::string_view text) {
+  return Answer("400 Bad Request\r\nContent-Length: " + std::to_string(text.size()) +
+                    "\r\nContent-Type: text/plain\r\nConnection: close\r\n",
+                text);
+}
+
+/// A head of exactly `length` bytes.
+std::string HeadOf(std::size_t length) {
+  const std::string start = "GET /long HTTP/1.1\r\nfiller: ";
+  return start + std::string(length - start.size() - 4, 'f') + "\r\n\r\n";
+}
+
+std::string HeadWith(int headers) {
+  std::string head = "GET /many HTTP/1.1\r\n";
+  for (int i = 0; i < headers; ++i) head += "n" + std::to_string(i) + ": v\r\n";
+  return head + "\r\n";
+}
+
+std::string Post(std::string_view headers, std::string_view body) {
+  return "POST /p HTTP/1.1\r\n" + std::string(headers) + "\r\n" + std::string(body);
+}
+
+constexpr auto kChunked = "Transfer-Encoding: chunked\r\n"sv;
+const std::string kNext = "GET /next HTTP/1.1\r\n\r\n";
+const std::string kNextOk = Ok("GET /next ");
+constexpr std::size_t kBodyLimit = 20000;
+
+struct Conversation {
+  const char* name;
+  std::string sent;      ///< followed by kNext and the end of the stream
+  std::string received;  ///< up to the end of the stream
+};
+
+void PrintTo(const Conversation& conversation, std::ostream* out) { *out << conversation.name; }
+
+class HttpConversation : public testing::TestWithParam<Conversation> {};
+
+TEST_P(HttpConversation, IsTheSameWhateverThePacketBoundaries) {
+  EchoHandler handler;
+  const LoopbackServer server(handler, {.httpBodySizeLimitInBytes = kBodyLimit, .extractors = {}});
+  for (const std::size_t step : {std::string::npos, std::size_t{1}, std::size_t{7}}) {
+    Client client(server);
+    client.Send(GetParam().sent + kNext, step).FinishSending();
+    EXPECT_EQ(client.ReadToEnd(), GetParam().received) << "in steps of " << step;
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Framing, HttpConversation,
+    testing::Values(
+        Conversation{"body by length", Post("Content-Length: 5\r\n", "hello"),
+                     Ok("POST /p hello") + kNextOk},
+        Conversation{"no length, no body", Post("", ""), Ok("POST /p ") + kNextOk},
+        Conversation{"bytes announced by a GET are the next request",
+                     "GET /a HTTP/1.1\r\nContent-Length: 10\r\n\r\n", Ok("GET /a ") + kNextOk},
+        Conversation{"DELETE keeps the body it announces",
+                     "DELETE /d HTTP/1.1\r\nContent-Length: 10\r\n\r\n0123456789",
+                     Ok("DELETE /d 0123456789") + kNextOk},
+        Conversation{"DELETE without a length", "delete /d HTTP/1.1\r\n\r\n",
+                     Ok("delete /d ") + kNextOk},
+        Conversation{
+            "HEAD is answered by a head", "HEAD /h HTTP/1.1\r\n\r\n",
+            Answer("200 OK\r\nContent-Length: 8\r\nConnection: Keep-Alive\r\n", "") + kNextOk},
+        Conversation{"one empty line before a request", "\r\n" + Post("", ""),
+                     Ok("POST /p ") + kNextOk},
+        Conversation{"chunked wins over a length; extensions, trailers, upper-case sizes",
+                     Post("Content-Length: 3\r\nTransfer-Encoding: gzip, Chunked\r\n",
+                          "A;name=\"value\"\r\n0123456789\r\n005 \r\nabcde\r\n0;x\r\nt: 1\r\n\r\n"),
+                     Ok("POST /p 0123456789abcde") + kNextOk},
+        Conversation{"empty chunked body", Post(kChunked, "0\r\n\r\n"), Ok("POST /p ") + kNextOk},
+        Conversation{"body of the limit",
+                     Post("Content-Length: 20000\r\n", std::string(kBodyLimit, 'b')),
+                     Ok("POST /p " + std::string(kBodyLimit, 'b')) + kNextOk},
+        Conversation{"same length twice", Post("Content-Length: 1\r\nContent-Length: 1\r\n", "x"),
+                     Ok("POST /p x") + kNextOk},
+        Conversation{"head of 4096 bytes", HeadOf(4096), Ok("GET /long ") + kNextOk},
+        Conversation{"64 headers", HeadWith(64), Ok("GET /many ") + kNextOk},
+        Conversation{"streamed answer in chunks", "GET /stream HTTP/1.1\r\n\r\n",
+                     Answer("200 OK\r\nTransfer-Encoding: chunked\r\nConnection: Keep-Alive\r\n",
+                            "5\r\nfirst\r\n4000\r\n" + std::string(16384, 'p') + "\r\nab\r\n" +
+                                std::string(171, 'p') + "\r\n0\r\n\r\n") +
+                         kNextOk}));
+
+INSTANTIATE_TEST_SUITE_P(
+    Refusal, HttpConversation,
+    testing::Values(
+        Conversation{"head of 4097 bytes", HeadOf(4097), Bad("http headers too long")},
+        Conversation{"65 headers", HeadWith(65), Bad("headers parse error")},
+        Conversation{"no version", "GET /\r\n\r\n", Bad("headers parse error")},
+        Conversation{"folded header", Post("a: b\r\n c\r\n", ""), Bad("headers parse error")},
+        Conversation{"blank before the colon", Post("a : b\r\n", ""), Bad("headers parse error")},
+        Conversation{"zero byte in a value", Post("a: b\0c\r\n"s, ""), Bad("headers parse error")},
+        Conversation{"two lengths", Post("Content-Length: 1\r\nContent-Length: 2\r\n", "xx"),
+                     Bad("invalid request")},
+        Conversation{"length with a rest", Post("Content-Length: 1x\r\n", "x"),
+                     Bad("invalid request")},
+        Conversation{"signed length", Post("Content-Length: -1\r\n", "x"), Bad("invalid request")},
+        Conversation{"plus sign", Post("Content-Length: +1\r\n", "x"), Bad("invalid request")},
+        Conversation{"empty length", Post("Content-Length:\r\n", "x"), Bad("invalid request")},
+        Conversation{"length out of range", Post("Content-Length: 18446744073709551616\r\n", ""),
+                     Bad("message too long")},
+        Conversation{"announced body over the limit is not asked for",
+                     Post("Content-Length: 20001\r\nExpect: 100-continue\r\n", ""),
+                     Bad("message too long")},
+        Conversation{
+            "chunked body over the limit",
+            Post(kChunked, "4e20\r\n" + std::string(kBodyLimit, 'b') + "\r\n1\r\nb\r\n0\r\n\r\n"),
+            Bad("message too long")},
+        Conversation{"chunk size overflows", Post(kChunked, "10000000000000001\r\nx\r\n0\r\n\r\n"),
+                     Bad("chunk parse error")},
+        Conversation{"chunk size missing", Post(kChunked, "\r\nx"), Bad("chunk parse error")},
+        Conversation{"chunk longer than its size", Post(kChunked, "1\r\nxy\r\n0\r\n\r\n"),
+                     Bad("chunk parse error")},
+        Conversation{"endless trailers", Post(kChunked, "0\r\n" + std::string(5000, 't')),
+                     Bad("chunk parse error")},
+        Conversation{"unacceptable to the handler",
+                     Post("x-refuse: 1\r\nContent-Length: 3\r\n", "abc"),
+                     Bad("invalid request: no Content-Type or method that is supported here")},
+        Conversation{"framed content",
+                     Post("Content-Type: application/vnd.tessel.orbi.framed\r\n", ""),
+                     Bad("invalid request: framed and streamed content types are not supported")},
+        Conversation{"body breaks off", Post("Content-Length: 500\r\n", "abc"), ""}));
+
+INSTANTIATE_TEST_SUITE_P(
+    ConnectionAndExpect, HttpConversation,
+    testing::Values(
+        Conversation{"client asks to close",
+                     "GET /a HTTP/1.1\r\nConnection: Close\r\nConnection: Keep-Alive\r\n\r\n",
+                     Ok("GET /a ")},
+        Conversation{"server closes", "GET /close HTTP/1.1\r\n\r\n", Ok("GET /close ", "close")},
+        Conversation{"old client", "GET /a HTTP/1.0\r\n\r\n", Ok("GET /a ")},
+        Conversation{"old client that keeps", "GET /a HTTP/1.0\r\nConnection: keep-alive\r\n\r\n",
+                     Ok("GET /a ") + kNextOk},
+        Conversation{
+            "old client gets no chunks", "GET /stream HTTP/1.0\r\nConnection: keep-alive\r\n\r\n",
+            Answer("200 OK\r\nConnection: Keep-Alive\r\n", "first" + std::string(16555, 'p'))},
+        Conversation{"100-continue of any case",
+                     Post("Expect: 100-Continue\r\nContent-Length: 2\r\n", "ab"),
+                     "HTTP/1.1 100 Continue\r\n\r\n" + Ok("POST /p ab") + kNextOk},
+        Conversation{
+            "100-continue, chunked",
+            Post("Expect: 100-continue\r\n" + std::string(kChunked), "2\r\nab\r\n0\r\n\r\n"),
+            "HTTP/1.1 100 Continue\r\n\r\n" + Ok("POST /p ab") + kNextOk},
+        Conversation{"nothing to continue", Post("Expect: 100-continue\r\n", ""),
+                     Ok("POST /p ") + kNextOk},
+        Conversation{
+            "other expectations", Post("Expect: foo\r\nContent-Length: 2\r\n", "ab"),
+            "HTTP/1.1 417 Expectation Failed\r\nConnection: close\r\nContent-Length: 0\r\n\0"s}));
+
+TEST(HttpServer, ThousandsOfRequestsInOneWriteDoNotUseUpTheStack) {
+  constexpr int kCount = 20000;
+  EchoHandler handler;
+  const LoopbackServer server(handler);
+  Client client(server);
+  std::thread sender([&client] {
+    std::string all;
+    for (int i = 0; i < kCount; ++i) all += kNext;
+    client.Send(all).FinishSending();
+  });
+  EXPECT_EQ(client.ReadToEnd().size(), kCount * kNextOk.size());
+  sender.join();
+}
+
+TEST(HttpServer, AnswersAreNotLostToAResetWhileTheClientStillSends) {
+  EchoHandler handler;
+  const LoopbackServer server(handler);
+  Client client(server);
+  client.Send(Post("Content-Length: 2500001\r\n", std::string(50000, 'b')));
+  EXPECT_EQ(client.ReadToEnd(), Bad("message too long"));
+  // But a client that goes on sending does not hold the connection.
+  const std::string endless(64 << 20, 'b');
+  EXPECT_LT(client.TrySend(endless), endless.size());
+}
+
+TEST(HttpServer, BrokenRequestsCostOnlyTheirOwnConnection) {
+  EchoHandler handler;
+  LoopbackServer server(handler);
+  Client bystander(server);
+  for (const auto* path : {"/drop", "/throw"})
+    EXPECT_EQ(Client(server).Send("GET "s + path + " HTTP/1.1\r\n\r\n").ReadToEnd(), "") << path;
+
+  Client leaver(server);
+  leaver.Send("GET /big HTTP/1.1\r\n\r\n");
+  EXPECT_EQ(leaver.Read(8), "HTTP/1.1");
+  leaver.Reset();
+  EXPECT_TRUE(server.Logger().WaitFor("orbi.send.failed: Failed to sent response body"));
+
+  EXPECT_THAT(Client(server).Send("GET /broken HTTP/1.1\r\n\r\n").ReadToEnd(),
+              EndsWith("\r\n1\r\na\r\n"));
+
+  bystander.Send(kNext).FinishSending();
+  EXPECT_EQ(bystander.ReadToEnd(), kNextOk);
+  server.Do([&] {
+    ASSERT_EQ(handler.sent.size(), 3);
+    EXPECT_THAT(handler.sent[0], AnyOf("Connection reset by peer", "Broken pipe"));
+    EXPECT_EQ(handler.sent[1], "incomplete body");
+    EXPECT_EQ(handler.sent[2], "Success");
+  });
+}
+
+TEST(HttpServer, SilenceEndsAConnectionButAHandlerMayTakeItsTime) {
+  EchoHandler handler;
+  LoopbackServer server(handler, {.readTimeout = 50ms, .writeTimeout = 50ms, .extractors = {}});
+  Client waiting(server);
+  waiting.Send("GET /keep HTTP/1.1\r\n\r\n");
+  EXPECT_TRUE(server.Logger().WaitFor("Request head: GET /keep HTTP/1.1"));
+
+  EXPECT_EQ(Client(server).Send("GET /half").ReadToEnd(), "");
+  EXPECT_EQ(Client(server).Send(Post("Content-Length: 9\r\n", "half")).ReadToEnd(), "");
+  EXPECT_TRUE(server.Logger().WaitFor("RequestReadCb: orbi.recv.failed: system:110"));
+
+  Client deaf(server.Endpoint(), 4096);
+  deaf.Send("GET /big HTTP/1.1\r\n\r\n");
+  EXPECT_TRUE(server.Logger().WaitFor("ResponseSentCb: orbi.send.failed"));
+
+  // By now all time-outs of the first connection would have passed, if they ran while its request
+  // is handled.
+  server.Do([&handler] {
+    handler.kept.front()({.headers = {{":status", "200"}, {":reason", "OK"}}, .body = "late"});
+    handler.kept.clear();
+  });
+  const auto late = Answer("200 OK\r\nContent-Length: 4\r\n", "late");
+  EXPECT_EQ(waiting.Read(late.size()), late);
+}
+
+TEST(HttpServer, CredentialsStayOutOfTheLog) {
+  EchoHandler handler;
+  LoopbackServer server(handler);
+  Client(server).Send("GET /a HTTP/1.1\r\nAuthorization: Basic c2Vj\r\nHost: h\r\n\r\n").Read(1);
+  EXPECT_TRUE(
+      server.Logger().WaitFor("Request head: GET /a HTTP/1.1; authorization: ***; host: h"));
+}
+
+TEST(HttpServer, ExtractorsAreAskedBeforeTheHandler) {
+  EchoHandler handler;
+  const auto noPosts = [](const RequestHead& head) { return head.method != "POST"; };
+  LoopbackServer server(handler, {.extractors = {{noPosts}}});
+  EXPECT_THAT(Client(server).Send(Post("", "")).ReadToEnd(), StartsWith("HTTP/1.1 400 "));
+  EXPECT_EQ(Client(server).Send(kNext).FinishSending().ReadToEnd(), kNextOk);
+}
+
+TEST(HttpServer, OneListeningFamilyIsEnough) {
+  using boost::asio::ip::tcp;
+  EchoHandler handler;
+  boost::asio::io_context context;
+  const auto logger = std::make_shared<RecordingLogger>();
+  const tcp::acceptor taken4(context, {boost::asio::ip::make_address("127.0.0.1"), 0});
+  const tcp::acceptor taken6(context, {boost::asio::ip::make_address("::1"), 0});
+  const auto listen = [&](const tcp::endpoint& endpoint4, const tcp::endpoint& endpoint6) {
+    HttpServer server(
+        context,
+        {.endpoint4 = endpoint4, .endpoint6 = endpoint6, .localizer = {}, .serverSpec = {}},
+        handler, logger);
+    return server.Listen();
+  };
+  const auto failure = [](const char* family, const tcp::endpoint& endpoint) {
+    std::ostringstream text;
+    text << family << " Failed to listen on: " << endpoint << " ec: system:98\n";
+    return text.str();
+  };
+  const tcp::endpoint free6(boost::asio::ip::make_address("::1"), 0);
+
+  EXPECT_FALSE(listen(taken4.local_endpoint(), free6));
+  EXPECT_THAT(logger->Text(),
+              StartsWith(failure("IPv4", taken4.local_endpoint()) + "Listening on: [::1]:"));
+  EXPECT_EQ(listen(taken4.local_endpoint(), taken6.local_endpoint()),
+            PicoHttpError::kFailedToListen);
+  EXPECT_THAT(logger->Text(), EndsWith(failure("IPv6", taken6.local_endpoint())));
+}
+
+TEST(HttpServer, RunningOutOfDescriptorsOnlyDelaysNewConnections) {
+  EchoHandler handler;
+  LoopbackServer server(handler);
+  Client old(server);
+  EXPECT_EQ(old.Send(kNext).Read(kNextOk.size()), kNextOk);
+
+  // The client's socket takes the lowest free descriptor, and there is no other for the server's
+  // end.
+  const int lowestFree = ::dup(0);
+  ::close(lowestFree);
+  rlimit before{};
+  ::getrlimit(RLIMIT_NOFILE, &before);
+  const rlimit none{static_cast<rlim_t>(lowestFree) + 1, before.rlim_max};
+  ::setrlimit(RLIMIT_NOFILE, &none);
+  Client fresh(server);
+  const bool delayed = server.Logger().WaitFor(";DelayAcceptError");
+  const auto meanwhile = old.Send(kNext).Read(kNextOk.size());
+  ::setrlimit(RLIMIT_NOFILE, &before);
+
+  EXPECT_TRUE(delayed) << server.Logger().Text();
+  EXPECT_EQ(meanwhile, kNextOk);
+  EXPECT_EQ(fresh.Send(kNext).Read(kNextOk.size()), kNextOk);
+}
+
+TEST(HttpServer, AListenerThatFailsLeavesOpenConnectionsAlone) {
+  EchoHandler handler;
+  LoopbackServer server(handler);
+  Client old(server);
+  EXPECT_EQ(old.Send(kNext).Read(kNextOk.size()), kNextOk);
+  for (int fd = 3; fd < 256; ++fd) {
+    int listening = 0;
+    socklen_t size = sizeof listening;
+    sockaddr_in address{};
+    socklen_t addressSize = sizeof address;
+    if (::getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listening, &size) == 0 && listening != 0 &&
+        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &addressSize) == 0 &&
+        address.sin_family == AF_INET && ntohs(address.sin_port) == server.Endpoint().port())
+      ::shutdown(fd, SHUT_RD);  // fails the accept that is pending on it
+  }
+  EXPECT_TRUE(server.Logger().WaitFor(";TerminalAcceptError"));
+  EXPECT_EQ(old.Send(kNext).Read(kNextOk.size()), kNextOk);
+  EXPECT_THROW(Client{server}, std::runtime_error);
+}
+
+}  // namespace
+}  // namespace Orbi::Transport::PicoHttp
