@@ -22,8 +22,10 @@ bool EqualsIgnoringCase(std::string_view a, std::string_view b) {
   return std::ranges::equal(a, b, {}, ToLower, ToLower);
 }
 
-auto Named(Headers headers, std::string_view name) {
-  return std::ranges::equal_range(headers, name, {}, &HeaderField::name);
+Headers Named(Headers headers, std::string_view name) {
+  // Not std::ranges::equal_range: Clang 14 cannot compile that of libstdc++ 12.
+  return {std::ranges::lower_bound(headers, name, {}, &HeaderField::name),
+          std::ranges::upper_bound(headers, name, {}, &HeaderField::name)};
 }
 
 bool Contradict(Headers headers, std::string_view name, std::string_view payload) {
