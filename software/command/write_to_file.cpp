@@ -31,7 +31,7 @@ void EnsureDirectory(const fs::path& directory) {
 
 }  // namespace
 
-void WriteToFile(const std::string& path, const std::string& content) {
+void WriteToFile(const std::string& path, std::string_view content) {
   EnsureDirectory(fs::path(path).parent_path());
 
   std::ofstream file(path, std::ios::binary | std::ios::trunc);

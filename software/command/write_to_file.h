@@ -2,6 +2,7 @@
 
 #include <exception>
 #include <string>
+#include <string_view>
 
 namespace LifeCycle {
 
@@ -12,6 +13,6 @@ class FileIOError : public std::exception {};
 /// nothing is left at the path, not even what was there before: who cannot do without the old
 /// content writes to a neighbouring name and renames. Callable from any thread.
 /// @throws FileIOError
-void WriteToFile(const std::string& path, const std::string& content);
+void WriteToFile(const std::string& path, std::string_view content);
 
 }  // namespace LifeCycle
