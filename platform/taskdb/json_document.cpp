@@ -1,0 +1,89 @@
+#include "taskdb/json_document.h"
+
+#include <rapidjson/reader.h>
+#include <rapidjson/writer.h>
+
+#include <utility>
+
+namespace TaskDB {
+namespace {
+
+/// Passes a parser's events on to the document and stops the parser at the depth limit.
+class DepthLimit {
+ public:
+  using Ch = char;
+
+  explicit DepthLimit(rapidjson::Document& document) : document_(document) {}
+
+  bool Null() { return document_.Null(); }
+  bool Bool(bool b) { return document_.Bool(b); }
+  bool Int(int i) { return document_.Int(i); }
+  bool Uint(unsigned i) { return document_.Uint(i); }
+  bool Int64(std::int64_t i) { return document_.Int64(i); }
+  bool Uint64(std::uint64_t i) { return document_.Uint64(i); }
+  bool Double(double d) { return document_.Double(d); }
+  bool RawNumber(const char* text, rapidjson::SizeType length, bool copy) {
+    return document_.RawNumber(text, length, copy);
+  }
+  bool String(const char* text, rapidjson::SizeType length, bool copy) {
+    return document_.String(text, length, copy);
+  }
+  bool Key(const char* text, rapidjson::SizeType length, bool copy) {
+    return document_.Key(text, length, copy);
+  }
+  bool StartObject() { return Enter() && document_.StartObject(); }
+  bool EndObject(rapidjson::SizeType count) { return Leave() && document_.EndObject(count); }
+  bool StartArray() { return Enter() && document_.StartArray(); }
+  bool EndArray(rapidjson::SizeType count) { return Leave() && document_.EndArray(count); }
+
+ private:
+  bool Enter() { return ++depth_ <= kMaxDocumentDepth; }
+  bool Leave() { return depth_-- > 0; }
+
+  rapidjson::Document& document_;
+  unsigned depth_ = 0;
+};
+
+}  // namespace
+
+rapidjson::ParseResult ParseInPlace(std::string& text, rapidjson::Document& document) {
+  rapidjson::ParseResult result;
+  const auto generate = [&](rapidjson::Document& target) {
+    rapidjson::InsituStringStream stream(text.data());
+    rapidjson::Reader reader;
+    DepthLimit handler(target);
+    result = reader.Parse<rapidjson::kParseInsituFlag>(stream, handler);
+    if (!result.IsError() && stream.Tell() != text.size())
+      result.Set(rapidjson::kParseErrorDocumentRootNotSingular, stream.Tell());
+    return !result.IsError();
+  };
+  document.Populate(generate);
+  return result;
+}
+
+rapidjson::StringBuffer Print(const rapidjson::Value& value, std::size_t expected_size) {
+  // Before each string the writer asks for room for the worst that escaping can make of it. With
+  // half as much again the text does not move, and memory that is not touched costs nothing.
+  rapidjson::StringBuffer text(nullptr, expected_size + expected_size / 2);
+  rapidjson::Writer<rapidjson::StringBuffer> writer(text);
+  value.Accept(writer);
+  return text;
+}
+
+const rapidjson::Value* FindMember(const rapidjson::Value& value, std::string_view name) {
+  if (!value.IsObject()) return nullptr;
+  const auto size = static_cast<rapidjson::SizeType>(name.size());
+  const auto member = value.FindMember(rapidjson::Value(rapidjson::StringRef(name.data(), size)));
+  return member == value.MemberEnd() ? nullptr : &member->value;
+}
+
+rapidjson::Value* FindMember(rapidjson::Value& value, std::string_view name) {
+  return const_cast<rapidjson::Value*>(FindMember(std::as_const(value), name));
+}
+
+std::string_view TextOf(const rapidjson::Value* value) {
+  if (value == nullptr || !value->IsString()) return {};
+  return {value->GetString(), value->GetStringLength()};
+}
+
+}  // namespace TaskDB

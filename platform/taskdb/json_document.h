@@ -1,0 +1,41 @@
+#pragma once
+
+#include <rapidjson/document.h>
+#include <rapidjson/error/error.h>
+#include <rapidjson/stringbuffer.h>
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+/// Reading and writing the JSON documents that task records are kept in. Other processes write them
+/// too, so nothing about their shape is taken for granted.
+namespace TaskDB {
+
+/// The largest document read or written, in bytes. A record takes some 400 bytes, so this is room
+/// for a good hundred thousand tasks.
+inline constexpr std::size_t kMaxDocumentSize = std::size_t{64} << 20;
+
+/// Nesting beyond this is refused: readers and writers of JSON recurse.
+inline constexpr unsigned kMaxDocumentDepth = 1000;
+
+/// Parses a document in place, strictly as RFC 8259 has it.
+/// @param text  must outlive the document, which refers to it; its content is destroyed
+/// @return the first error: the parser's own, kParseErrorTermination for nesting too deep, or
+///         kParseErrorDocumentRootNotSingular for a NUL byte with anything behind it
+[[nodiscard]] rapidjson::ParseResult ParseInPlace(std::string& text, rapidjson::Document& document);
+
+/// @return the value as compact JSON
+/// @param expected_size  of the text, in bytes
+[[nodiscard]] rapidjson::StringBuffer Print(const rapidjson::Value& value,
+                                            std::size_t expected_size);
+
+/// @return the member of that name, or nullptr when `value` is no object or has none
+[[nodiscard]] const rapidjson::Value* FindMember(const rapidjson::Value& value,
+                                                 std::string_view name);
+[[nodiscard]] rapidjson::Value* FindMember(rapidjson::Value& value, std::string_view name);
+
+/// @return the text, empty when `value` is nullptr or no string
+[[nodiscard]] std::string_view TextOf(const rapidjson::Value* value);
+
+}  // namespace TaskDB

@@ -1,0 +1,199 @@
+#include "taskdb/task_manager.h"
+
+#include <SQLiteCpp/Database.h>
+#include <SQLiteCpp/Exception.h>
+#include <SQLiteCpp/Statement.h>
+#include <SQLiteCpp/Transaction.h>
+#include <rapidjson/error/en.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <map>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+#include "taskdb/json_document.h"
+
+namespace TaskDB {
+namespace {
+
+constexpr int kBusyTimeoutMilliseconds = 5000;
+
+/// One record, parsed from a row.
+class RowRecord {
+ public:
+  explicit RowRecord(const SQLite::Column& column) {
+    if (static_cast<std::size_t>(column.getBytes()) > kMaxDocumentSize)
+      throw CorruptError("The record is too large.");
+    text_ = column.getString();
+    if (const auto result = ParseInPlace(text_, document_); result.IsError())
+      throw CorruptError(rapidjson::GetParseError_En(result.Code()));
+  }
+
+  [[nodiscard]] rapidjson::Document& document() { return document_; }
+
+ private:
+  std::string text_;
+  rapidjson::Document document_;
+};
+
+std::string PrintRecord(const Record& record) {
+  const auto text = Print(record, 1024);
+  if (text.GetSize() > kMaxDocumentSize) throw std::runtime_error("The record is too large.");
+  return {text.GetString(), text.GetSize()};
+}
+
+void Store(SQLite::Database& database, const std::string& id, const std::string& record) {
+  SQLite::Statement statement(database,
+                              "INSERT INTO tasks (id, record) VALUES (?, ?) "
+                              "ON CONFLICT (id) DO UPDATE SET record = excluded.record");
+  statement.bind(1, id);
+  statement.bind(2, record);
+  statement.exec();
+}
+
+/// Rethrows the database's own error as one of this library's, where there is one for it.
+[[noreturn]] void Translate(const SQLite::Exception& e) {
+  switch (e.getErrorCode() & 0xff) {
+    case SQLITE_NOTADB:
+    case SQLITE_CORRUPT:
+      throw CorruptError(e.what());
+    case SQLITE_BUSY:
+    case SQLITE_LOCKED:
+      throw BusyError(e.what());
+    default:
+      throw e;
+  }
+}
+
+void VisitRows(SQLite::Database& database,
+               const std::function<void(const std::string&, rapidjson::Document&)>& visit) {
+  SQLite::Statement rows(database, "SELECT id, record FROM tasks ORDER BY rowid");
+  while (rows.executeStep()) {
+    RowRecord record(rows.getColumn(1));
+    visit(rows.getColumn(0).getString(), record.document());
+  }
+}
+
+}  // namespace
+
+std::shared_ptr<TaskManager> TaskManager::FromPath(const std::string& path) {
+  static std::mutex mutex;  // guards the handles
+  static std::map<std::string, std::weak_ptr<TaskManager>> handles;
+  const std::lock_guard guard(mutex);
+  auto& known = handles[path];
+  auto handle = known.lock();
+  if (!handle) {
+    handle.reset(new TaskManager(path));
+    known = handle;
+  }
+  return handle;
+}
+
+TaskManager::TaskManager(std::string path) : path_(std::move(path)) {}
+
+TaskManager::~TaskManager() = default;
+
+std::optional<TaskManager::FileIdentity> TaskManager::CurrentFile() const {
+  struct stat status {};
+  if (stat(path_.c_str(), &status) != 0) return std::nullopt;
+  return FileIdentity{status.st_dev, status.st_ino};
+}
+
+SQLite::Database& TaskManager::Connect(Missing missing) {
+  const auto file = CurrentFile();
+  if (!file && missing == Missing::kRefuse) throw MissingError(path_ + " not found");
+  if (database_ && file == connected_file_) return *database_;
+  database_.reset();
+  int flags = SQLite::OPEN_READWRITE;
+  if (missing == Missing::kCreate) flags |= SQLite::OPEN_CREATE;
+  auto database = std::make_unique<SQLite::Database>(path_, flags, kBusyTimeoutMilliseconds);
+  database->exec("PRAGMA journal_mode = WAL");
+  database->exec("CREATE TABLE IF NOT EXISTS tasks (id TEXT PRIMARY KEY, record TEXT NOT NULL)");
+  database_ = std::move(database);
+  connected_file_ = CurrentFile();
+  return *database_;
+}
+
+void TaskManager::Run(Missing missing, const Operation& operation) {
+  const std::lock_guard guard(mutex_);
+  try {
+    operation(Connect(missing));
+  } catch (const SQLite::Exception& e) {
+    Translate(e);
+  }
+}
+
+void TaskManager::RunTransaction(const Operation& operation) {
+  Run(Missing::kRefuse, [&](SQLite::Database& database) {
+    // Taken for writing from the start: two that read first and then write would each wait for the
+    // other.
+    SQLite::Transaction transaction(database, SQLite::TransactionBehavior::IMMEDIATE);
+    operation(database);
+    transaction.commit();
+  });
+}
+
+void TaskManager::Create() {
+  std::error_code ignored;  // a folder that cannot be made shows in the next step
+  std::filesystem::create_directories(std::filesystem::path(path_).parent_path(), ignored);
+  Run(Missing::kCreate, [](SQLite::Database& database) {
+    if (database.execAndGet("PRAGMA quick_check(1)").getString() != "ok")
+      throw CorruptError("The database is malformed.");
+    VisitRows(database, [](const std::string&, rapidjson::Document&) {});
+  });
+}
+
+void TaskManager::Recreate() {
+  {
+    const std::lock_guard guard(mutex_);
+    database_.reset();
+    // The database goes first: SQLite never replays a log that has none.
+    for (const char* suffix : {"", "-wal", "-shm"}) std::remove((path_ + suffix).c_str());
+  }
+  Create();
+}
+
+void TaskManager::Add(const std::string& id, const RecordMaker& make, OnDuplicate on_duplicate) {
+  rapidjson::Document::AllocatorType allocator;
+  const std::string record = PrintRecord(make(allocator));
+  RunTransaction([&](SQLite::Database& database) {
+    SQLite::Statement present(database, "SELECT 1 FROM tasks WHERE id = ?");
+    present.bind(1, id);
+    if (on_duplicate == OnDuplicate::kRefuse && present.executeStep()) RefuseDuplicate(id);
+    Store(database, id, record);
+  });
+}
+
+void TaskManager::Change(const std::string& id, const RecordEdit& edit) {
+  RunTransaction([&](SQLite::Database& database) {
+    SQLite::Statement row(database, "SELECT record FROM tasks WHERE id = ?");
+    row.bind(1, id);
+    if (!row.executeStep()) RefuseMissing(id);
+    RowRecord record(row.getColumn(0));
+    edit(record.document(), record.document().GetAllocator());
+    Store(database, id, PrintRecord(record.document()));
+  });
+}
+
+void TaskManager::ChangeAll(const RecordSweep& sweep) {
+  RunTransaction([&](SQLite::Database& database) {
+    std::vector<std::pair<std::string, std::string>> changed;
+    VisitRows(database, [&](const std::string& id, rapidjson::Document& record) {
+      if (sweep(id, record, record.GetAllocator())) changed.emplace_back(id, PrintRecord(record));
+    });
+    for (const auto& [id, record] : changed) Store(database, id, record);
+  });
+}
+
+void TaskManager::ForEach(const RecordVisit& visit) {
+  Run(Missing::kRefuse, [&](SQLite::Database& database) {
+    VisitRows(database,
+              [&](const std::string& id, rapidjson::Document& record) { visit(id, record); });
+  });
+}
+
+}  // namespace TaskDB

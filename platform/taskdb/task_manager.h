@@ -1,0 +1,91 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+#include "taskdb/task_record.h"
+
+namespace SQLite {
+class Database;
+}
+
+namespace TaskDB {
+
+/// There is no database at the path.
+class MissingError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+/// What is at the path is no database, or holds a record that is no JSON.
+class CorruptError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+/// Another process kept the database to itself for more than five seconds.
+class BusyError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+/// Task records in an SQLite database: one row per task in the table `tasks` (`id`, `record`), the
+/// record as JSON text. Helper processes use the same database.
+///
+/// Handles are shared: there is one per path while anybody holds it. It connects on first use, and
+/// anew when the file at the path is no longer the one that it knows. May be used from any thread.
+///
+/// Every operation throws the errors above, std::runtime_error when a rule of the records is
+/// violated, and SQLite::Exception for any other failure of the database. A change that throws has
+/// changed nothing.
+class TaskManager {
+ public:
+  [[nodiscard]] static std::shared_ptr<TaskManager> FromPath(const std::string& path);
+
+  TaskManager(const TaskManager&) = delete;
+  TaskManager& operator=(const TaskManager&) = delete;
+  ~TaskManager();
+
+  [[nodiscard]] const std::string& path() const { return path_; }
+
+  /// Creates the database unless there is one, and checks that all of it can be read.
+  void Create();
+  /// Removes the database with everything in it and creates it anew.
+  void Recreate();
+
+  void Add(const std::string& id, const RecordMaker& make, OnDuplicate on_duplicate);
+  void Change(const std::string& id, const RecordEdit& edit);
+  void ChangeAll(const RecordSweep& sweep);
+  /// Visits all records in the order in which they were added.
+  void ForEach(const RecordVisit& visit);
+
+ private:
+  using Operation = std::function<void(SQLite::Database&)>;
+  enum class Missing { kRefuse, kCreate };
+
+  struct FileIdentity {
+    dev_t device;
+    ino_t inode;
+    bool operator==(const FileIdentity&) const = default;
+  };
+
+  explicit TaskManager(std::string path);
+
+  [[nodiscard]] std::optional<FileIdentity> CurrentFile() const;
+  SQLite::Database& Connect(Missing missing);
+  void Run(Missing missing, const Operation& operation);
+  void RunTransaction(const Operation& operation);
+
+  const std::string path_;
+  std::mutex mutex_;  ///< guards all that follows, and is held while the database works
+  std::unique_ptr<SQLite::Database> database_;
+  std::optional<FileIdentity> connected_file_;
+};
+
+}  // namespace TaskDB

@@ -1,0 +1,102 @@
+#include "taskdb/task_manager.h"
+
+#include <SQLiteCpp/Database.h>
+#include <SQLiteCpp/Transaction.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "taskdb/json_document.h"
+
+namespace TaskDB {
+namespace {
+
+using testing::ElementsAre;
+
+class TaskManagerTest : public testing::Test {
+ protected:
+  TaskManagerTest() : folder_(std::filesystem::temp_directory_path() / MakeName()) {
+    std::filesystem::create_directory(folder_);
+  }
+  ~TaskManagerTest() override { std::filesystem::remove_all(folder_); }
+
+  static std::string MakeName() { return "task-manager-" + std::to_string(getpid()); }
+
+  static std::vector<std::string> Ids(TaskManager& manager) {
+    std::vector<std::string> ids;
+    manager.ForEach([&](const std::string& id, const Record&) { ids.push_back(id); });
+    return ids;
+  }
+
+  const std::filesystem::path folder_;
+  const std::string path_ = folder_ / "tasks.db";
+};
+
+TEST_F(TaskManagerTest, HandlesOfOnePathAreOneAndOpenNothing) {
+  const auto manager = TaskManager::FromPath(path_);
+  EXPECT_EQ(TaskManager::FromPath(path_), manager);
+  EXPECT_FALSE(std::filesystem::exists(path_));
+  EXPECT_THROW(Ids(*manager), MissingError);
+  EXPECT_FALSE(std::filesystem::exists(path_));
+}
+
+TEST_F(TaskManagerTest, FollowsTheFileAtItsPath) {
+  const auto manager = TaskManager::FromPath(path_);
+  manager->Create();
+  manager->Add("one", PendingRecord("op"), OnDuplicate::kRefuse);
+  EXPECT_THAT(Ids(*manager), ElementsAre("one"));
+  std::filesystem::remove(path_);
+  EXPECT_THROW(manager->Change("one", Fail("")), MissingError);
+  manager->Create();
+  EXPECT_THAT(Ids(*manager), ElementsAre());
+}
+
+TEST_F(TaskManagerTest, KeepsApartWritersOfSeveralConnections) {
+  TaskManager::FromPath(path_)->Create();
+  const auto manager = TaskManager::FromPath(path_);
+  manager->Add("id", EmptyRecord(), OnDuplicate::kRefuse);
+  constexpr int kRounds = 20;
+  const auto count = [&](Record& record, Allocator& allocator) {
+    Record* n = FindMember(record, "n");
+    if (n == nullptr)
+      record.AddMember("n", 1, allocator);
+    else
+      n->SetInt(n->GetInt() + 1);
+  };
+  // Another program, by the file's agreed form alone.
+  std::thread other([&] {
+    SQLite::Database database(path_, SQLite::OPEN_READWRITE, 5000);
+    for (int i = 0; i < kRounds; ++i) {
+      SQLite::Transaction transaction(database, SQLite::TransactionBehavior::IMMEDIATE);
+      database.exec(
+          "UPDATE tasks SET record = json_set(record, '$.n', "
+          "coalesce(json_extract(record, '$.n'), 0) + 1) WHERE id = 'id'");
+      transaction.commit();
+    }
+  });
+  for (int i = 0; i < kRounds; ++i) manager->Change("id", count);
+  other.join();
+  manager->ForEach([&](const std::string&, const Record& record) {
+    EXPECT_EQ(FindMember(record, "n")->GetInt(), 2 * kRounds);
+  });
+}
+
+TEST_F(TaskManagerTest, TellsWhatIsNoDatabaseAndStartsAnew) {
+  const auto manager = TaskManager::FromPath(path_);
+  std::ofstream(path_) << std::string(4096, 'x');
+  EXPECT_THROW(manager->Create(), CorruptError);
+  manager->Recreate();
+  manager->Add("id", PendingRecord("op"), OnDuplicate::kRefuse);
+  SQLite::Database(path_, SQLite::OPEN_READWRITE).exec("UPDATE tasks SET record = '{'");
+  EXPECT_THROW(Ids(*manager), CorruptError);
+  EXPECT_THROW(manager->Create(), CorruptError);
+}
+
+}  // namespace
+}  // namespace TaskDB

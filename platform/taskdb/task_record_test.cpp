@@ -1,0 +1,144 @@
+#include "taskdb/task_record.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <rapidjson/error/en.h>
+
+#include <limits>
+
+#include "taskdb/json_document.h"
+#include "tesselibs/testing/captured_log.h"
+
+namespace TaskDB {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr char kUnknownError[] = "com.tessel.pelorus.lifecycle.RyxImage.UnknownError";
+
+TaskInfo Read(std::string json) {
+  rapidjson::Document document;
+  EXPECT_FALSE(ParseInPlace(json, document).IsError()) << json;
+  TaskInfo info;
+  ReadRecord("id", document, info);
+  return info;
+}
+
+TEST(ReadRecord, TakesEveryFieldFromItsMember) {
+  CapturedLog log;
+  const TaskInfo info = Read(
+      R"({"user":"root","status":"FAILED","operation":"op","progress":{"completed":40,"total":100},)"
+      R"("startTime":"start","endTime":"end","result":"a\u0000b","exception":"broken",)"
+      R"("error":{"message":{"id":"some.id","args":[]}},"unknown":[1]})");
+  EXPECT_EQ(info.id, "id");
+  EXPECT_EQ(info.operation, "op");
+  EXPECT_EQ(info.user, "root");
+  EXPECT_EQ(info.status, "FAILED");
+  EXPECT_EQ(info.startTime, "start");
+  EXPECT_EQ(info.endTime, "end");
+  EXPECT_EQ(info.completed, 40);
+  EXPECT_EQ(info.total, 100);
+  EXPECT_EQ(info.result, std::string("a\0b", 3));
+  EXPECT_EQ(info.exception, "broken");
+  EXPECT_EQ(info.errorId, "some.id");
+  EXPECT_THAT(log.TakeLines(), IsEmpty());
+}
+
+TEST(ReadRecord, ReadsAnyKindOfNumberAsProgress) {
+  constexpr auto kMost = std::numeric_limits<std::int32_t>::max();
+  constexpr auto kLeast = std::numeric_limits<std::int32_t>::min();
+  const struct {
+    const char* json;
+    std::int32_t completed;
+  } cases[] = {{"-1", -1},
+               {"50.9", 50},
+               {"3000000000", kMost},
+               {"1e300", kMost},
+               {"-1e300", kLeast},
+               {"\"50\"", 0},
+               {"null", 0},
+               {"{}", 0},
+               {"-3000000000", kLeast},
+               {"18446744073709551615", kMost}};
+  for (const auto& c : cases) {
+    const auto record =
+        std::string(R"({"status":"RUNNING","progress":{"completed":)") + c.json + "}}";
+    EXPECT_EQ(Read(record).completed, c.completed) << c.json;
+  }
+  EXPECT_EQ(Read(R"({"status":"RUNNING","progress":7})").completed, 0);
+}
+
+TEST(ReadRecord, SaysWhatItCannotUseAndKeepsTheRest) {
+  const struct {
+    const char* json;
+    const char* error_id;
+    const char* line;
+  } cases[] = {
+      {"{}", "", "2 Task has no status"},
+      {R"({"status":7})", "", "2 Task has no status"},
+      {"[]", "", "2 Task has no status"},
+      {R"({"status":"X","result":{"a":1}})", "", "2 Result field is not a string"},
+      {R"({"status":"X","error":{}})", kUnknownError,
+       "2 Notification does not contain a message structure."},
+      {R"({"status":"X","error":"text"})", kUnknownError,
+       "2 Notification does not contain a message structure."},
+      {R"({"status":"X","error":{"message":[]}})", kUnknownError,
+       "2 Notification does not contain a message structure."},
+      {R"({"status":"X","error":{"message":{"id":"a"}}})", kUnknownError,
+       "2 Notification message does not have id or args."},
+      {R"({"status":"X","error":{"message":{"args":[]}}})", kUnknownError,
+       "2 Notification message does not have id or args."},
+      {R"({"status":"X","error":{"message":{"id":1,"args":[]}}})", kUnknownError,
+       "2 Message id and args are of invalid types."},
+      {R"({"status":"X","error":{"message":{"id":"a","args":{}}}})", kUnknownError,
+       "2 Message id and args are of invalid types."},
+  };
+  CapturedLog log;
+  for (const auto& c : cases) {
+    const TaskInfo info = Read(c.json);
+    EXPECT_EQ(info.errorId, c.error_id) << c.json;
+    EXPECT_EQ(info.result, "");
+    EXPECT_THAT(log.TakeLines(), ElementsAre(c.line)) << c.json;
+  }
+}
+
+TEST(ReadRecord, TellsErrorArgumentsAsText) {
+  CapturedLog log;
+  const TaskInfo info =
+      Read(R"({"status":"FAILED","error":{"message":{"id":"a",)"
+           R"("args":[1,2.5,true,"x",null,-7,false,18446744073709551615,[1],{}]}}})");
+  EXPECT_THAT(info.errorArgs,
+              ElementsAre("1", "2.500000", "true", "x", "-7", "false", "18446744073709551615"));
+  EXPECT_THAT(log.TakeLines(), ElementsAre("2 Ignoring arg 4 of unexpected type.",
+                                           "2 Ignoring arg 8 of unexpected type.",
+                                           "2 Ignoring arg 9 of unexpected type."));
+}
+
+TEST(ParseInPlace, RefusesWhatIsNotOneBoundedDocument) {
+  const auto nested = [](std::size_t depth) {
+    return std::string(depth, '[') + std::string(depth, ']');
+  };
+  const struct {
+    std::string json;
+    const char* error;  ///< empty when there is none
+  } cases[] = {
+      {nested(kMaxDocumentDepth), ""},
+      {nested(kMaxDocumentDepth + 1), "Terminate parsing due to Handler error."},
+      {std::string(1000000, '['), "Terminate parsing due to Handler error."},
+      {"", "The document is empty."},
+      {"{} x", "The document root must not be followed by other values."},
+      {std::string("{}\0x", 4), "The document root must not be followed by other values."},
+      {"{\"a\":1", "Missing a comma or '}' after an object member."},
+  };
+  for (const auto& c : cases) {
+    std::string text = c.json;
+    rapidjson::Document document;
+    const auto result = ParseInPlace(text, document);
+    EXPECT_STREQ(result.IsError() ? rapidjson::GetParseError_En(result.Code()) : "", c.error)
+        << c.json.substr(0, 20);
+  }
+}
+
+}  // namespace
+}  // namespace TaskDB
