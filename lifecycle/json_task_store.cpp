@@ -1,0 +1,178 @@
+#include "lifecycle/json_task_store.h"
+
+#include <fcntl.h>
+#include <rapidjson/error/en.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <stdexcept>
+#include <system_error>
+#include <utility>
+
+#include <boost/filesystem/directory.hpp>
+#include <boost/filesystem/operations.hpp>
+#include <boost/filesystem/path.hpp>
+
+#include "lifecycle/task_file_errors.h"
+#include "software/command/write_to_file.h"
+#include "taskdb/json_document.h"
+#include "tesselibs/log.h"
+
+namespace LifeCycle {
+namespace {
+
+/// Added to the file's name, and followed by the writer's thread, for its new content: a writer
+/// that waited for the lock in vain must not write into the same file as the one that holds it.
+constexpr char kNewSuffix[] = ".new-";
+
+/// An open file descriptor.
+class File {
+ public:
+  File(const std::string& path, int flags) : descriptor_(open(path.c_str(), flags | O_CLOEXEC)) {
+    if (descriptor_ == -1) throw std::system_error(errno, std::generic_category(), path);
+  }
+  ~File() { close(descriptor_); }
+  File(const File&) = delete;
+  File& operator=(const File&) = delete;
+
+  [[nodiscard]] int descriptor() const { return descriptor_; }
+
+ private:
+  int descriptor_;
+};
+
+[[noreturn]] void ThrowParseError(const std::string& reason) {
+  throw JsonParseError("Json Parsing Error: " + reason);
+}
+
+std::string ReadWhole(const std::string& path) {
+  errno = 0;
+  if (access(path.c_str(), F_OK) != 0) {
+    const int error = errno;
+    std::string text = "TaskFile(" + path + ") not found";
+    if (error != 0) text += std::string(" -- ") + std::strerror(error);
+    throw TaskFileNotFoundError(text);
+  }
+  const File file(path, O_RDONLY);
+  struct stat status {};
+  if (fstat(file.descriptor(), &status) != 0)
+    throw std::system_error(errno, std::generic_category(), path);
+  if (static_cast<std::size_t>(status.st_size) > TaskDB::kMaxDocumentSize)
+    ThrowParseError("The file is too large.");
+  std::string text(static_cast<std::size_t>(status.st_size), '\0');
+  std::size_t length = 0;
+  while (length < text.size()) {
+    const ssize_t n = read(file.descriptor(), text.data() + length, text.size() - length);
+    if (n == -1 && errno == EINTR) continue;
+    if (n == -1) throw std::system_error(errno, std::generic_category(), path);
+    if (n == 0) break;
+    length += static_cast<std::size_t>(n);
+  }
+  text.resize(length);
+  return text;
+}
+
+}  // namespace
+
+JsonTaskStore::Tasks::Tasks(const std::string& path) : text(ReadWhole(path)) {
+  if (const auto result = TaskDB::ParseInPlace(text, document); result.IsError())
+    ThrowParseError(rapidjson::GetParseError_En(result.Code()));
+  if (!document.IsObject())
+    ThrowParseError(rapidjson::GetParseError_En(rapidjson::kParseErrorValueInvalid));
+}
+
+JsonTaskStore::JsonTaskStore(std::string path, int retries)
+    : path_(std::move(path)), lock_(path_, retries) {}
+
+void JsonTaskStore::Initialise() {
+  RemoveLeftovers();
+  try {
+    const Tasks tasks(path_);
+    return;
+  } catch (const TaskFileNotFoundError&) {
+    // Told to nobody: the first start of a host.
+  } catch (const JsonParseError& e) {
+    Log_Level(3, "Failed to parse task file %s: %s, re-creating the file...\n", path_.c_str(),
+              e.what());
+  }
+  try {
+    Replace("{}");
+  } catch (const std::exception& e) {
+    Log_Level(2, "Failed to initiate task file %s: %s\n", path_.c_str(), e.what());
+    throw;
+  }
+}
+
+void JsonTaskStore::Add(const std::string& id, const TaskDB::RecordMaker& make,
+                        TaskDB::OnDuplicate on_duplicate) {
+  Tasks tasks(path_);
+  auto& allocator = tasks.document.GetAllocator();
+  TaskDB::Record* const present = TaskDB::FindMember(tasks.document, id);
+  if (present != nullptr && on_duplicate == TaskDB::OnDuplicate::kRefuse)
+    TaskDB::RefuseDuplicate(id);
+  if (present != nullptr)
+    *present = make(allocator);
+  else
+    tasks.document.AddMember(TaskDB::Record(id, allocator), make(allocator), allocator);
+  Write(tasks);
+}
+
+void JsonTaskStore::Change(const std::string& id, const TaskDB::RecordEdit& edit) {
+  Tasks tasks(path_);
+  TaskDB::Record* const record = TaskDB::FindMember(tasks.document, id);
+  if (record == nullptr) TaskDB::RefuseMissing(id);
+  edit(*record, tasks.document.GetAllocator());
+  Write(tasks);
+}
+
+void JsonTaskStore::ChangeAll(const TaskDB::RecordSweep& sweep) {
+  Tasks tasks(path_);
+  bool changed = false;
+  for (auto& [id, record] : tasks.document.GetObject())
+    changed |= sweep(std::string(TaskDB::TextOf(&id)), record, tasks.document.GetAllocator());
+  if (changed) Write(tasks);
+}
+
+void JsonTaskStore::ForEach(const TaskDB::RecordVisit& visit) {
+  const Tasks tasks(path_);
+  std::string id;
+  for (const auto& [name, record] : tasks.document.GetObject()) {
+    id = TaskDB::TextOf(&name);
+    visit(id, record);
+  }
+}
+
+void JsonTaskStore::Write(const Tasks& tasks) {
+  const auto text = TaskDB::Print(tasks.document, tasks.text.size() + 1024);
+  if (text.GetSize() > TaskDB::kMaxDocumentSize) throw std::runtime_error("Task file is full.");
+  Replace({text.GetString(), text.GetSize()});
+}
+
+/// Puts a file with the new content in the place of the old one.
+void JsonTaskStore::Replace(std::string_view text) {
+  const std::string fresh = path_ + kNewSuffix + std::to_string(gettid());
+  WriteToFile(fresh, text);
+  try {
+    // Otherwise a power failure could leave the new name with none of the content.
+    if (fsync(File(fresh, O_RDONLY).descriptor()) != 0 || rename(fresh.c_str(), path_.c_str()) != 0)
+      throw std::system_error(errno, std::generic_category(), path_);
+  } catch (const std::system_error& e) {
+    std::remove(fresh.c_str());
+    throw;
+  }
+}
+
+void JsonTaskStore::RemoveLeftovers() {
+  const boost::filesystem::path path(path_);
+  const std::string prefix = path.filename().string() + kNewSuffix;
+  boost::system::error_code error;
+  for (boost::filesystem::directory_iterator entry(path.parent_path(), error), end;
+       !error && entry != end; entry.increment(error)) {
+    if (entry->path().filename().string().starts_with(prefix)) std::remove(entry->path().c_str());
+  }
+}
+
+}  // namespace LifeCycle

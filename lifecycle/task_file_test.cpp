@@ -1,0 +1,363 @@
+#include "lifecycle/task_file.h"
+
+#include <SQLiteCpp/Database.h>
+#include <SQLiteCpp/Statement.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <regex>
+#include <sstream>
+#include <stdexcept>
+#include <vector>
+
+#include "lifecycle/access_lock.h"
+#include "lifecycle/task_file_errors.h"
+#include "software/command/write_to_file.h"
+#include "taskdb/json_document.h"
+#include "tesselibs/feature_state.h"
+#include "tesselibs/testing/captured_log.h"
+
+namespace LifeCycle {
+namespace {
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using Initialise = TaskFile::Initialise;
+
+namespace fs = std::filesystem;
+
+/// A folder of its own for each test.
+class TaskFolder : public testing::Test {
+ protected:
+  TaskFolder() {
+    char name[] = "/tmp/task-file-XXXXXX";
+    folder_ = mkdtemp(name);
+    path_ = folder_ / "task-status.json";
+  }
+  ~TaskFolder() override { fs::remove_all(folder_); }
+
+  void WriteFile(const std::string& text) const { std::ofstream(path_) << text; }
+  [[nodiscard]] std::string ReadFile() const {
+    std::ostringstream text;
+    text << std::ifstream(path_).rdbuf();
+    return text.str();
+  }
+  [[nodiscard]] std::vector<std::string> Files() const {
+    std::vector<std::string> names;
+    for (const auto& entry : fs::directory_iterator(folder_))
+      names.push_back(entry.path().filename());
+    return names;
+  }
+
+  fs::path folder_;
+  std::string path_;
+};
+
+enum class BackEnd { kFile, kDatabase };
+
+/// What holds wherever records are kept.
+class TaskFileTest : public TaskFolder, public testing::WithParamInterface<BackEnd> {
+ protected:
+  TaskFileTest() {
+    const std::string features = folder_ / "feature-states";
+    std::ofstream(features) << "task_database = " << (InDatabase() ? "true" : "false") << "\n";
+    FeatureState_InitSilentMode(features);
+  }
+  ~TaskFileTest() override { FeatureState_InitSilentMode("/nowhere"); }
+
+  [[nodiscard]] static bool InDatabase() { return GetParam() == BackEnd::kDatabase; }
+  [[nodiscard]] std::string StoragePath() const { return InDatabase() ? path_ + ".db" : path_; }
+
+  /// Makes `record` the only one, of the task "id", as another program would.
+  void Store(const std::string& record) const {
+    if (!InDatabase()) return WriteFile("{\"id\":" + record + "}");
+    TaskFile(path_, Initialise::kAlways);
+    SQLite::Database database(StoragePath(), SQLite::OPEN_READWRITE);
+    SQLite::Statement row(database, "REPLACE INTO tasks VALUES ('id', ?)");
+    row.bind(1, record);
+    row.exec();
+  }
+
+  /// The text of the only record, with TIME for each moment in it.
+  [[nodiscard]] std::string Stored() const {
+    std::string text;
+    if (InDatabase()) {
+      SQLite::Database database(StoragePath());
+      text = database.execAndGet("SELECT record FROM tasks").getString();
+    } else {
+      text = ReadFile();
+      text = text.substr(6, text.size() - 7);
+    }
+    static const std::regex moment(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z)");
+    return std::regex_replace(text, moment, "TIME");
+  }
+};
+
+INSTANTIATE_TEST_SUITE_P(BackEnds, TaskFileTest,
+                         testing::Values(BackEnd::kFile, BackEnd::kDatabase),
+                         [](const auto& backend) {
+                           return backend.param == BackEnd::kFile ? "File" : "Database";
+                         });
+
+TEST_P(TaskFileTest, RecordFollowsItsTaskToTheEnd) {
+  TaskFile file(path_, Initialise::kWhenMissing);
+  file.AddTask("id", "op", 0);
+  EXPECT_EQ(Stored(),
+            R"({"status":"PENDING","operation":"op","progress":{"completed":0,"total":100}})");
+  file.StartTask("id", 0);
+  file.SetProgress("id", 100, 0);
+  file.SetProgress("id", 7, 0);
+  EXPECT_EQ(Stored(), R"({"status":"RUNNING","operation":"op",)"
+                      R"("progress":{"completed":7,"total":100},"startTime":"TIME"})");
+  file.SucceedTask("id", "\"done\"", 0);
+  EXPECT_EQ(Stored(), R"({"status":"SUCCEEDED","operation":"op","progress":{"completed":100,)"
+                      R"("total":100},"startTime":"TIME","endTime":"TIME","result":"\"done\""})");
+}
+
+TEST_P(TaskFileTest, EndingAgainReplacesAndEmptyTextsAddNothing) {
+  TaskFile file(path_, Initialise::kWhenMissing);
+  file.AddTask("id", "op", 0);
+  file.FailTask("id", "", 0);
+  const std::string failed = R"({"status":"FAILED","operation":"op",)"
+                             R"("progress":{"completed":0,"total":100},"endTime":"TIME")";
+  EXPECT_EQ(Stored(), failed + "}");
+  file.FailTask("id", "a", 0);
+  file.FailTask("id", "b", 0);
+  EXPECT_EQ(Stored(), failed + R"(,"exception":"b"})");
+}
+
+TEST_P(TaskFileTest, RefusesWhatTheRulesForbidAndLeavesTheRecord) {
+  const struct {
+    const char* status;
+    std::function<void(TaskFile&)> change;
+    const char* reason;
+  } cases[] = {
+      {"PENDING", [](TaskFile& f) { f.AddTask("id", "op", 0); }, "Duplicate task detected."},
+      {"PENDING", [](TaskFile& f) { f.SetProgress("id", 5, 0); },
+       "Task is not in valid state to perform this operation."},
+      {"pending", [](TaskFile& f) { f.StartTask("id", 0); },
+       "Task is not in valid state to perform this operation."},
+      {"RUNNING", [](TaskFile& f) { f.StartTask("id", 0); },
+       "Task is not in valid state to perform this operation."},
+      {"RUNNING", [](TaskFile& f) { f.SetProgress("id", 101, 0); },
+       "Invalid progress value for task."},
+  };
+  CapturedLog log;
+  for (const auto& c : cases) {
+    const std::string record = std::string(R"({"status":")") + c.status + "\"}";
+    Store(record);
+    TaskFile file(path_, Initialise::kNever);
+    EXPECT_THAT([&] { c.change(file); }, testing::ThrowsMessage<std::runtime_error>(c.reason));
+    EXPECT_THAT(log.TakeLines(), ElementsAre(std::string("2 [id]: ") + c.reason));
+    EXPECT_EQ(Stored(), record);
+  }
+  TaskFile file(path_, Initialise::kNever);
+  for (const auto& change : std::initializer_list<std::function<void()>>{
+           [&] { file.StartTask("x", 0); }, [&] { file.SetProgress("x", 1, 0); },
+           [&] { file.SucceedTask("x", "", 0); }, [&] { file.FailTask("x", "", 0); }}) {
+    EXPECT_THAT(change, testing::ThrowsMessage<std::runtime_error>("Task does not exists."));
+    EXPECT_THAT(log.TakeLines(), ElementsAre("2 [x]: Task does not exists."));
+  }
+}
+
+TEST_P(TaskFileTest, KeepsMembersThatItDoesNotKnow) {
+  const std::string unknown =
+      R"("a":-1,"b":18446744073709551615,"c":2.5,"d":[null,true,{"":"\u0001é"}],"e":1e300)";
+  Store(R"({"status":"PENDING",)" + unknown + R"(,"progress":{"completed":-3,"speed":1}})");
+  TaskFile file(path_, Initialise::kNever);
+  file.StartTask("id", 0);
+  file.SetProgress("id", 50, 0);
+  EXPECT_EQ(Stored(), R"({"status":"RUNNING",)" + unknown +
+                          R"(,"progress":{"completed":50,"speed":1},"startTime":"TIME"})");
+}
+
+TEST_P(TaskFileTest, EndsATaskWhateverItsRecordIs) {
+  for (const char* record : {"{}", "7", "[1]", R"({"status":7,"progress":"half","endTime":[]})"}) {
+    Store(record);
+    TaskFile file(path_, Initialise::kNever);
+    file.SucceedTask("id", "", 0);
+    const auto task = file.GetTasks(0).at("id");
+    EXPECT_EQ(task.status, "SUCCEEDED") << record;
+    EXPECT_EQ(task.completed, 100) << record;
+    EXPECT_NE(task.endTime, "") << record;
+  }
+}
+
+TEST_P(TaskFileTest, ListsByIdentifierAndLogsInTheOrderOfCreation) {
+  TaskFile file(path_, Initialise::kWhenMissing);
+  for (const char* id : {"b", "abcdefgh2", "abcdefgh1", "a"}) file.AddTask(id, id, 0);
+  file.AddEmptyTask("b", 0);
+  CapturedLog log;
+  std::vector<std::string> operations;
+  for (const auto& [id, task] : file.GetTasks(0)) operations.push_back(id + "=" + task.operation);
+  EXPECT_THAT(operations, ElementsAre("a=a", "abcdefgh1=abcdefgh1", "abcdefgh2=abcdefgh2", "b="));
+  EXPECT_THAT(log.TakeLines(),
+              ElementsAre("5 Process task b", "2 Task has no status", "5 Process task abcdefgh2",
+                          "5 Process task abcdefgh1", "5 Process task a"));
+}
+
+TEST_P(TaskFileTest, MissingIsToldToReadersAndMadeForNewTasks) {
+  const TaskFile reader(path_, Initialise::kNever);
+  EXPECT_THROW(static_cast<void>(reader.GetTasks(0)), TaskFileNotFoundError);
+  EXPECT_FALSE(fs::exists(StoragePath()));
+  TaskFile(path_, Initialise::kWhenMissing);
+  EXPECT_THAT(reader.GetTasks(0), IsEmpty());
+  fs::remove_all(folder_);
+  TaskFile(path_, Initialise::kWhenMissing).AddTask("id", "op", 0);
+  EXPECT_EQ(reader.GetTasks(0).size(), 1U);
+}
+
+TEST_P(TaskFileTest, UnreadableIsToldUntilStartUpMakesItAnew) {
+  std::ofstream(StoragePath()) << std::string(5000, 'x');
+  TaskFile file(path_, Initialise::kWhenMissing);
+  EXPECT_THROW(static_cast<void>(file.GetTasks(0)), JsonParseError);
+  EXPECT_THROW(file.AddTask("id", "op", 0), JsonParseError);
+  CapturedLog log;
+  TaskFile(path_, Initialise::kAlways);
+  const auto lines = log.TakeLines();
+  ASSERT_EQ(lines.size(), 1U);
+  EXPECT_THAT(lines[0],
+              testing::MatchesRegex("3 Failed to parse task file .*: .*, re-creating the file..."));
+  file.AddTask("id", "op", 0);
+  TaskFile(path_, Initialise::kAlways);
+  EXPECT_EQ(file.GetTasks(0).size(), 1U);
+}
+
+TEST_P(TaskFileTest, SweepChangesManyRecordsAtOnce) {
+  TaskFile file(path_, Initialise::kWhenMissing);
+  for (const char* id : {"a", "b", "c"}) file.AddTask(id, "op", 0);
+  file.ChangeAll(
+      [](const std::string& id, TaskDB::Record& record, TaskDB::Allocator& allocator) {
+        if (id == "b") return false;
+        TaskDB::Fail("swept")(record, allocator);
+        return true;
+      },
+      0);
+  std::string statuses;
+  for (const auto& [id, task] : file.GetTasks(0)) statuses += task.status + " ";
+  EXPECT_EQ(statuses, "FAILED PENDING FAILED ");
+}
+
+/// What concerns the file alone.
+class JsonTaskFileTest : public TaskFolder {};
+
+TEST_F(JsonTaskFileTest, TellsWhyTheFileCannotBeRead) {
+  const TaskFile file(path_, Initialise::kNever);
+  const auto read = [&] { static_cast<void>(file.GetTasks(0)); };
+  EXPECT_THAT(read, testing::ThrowsMessage<TaskFileNotFoundError>(
+                        "TaskFile(" + path_ + ") not found -- No such file or directory"));
+  const struct {
+    std::string text;
+    const char* reason;
+  } cases[] = {
+      {"", "The document is empty."},
+      {"{} x", "The document root must not be followed by other values."},
+      {"[]", "Invalid value."},
+      {"{\"id\":" + std::string(100000, '['), "Terminate parsing due to Handler error."},
+  };
+  for (const auto& c : cases) {
+    WriteFile(c.text);
+    EXPECT_THAT(read, testing::ThrowsMessage<JsonParseError>(std::string("Json Parsing Error: ") +
+                                                             c.reason));
+  }
+  fs::resize_file(path_, TaskDB::kMaxDocumentSize + 1);
+  EXPECT_THROW(read(), JsonParseError);
+}
+
+TEST_F(JsonTaskFileTest, ChecksTheProgressValueBeforeItTakesTheLock) {
+  WriteFile(R"({"id":{"status":"RUNNING"}})");
+  TaskFile file(path_, Initialise::kNever);
+  const AccessLock elsewhere(path_, 0);
+  EXPECT_THROW(file.SetProgress("id", 100, 0), AccessLockError);
+  EXPECT_THROW(file.SetProgress("id", 101, 0), std::runtime_error);
+  EXPECT_THROW(static_cast<void>(file.GetTasks(0)), AccessLockError);
+}
+
+/// Limits the size of files that this process writes, as a full disk does.
+class FullDisk {
+ public:
+  explicit FullDisk(rlim_t size) {
+    signal(SIGXFSZ, SIG_IGN);
+    getrlimit(RLIMIT_FSIZE, &before_);
+    const rlimit full{size, before_.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &full);
+  }
+  ~FullDisk() { setrlimit(RLIMIT_FSIZE, &before_); }
+
+ private:
+  rlimit before_{};
+};
+
+TEST_F(JsonTaskFileTest, FullDiskLosesNothing) {
+  TaskFile file(path_, Initialise::kWhenMissing);
+  file.AddTask("id", std::string(10000, 'x'), 0);
+  const std::string before = ReadFile();
+  {
+    const FullDisk full(before.size());
+    EXPECT_THROW(file.AddTask("other", "op", 0), FileIOError);
+  }
+  EXPECT_EQ(ReadFile(), before);
+  EXPECT_THAT(Files(), ElementsAre("task-status.json"));
+}
+
+/// A process that changes the records over and over until it is killed.
+class Writer {
+ public:
+  explicit Writer(const std::string& path) {
+    if (pipe(progress_) != 0) abort();
+    child_ = fork();
+    if (child_ != 0) return;
+    TaskFile file(path, Initialise::kNever);
+    for (unsigned i = 0;; ++i) {
+      file.SetProgress("running", i % 101, 0);
+      if (write(progress_[1], "", 1) != 1) _exit(1);
+    }
+  }
+  ~Writer() {
+    close(progress_[0]);
+    close(progress_[1]);
+  }
+
+  void KillAfterChanges(int changes) {
+    char byte;
+    for (int i = 0; i < changes; ++i)
+      if (read(progress_[0], &byte, 1) != 1) abort();
+    kill(child_, SIGKILL);
+    waitpid(child_, nullptr, 0);
+  }
+
+ private:
+  int progress_[2];
+  pid_t child_;
+};
+
+TEST_F(JsonTaskFileTest, KilledWriterLeavesEveryRecordOfThousands) {
+  constexpr std::size_t kTasks = 10000;
+  {
+    std::ofstream file(path_);
+    file << R"({"running":{"status":"RUNNING"})";
+    for (std::size_t i = 1; i < kTasks; ++i)
+      file << ",\"" << i << R"(":{"status":"SUCCEEDED","result":"{}"})";
+    file << "}";
+  }
+  TaskFile file(path_, Initialise::kNever);
+  for (int i = 0; i < 10; ++i) {
+    Writer(path_).KillAfterChanges(1 + i % 3);
+    EXPECT_EQ(file.GetTasks(0).size(), kTasks);
+  }
+  std::ofstream(path_ + ".new-1") << "{";  // in case that none was killed while it wrote
+  TaskFile(path_, Initialise::kAlways);
+  EXPECT_THAT(Files(), ElementsAre("task-status.json"));
+}
+
+}  // namespace
+}  // namespace LifeCycle
