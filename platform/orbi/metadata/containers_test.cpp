@@ -33,6 +33,12 @@ class ContainersTest : public testing::Test {
   const std::string path_ = folder_ + "/file.json";
 };
 
+/// What a text comes to.
+struct Refusal {
+  std::string text;
+  const char* reason;
+};
+
 template <typename Function>
 std::string Failure(const Function& function) {
   try {
@@ -47,7 +53,7 @@ TEST_F(ContainersTest, FileThatIsNoDocumentOfTheComponentIsRefused) {
   EXPECT_EQ(Failure([&] { (void)ReadDocument("test", folder_ + "/none.json"); }),
             "No such file or directory");
   EXPECT_NE(Failure([&] { (void)ReadDocument("test", folder_); }), "none");
-  const std::pair<std::string, const char*> cases[] = {
+  const Refusal cases[] = {
       {"", "Invalid JSON"},
       {R"({"format": 1} x)", "Invalid JSON"},
       {R"({"format": 1, "format": 1})", "Invalid JSON"},
@@ -59,9 +65,8 @@ TEST_F(ContainersTest, FileThatIsNoDocumentOfTheComponentIsRefused) {
       {R"({"format": 1, "component": "other"})", "document/component is not 'test'"},
       {R"({"format": 1, "component": ")" + std::string(kMaxFileBytes, 'x') + "\"}", "16 MiB"},
   };
-  for (const auto& [text, reason] : cases) {
-    EXPECT_NE(Failure([&] { (void)Read(text); }).find(reason), std::string::npos) << reason;
-  }
+  for (const Refusal& c : cases)
+    EXPECT_NE(Failure([&] { (void)Read(c.text); }).find(c.reason), std::string::npos) << c.reason;
 }
 
 TEST_F(ContainersTest, LoaderNamesTheFileAndWhatIsWrong) {
@@ -74,7 +79,7 @@ TEST_F(ContainersTest, LoaderNamesTheFileAndWhatIsWrong) {
 
 TEST_F(ContainersTest, MalformedDescriptionIsRefusedWithItsPlace) {
   const std::string service = R"("services": {"s": {"documentation": "", "operations": )";
-  const std::pair<std::string, const char*> metamodels[] = {
+  const Refusal metamodels[] = {
       {R"("service": {})", "document has an unknown member 'service'"},
       {service + "[]}}", "document/services/s/operations is no object"},
       {service + R"({"get": {"documentation": "", "input": "all",
@@ -91,11 +96,11 @@ TEST_F(ContainersTest, MalformedDescriptionIsRefusedWithItsPlace) {
           "errors": {"x": {"documentation": ""}}, "error_fields": {})",
        "document/errors/x is described twice"},
   };
-  for (const auto& [members, reason] : metamodels) {
+  for (const Refusal& c : metamodels) {
     Metamodel::MetadataContainer container;
-    EXPECT_EQ(Failure([&] { container.Add("test", Document(members)); }), reason);
+    EXPECT_EQ(Failure([&] { container.Add("test", Document(c.text)); }), c.reason);
   }
-  const std::pair<std::string, const char*> commands[] = {
+  const Refusal commands[] = {
       {R"({"c": {"documentation": "", "service": "s"}})", "document/commands/c lacks 'operation'"},
       {R"({"c": {"documentation": "", "service": "s", "operation": "o", "columns": [1]}})",
        "document/commands/c/columns[0] is no string"},
@@ -103,9 +108,10 @@ TEST_F(ContainersTest, MalformedDescriptionIsRefusedWithItsPlace) {
                  "options": {"o": {"field": "f", "form": "PIPE", "documentation": ""}}}})",
        "document/commands/c/options/o/form is no form of an option"},
   };
-  for (const auto& [text, reason] : commands) {
+  for (const Refusal& c : commands) {
     Cli::MetadataContainer container;
-    EXPECT_EQ(Failure([&] { container.Add("test", Document("\"commands\": " + text)); }), reason);
+    EXPECT_EQ(Failure([&] { container.Add("test", Document("\"commands\": " + c.text)); }),
+              c.reason);
   }
 }
 
@@ -139,12 +145,12 @@ TEST_F(ContainersTest, NarrowestAuthenticationRuleHolds) {
   EXPECT_FALSE(container.IsPublic({"any", "get"}));
 
   Authentication::MetadataContainer refusing;
-  for (const auto& [members, reason] : {
-           std::pair{R"("services": {"s": ["pasword"]})",
-                     "document/services/s names the unknown scheme 'pasword'"},
-           std::pair{R"("operations": {"s.get": []})", "document/operations/s.get is empty"},
+  for (const Refusal& c : {
+           Refusal{R"("services": {"s": ["pasword"]})",
+                   "document/services/s names the unknown scheme 'pasword'"},
+           Refusal{R"("operations": {"s.get": []})", "document/operations/s.get is empty"},
        }) {
-    EXPECT_EQ(Failure([&] { refusing.Add("test", Document(schemes + members)); }), reason);
+    EXPECT_EQ(Failure([&] { refusing.Add("test", Document(schemes + c.text)); }), c.reason);
   }
 }
 
