@@ -1,0 +1,50 @@
+// A command line is refused or means one list of words, which it also means when every word is
+// quoted; and no resource-group word stays among them.
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+
+#include "pcore/command_line.h"
+#include "pcore/host_ctl_exception.h"
+#include "pcore/resource_group.h"
+
+namespace {
+
+void Require(bool holds) {
+  if (!holds) std::abort();
+}
+
+std::string Quoted(const std::string& word) {
+  std::string quoted = "'";
+  for (const char c : word) {
+    if (c == '\'') {
+      quoted += "'\\''";
+    } else {
+      quoted += c;
+    }
+  }
+  return quoted + "'";
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  try {
+    const std::string_view line(reinterpret_cast<const char*>(data), size);
+    std::vector<std::string> words = PcoreCtl::SplitCommandLine(line);
+    Require(!words.empty());
+
+    std::string quoted;
+    for (const std::string& word : words) quoted += " " + Quoted(word);
+    Require(PcoreCtl::SplitCommandLine(quoted) == words);
+
+    PcoreCtl::TakeResourceGroup(words);
+    Require(std::none_of(words.begin(), words.end(),
+                         [](const std::string& word) { return word.starts_with("++group="); }));
+  } catch (const HostCtl::Lib::HostCtlException& refusal) {
+    Require(refusal.code() == std::errc::invalid_argument);
+  }
+  return 0;
+}
