@@ -23,7 +23,7 @@ def set_spec(_):
     spec, desired = parse_spec(sys.stdin.buffer.read(MOST_DOCUMENT)), _desired()
     RegisteredDepots(desired).check(spec)
     with desired.locked():
-        desired.set_spec(spec.document)
+        desired.set_spec({"components": {}} | spec.document)
     return ""
 
 
@@ -36,7 +36,7 @@ def set_base_image(options):
     """Changes the desired base image; begins a specification where there is none."""
     from tessel_lifecycle.version import Version
     wanted = {"version": _argument(Version, options["values"][0], BAD_ARGUMENT).text}
-    _edit(lambda document: document.update(base_image=wanted), first={})
+    _edit(lambda document: document.update(base_image=wanted), first={"components": {}})
     return ""
 
 

@@ -10,7 +10,6 @@ import urllib.parse
 from tessel_lifecycle import files
 
 CHUNK = 1 << 16
-SLOWEST = 16 << 10  # bytes a second; a server that only drips is given up
 
 
 class FetchError(Exception):
@@ -30,15 +29,17 @@ class Refused(OSError):
 
 
 class Patience:
-    """How often a source is tried, and in seconds: the wait for one answer, the pause between tries, and the limit
-    of one try, to which SLOWEST adds what a large file may take."""
+    """How often a source is tried, and in seconds: the wait for some bytes, the pause between tries, and the limit of
+    one try, to which a large file adds its size by `slowest`, in bytes a second: one that only drips is given up."""
 
-    def __init__(self, attempts, timeout, pause, limit):
+    def __init__(self, attempts, timeout, pause, limit, slowest=16 << 10):
         self.attempts, self.timeout, self.pause, self.limit = attempts, timeout, pause, limit
+        self.slowest = slowest
 
 
-INLINE = Patience(attempts=2, timeout=5, pause=0.5, limit=10)
+INLINE = Patience(attempts=2, timeout=5, pause=0.5, limit=10, slowest=1 << 20)
 TASK = Patience(attempts=5, timeout=20, pause=1, limit=60)
+_LOCAL = Patience(attempts=1, timeout=0, pause=0, limit=3600)  # a directory has no second answer
 
 
 def open_source(location, patience):
@@ -48,9 +49,9 @@ def open_source(location, patience):
         if not location.isprintable() or url.query or url.fragment or "@" in url.netloc:
             raise ValueError("a depot's location has no credentials, query, fragment or control characters")
         if location.startswith("/") and not location.startswith("//"):
-            return Source(location, patience)
+            return Source(location, _LOCAL)
         if url.scheme == "file" and url.netloc in ("", "localhost") and url.path.startswith("/"):
-            return Source(urllib.parse.unquote(url.path, errors="strict"), patience)
+            return Source(urllib.parse.unquote(url.path, errors="strict"), _LOCAL)
         if url.scheme in ("http", "https") and url.hostname and url.port != 0 and location.isascii():
             from tessel_lifecycle.http_source import HttpSource
             return HttpSource(location, patience)
@@ -82,7 +83,10 @@ class Source:
         return stream, offset
 
     def read(self, name, most, sha256=None, on_bytes=lambda count: None):
-        """A file's content, with this digest if one is given; `on_bytes` as for `download`. @throws FetchError"""
+        """A file's content of at most `most` bytes, or, with a digest, exactly the content of that size and digest.
+
+        `on_bytes` as for `download`. @throws FetchError
+        """
         def attempt():
             content = io.BytesIO()
             try:
@@ -91,8 +95,8 @@ class Source:
                     _copy(stream, content, most, on_bytes)
                 if content.tell() > most:
                     raise ContentError(self.url(name), f"larger than {most} bytes")
-                if sha256 not in (None, hashlib.sha256(content.getbuffer()).hexdigest()):
-                    raise ContentError(self.url(name), "wrong digest")
+                if sha256 and (content.tell(), hashlib.sha256(content.getvalue()).hexdigest()) != (most, sha256):
+                    raise ContentError(self.url(name), "not the announced size and digest")
             except BaseException:
                 on_bytes(-content.tell())
                 raise
@@ -138,7 +142,7 @@ class Source:
         raise ContentError(self.url(name), "not the announced size and digest")
 
     def _deadline(self, size):
-        return time.monotonic() + self.patience.limit + size / SLOWEST
+        return time.monotonic() + self.patience.limit + size / self.patience.slowest
 
     def _try(self, name, attempt):
         left = self.patience.attempts

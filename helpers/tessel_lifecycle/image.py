@@ -78,9 +78,10 @@ class Image(Banks):
             content.components[component.name] = Choice(component, SOURCES[SOURCES.index(entry.take("source", text))])
             installed.component_dates[component.name] = entry.take("installed_at", date_time)
         for entry in fields.take("paxs", list_of(Fields)):
-            descriptor = Descriptor(self.document(bank, "descriptors", entry.take("name", name) + ".json"))
-            if descriptor.version != entry.take("version", Version):
-                raise ValueError(f"descriptor of {descriptor.label} is of another version")
+            key = entry.take("name", name), entry.take("version", Version)
+            descriptor = Descriptor(self.document(bank, "descriptors", key[0] + ".json"))
+            if descriptor.key != key:
+                raise ValueError(f"the descriptor of {key[0]} is that of {descriptor.label}")
             content.descriptors[descriptor.name] = descriptor
             installed.paxs[descriptor.name] = InstalledPax(
                 descriptor, entry.take("installed_at", date_time), entry.take("depot", text, ""))

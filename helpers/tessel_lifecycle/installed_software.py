@@ -5,14 +5,15 @@ from tessel_lifecycle.banks import Banks
 from tessel_lifecycle.document import compact
 from tessel_lifecycle.errors import NO_IMAGE_INFO, CommandError, ImageError
 
-_NOTHING = {"components": [], "paxs": [], "solutions": [], "hardware_support": []}
+_NOTHING = {"base_image": None, "components": [], "paxs": [], "solutions": [], "hardware_support": []}
 
 
 def _reporting(report):
-    """A command that prints what `report` makes of the database, which is None when nothing is installed."""
+    """A command that prints what `report` makes of the database, which is _NOTHING when nothing is installed."""
     def command(options):
         try:
-            return compact(report(Banks(paths.IMAGE).database(), *options["values"]))
+            database = Banks(paths.IMAGE).database()
+            return compact(report(_NOTHING if database is None else database, *options["values"]))
         except ImageError as error:
             raise CommandError(NO_IMAGE_INFO, error) from error
         except (KeyError, TypeError, AttributeError) as error:
@@ -34,8 +35,8 @@ def _without(fields, *names):
 @_reporting
 def software_info(database):
     """Everything that is installed, but for packages."""
-    info, database = {}, database or _NOTHING
-    if database.get("base_image"):
+    info = {}
+    if database["base_image"]:
         info["base_image"] = _display(database["base_image"], "release_date")
         info["installed_at"] = database["installed_at"]
     if database.get("add_on"):
@@ -51,17 +52,15 @@ def software_info(database):
 @_reporting
 def base_image(database):
     """The installed base image, or null."""
-    if not database:
-        return None
     unit = database["base_image"]
-    return _display(unit, "release_date") | {"installed_at": database["installed_at"],
+    return unit and _display(unit, "release_date") | {"installed_at": database["installed_at"],
                                              "components": unit["components"]}
 
 
 @_reporting
 def component(database, name):
     """One installed component, or null."""
-    for entry in (database or _NOTHING)["components"]:
+    for entry in database["components"]:
         if entry["document"]["name"] == name:
             return {"component": name, **_display(entry["document"]), "source": entry["source"],
                     "installed_at": entry["installed_at"],
@@ -73,19 +72,19 @@ def component(database, name):
 def components(database):
     """All installed components."""
     return [{"component": entry["document"]["name"], **_without(_display(entry["document"]), "vendor")}
-            for entry in (database or _NOTHING)["components"]]
+            for entry in database["components"]]
 
 
 @_reporting
 def packages(database):
     """All installed packages."""
-    return _packages(database or _NOTHING)
+    return _packages(database)
 
 
 @_reporting
 def orphan_packages(database):
     """The installed packages that no component holds."""
-    return [package for package in _packages(database or _NOTHING) if "component" not in package]
+    return [package for package in _packages(database) if "component" not in package]
 
 
 def _packages(database):

@@ -12,7 +12,7 @@ from tessel_lifecycle.lock import LockTimeout, access_lock
 def open_records():
     """The records of this host."""
     try:
-        switched = platform_file.read(paths.FEATURE_STATES).get("task_database", "").lower() == "true"
+        switched = platform_file.read(paths.FEATURE_STATES).get("task_database") == "true"
     except (OSError, ValueError):
         switched = False
     return DatabaseRecords(paths.TASK_DATABASE) if switched else FileRecords(paths.TASK_STATUS)

@@ -1,0 +1,123 @@
+"""Fixtures: the package from the source tree, and the host on which installed commands run."""
+
+import json
+import os
+import pathlib
+import shutil
+import signal
+import subprocess
+import sys
+import time
+import uuid
+
+import pytest
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(ROOT / "helpers"))
+LIFECYCLE = pathlib.Path("/var/tessel/lifecycle")
+COMMAND = ["/usr/bin/python3", "/usr/lib/tessel/lifecycle/bin/imagemanagerctl.py"]
+
+
+def wait_for(condition, limit=30):
+    """Waits until `condition` gives something true, and returns it; fails after `limit` seconds."""
+    end = time.monotonic() + limit
+    while time.monotonic() < end:
+        if found := condition():
+            return found
+        time.sleep(0.01)
+    raise AssertionError(f"did not happen within {limit} seconds")
+
+
+def processes(text):
+    """The processes whose command line holds a text, by identifier."""
+    found = []
+    for path in pathlib.Path("/proc").glob("[0-9]*/cmdline"):
+        try:
+            if text.encode() in path.read_bytes():
+                found.append(int(path.parent.name))
+        except OSError:
+            pass  # it has just ended
+    return found
+
+
+class Host:
+    """The host that the tests run on, with nothing installed and nothing registered."""
+
+    records_file = LIFECYCLE / "task-status.json"
+    sync_file = LIFECYCLE / "lifecycle.task"
+
+    def __init__(self):
+        self._started = []
+
+    def run(self, line, document=None):
+        """Runs an inline command: (exit code, standard output, standard error)."""
+        done = subprocess.run(COMMAND + line.split(), capture_output=True, text=True, timeout=60,
+                              input=document if isinstance(document, str) else json.dumps(document))
+        return done.returncode, done.stdout, done.stderr
+
+    def start(self, line, document=None):
+        """Starts a task as the daemon does. `line` may hold ID and DOCUMENT. Returns (task identifier, process)."""
+        task = str(uuid.uuid4())
+        path = f"{LIFECYCLE}/swspec-{task}"
+        if "--scan" in line:
+            path = "/var/run/lifecycle.scan.swspec"
+        if document is not None:
+            pathlib.Path(path).write_text(json.dumps(document))
+        self.sync_file.write_text(f"PRECURSOR: {task}")
+        words = line.replace("ID", task).replace("DOCUMENT", path).split()
+        self._started.append(subprocess.Popen(COMMAND + words, stderr=subprocess.PIPE, start_new_session=True))
+        return task, self._started[-1]
+
+    def end_processes(self):
+        """Ends what a failed test has left running."""
+        for process in self._started:
+            for found in (*processes("task-guard"), *processes(COMMAND[1])):
+                os.kill(found, signal.SIGKILL)
+            process.wait()
+            process.stderr.close()
+        self._started.clear()
+
+    def record(self, task):
+        return json.loads(self.records_file.read_text()).get(task, {}) if self.records_file.exists() else {}
+
+    def task(self, line, document=None):
+        """Carries out a task and returns its record."""
+        task, process = self.start(line, document)
+        process.communicate(timeout=120)
+        return self.record(task)
+
+    def result(self, line, document=None):
+        """Carries out a task that has to succeed and returns its result's fields, still in plain JSON."""
+        record = self.task(line, document)
+        assert record["status"] == "SUCCEEDED", record
+        ((_, fields),) = json.loads(record["result"])["STRUCTURE"].items()
+        return fields
+
+    def error(self, line, document=None):
+        """Carries out a task that has to fail and returns its identifier's last part and its arguments."""
+        record = self.task(line, document)
+        assert record["status"] == "FAILED" and "endTime" in record and not self.sync_file.exists(), record
+        return record["error"]["message"]["id"].rpartition(".")[2], record["error"]["message"]["args"]
+
+
+@pytest.fixture(scope="session")
+def throw_away_host():
+    assert os.path.exists(COMMAND[1]), "not installed here: run in tools/sandbox --host DIR"
+    assert not LIFECYCLE.exists() or not os.listdir(LIFECYCLE), f"{LIFECYCLE} is in use: run in tools/sandbox"
+
+
+@pytest.fixture
+def host(throw_away_host):
+    LIFECYCLE.mkdir(parents=True, exist_ok=True)
+    made = Host()
+    yield made
+    made.end_processes()
+    shutil.rmtree(LIFECYCLE)
+
+
+@pytest.fixture(scope="session")
+def sample_depot(tmp_path_factory):
+    """Location of the sample depot."""
+    depot = tmp_path_factory.mktemp("sample") / "depot"
+    subprocess.run([ROOT / "helpers/build-depot", ROOT / "helpers/sample-depot", depot], check=True)
+    return str(depot)

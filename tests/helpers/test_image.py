@@ -1,0 +1,199 @@
+"""The two banks: what an apply leaves when it ends well, fails, or dies at any moment."""
+
+import errno
+import os
+import shutil
+import signal
+import sys
+import traceback
+
+import pytest
+from depot_maker import base_image, component, package, write_depot
+from tessel_lifecycle import files, install, pax
+from tessel_lifecycle.depot import Depot, merged
+from tessel_lifecycle.errors import ImageError
+from tessel_lifecycle.fetch import Patience
+from tessel_lifecycle.image import Image
+from tessel_lifecycle.resolve import resolve
+from tessel_lifecycle.spec import SoftwareSpec
+
+ONCE = Patience(attempts=1, timeout=2, pause=0, limit=2)
+
+
+class QuietTask:
+    def progress(self, percent):
+        pass
+
+    def commit(self):
+        pass
+
+
+@pytest.fixture
+def location(tmp_path):
+    return write_depot(
+        tmp_path / "depot", base_image("8.0-1", {"c": "1-1", "d": "1-1"}), base_image("8.0-2", {"c": "2-1", "d": "1-1"}),
+        component("c", paxs=["p"]), component("c", "2-1", paxs=["p 2-1"]), component("d", paxs=["q"]),
+        package("p", {"etc/x": "old\n", "bin/run": "run"}),
+        package("p 2-1", {"etc/x": "new\n", "lib/y": "y" * 5000, "lib/link": ("link", "../etc/x")}),
+        package("q", {"etc/q": "both\n"}))
+
+
+def plan(image, location, version):
+    installed, catalogue = image.read(), merged([Depot(location, ONCE)])
+    offered = dict(catalogue.paxs)
+    catalogue.paxs.update(installed.catalogue().paxs)
+    return install.Plan(resolve(SoftwareSpec({"base_image": {"version": version}}), catalogue), installed, offered)
+
+
+def apply(image, location, version):
+    with image.locked():
+        made = plan(image, location, version)
+        install.stage(image, made.new, lambda percent: None, 0, 1)
+        install.apply(image, made, QuietTask())
+
+
+def state(image):
+    """The running image's version, after its files were compared with its database."""
+    installed = image.read()
+    if installed.content.base_image is None:
+        return None
+    for descriptor in installed.content.descriptors.values():
+        for file in descriptor.files:
+            path = os.path.join(installed.root, file.path)
+            if file.type == "file":
+                assert (os.path.getsize(path), files.sha256(path)) == (file.size, file.sha256)
+    listed = {file.path for d in installed.content.descriptors.values() for file in d.files}
+    assert {entry["path"] for entry in pax.listing(installed.root)} == listed
+    return installed.content.base_image.version.text
+
+
+def test_banks_change_places(tmp_path, location):
+    image = Image(str(tmp_path / "image"))
+    assert state(image) is None and image.current() is None
+    for version, bank in (("8.0-1", "a"), ("8.0-2", "b")):
+        apply(image, location, version)
+        assert (state(image), image.current(), os.listdir(image.stage)) == (version, bank, [])
+    assert image.read().component_dates["d"] < image.read().component_dates["c"]
+    assert plan(image, location, "8.0-2").is_done
+    with pytest.raises(ImageError) as error:
+        plan(image, location, "8.0-1").check()
+    assert (error.value.name, error.value.arguments) == ("ComponentDowngradeError", ["c(2-1 to 1-1)"])
+
+
+CHANGES = {"open", "write", "flush", "fsync", "close", "rename", "mkdir", "symlink", "unlink", "rmdir", "chmod", "fchmod"}
+
+
+def dies_at(point, work):
+    """Runs `work` in a process that is killed before its n-th change of the file system; False when it ended sooner."""
+    child = os.fork()
+    if child == 0:
+        left = point
+
+        def count(_, event, function):
+            nonlocal left
+            if event == "c_call" and function.__name__ in CHANGES:
+                left -= 1
+                if left < 0:
+                    os.kill(os.getpid(), signal.SIGKILL)
+
+        sys.setprofile(count)
+        try:
+            work()
+            os._exit(0)
+        finally:
+            traceback.print_exc()
+            os._exit(1)
+    status = os.waitpid(child, 0)[1]
+    assert status in (0, signal.SIGKILL)
+    return status != 0
+
+
+def test_death_at_every_point_leaves_the_old_or_the_new_image(tmp_path, location):
+    seen, point, image = [], 0, Image(str(tmp_path / "image"))
+    apply(image, location, "8.0-1")
+    while dies_at(point, lambda: apply(image, location, "8.0-2")):
+        seen.append(state(image))
+        if seen[-1] == "8.0-2":
+            image.switch("a")
+        point += 1
+    assert state(image) == "8.0-2"
+    assert point > 100 and {"8.0-1", "8.0-2"} == set(seen)
+
+
+def test_a_second_helper_is_kept_out(tmp_path):
+    image, other = Image(str(tmp_path)), Image(str(tmp_path))
+    with image.locked():
+        for shared in (False, True):
+            with pytest.raises(ImageError, match="another process is updating"), other.locked(shared):
+                pass
+    with image.locked(shared=True), other.locked(shared=True):
+        pass
+
+
+def test_a_file_changed_behind_the_host_comes_from_the_depot_again(tmp_path, location):
+    image = Image(str(tmp_path / "image"))
+    apply(image, location, "8.0-1")
+    (tmp_path / "image/a/root/etc/q").write_text("edited")
+    apply(image, location, "8.0-2")
+    assert state(image) == "8.0-2"
+    (tmp_path / "image/b/root/etc/q").unlink()
+    made = plan(image, location, "8.0-2")
+    made.offered.clear()
+    with pytest.raises(ImageError) as error, image.locked():
+        install.apply(image, made, QuietTask())
+    assert error.value.name == "InstallationError" and image.current() == "b" and not (tmp_path / "image/a").exists()
+
+
+def test_the_stage_is_used_and_checked(tmp_path, location):
+    image = Image(str(tmp_path / "image"))
+    made = plan(image, location, "8.0-1")
+    assert install.stage(image, made.new, lambda percent: None, 0, 1) == made.download_size
+    assert install.stage(image, made.new, lambda percent: None, 0, 1) == 0
+    with open(install.staged(image, made.new[0]), "r+b") as file:
+        file.write(b"damage")
+    assert install.stage(image, made.new, lambda percent: None, 0, 1) == made.new[0].size
+
+
+@pytest.mark.parametrize("damage, name", [
+    (lambda image: (image / "current").unlink() or (image / "current").symlink_to("c"), "StatelessError"),
+    (lambda image: (image / "a").rename(image / "c"), "StatelessError"),
+    (lambda image: (image / "a/image.json").unlink(), "DatabaseIOError"),
+    (lambda image: (image / "a/image.json").write_text("{"), "DatabaseFormatError"),
+    (lambda image: (image / "a/image.json").write_text("{}"), "DatabaseFormatError"),
+    (lambda image: (image / "a/descriptors/p.json").write_text("{}"), "DatabaseFormatError"),
+    (lambda image: shutil.copy(image / "a/descriptors/q.json", image / "a/descriptors/p.json"), "DatabaseFormatError")],
+    ids=["other bank", "no bank", "no database", "not JSON", "empty", "bad descriptor", "exchanged descriptor"])
+def test_a_damaged_image_is_told(damage, name, tmp_path, location):
+    image = Image(str(tmp_path / "image"))
+    apply(image, location, "8.0-1")
+    damage(tmp_path / "image")
+    with pytest.raises(ImageError) as error:
+        image.read()
+    assert error.value.name == name
+
+
+def test_a_full_disk_leaves_the_old_image(tmp_path, location, monkeypatch):
+    """A disk that fills up at the n-th file, simulated where files are opened: a real one needs a mount."""
+    image = Image(str(tmp_path / "image"))
+    apply(image, location, "8.0-1")
+    left = 0
+
+    def open_until_full(path, flags, *more, real=os.open, **named):
+        nonlocal left
+        if flags & os.O_CREAT:
+            left -= 1
+            if left < 0:
+                raise OSError(errno.ENOSPC, "No space left on device", path)
+        return real(path, flags, *more, **named)
+
+    monkeypatch.setattr(os, "open", open_until_full)
+    names = set()
+    for free in range(20):
+        left = free
+        try:
+            apply(image, location, "8.0-2")
+            break
+        except ImageError as error:
+            names.add(error.name)
+            assert state(image) == "8.0-1"
+    assert state(image) == "8.0-2" and names <= {"InstallationError", "DatabaseIOError"} and names
