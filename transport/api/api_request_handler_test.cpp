@@ -78,6 +78,8 @@ class Lines : public Log::Logger {
 /// The connection: keeps what it is told to send.
 class Connection : public ResponseReceiver {
  public:
+  virtual ~Connection() = default;
+
   void Respond(Response response) override {
     for (const auto& header : response.headers) {
       text += std::string(header.name) + ": " + header.value + "\n";
@@ -326,7 +328,7 @@ TEST_F(ApiRequestHandlerTest, ResultFromAnotherThreadIsTakenToTheServersThread) 
   std::thread worker;
   const auto work = boost::asio::make_work_guard(io_);
   const std::thread::id here = std::this_thread::get_id();
-  class Receiver : public Connection {
+  class Receiver final : public Connection {
    public:
     explicit Receiver(boost::asio::io_context& io) : io_(io) {}
     void Respond(Response response) override {

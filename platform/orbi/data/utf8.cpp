@@ -1,6 +1,8 @@
 #include "orbi/data/utf8.h"
 
 #include <algorithm>
+#include <cstdint>
+#include <cstring>
 
 namespace Orbi::Data {
 namespace {
@@ -36,13 +38,23 @@ std::size_t Utf8Length(std::string_view text) {
   return std::ranges::all_of(rest, [](char c) { return Within(c, 0x80, 0xBF); }) ? row->length : 0;
 }
 
-bool IsUtf8(std::string_view text) {
-  while (!text.empty()) {
-    const std::size_t length = Utf8Length(text);
-    if (length == 0) return false;
-    text.remove_prefix(length);
+std::size_t FindNotUtf8(std::string_view text) {
+  std::size_t at = 0;
+  while (at < text.size()) {
+    // Most texts are ASCII: eight bytes at a time while no top bit is set.
+    std::uint64_t word = 0;
+    if (text.size() - at >= sizeof word) {
+      std::memcpy(&word, text.data() + at, sizeof word);
+      if ((word & 0x8080808080808080U) == 0) {
+        at += sizeof word;
+        continue;
+      }
+    }
+    const std::size_t length = Utf8Length(text.substr(at));
+    if (length == 0) return at;
+    at += length;
   }
-  return true;
+  return std::string_view::npos;
 }
 
 }  // namespace Orbi::Data

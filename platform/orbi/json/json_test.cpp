@@ -160,6 +160,8 @@ TEST(Json, RefusesWhatIsNotAValue) {
       {"[1]]", "followed by other values"},
       {"// c\n1", "Invalid value"},
       {"\"\xFF\"", "Invalid encoding"},
+      {"\"\xF0", "Invalid encoding"},
+      {"1 \xC3", "Invalid encoding"},
       {"\"\xED\xA0\x80\"", "Invalid encoding"},
       {R"("\ud800")", "surrogate"},
       {R"("\udc00")", "surrogate"},

@@ -9,6 +9,8 @@
 #include <cstdlib>
 #include <system_error>
 
+#include "orbi/data/utf8.h"
+
 namespace Orbi::Protocol::Json {
 namespace {
 
@@ -31,8 +33,7 @@ Scalar ToNumber(std::string_view text) {
   return number;
 }
 
-/// The parser validates the encoding of what stands in the text, but writes an escaped lone low
-/// surrogate as if it were a character.
+/// The parser takes an escaped lone low surrogate for a character.
 bool HoldsSurrogate(std::string_view text) {
   for (std::size_t at = text.find('\xED'); at != std::string_view::npos;
        at = text.find('\xED', at + 1)) {
@@ -100,15 +101,22 @@ class Handler {
 
 std::optional<ParseFailure> ParseInPlace(std::string& text, std::size_t max_nesting,
                                          Events& events) {
-  constexpr unsigned kFlags = rapidjson::kParseInsituFlag | rapidjson::kParseValidateEncodingFlag |
-                              rapidjson::kParseNumbersAsStringsFlag;
-  // The stream ends at the first zero byte, of which a text has none.
+  // The parser's own validation reads on behind the end of a text that is cut off within a
+  // character, so the encoding is checked first, and the parser stops at the fault.
+  constexpr unsigned kFlags = rapidjson::kParseInsituFlag | rapidjson::kParseNumbersAsStringsFlag;
+  const std::size_t not_utf8 = Data::FindNotUtf8(text);
+  if (not_utf8 != std::string::npos) text[not_utf8] = '\0';
+  // The stream ends at the first zero byte, of which a JSON text has none.
   const std::size_t zero = text.find('\0');
 
   Handler handler(events, max_nesting);
   rapidjson::InsituStringStream stream(text.data());
   rapidjson::Reader reader;
   const rapidjson::ParseResult result = reader.Parse<kFlags>(stream, handler);
+  if (not_utf8 != std::string::npos) {
+    return ParseFailure{rapidjson::GetParseError_En(rapidjson::kParseErrorStringInvalidEncoding),
+                        not_utf8};
+  }
   if (!result.IsError()) {
     if (zero == std::string::npos) return std::nullopt;
     return ParseFailure{"A zero byte in the text.", zero};

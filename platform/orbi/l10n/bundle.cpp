@@ -13,11 +13,14 @@
 namespace Orbi::L10n {
 namespace {
 
-/// At most one byte more than a catalogue may have.
+/// Stops soon after there is more than a catalogue may have.
 std::string ReadBounded(std::istream& stream) {
-  std::string text(LocalizationBundle::kMaxCatalogueBytes + 1, '\0');
-  stream.read(text.data(), static_cast<std::streamsize>(text.size()));
-  text.resize(static_cast<std::size_t>(stream.gcount()));
+  std::string text;
+  std::array<char, 16 * 1024> part;
+  while (text.size() <= LocalizationBundle::kMaxCatalogueBytes && stream) {
+    stream.read(part.data(), part.size());
+    text.append(part.data(), static_cast<std::size_t>(stream.gcount()));
+  }
   return text;
 }
 
