@@ -15,14 +15,15 @@ _REPEATED = ("--depot", "--component", "--name")
 class Command:
     """`function` is MODULE:FUNCTION, `values` the number of values after the verb.
 
-    An inline command ends with `bad_usage` when its line is not understood and with `failed` when something breaks.
+    An inline command ends with `bad_usage` when its line is not understood, with `failed` when something breaks, and
+    with `late` when it takes too long, which only depots do.
     A task has an `operation`, by which its record names it, and takes `required` options and --task-id.
     """
 
-    def __init__(self, function, values=0, required=(), operation="", bad_usage=1, failed=1):
+    def __init__(self, function, values=0, required=(), operation="", bad_usage=1, failed=1, late=1):
         self.function, self.values, self.operation = function, values, operation
         self.required = (*required, "--task-id") if operation else required
-        self.bad_usage, self.failed = bad_usage, failed
+        self.bad_usage, self.failed, self.late = bad_usage, failed, late
 
     def load(self):
         """The function itself."""
@@ -36,14 +37,14 @@ _DAEMON = "com.tessel.ryx.kestrel_daemon."
 
 COMMANDS = {
     ("depots", "--list"): Command("depots:list_depots"),
-    ("depots", "--create"): Command("depots:create", failed=81),
+    ("depots", "--create"): Command("depots:create", failed=81, late=83),
     ("depots", "--delete"): Command("depots:delete", 1),
     ("software", "--get"): Command("desired_software:get"),
-    ("software", "--set"): Command("desired_software:set_spec"),
+    ("software", "--set"): Command("desired_software:set_spec", late=83),
     ("software_ryx", "--get"): Command("desired_software:get_base_image"),
-    ("software_ryx", "--set"): Command("desired_software:set_base_image", 1, bad_usage=84),
+    ("software_ryx", "--set"): Command("desired_software:set_base_image", 1, bad_usage=84, late=83),
     ("components", "--get"): Command("desired_software:get_component", 1),
-    ("components", "--set"): Command("desired_software:set_component", 2, bad_usage=81),
+    ("components", "--set"): Command("desired_software:set_component", 2, bad_usage=81, late=83),
     ("components", "--del"): Command("desired_software:delete_component", 1, failed=80),
     ("software", "--getsoftwareinfo"): Command("installed_software:software_info"),
     ("ryx", "--get"): Command("installed_software:base_image"),
@@ -84,7 +85,7 @@ def _run_inline(command, words):
     def too_long(*_):
         sys.stderr.write(f"given up after {INLINE_LIMIT} seconds\n")
         sys.stderr.flush()
-        os._exit(command.failed)
+        os._exit(command.late)
 
     signal.signal(signal.SIGALRM, too_long)
     signal.alarm(INLINE_LIMIT)
@@ -114,8 +115,8 @@ def _run_task(command, words):
     try:
         options = _options(command, words)
     except UsageError as error:
-        print(error, file=sys.stderr)
         task.fail(TaskError(INVALID_INPUT))
+        print(error, file=sys.stderr)
         return 1
     return run(task, lambda task: command.load()(task, options))
 

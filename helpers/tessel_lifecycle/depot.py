@@ -13,7 +13,7 @@ MOST_INDEX = 1 << 20
 MOST_METADATA_FILES = 16
 MOST_METADATA = 16 << 20   # one metadata file
 MOST_DOCUMENT = 16 << 20   # one document in it
-MOST_UNPACKED = 48 << 20   # all documents of a depot
+MOST_UNPACKED = 32 << 20   # all documents of a depot; they take five times as much memory
 
 
 class _MetadataFile:

@@ -4,12 +4,13 @@ Everything here raises ValueError, with a text that names the place, for a docum
 """
 
 import json
+import math
 
 _MISSING = object()
 
 
 def parse(data):
-    """The value of a JSON text in UTF-8; refuses what this system's other readers could not read back."""
+    """The value of a JSON text, bytes in UTF-8; refuses what this system's other readers could not read back."""
     def refuse_constant(name):
         raise ValueError(f"{name} is not a JSON number")
 
@@ -19,11 +20,18 @@ def parse(data):
             raise ValueError("a member occurs twice")
         return fields
 
+    def finite(number):
+        if not math.isfinite(value := float(number)):
+            raise ValueError(f"{number:.40} is too large")
+        return value
+
+    document = data.decode()  # strictly UTF-8, where the parser would take other encodings as well
     try:
-        value = json.loads(data, parse_constant=refuse_constant, object_pairs_hook=unique)
-        json.dumps(value, ensure_ascii=False, allow_nan=False).encode()  # lone surrogates and infinite numbers end here
+        value = json.loads(document, parse_constant=refuse_constant, parse_float=finite, object_pairs_hook=unique)
     except RecursionError:
         raise ValueError("nested too deeply") from None
+    if "\\u" in document:
+        json.dumps(value, ensure_ascii=False).encode()  # halves of surrogate pairs end here
     return value
 
 

@@ -32,9 +32,9 @@ TEXTS = {
                                       "version {3} does not support Base Image version {4}.",
     "ManifestConflictError": "Hardware Support Packages with ID {1} and {2} have overlapping Base Image support. "
                              "Use a different package that does not overlap with package {1}.",
+    "MemoryReserveError": "The host is out of resource: failed to reserve {1} MB of memory during remediation.",
     "MetadataDownloadError": "An error occurred while downloading depot metadata from {1}.",
     "MetadataFormatError": "The format of metadata in {1} is invalid.",
-    "MetadataIOError": "An error occured while reading metadata.zip.",
     "MissingComponentError": "Cannot find metadata for a Component.",
     "MissingPaxError": "Cannot find metadata for PAX(s) {1} in database or depot.",
     "MultipleManifestError": "The current version of RYX does not support multiple Hardware Support Packages.",

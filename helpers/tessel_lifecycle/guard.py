@@ -9,6 +9,7 @@ process can do anything about, leaves a task without an end.
 import contextlib
 import fcntl
 import os
+import resource
 import signal
 import socket
 import sys
@@ -42,9 +43,9 @@ def _leave(function):
     try:
         code = function()
     except BaseException:
-        traceback.print_exc()
+        with contextlib.suppress(OSError):
+            traceback.print_exc()
     finally:
-        sys.stderr.flush()
         os._exit(code)
 
 
@@ -60,10 +61,19 @@ def _work(task, work, guard):
         for number in ENDING:
             signal.signal(number, signal.SIG_IGN)
         _report(task, error)
-        task.fail(error if isinstance(error, TaskError) else ImageError("UnknownError"))
+        task.fail(_as_task_error(error))
         return 1
     task.succeed(result)
     return 0
+
+
+def _as_task_error(error):
+    if isinstance(error, TaskError):
+        return error
+    limit, _ = resource.getrlimit(resource.RLIMIT_DATA)
+    if isinstance(error, MemoryError) and limit != resource.RLIM_INFINITY:
+        return ImageError("MemoryReserveError", limit >> 20)
+    return ImageError("UnknownError")
 
 
 def _terminated(number, _):
@@ -74,10 +84,11 @@ def _terminated(number, _):
 
 def _report(task, error):
     text = f"task {task.id}, {task.operation}: {error or type(error).__name__}"
-    print(text, file=sys.stderr)
     syslog.syslog(syslog.LOG_ERR, text)
-    if not isinstance(error, (TaskError, Terminated)):
-        traceback.print_exception(error)
+    with contextlib.suppress(OSError):  # who started the task need not listen any more
+        print(text, file=sys.stderr)
+        if not isinstance(error, (TaskError, Terminated)):
+            traceback.print_exception(error)
 
 
 def _keep_guarded(task, guard):

@@ -3,6 +3,7 @@
 import functools
 import http.client
 import io
+import ssl
 import time
 import urllib.parse
 
@@ -26,6 +27,8 @@ class HttpSource(Source):
                 url = _redirected(url, response)
         except http.client.HTTPException as error:
             raise OSError(f"not an answer in HTTP: {error!r:.200}") from error
+        except ssl.SSLCertVerificationError as error:
+            raise Refused(str(error)) from error
         except ValueError as error:
             raise Refused(f"redirected to something that is no URL: {error}") from error
         raise Refused("redirected too often")

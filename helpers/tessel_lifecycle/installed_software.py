@@ -15,9 +15,10 @@ def _reporting(report):
             database = Banks(paths.IMAGE).database()
             return compact(report(_NOTHING if database is None else database, *options["values"]))
         except ImageError as error:
-            raise CommandError(NO_IMAGE_INFO, error) from error
+            failure = error
         except (KeyError, TypeError, AttributeError) as error:
-            raise CommandError(NO_IMAGE_INFO, f"the image database has a wrong shape: {error!r}") from error
+            failure = f"the image database has a wrong shape: {error!r}"
+        raise CommandError(NO_IMAGE_INFO, ImageError("SoftwareInfoExtractError", detail=failure))
     return command
 
 

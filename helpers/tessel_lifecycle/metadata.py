@@ -150,6 +150,8 @@ class Component(Unit):
 class PayloadFile:
     """One file, directory or symbolic link of a payload. `path` is relative and has no '..'."""
 
+    __slots__ = ("path", "type", "mode", "size", "sha256", "target")
+
     def __init__(self, document):
         fields = Fields(document, "file")
         self.path = fields.take("path", relative_path)

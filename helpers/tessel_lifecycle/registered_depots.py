@@ -1,6 +1,7 @@
 """Asking the registered depots what they have, for commands whose caller waits."""
 
 import threading
+from concurrent.futures import ThreadPoolExecutor
 
 from tessel_lifecycle.depot import Depot
 from tessel_lifecycle.errors import NOT_FOUND, NOT_REACHABLE, CommandError, ImageError
@@ -9,6 +10,8 @@ from tessel_lifecycle.metadata import Catalogue
 from tessel_lifecycle.spec import check_available
 
 _KINDS = ("base_images", "add_ons", "components", "solutions", "manifests")
+_AT_ONCE = 8
+_STACK = 1 << 20  # bytes; what threads reserve counts against the memory that an inline command may use
 
 
 class RegisteredDepots:
@@ -18,20 +21,9 @@ class RegisteredDepots:
         """Asks all depots at once, so that dead ones cost their time-out only once."""
         self._catalogue, self._failures = Catalogue(), []
         depots = desired.depots()
-        answers = [None] * len(depots)
-
-        def ask(number, url):
-            try:
-                answers[number] = Depot(url, INLINE).catalogue(_KINDS)
-            except ImageError as error:
-                answers[number] = error
-
-        threads = [threading.Thread(target=ask, args=(number, depot["url"]), daemon=True)
-                   for number, depot in enumerate(depots)]
-        for thread in threads:
-            thread.start()
-        for thread in threads:
-            thread.join()
+        threading.stack_size(_STACK)
+        with ThreadPoolExecutor(_AT_ONCE) as pool:
+            answers = list(pool.map(_ask, [depot["url"] for depot in depots]))
         _note_reachable(desired, {depot["name"]: isinstance(answer, Catalogue)
                                   for depot, answer in zip(depots, answers)})
         for answer in answers:
@@ -48,6 +40,14 @@ class RegisteredDepots:
             if self._failures:
                 raise CommandError(NOT_REACHABLE, f"{error}; not reached: {self._failures[0]}") from error
             raise CommandError(NOT_FOUND, error) from error
+
+
+def _ask(url):
+    """What a depot describes, or the ImageError that it ended in."""
+    try:
+        return Depot(url, INLINE).catalogue(_KINDS)
+    except ImageError as error:
+        return error
 
 
 def _note_reachable(desired, reachable):
