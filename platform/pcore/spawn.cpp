@@ -27,13 +27,14 @@
 
 // The C library's own name for clone(2), which has no sanitizer's function in its place either. The
 // child ends when `run` returns.
+// NOLINTNEXTLINE(bugprone-reserved-identifier)
 extern "C" int __clone(int (*run)(void*), void* stack, int flags, void* argument, ...);
 
 namespace PcoreCtl {
 
 namespace {
 
-constexpr std::size_t kStackSize = 64 * 1024;
+constexpr std::size_t kStackSize = std::size_t{64} * 1024;
 constexpr int kCloneFlags = CLONE_VM | CLONE_VFORK | CLONE_PIDFD | SIGCHLD;
 
 /// Memory for the stack of a child until it begins its program.
