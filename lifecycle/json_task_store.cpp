@@ -7,7 +7,6 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
@@ -44,24 +43,15 @@ class File {
   int descriptor_;
 };
 
-[[noreturn]] void ThrowParseError(const std::string& reason) {
-  throw JsonParseError("Json Parsing Error: " + reason);
-}
-
 std::string ReadWhole(const std::string& path) {
   errno = 0;
-  if (access(path.c_str(), F_OK) != 0) {
-    const int error = errno;
-    std::string text = "TaskFile(" + path + ") not found";
-    if (error != 0) text += std::string(" -- ") + std::strerror(error);
-    throw TaskFileNotFoundError(text);
-  }
+  if (access(path.c_str(), F_OK) != 0) throw TaskFileNotFoundError(path, errno);
   const File file(path, O_RDONLY);
   struct stat status {};
   if (fstat(file.descriptor(), &status) != 0)
     throw std::system_error(errno, std::generic_category(), path);
   if (static_cast<std::size_t>(status.st_size) > TaskDB::kMaxDocumentSize)
-    ThrowParseError("The file is too large.");
+    throw JsonParseError("The file is too large.");
   std::string text(static_cast<std::size_t>(status.st_size), '\0');
   std::size_t length = 0;
   while (length < text.size()) {
@@ -79,9 +69,9 @@ std::string ReadWhole(const std::string& path) {
 
 JsonTaskStore::Tasks::Tasks(const std::string& path) : text(ReadWhole(path)) {
   if (const auto result = TaskDB::ParseInPlace(text, document); result.IsError())
-    ThrowParseError(rapidjson::GetParseError_En(result.Code()));
+    throw JsonParseError(rapidjson::GetParseError_En(result.Code()));
   if (!document.IsObject())
-    ThrowParseError(rapidjson::GetParseError_En(rapidjson::kParseErrorValueInvalid));
+    throw JsonParseError(rapidjson::GetParseError_En(rapidjson::kParseErrorValueInvalid));
 }
 
 JsonTaskStore::JsonTaskStore(std::string path, int retries)

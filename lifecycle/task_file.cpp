@@ -100,9 +100,9 @@ void TaskFile::WithDatabase(const Operation& operation) const {
   try {
     operation();
   } catch (const TaskDB::MissingError&) {
-    throw TaskFileNotFoundError("TaskFile(" + database_->path() + ") not found");
+    throw TaskFileNotFoundError(database_->path(), ENOENT);
   } catch (const TaskDB::CorruptError& e) {
-    throw JsonParseError(std::string("Json Parsing Error: ") + e.what());
+    throw JsonParseError(e.what());
   } catch (const TaskDB::BusyError&) {
     throw AccessLockError(EBUSY);
   }

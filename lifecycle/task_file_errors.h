@@ -2,14 +2,14 @@
 
 #include <exception>
 #include <string>
-#include <utility>
 
 namespace LifeCycle {
 
 /// There is no task status file.
 class TaskFileNotFoundError : public std::exception {
  public:
-  explicit TaskFileNotFoundError(std::string text) : text_(std::move(text)) {}
+  /// @param error_number  the system's, or 0 when it gave none
+  TaskFileNotFoundError(const std::string& path, int error_number);
   [[nodiscard]] const char* what() const noexcept override { return text_.c_str(); }
 
  private:
@@ -19,7 +19,7 @@ class TaskFileNotFoundError : public std::exception {
 /// The task status file is not the JSON object that it should be.
 class JsonParseError : public std::exception {
  public:
-  explicit JsonParseError(std::string text) : text_(std::move(text)) {}
+  explicit JsonParseError(const std::string& reason) : text_("Json Parsing Error: " + reason) {}
   [[nodiscard]] const char* what() const noexcept override { return text_.c_str(); }
 
  private:

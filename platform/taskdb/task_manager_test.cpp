@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -85,17 +84,6 @@ TEST_F(TaskManagerTest, KeepsApartWritersOfSeveralConnections) {
   manager->ForEach([&](const std::string&, const Record& record) {
     EXPECT_EQ(FindMember(record, "n")->GetInt(), 2 * kRounds);
   });
-}
-
-TEST_F(TaskManagerTest, TellsWhatIsNoDatabaseAndStartsAnew) {
-  const auto manager = TaskManager::FromPath(path_);
-  std::ofstream(path_) << std::string(4096, 'x');
-  EXPECT_THROW(manager->Create(), CorruptError);
-  manager->Recreate();
-  manager->Add("id", PendingRecord("op"), OnDuplicate::kRefuse);
-  SQLite::Database(path_, SQLite::OPEN_READWRITE).exec("UPDATE tasks SET record = '{'");
-  EXPECT_THROW(Ids(*manager), CorruptError);
-  EXPECT_THROW(manager->Create(), CorruptError);
 }
 
 }  // namespace

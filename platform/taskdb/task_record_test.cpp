@@ -2,7 +2,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <rapidjson/error/en.h>
 
 #include <limits>
 
@@ -13,7 +12,6 @@ namespace TaskDB {
 namespace {
 
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 constexpr char kUnknownError[] = "com.tessel.pelorus.lifecycle.RyxImage.UnknownError";
 
@@ -23,26 +21,6 @@ TaskInfo Read(std::string json) {
   TaskInfo info;
   ReadRecord("id", document, info);
   return info;
-}
-
-TEST(ReadRecord, TakesEveryFieldFromItsMember) {
-  CapturedLog log;
-  const TaskInfo info = Read(
-      R"({"user":"root","status":"FAILED","operation":"op","progress":{"completed":40,"total":100},)"
-      R"("startTime":"start","endTime":"end","result":"a\u0000b","exception":"broken",)"
-      R"("error":{"message":{"id":"some.id","args":[]}},"unknown":[1]})");
-  EXPECT_EQ(info.id, "id");
-  EXPECT_EQ(info.operation, "op");
-  EXPECT_EQ(info.user, "root");
-  EXPECT_EQ(info.status, "FAILED");
-  EXPECT_EQ(info.startTime, "start");
-  EXPECT_EQ(info.endTime, "end");
-  EXPECT_EQ(info.completed, 40);
-  EXPECT_EQ(info.total, 100);
-  EXPECT_EQ(info.result, std::string("a\0b", 3));
-  EXPECT_EQ(info.exception, "broken");
-  EXPECT_EQ(info.errorId, "some.id");
-  EXPECT_THAT(log.TakeLines(), IsEmpty());
 }
 
 TEST(ReadRecord, ReadsAnyKindOfNumberAsProgress) {
@@ -113,31 +91,6 @@ TEST(ReadRecord, TellsErrorArgumentsAsText) {
   EXPECT_THAT(log.TakeLines(), ElementsAre("2 Ignoring arg 4 of unexpected type.",
                                            "2 Ignoring arg 8 of unexpected type.",
                                            "2 Ignoring arg 9 of unexpected type."));
-}
-
-TEST(ParseInPlace, RefusesWhatIsNotOneBoundedDocument) {
-  const auto nested = [](std::size_t depth) {
-    return std::string(depth, '[') + std::string(depth, ']');
-  };
-  const struct {
-    std::string json;
-    const char* error;  ///< empty when there is none
-  } cases[] = {
-      {nested(kMaxDocumentDepth), ""},
-      {nested(kMaxDocumentDepth + 1), "Terminate parsing due to Handler error."},
-      {std::string(1000000, '['), "Terminate parsing due to Handler error."},
-      {"", "The document is empty."},
-      {"{} x", "The document root must not be followed by other values."},
-      {std::string("{}\0x", 4), "The document root must not be followed by other values."},
-      {"{\"a\":1", "Missing a comma or '}' after an object member."},
-  };
-  for (const auto& c : cases) {
-    std::string text = c.json;
-    rapidjson::Document document;
-    const auto result = ParseInPlace(text, document);
-    EXPECT_STREQ(result.IsError() ? rapidjson::GetParseError_En(result.Code()) : "", c.error)
-        << c.json.substr(0, 20);
-  }
 }
 
 }  // namespace
