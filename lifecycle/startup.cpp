@@ -1,0 +1,43 @@
+#include "lifecycle/startup.h"
+
+#include <algorithm>
+#include <string_view>
+
+#include "lifecycle/task_errors.h"
+#include "taskdb/json_document.h"
+#include "tesselibs/log.h"
+
+namespace LifeCycle {
+namespace {
+
+constexpr int kLockRetries = 5;
+
+/// The services whose tasks run on a thread of this process.
+constexpr std::string_view kInProcessServices[] = {
+    "com.tessel.ryx.kestrel_daemon.configuration.",
+    "com.tessel.ryx.configuration.components.groups.keys.",
+};
+
+bool RanInProcess(const TaskDB::Record& record) {
+  const auto operation = TaskDB::TextOf(TaskDB::FindMember(record, "operation"));
+  return std::ranges::any_of(kInProcessServices, [operation](std::string_view service) {
+    return operation.starts_with(service);
+  });
+}
+
+}  // namespace
+
+void FailAbandonedTasks(TaskFile& file) {
+  const TaskError aborted = MakeError("com.tessel.ryx.task.aborted", ErrorKind::kError);
+  const TaskDB::RecordEdit fail = TaskDB::Fail(ValueToTypedJson(*aborted));
+  const auto sweep = [&](const std::string& id, TaskDB::Record& record,
+                         TaskDB::Allocator& allocator) {
+    if (TaskDB::IsFinished(record) || !RanInProcess(record)) return false;
+    Log_Level(3, "[%s]: Task %s did not outlive the daemon\n", "FailAbandonedTasks", id.c_str());
+    fail(record, allocator);
+    return true;
+  };
+  file.ChangeAll(sweep, kLockRetries);
+}
+
+}  // namespace LifeCycle

@@ -1,0 +1,171 @@
+#include "lifecycle/task_creation.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <string>
+
+#include "lifecycle/access_lock.h"
+#include "lifecycle/paths.h"
+#include "lifecycle/startup.h"
+#include "lifecycle/task_file.h"
+#include "orbi/data/message.h"
+#include "tesselibs/testing/captured_log.h"
+
+namespace LifeCycle {
+namespace {
+
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+namespace fs = std::filesystem;
+
+std::string ReadFile(const std::string& path) {
+  std::ostringstream text;
+  text << std::ifstream(path).rdbuf();
+  return text.str();
+}
+
+/// An error's type's last word and its message's identifier.
+std::string Describe(const TaskError& error) {
+  if (!error) return "";
+  const auto* messages = error->Find("messages")->As<Orbi::Data::List>();
+  const auto message = Orbi::Data::LocalizableMessage::FromValue(messages->items.at(0));
+  return error->id.substr(error->id.rfind('.') + 1) + " " + message->id;
+}
+
+/// The sandboxed host, idle and without tasks.
+class TaskCreationTest : public testing::Test {
+ protected:
+  ~TaskCreationTest() override { fs::remove_all(folder_); }
+
+  static std::map<std::string, TaskDB::TaskInfo> Tasks() {
+    return TaskFile(kTaskStatusFile, TaskFile::Initialise::kNever).GetTasks(0);
+  }
+
+  const fs::path folder_ = fs::path(kTaskStatusFile).parent_path();
+  TaskError error_;
+};
+
+TEST_F(TaskCreationTest, InProcessTaskIsRecordedAndHoldsTheHostUntilItEnds) {
+  const std::string id = InitTask("op", error_, ErrorKind::kError);
+  ASSERT_FALSE(error_);
+  EXPECT_EQ(id.size(), 36U);
+  EXPECT_EQ(ReadFile(kTaskSyncFile), "PRECURSOR: " + id);
+  EXPECT_EQ(Tasks().at(id).status, "PENDING");
+  EXPECT_EQ(Tasks().at(id).operation, "op");
+
+  CapturedLog log;
+  EXPECT_EQ(InitTask("op", error_, ErrorKind::kError), "");
+  EXPECT_EQ(Describe(error_), "not_allowed_in_current_state com.tessel.ryx.task.contention");
+  EXPECT_THAT(log.TakeLines(),
+              ElementsAre(HasSubstr("6 [GetTaskId]: Generated task uuid "),
+                          "2 [_CheckTaskContention]: Task sync file exists, another task is "
+                          "progress, 0 retries left"));
+  EXPECT_EQ(Tasks().size(), 1U);
+
+  fs::remove(kTaskSyncFile);
+  TaskError none;
+  EXPECT_NE(InitTask("op", none, ErrorKind::kError), "");
+  EXPECT_FALSE(none);
+}
+
+TEST_F(TaskCreationTest, HelperTaskGetsAnEmptyRecordAndItsCommandIsStarted) {
+  const fs::path proof = "/tmp/task-creation-" + std::to_string(getpid());
+  RunTask("/usr/bin/touch " + proof.string(), "id", error_, ErrorKind::kError, 0);
+  EXPECT_FALSE(error_);
+  EXPECT_EQ(ReadFile(kTaskSyncFile), "PRECURSOR: id");
+  EXPECT_EQ(ReadFile(kTaskStatusFile), R"({"id":{}})");
+  for (int i = 0; i < 1000 && !fs::exists(proof); ++i) usleep(10000);
+  EXPECT_TRUE(fs::remove(proof));
+}
+
+TEST_F(TaskCreationTest, CommandThatCannotStartIsTriedAgainAndFreesTheHost) {
+  CapturedLog log;
+  RunTask("/nowhere/helper", "id", error_, ErrorKind::kInternalServerError, 1);
+  EXPECT_EQ(Describe(error_), "internal_server_error com.tessel.ryx.task.exec.error");
+  EXPECT_FALSE(fs::exists(kTaskSyncFile));
+  EXPECT_EQ(ReadFile(kTaskStatusFile), R"({"id":{}})");
+  std::vector<std::string> lines;
+  for (const auto& line : log.TakeLines())
+    if (line.find("[RunTask]") != line.npos) lines.push_back(line);
+  const auto failed = [](const char* left) {
+    return AllOf(HasSubstr("2 [RunTask]: Failed to exec command for task id: "),
+                 HasSubstr(std::string(", ") + left + " retries left"));
+  };
+  const char* const executing = "5 [RunTask]: Executing command: /nowhere/helper";
+  EXPECT_THAT(lines, ElementsAre("5 [RunTask]: Creating task: id", executing, failed("1"),
+                                 executing, failed("0")));
+}
+
+TEST_F(TaskCreationTest, TaskThatCannotBeRecordedFreesTheHost) {
+  fs::create_directories(folder_);
+  std::ofstream(kTaskStatusFile) << "{";
+  EXPECT_EQ(InitTask("op", error_, ErrorKind::kError), "");
+  EXPECT_EQ(Describe(error_), "error com.tessel.ryx.task.create.error");
+  EXPECT_FALSE(fs::exists(kTaskSyncFile));
+  RunTask("/usr/bin/true", "id", error_, ErrorKind::kInternalServerError, 0);
+  EXPECT_EQ(Describe(error_), "internal_server_error com.tessel.ryx.task.create.error");
+  EXPECT_FALSE(fs::exists(kTaskSyncFile));
+}
+
+TEST_F(TaskCreationTest, TriesAgainAfterAFailedWrite) {
+  fs::create_directories(folder_);
+  fs::create_symlink("/nowhere/file", kTaskSyncFile);  // absent, and gone after it was opened
+  CapturedLog log;
+  EXPECT_FALSE(CheckTaskContention("id", error_, 1));
+  EXPECT_EQ(log.TakeLines().back(),
+            "2 [_CheckTaskContention]: Failed to write to the task sync file in task id: "
+            "std::exception, 1 retries left");
+  EXPECT_EQ(ReadFile(kTaskSyncFile), "PRECURSOR: id");
+}
+
+TEST_F(TaskCreationTest, SaysWhyTheHostIsNotWon) {
+  CapturedLog log;
+  EXPECT_TRUE(CheckTaskContention("id", error_, -1));
+  EXPECT_EQ(Describe(error_), "not_allowed_in_current_state com.tessel.ryx.task.contention");
+  EXPECT_THAT(log.TakeLines(), IsEmpty()) << "there was an attempt";
+  {
+    const AccessLock starter(kTaskSyncFile, 0);
+    EXPECT_TRUE(CheckTaskContention("id", error_, 0));
+  }
+  std::ofstream(folder_) << "no folder";
+  EXPECT_TRUE(CheckTaskContention("id", error_, 0));
+  EXPECT_THAT(log.TakeLines(),
+              ElementsAre("2 [_CheckTaskContention]: Lock contention in task id, another task is "
+                          "starting, 0 retries left",
+                          "2 [_CheckTaskContention]: Failed to determine if the task sync file "
+                          "exists: Not a directory, 0 retries left"));
+}
+
+TEST_F(TaskCreationTest, StartUpFailsWhatNoThreadWillFinish) {
+  TaskFile file(kTaskStatusFile, TaskFile::Initialise::kAlways);
+  const std::map<std::string, std::string> operations = {
+      {"document", "com.tessel.ryx.kestrel_daemon.configuration.apply$task"},
+      {"key", "com.tessel.ryx.configuration.components.groups.keys.set$task"},
+      {"ended", "com.tessel.ryx.kestrel_daemon.configuration.apply$task"},
+      {"helper", "com.tessel.ryx.kestrel_daemon.software.scan$task"},
+      {"similar", "com.tessel.ryx.kestrel_daemon.configurations.apply$task"}};
+  for (const auto& [id, operation] : operations) {
+    file.AddTask(id, operation, 0);
+    file.StartTask(id, 0);
+  }
+  file.SucceedTask("ended", "", 0);
+  file.AddEmptyTask("empty", 0);
+  FailAbandonedTasks(file);
+  std::string statuses;
+  for (const auto& [id, task] : Tasks()) statuses += id + "=" + task.status + " ";
+  EXPECT_EQ(statuses,
+            "document=FAILED empty= ended=SUCCEEDED helper=RUNNING key=FAILED similar=RUNNING ");
+  EXPECT_THAT(Tasks().at("key").exception, HasSubstr("\"com.tessel.ryx.task.aborted\""));
+}
+
+}  // namespace
+}  // namespace LifeCycle
