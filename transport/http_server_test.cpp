@@ -213,6 +213,9 @@ INSTANTIATE_TEST_SUITE_P(
             "100-continue, chunked",
             Post("Expect: 100-continue\r\n" + std::string(kChunked), "2\r\nab\r\n0\r\n\r\n"),
             "HTTP/1.1 100 Continue\r\n\r\n" + Ok("POST /p ab") + kNextOk},
+        Conversation{"old client expects nothing",
+                     "POST /p HTTP/1.0\r\nExpect: 100-continue\r\nContent-Length: 2\r\n\r\nab",
+                     Ok("POST /p ab")},
         Conversation{"nothing to continue", Post("Expect: 100-continue\r\n", ""),
                      Ok("POST /p ") + kNextOk},
         Conversation{

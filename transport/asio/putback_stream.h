@@ -35,7 +35,7 @@ class AsyncPutbackStream {
 
   /// Puts bytes before those that are still to be read.
   /// @throws boost::system::system_error "putback buffer full" when that would be more than
-  /// kPutbackCapacity
+  ///     kPutbackCapacity
   void PutBack(std::string_view bytes) {
     if (Held() + bytes.size() > kPutbackCapacity)
       throw boost::system::system_error(StreamError::kBufferMaxLength, "putback buffer full");

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <exception>
 #include <functional>
 #include <memory>
 #include <string_view>
@@ -89,7 +90,7 @@ class Acceptor : public std::enable_shared_from_this<Acceptor<AcceptCond>> {
     if (!acceptor_.is_open()) return;
     if (!ec) {
       LogAccept(Log::kTrace, "NoError", "");
-      if (cond_(peer_)) newConnection_(std::move(socket));
+      HandOn(std::move(socket));
       AcceptNext();
     } else if (ec == boost::system::error_code(EMFILE, boost::system::system_category())) {
       LogAccept(Log::kDebug, ec, ";DelayAcceptError");
@@ -97,6 +98,14 @@ class Acceptor : public std::enable_shared_from_this<Acceptor<AcceptCond>> {
     } else {
       LogAccept(Log::kDebug, ec, ";TerminalAcceptError");
       Close();
+    }
+  }
+
+  void HandOn(TcpSocket socket) {
+    try {
+      if (cond_(peer_)) newConnection_(std::move(socket));
+    } catch (const std::exception& error) {
+      Log::Write(*logger_, Log::kDebug, "Connection dropped: ", error.what());
     }
   }
 

@@ -47,7 +47,7 @@ class TimeoutBaseStream : public std::enable_shared_from_this<TimeoutBaseStream<
   void async_read_some(boost::asio::mutable_buffer buffer, Handler&& handler) {
     const std::lock_guard lock(mutex_);
     Begin(timeouts_.read);
-    socket_.async_read_some(boost::asio::buffer(buffer), Ending(std::forward<Handler>(handler)));
+    socket_.async_read_some(buffer, Ending(std::forward<Handler>(handler)));
   }
 
   template <class Buffers, class Handler>

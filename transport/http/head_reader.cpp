@@ -86,6 +86,8 @@ boost::system::error_code HeadReader::VisitHeaders() {
   head_.headers = request_.Headers();
   // Clients older than HTTP/1.1 keep a connection only when they say so (RFC 9112, section 9.3).
   head_.keepAlive = !asksToClose_ && (head_.minorVersion >= 1 || asksToKeep_);
+  // And they do not know interim responses (RFC 9110, section 10.1.1).
+  if (head_.minorVersion == 0) expectation_ = Expectation::kNone;
 
   if (framing_.chunked) framing_ = {.chunked = true};
   ForceEmptyBody();

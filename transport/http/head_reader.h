@@ -41,8 +41,7 @@ class HeadReader {
 
   /// Takes note of `count` bytes that were read into Free().
   /// @param ec  why the head is refused: one of PicoHttpError's kHeadersParse, kHeadersTooLong,
-  /// kInvalidRequest, or
-  ///            HttpError::kMessageTooLong
+  ///     kInvalidRequest, or HttpError::kMessageTooLong
   /// @return whether the head is complete; if not and without an error, more bytes are needed
   [[nodiscard]] bool Take(std::size_t count, boost::system::error_code& ec);
 

@@ -25,7 +25,7 @@ class RequestHandler {
   /// client its connection, nothing else.
   /// @param head  this object and its views stay valid until `sink` is called or destroyed
   /// @param body  the whole body, transfer coding removed, at most
-  /// ServerConfig::httpBodySizeLimitInBytes long
+  ///     ServerConfig::httpBodySizeLimitInBytes long
   virtual void Handle(const RequestHead& head, std::string body, ResponseSink sink) = 0;
 };
 

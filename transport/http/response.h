@@ -22,9 +22,8 @@ class BodySource {
   /// Replaces `piece` by the next part of the body; an empty piece is the end, after which the
   /// source is not asked again. Pieces of about 16 KiB are best: a longer one is cut into chunks of
   /// that size, shorter ones are sent as they are.
-  /// @throws anything: the connection is then closed without the closing chunk, so that the client
-  /// sees that the body
-  ///         is not whole
+  /// @throws any exception: the connection is then closed without the closing chunk, so that the
+  ///     client sees that the body is not whole
   virtual void Next(std::string& piece) = 0;
 };
 
@@ -60,7 +59,8 @@ class ResponseReceiver {
 /// called closes the connection: a client never waits for an answer that nobody owes it.
 ///
 /// To be called and destroyed on the thread that runs the server's I/O context; there at any time,
-/// also from within RequestHandler::Handle. Keeps the connection alive.
+/// also from within RequestHandler::Handle. Keeps the connection alive. A sink left over when that
+/// thread has ended is destroyed before the I/O context.
 class ResponseSink {
  public:
   explicit ResponseSink(std::shared_ptr<ResponseReceiver> receiver)

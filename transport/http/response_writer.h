@@ -24,9 +24,8 @@ class ResponseWriter {
   ResponseWriter() = default;
 
   /// @param head  of the request that is answered: a HEAD is answered without a body (RFC 9110,
-  /// section 9.3.2), and a streamed
-  ///              body goes to a client older than HTTP/1.1 without chunks, ended by the end of the
-  ///              connection
+  ///     section 9.3.2), and a streamed body goes to a client older than HTTP/1.1 without chunks,
+  ///     ended by the end of the connection
   /// @throws std::invalid_argument when ":status" or ":reason" is missing
   ResponseWriter(Response response, const RequestHead& head);
 

@@ -43,10 +43,9 @@ class HttpServerTransaction {
   }
 
   /// Collects the body.
-  /// @param limit    in bytes; a longer body ends in HttpError::kMessageTooLong as soon as that
-  /// shows
+  /// @param limit  in bytes; a longer body ends in HttpError::kMessageTooLong as soon as that shows
   /// @param handler  void(error_code, std::string); called from within when there is nothing to be
-  /// read
+  ///     read
   template <class Handler>
   void AsyncReadBody(std::uint64_t limit, Handler&& handler) {
     std::visit(
@@ -59,8 +58,7 @@ class HttpServerTransaction {
 
   /// Sends the response.
   /// @param handler  void(error_code, std::size_t): the number of bytes that have been sent, the
-  /// head's included. A body
-  ///                 whose source broke off ends in PicoHttpError::kIncompleteBody.
+  ///     head's included. A body whose source broke off ends in PicoHttpError::kIncompleteBody.
   template <class Handler>
   void AsyncWriteResponse(Response response, const RequestHead& head, Handler&& handler) {
     writer_ = ResponseWriter(std::move(response), head);
