@@ -5,7 +5,8 @@ PREFIX = "com.tessel.pelorus.lifecycle.RyxImage."
 # The English texts, for people who read standard error and for messages inside a result. A task's record carries
 # only identifier and arguments; the daemon puts in its own text.
 TEXTS = {
-    "AcceptanceConfigError": "A PAX package cannot be installed due to the current host acceptance level configuration.",
+    "AcceptanceConfigError": "A PAX package cannot be installed due to the current host acceptance level "
+                             "configuration.",
     "AcceptanceGetError": "Failed to get the current host acceptance level configuration.",
     "AddonBaseImageMismatchError": "Addon {1} is incompatible with base image version {2}.",
     "AddonNotFound": "Addon {1} with version {2} cannot be found in depot.",
@@ -46,7 +47,8 @@ TEXTS = {
                           "Use PAXs that match hardware vendor and model of host.",
     "PaxRecreateError": "Failed to extract depot from the host: an error occurred while re-creating PAX {1}.",
     "PaxSigDigestError": "Signature of PAX {1} cannot be verified against its contents.",
-    "ReleaseUnitConflictError": "There are unequal Base Images, Addons or Solutions metadata that share the same ID {1}.",
+    "ReleaseUnitConflictError": "There are unequal Base Images, Addons or Solutions metadata that share the same "
+                                "ID {1}.",
     "SoftwareInfoExtractError": "An error occurred while extracting image info on the host.",
     "SoftwareSpecFormatError": "Corrputed or invalid software specification format. Missing attribute: {1}.",
     "SolutionComponentNotFound": "Component(s) {1} within software Solution {2} cannot be found in depot.",

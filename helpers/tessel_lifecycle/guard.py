@@ -38,7 +38,7 @@ def run(task, work):
 
 
 def _leave(function):
-    """Ends this process with what `function` returns, past everything that belongs to the process it was forked from."""
+    """Ends this process with what `function` returns, past all that belongs to the process it was forked from."""
     code = _UNRECORDED
     try:
         code = function()
@@ -158,7 +158,7 @@ def _watch(task, worker, its_end):
 
 
 def _rename_process(name):
-    """Shows the guard under a name of its own, so that who ends a task's process by its command line hits the worker."""
+    """Shows the guard under a name of its own, so that who ends a process by the task's line hits the worker."""
     try:
         with open("/proc/self/stat") as file:
             start, end = map(int, file.read().rpartition(")")[2].split()[45:47])

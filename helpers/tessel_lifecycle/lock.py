@@ -14,8 +14,12 @@ _PAUSE = 0.01  # seconds; the daemon holds the lock for milliseconds
 
 
 def lock_name(path):
-    """The socket address of a path's lock; the digest only spreads names."""
-    digest = hashlib.md5(os.fsencode(os.path.abspath(path)), usedforsecurity=False).hexdigest()
+    """The socket address of a path's lock; the digest only spreads names.
+
+    The path is made absolute and otherwise taken as it stands, as the daemon does.
+    """
+    absolute = os.path.join(os.getcwd(), path)
+    digest = hashlib.md5(os.fsencode(absolute), usedforsecurity=False).hexdigest()
     return b"\0/com/tessel/" + digest.encode()
 
 

@@ -52,7 +52,7 @@ class Relation:
 
 
 class Unit:
-    """What all described things have; `key` is what tells two of a kind apart, `depot` where it was found, if in one."""
+    """What all described things have. `key` tells two of a kind apart; `depot` is where it was found, if in one."""
 
     folder = ""
     depot = None
@@ -184,7 +184,8 @@ def check_link(path, target):
     """
     parts = target.split("/")
     climbs = next((i for i, part in enumerate(parts) if part != ".."), len(parts))
-    if len(target) > 1000 or "\0" in target or climbs > path.count("/") or any(p in ("", ".", "..") for p in parts[climbs:]):
+    leaves = climbs > path.count("/") or any(part in ("", ".", "..") for part in parts[climbs:])
+    if leaves or len(target) > 1000 or "\0" in target:
         raise ValueError(f"{path}: link leaves the payload")
 
 

@@ -90,7 +90,8 @@ class DatabaseRecords:
         import sqlite3
         os.makedirs(os.path.dirname(self.path), exist_ok=True)
         try:
-            with contextlib.closing(sqlite3.connect(self.path, timeout=max(5, patience), isolation_level=None)) as database:
+            database = sqlite3.connect(self.path, timeout=max(5, patience), isolation_level=None)
+            with contextlib.closing(database):
                 self._change(database, task_id, edit)
         except sqlite3.Error as error:
             raise OSError(f"{self.path}: {error}") from error

@@ -37,7 +37,8 @@ def scan(task, options):
     except ImageError as error:
         if not compliance.is_incompatibility(error):
             raise
-        return compliance.scan_result(compliance.of_content(installed.content), compliance.of_spec(spec), errors=[error])
+        present = compliance.of_content(installed.content)
+        return compliance.scan_result(present, compliance.of_spec(spec), errors=[error])
     task.progress(80)
     errors = [unreadable] if unreadable else []
     try:

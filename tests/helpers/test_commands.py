@@ -67,8 +67,8 @@ def test_the_desired_specification(host, sample_depot):
                          ("components --set net-driver 9", (82, "")), ("components --set net-driver a;b", (81, "")),
                          ("components --set net-driver 1 2", (81, "")), ("components --set none 1", (82, "")),
                          ("components --del net-driver", (0, "")), ("components --del net-driver", (82, "")),
-                         ("components --get net-driver", (82, "")), ("software --get x", (1, "")), ("software", (1, "")),
-                         ("software --list", (1, "")), ("", (1, ""))):
+                         ("components --get net-driver", (82, "")), ("software --get x", (1, "")),
+                         ("software", (1, "")), ("software --list", (1, "")), ("", (1, ""))):
         assert host.run(line)[:2] == answer, line
     assert json.loads(host.run("software --get")[1]) == FULL | {"base_image": {"version": "8.0.2-1"}}
 
@@ -108,7 +108,8 @@ def test_the_main_job(host, sample_depot):
     scan = host.result(SCAN.format(sample_depot), FULL)
     assert scan["status"] == "NON_COMPLIANT" and scan["download_size"] > 1000000
     staged = host.result(STAGE.format(sample_depot), FULL)
-    assert staged["downloaded"] == scan["download_size"] and len(list((LIFECYCLE / "image/stage").iterdir())) == staged["paxs"]
+    assert staged["downloaded"] == scan["download_size"]
+    assert len(list((LIFECYCLE / "image/stage").iterdir())) == staged["paxs"]
     applied = host.result(APPLY.format(sample_depot), FULL)
     assert (applied["changed"], applied["downloaded"]) == (True, 0)
     assert host.result(APPLY.format(sample_depot), FULL)["changed"] is False
@@ -159,7 +160,8 @@ def test_every_result_fits_its_definition(host, sample_depot):
             (SCAN.format(sample_depot), spec, "kestrel_daemon.software.scan_result"),
             (STAGE.format(sample_depot), spec, "kestrel_daemon.software.stage_result"),
             (APPLY.format(sample_depot), spec, "kestrel_daemon.software.apply_result"),
-            (SCAN.format(sample_depot), FULL | {"base_image": {"version": "8.0.2-1"}}, "kestrel_daemon.software.scan_result"),
+            (SCAN.format(sample_depot), FULL | {"base_image": {"version": "8.0.2-1"}},
+             "kestrel_daemon.software.scan_result"),
             (SCAN.format(sample_depot), spec | FULL, "kestrel_daemon.software.scan_result"),
             ("depots --extract --task-id ID", None, "software.installed_image.depot_extract_info"),
             ("solutions --remove --task-id ID --name tidemark-backup", None, "kestrel_daemon.software.apply_result")):

@@ -66,7 +66,9 @@ def answer(status, body=b"", *headers, length=None):
 
 
 def redirect(target):
-    return lambda server, connection: answer(302, b"", "Location: " + target.replace("SELF", server.url))(server, connection)
+    def script(server, connection):
+        answer(302, b"", "Location: " + target.replace("SELF", server.url))(server, connection)
+    return script
 
 
 def hang(server, _):

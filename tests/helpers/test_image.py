@@ -31,7 +31,8 @@ class QuietTask:
 @pytest.fixture
 def location(tmp_path):
     return write_depot(
-        tmp_path / "depot", base_image("8.0-1", {"c": "1-1", "d": "1-1"}), base_image("8.0-2", {"c": "2-1", "d": "1-1"}),
+        tmp_path / "depot",
+        base_image("8.0-1", {"c": "1-1", "d": "1-1"}), base_image("8.0-2", {"c": "2-1", "d": "1-1"}),
         component("c", paxs=["p"]), component("c", "2-1", paxs=["p 2-1"]), component("d", paxs=["q"]),
         package("p", {"etc/x": "old\n", "bin/run": "run"}),
         package("p 2-1", {"etc/x": "new\n", "lib/y": "y" * 5000, "lib/link": ("link", "../etc/x")}),
@@ -80,7 +81,8 @@ def test_banks_change_places(tmp_path, location):
     assert (error.value.name, error.value.arguments) == ("ComponentDowngradeError", ["c(2-1 to 1-1)"])
 
 
-CHANGES = {"open", "write", "flush", "fsync", "close", "rename", "mkdir", "symlink", "unlink", "rmdir", "chmod", "fchmod"}
+CHANGES = {"open", "write", "flush", "fsync", "close", "rename", "mkdir", "symlink", "unlink", "rmdir", "chmod",
+           "fchmod"}
 
 
 def dies_at(point, work):

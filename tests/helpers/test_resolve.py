@@ -24,7 +24,7 @@ def catalogue(*units):
 def spec(components=None, add_on=None, solutions=None, support=None):
     document = {"base_image": {"version": "8.0-1"},
                 "components": {name: {"version": version} for name, version in (components or {}).items()},
-                "solutions": {name: {"version": "1-1", "components": parts} for name, parts in (solutions or {}).items()},
+                "solutions": {n: {"version": "1-1", "components": parts} for n, parts in (solutions or {}).items()},
                 "hardware_support": {manager: {"package": "rack", "version": "1-1"} for manager in support or ()}}
     return SoftwareSpec(document | ({"add_on": {"name": add_on, "version": "1-1"}} if add_on else {}))
 
@@ -57,7 +57,8 @@ CHOSEN = {
         spec({"extra": "1-1"}, solutions={"s": []}), [solution("s", {"extra": "*"})],
         {"core": "1-1", "net": "2-1", "extra": "1-1"}),
     "what an add-on replaces need not be described": (
-        spec(add_on="oem"), [base_image("8.0-1", {"core": "1-1", "gone": "7-1"}), add_on("oem", removed_components=["gone"])],
+        spec(add_on="oem"), [base_image("8.0-1", {"core": "1-1", "gone": "7-1"}),
+                             add_on("oem", removed_components=["gone"])],
         {"core": "1-1"}),
 }
 

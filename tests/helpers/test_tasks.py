@@ -18,6 +18,8 @@ from tessel_lifecycle.lock import LockTimeout, access_lock, lock_name
 SPEC = {"base_image": {"version": "8.0.1-1"}, "components": {}}
 SCAN = "software --scan --software-spec DOCUMENT --depot {} --task-id ID"
 APPLY = " software --apply --task-id ID --depot {} --software-spec DOCUMENT"
+NOBODY = "00000000-0000-0000-0000-000000000000"
+LOCK_DIGEST = b"b41d5ec3972b050ca5d85e4e0d4be798"
 DOCUMENT = pathlib.Path("/var/run/lifecycle.scan.swspec")
 
 
@@ -113,8 +115,8 @@ def test_a_worker_is_guarded_again_when_its_guard_dies(host, slow_depot):
 @pytest.mark.parametrize("line", [
     "software --scan --software-spec DOCUMENT --depot DEPOT stray --task-id ID",
     "software --scan --software-spec DOCUMENT --task-id ID",
-    "software --scan --software-spec DOCUMENT --depot DEPOT --task-id ID --task-id 00000000-0000-0000-0000-000000000000",
-    "software --scan --software-spec DOCUMENT --depot DEPOT --task-id 00000000-0000-0000-0000-000000000000 --task-id ID",
+    f"software --scan --software-spec DOCUMENT --depot DEPOT --task-id ID --task-id {NOBODY}",
+    f"software --scan --software-spec DOCUMENT --depot DEPOT --task-id {NOBODY} --task-id ID",
     "software --scan --software-spec DOCUMENT --software-spec /etc/passwd --depot DEPOT --task-id ID",
     "software --scan --software-spec DOCUMENT --depot --depot --task-id ID",
     "components --apply --task-id ID --depot DEPOT --component nothing",
@@ -149,9 +151,12 @@ def test_a_status_file_that_cannot_be_read_starts_anew(host, sample_depot, conte
     assert len(json.loads(host.records_file.read_text())) == 1
 
 
-def test_the_lock_excludes_whoever_binds_its_name(host, sample_depot):
+def test_the_lock_excludes_whoever_binds_its_name(host, sample_depot, monkeypatch):
     path = str(host.records_file)
-    assert lock_name(path) == lock_name("/var/tessel/../tessel/lifecycle/task-status.json") and len(lock_name(path)) == 45
+    # As the daemon names it: the digest of the path, "task-status.json" being in /var/tessel/lifecycle.
+    assert lock_name(path) == b"\0/com/tessel/" + LOCK_DIGEST
+    monkeypatch.chdir(LIFECYCLE)
+    assert lock_name("task-status.json") == lock_name(path)
     with access_lock(path, 0):
         with pytest.raises(LockTimeout), access_lock(path, 0.05):
             pass
