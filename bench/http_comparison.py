@@ -1,0 +1,198 @@
+#!/usr/bin/python3
+"""Usage: tools/sandbox --host DIR bench/http_comparison.py [ROUNDS]
+
+Measures, side by side: calls per second of one call that needs neither helper nor password, against aria2's JSON-RPC
+server and a static nginx answer of the same size; the time from start to the first answered request; resident memory
+idle and with 1,000 idle keep-alive connections. The servers take turns round by round on one core, the load generator
+has the other, and medians are printed. Run with a reader on the system log and without one.
+"""
+
+import contextlib
+import json
+import os
+import pathlib
+import resource
+import socket
+import statistics
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "tools"))
+
+from orbi_client import Client, envelope  # noqa: E402
+
+DAEMON = "/usr/lib/tessel/lifecycle/bin/kestreld"
+SERVER_CPU, LOAD_CPU = "0", "1"
+SECONDS = 3
+CONNECTIONS = 16
+KESTRELD_CALL = json.dumps(envelope("com.tessel.orbi.std.introspection.operation", "list",
+                                    {"service_id": "com.tessel.cis.tasks"}))
+ARIA2_CALL = json.dumps({"jsonrpc": "2.0", "id": "1", "method": "aria2.getVersion"})
+
+
+def free_port():
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
+
+
+def wait_for(port):
+    deadline = time.monotonic() + 10
+    while time.monotonic() < deadline:
+        with contextlib.suppress(OSError), socket.create_connection(("127.0.0.1", port), timeout=1):
+            return
+        time.sleep(0.005)
+    sys.exit(f"nothing listens on port {port}")
+
+
+@contextlib.contextmanager
+def running(command, port):
+    process = subprocess.Popen(["taskset", "-c", SERVER_CPU, *command], stdout=subprocess.DEVNULL,
+                               stderr=subprocess.DEVNULL)
+    try:
+        wait_for(port)
+        yield process
+    finally:
+        process.terminate()
+        process.wait()
+
+
+@contextlib.contextmanager
+def system_log(read):
+    """/dev/log with a fast reader, or no /dev/log at all."""
+    with contextlib.suppress(FileNotFoundError):
+        os.unlink("/dev/log")
+    if not read:
+        yield
+        return
+    log = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+    log.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1 << 20)
+    log.bind("/dev/log")
+
+    def drain():
+        with contextlib.suppress(OSError):
+            while log.recv(65536):
+                pass
+
+    thread = threading.Thread(target=drain, daemon=True)
+    thread.start()
+    yield
+    log.shutdown(socket.SHUT_RDWR)
+    thread.join()
+    log.close()
+    os.unlink("/dev/log")
+
+
+def wrk(folder, port, path, body):
+    script = folder / "post.lua"
+    script.write_text("wrk.method = 'POST'\nwrk.headers['Content-Type'] = 'application/json'\n"
+                      f"wrk.body = [==[{body}]==]\n")
+    output = subprocess.run(
+        ["taskset", "-c", LOAD_CPU, "wrk", "-t1", f"-c{CONNECTIONS}", f"-d{SECONDS}s", "-s", script,
+         f"http://127.0.0.1:{port}{path}"], check=True, capture_output=True, text=True).stdout
+    if "Non-2xx" in output or "Socket errors" in output:
+        sys.exit(f"the load met errors:\n{output}")
+    (line,) = [line for line in output.splitlines() if line.startswith("Requests/sec:")]
+    return float(line.split()[1])
+
+
+def nginx_command(folder, port, answer_size):
+    config = folder / "nginx.conf"
+    config.write_text(f"""
+daemon off; worker_processes 1; pid {folder}/nginx.pid; error_log /dev/null;
+events {{ worker_connections 2000; }}
+http {{ access_log off; client_body_temp_path {folder}/body; proxy_temp_path {folder}/proxy;
+  fastcgi_temp_path {folder}/fastcgi; uwsgi_temp_path {folder}/uwsgi; scgi_temp_path {folder}/scgi;
+  keepalive_requests 100000000;
+  server {{ listen 127.0.0.1:{port}; location / {{ default_type application/json; return 200 '{"x" * answer_size}'; }} }} }}
+""")
+    return ["nginx", "-c", config, "-e", "/dev/null"]
+
+
+def compare_calls(folder, rounds):
+    port = socket.getservbyname("kestreld")
+    nginx_port, aria2_port = free_port(), free_port()
+    with running([DAEMON], port):
+        _, answer = Client(port=port).post(KESTRELD_CALL)
+    servers = {
+        "kestreld": ([DAEMON], port, "/api", KESTRELD_CALL),
+        "aria2": (["aria2c", "--enable-rpc", f"--rpc-listen-port={aria2_port}", "--quiet", "--no-conf",
+                   f"--dir={folder}"], aria2_port, "/jsonrpc", ARIA2_CALL),
+        "nginx": (nginx_command(folder, nginx_port, len(answer)), nginx_port, "/api", KESTRELD_CALL),
+    }
+    rates = {name: [] for name in servers}
+    for _ in range(rounds):
+        for name, (command, server_port, path, body) in servers.items():
+            with running(command, server_port):
+                rates[name].append(wrk(folder, server_port, path, body))
+    medians = {name: statistics.median(values) for name, values in rates.items()}
+    for name, rate in medians.items():
+        spread = f"{min(rates[name]):.0f} to {max(rates[name]):.0f}"
+        print(f"  {name:<10} {rate:>9.0f} calls/s  (ratio to aria2 {rate / medians['aria2']:.2f}, runs {spread})")
+
+
+def resident_kib(pid):
+    for line in pathlib.Path(f"/proc/{pid}/status").read_text().splitlines():
+        if line.startswith("VmRSS"):
+            return int(line.split()[1])
+    raise RuntimeError("no VmRSS")
+
+
+def start_up(rounds):
+    port = socket.getservbyname("kestreld")
+    times = []
+    for _ in range(rounds):
+        started = time.monotonic()
+        process = subprocess.Popen([DAEMON])
+        while True:
+            try:
+                response, _ = Client(port=port).post(KESTRELD_CALL)
+                break
+            except ConnectionError:
+                time.sleep(0.0005)
+        times.append(1000 * (time.monotonic() - started))
+        assert response.status == 200
+        process.terminate()
+        process.wait()
+    print(f"  start to first answered request: {statistics.median(times):.1f} ms "
+          f"(runs {min(times):.1f} to {max(times):.1f})")
+
+
+def memory(connections):
+    soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
+    resource.setrlimit(resource.RLIMIT_NOFILE, (min(hard, 2 * connections + 100), hard))
+    port = socket.getservbyname("kestreld")
+    process = subprocess.Popen([DAEMON])
+    try:
+        wait_for(port)
+        clients = [Client(port=port)]
+        clients[0].post(KESTRELD_CALL)
+        idle = resident_kib(process.pid)
+        for _ in range(connections - 1):
+            clients.append(Client(port=port))
+            response, _ = clients[-1].post(KESTRELD_CALL)
+            assert response.status == 200
+        loaded = resident_kib(process.pid)
+    finally:
+        process.terminate()
+        process.wait()
+        resource.setrlimit(resource.RLIMIT_NOFILE, (soft, hard))
+    print(f"  resident memory: {idle / 1024:.1f} MiB idle, {loaded / 1024:.1f} MiB with {connections} idle connections")
+
+
+def main():
+    rounds = int(sys.argv[1]) if len(sys.argv) > 1 else 5
+    with tempfile.TemporaryDirectory() as name:
+        for read in (True, False):
+            print("With a reader on the system log" if read else "Without a reader on the system log")
+            with system_log(read):
+                compare_calls(pathlib.Path(name), rounds)
+                start_up(rounds)
+                memory(1000)
+
+
+if __name__ == "__main__":
+    main()
