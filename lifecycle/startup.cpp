@@ -34,6 +34,9 @@ void FailAbandonedTasks(TaskFile& file) {
                          TaskDB::Allocator& allocator) {
     if (TaskDB::IsFinished(record) || !RanInProcess(record)) return false;
     Log_Level(3, "[%s]: Task %s did not outlive the daemon\n", "FailAbandonedTasks", id.c_str());
+    // The tasks service tells of an ended task only when it knows its start, too.
+    if (TaskDB::TextOf(TaskDB::FindMember(record, "status")) == "PENDING")
+      TaskDB::Start(id)(record, allocator);
     fail(record, allocator);
     return true;
   };
