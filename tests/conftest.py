@@ -1,0 +1,52 @@
+"""Fixtures of the whole-daemon tests. They run inside a sandboxed host, where the fixed paths are the tests' own."""
+
+import pathlib
+import shutil
+
+import pytest
+
+from sandboxed_host import STATE, Daemon, SystemLog
+
+
+@pytest.fixture(scope="session")
+def system_log():
+    return SystemLog()
+
+
+def wipe(folder):
+    if folder.exists():
+        for entry in folder.iterdir():
+            shutil.rmtree(entry) if entry.is_dir() and not entry.is_symlink() else entry.unlink()
+
+
+@pytest.fixture
+def fresh_host(system_log):
+    """A host without any state of other tests."""
+    yield system_log
+    wipe(STATE)
+    wipe(pathlib.Path("/run/tessel"))
+
+
+@pytest.fixture
+def start_daemon(fresh_host):
+    """Starts daemons on a fresh host; those that still run at the end must stop in order."""
+    started = []
+
+    def start():
+        started.append(Daemon(fresh_host))
+        return started[-1]
+
+    yield start
+    assert [daemon.stop() for daemon in started if daemon.process.poll() is None] in ([], [0])
+
+
+@pytest.fixture
+def daemon(start_daemon):
+    """A running daemon on a fresh host."""
+    return start_daemon()
+
+
+@pytest.fixture
+def root(daemon):
+    """A client of the running daemon that calls as root."""
+    return daemon.client()

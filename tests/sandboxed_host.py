@@ -1,0 +1,84 @@
+"""The sandboxed host that the whole-daemon tests run in: its paths, its system log, and runs of the daemon."""
+
+import contextlib
+import os
+import pathlib
+import socket
+import subprocess
+import sys
+import threading
+import time
+
+REPOSITORY = pathlib.Path(__file__).resolve().parent.parent
+sys.path.insert(0, str(REPOSITORY / "tools"))
+
+from orbi_client import Client  # noqa: E402
+
+BINARIES = pathlib.Path("/usr/lib/tessel/lifecycle/bin")
+STATE = pathlib.Path("/var/tessel")
+LIFECYCLE = STATE / "lifecycle"
+PORT = socket.getservbyname("kestreld") if os.path.exists(BINARIES / "kestreld") else 0
+
+
+def wait_until(condition, seconds=20, what="the condition"):
+    """Polls until `condition` returns something true, and returns that."""
+    deadline = time.monotonic() + seconds
+    while time.monotonic() < deadline:
+        result = condition()
+        if result:
+            return result
+        time.sleep(0.01)
+    raise AssertionError(f"{what} did not come true within {seconds} s")
+
+
+class SystemLog:
+    """The host's system log: keeps the lines that arrive at /dev/log."""
+
+    def __init__(self):
+        self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        with contextlib.suppress(FileNotFoundError):
+            os.unlink("/dev/log")
+        self._socket.bind("/dev/log")
+        self.lines = []
+        threading.Thread(target=self._collect, daemon=True).start()
+
+    def _collect(self):
+        while True:
+            self.lines.append(self._socket.recv(65536).decode(errors="replace"))
+
+    def wait_for(self, text, start=0):
+        """Waits for a line that contains `text` and returns it."""
+        return wait_until(lambda: next((line for line in self.lines[start:] if text in line), None),
+                          what=f"a log line with {text!r}")
+
+    def mark(self):
+        return len(self.lines)
+
+
+class Daemon:
+    """One run of kestreld."""
+
+    def __init__(self, log):
+        self.log = log
+        self.mark = log.mark()
+        self.process = subprocess.Popen([BINARIES / "kestreld"])
+        try:
+            wait_until(self._answers, what="an open port")
+        except BaseException:
+            self.process.kill()
+            self.process.wait()
+            raise
+
+    def _answers(self):
+        assert self.process.poll() is None, f"kestreld ended with {self.process.returncode}"
+        with contextlib.suppress(OSError), socket.create_connection(("127.0.0.1", PORT), timeout=1):
+            return True
+        return False
+
+    def client(self, user="root", password="kestrel"):
+        return Client(port=PORT, user=user, password=password)
+
+    def stop(self):
+        if self.process.poll() is None:
+            self.process.terminate()
+        return self.process.wait(20)

@@ -1,0 +1,231 @@
+"""The host's software from registering a depot to the applied image, and what happens when something dies on the way."""
+
+import contextlib
+import json
+import os
+import pathlib
+import shutil
+import signal
+import subprocess
+
+import pytest
+
+from sandboxed_host import LIFECYCLE, REPOSITORY, wait_until
+from orbi_client import OrbiError
+
+DEPOTS = "com.tessel.ryx.host_settings.depots"
+DESIRED = "com.tessel.ryx.host_settings.software"
+SOFTWARE = "com.tessel.ryx.kestrel_daemon.software"
+TASKS = "com.tessel.cis.tasks"
+SPECIFICATION = {"base_image": {"version": "8.0.1-1"}, "components": {}}
+
+
+@pytest.fixture(scope="session")
+def depot(tmp_path_factory):
+    """A depot of its own, served over HTTP; yields its URL."""
+    folder = tmp_path_factory.mktemp("depot")
+    subprocess.run([REPOSITORY / "helpers/build-depot", REPOSITORY / "helpers/sample-depot", folder / "served"],
+                   check=True)
+    server = subprocess.Popen([REPOSITORY / "tools/serve-depot", folder / "served"], stdout=subprocess.PIPE, text=True)
+    yield server.stdout.readline().strip()
+    server.terminate()
+    server.wait()
+
+
+@pytest.fixture(params=["false", "true"], ids=["json-file", "database"])
+def either_store(request, start_daemon):
+    """A daemon for each of the two places where tasks are kept."""
+    switches = pathlib.Path("/etc/tessel/feature-states")
+    switches.write_text(f"task_database = {request.param}\n")
+    yield start_daemon()
+    switches.unlink()
+
+
+def run_task(client, operation, depot_url, specification=None):
+    task = client.call(SOFTWARE, operation, depots=[depot_url], software_spec=specification or SPECIFICATION)
+    return client.wait_for_task(task)
+
+
+def test_main_job(either_store, depot):
+    client = either_store.client()
+    client.call(DEPOTS, "create", spec={"name": "sample", "url": depot})
+    assert [(d["name"], d["url"]) for d in client.call(DEPOTS, "list")] == [("sample", depot)]
+    with pytest.raises(OrbiError) as unset:
+        client.call(DESIRED, "get")
+    assert unset.value.message_ids == ["com.tessel.ryx.host_settings.software.notfound"]
+    client.call(DESIRED, "set", spec=SPECIFICATION)
+    desired = client.call(DESIRED, "get")
+    assert desired["base_image"]["version"] == "8.0.1-1"
+
+    scan = run_task(client, "scan$task", depot, desired)
+    assert (scan["status"], scan["result"]["status"]) == ("SUCCEEDED", "NON_COMPLIANT")
+    seen = []
+    task = client.call(SOFTWARE, "apply$task", depots=[depot], software_spec=desired)
+    applied = client.wait_for_task(task, lambda info: seen.append((info.get("progress") or {}).get("completed", 0)),
+                                   interval=0.01)
+    assert applied["status"] == "SUCCEEDED", applied
+    assert applied["result"]["changed"] and seen == sorted(seen) and seen[-1] == 100
+    assert client.call("com.tessel.ryx.software.installed_image", "get")["base_image"]["version"] == "8.0.1-1"
+    assert client.call("com.tessel.ryx.software.installed_components", "list")
+    assert run_task(client, "scan$task", depot, desired)["result"]["status"] == "COMPLIANT"
+
+    tasks = client.call(TASKS, "list")
+    assert len(tasks) == 3 and {info["service"] for info in tasks.values()} == {"kestreld"}
+    assert list(tasks) == sorted(tasks)
+    assert not (LIFECYCLE / "lifecycle.task").exists()
+    client.call(DEPOTS, "delete", depot="sample")
+    assert client.call(DEPOTS, "list") == []
+
+
+def test_plain_and_clean_answers_say_the_same(root, depot):
+    root.call(DEPOTS, "create", spec={"name": "sample", "url": depot})
+    from orbi_client import envelope
+    call = envelope(DEPOTS, "list", {}, "root", "kestrel")
+    bodies = {}
+    for accept in ("application/json", "application/vnd.tessel.orbi.stream.json",
+                   "application/vnd.tessel.orbi.cleanjson", "application/vnd.tessel.orbi.clean.stream.json"):
+        response, body = root.post(call, {"Accept": accept})
+        assert response.getheader("Content-Type") == accept
+        assert response.getheader("Transfer-Encoding") == ("chunked" if ".stream." in accept else None)
+        bodies[accept] = json.loads(body)
+    plain, plain_stream, clean, clean_stream = bodies.values()
+    assert plain == plain_stream and clean == clean_stream
+    (value,) = plain["result"]["output"]
+    fields = value["STRUCTURE"]["com.tessel.ryx.host_settings.depots.depot_spec"]
+    assert fields["name"] == clean["result"]["output"][0]["name"] == "sample"
+
+
+@pytest.mark.parametrize("operation, fields, identifier, message", [
+    ("create", {"spec": {"name": "a:b", "url": "http://127.0.0.1:1/"}}, "invalid_argument",
+     "com.tessel.ryx.host_settings.depot.name.invalid"),
+    ("create", {"spec": {"name": "gone", "url": "http://127.0.0.1:1/"}}, "internal_server_error",
+     "com.tessel.ryx.host_settings.depot.connect.error"),
+    ("delete", {"depot": "unknown"}, "not_found", "com.tessel.ryx.host_settigns.depot.notfound"),
+    ("delete", {"depot": " "}, "invalid_argument", "com.tessel.ryx.host_settings.depot.name.invalid"),
+    ("create", {"spec": {"name": "a"}}, "invalid_argument", "orbi.data.structure.field.missing"),
+    ("delete", {"depot": 7}, "invalid_argument", "orbi.data.validate.mismatch"),
+    ("delete", {"depot": "a", "more": 1}, "invalid_argument", "orbi.data.structure.field.extra"),
+    ("forget", {}, "operation_not_found", "orbi.provider.operation.unknown")])
+def test_bad_depot_calls_are_named(root, operation, fields, identifier, message):
+    with pytest.raises(OrbiError) as refusal:
+        root.call(DEPOTS, operation, **fields)
+    assert refusal.value.identifier.endswith("." + identifier)
+    assert refusal.value.message_ids == [message]
+    assert root.call(DEPOTS, "list") == []
+
+
+def test_existing_depot_is_not_replaced(root, depot):
+    root.call(DEPOTS, "create", spec={"name": "sample", "url": depot})
+    with pytest.raises(OrbiError) as refusal:
+        root.call(DEPOTS, "create", spec={"name": "sample", "url": depot + "/other"})
+    assert refusal.value.identifier.endswith(".already_exists")
+    assert [d["url"] for d in root.call(DEPOTS, "list")] == [depot]
+
+
+def test_specification_that_cannot_be_had_fails_the_scan_with_its_reason(root, depot):
+    info = run_task(root, "scan$task", depot, {"base_image": {"version": "99.0.0-1"}, "components": {}})
+    assert info["status"] == "FAILED"
+    assert "com.tessel.pelorus.lifecycle.RyxImage.BaseImageNotFound" in json.dumps(info["error"])
+    assert "99.0.0-1" in json.dumps(info["error"])
+
+
+def test_task_needs_depots(root):
+    with pytest.raises(OrbiError) as refusal:
+        root.call(SOFTWARE, "apply$task", depots=[], software_spec=SPECIFICATION)
+    assert refusal.value.message_ids == ["com.tessel.ryx.orbi.invalidinput"]
+    assert root.call(TASKS, "list") == {}
+
+
+def test_second_task_is_refused_while_one_runs(root):
+    (LIFECYCLE / "lifecycle.task").write_text("PRECURSOR: somebody else's")
+    with pytest.raises(OrbiError) as refusal:
+        root.call(SOFTWARE, "stage$task", depots=["http://127.0.0.1:1/"], software_spec=SPECIFICATION)
+    assert refusal.value.identifier.endswith(".not_allowed_in_current_state")
+    assert refusal.value.message_ids == ["com.tessel.ryx.task.contention"]
+    assert not list(LIFECYCLE.glob("swspec-*"))
+
+
+def processes_of(task):
+    """The guard and the worker of a running task, once both are there; nothing before and after."""
+    found = {}
+    for entry in pathlib.Path("/proc").glob("[0-9]*"):
+        with contextlib.suppress(FileNotFoundError, ProcessLookupError):
+            arguments = (entry / "cmdline").read_text().strip("\0").split("\0")
+            if arguments == [f"task-guard {task[:8]}"]:
+                found["guard"] = int(entry.name)
+            elif task in arguments:
+                found["worker"] = int(entry.name)
+    return (found["guard"], found["worker"]) if len(found) == 2 else ()
+
+
+@pytest.fixture
+def stalling_depot():
+    """A depot that accepts connections and never answers, so that a task stays where it is."""
+    import socket
+    with socket.socket() as listener:
+        listener.bind(("127.0.0.1", 0))
+        listener.listen(100)
+        yield f"http://127.0.0.1:{listener.getsockname()[1]}"
+
+
+@pytest.mark.parametrize("sig", [signal.SIGKILL, signal.SIGSEGV, signal.SIGTERM])
+def test_killed_worker_ends_the_scan_and_frees_the_host(root, depot, stalling_depot, sig):
+    task = root.call(SOFTWARE, "scan$task", depots=[stalling_depot], software_spec=SPECIFICATION)
+    wait_until(lambda: root.call(TASKS, "get", task=task)["status"] == "RUNNING", what="a running scan")
+    _, worker = wait_until(lambda: processes_of(task), what="a guarded scan")
+    os.kill(worker, sig)
+    info = root.wait_for_task(task)
+    assert info["status"] == "FAILED"
+    assert "com.tessel.pelorus.lifecycle.RyxImage.UnknownError" in json.dumps(info["error"])
+    assert run_task(root, "scan$task", depot)["status"] == "SUCCEEDED"
+    wait_until(lambda: not processes_of(task), what="the end of the helper")
+
+
+def test_task_whose_guard_and_worker_are_killed_in_turn_still_ends(root, depot, stalling_depot):
+    task = root.call(SOFTWARE, "scan$task", depots=[stalling_depot], software_spec=SPECIFICATION)
+    guard, worker = wait_until(lambda: processes_of(task), what="a guarded scan")
+    os.kill(guard, signal.SIGKILL)
+    wait_until(lambda: processes_of(task) and processes_of(task)[0] != guard, what="a new guard")
+    os.kill(worker, signal.SIGKILL)
+    assert root.wait_for_task(task)["status"] == "FAILED"
+    assert run_task(root, "scan$task", depot)["status"] == "SUCCEEDED"
+
+
+def test_detached_helper_outlives_the_daemon_and_does_not_hold_its_port(daemon, start_daemon, stalling_depot):
+    task = daemon.client().call(SOFTWARE, "scan$task", depots=[stalling_depot], software_spec=SPECIFICATION)
+    guard, worker = wait_until(lambda: processes_of(task), what="a guarded scan")
+    os.kill(daemon.process.pid, signal.SIGKILL)
+    daemon.process.wait()
+    for pid in (guard, worker):
+        kinds = {os.readlink(link) for link in pathlib.Path(f"/proc/{pid}/fd").glob("[0-9]*")}
+        assert not any("anon_inode" in kind for kind in kinds), kinds
+    restarted = start_daemon()
+    assert any("HTTP endpoint listening" in line for line in daemon.log.lines[restarted.mark:])
+    assert not any("Failed to listen" in line for line in daemon.log.lines[restarted.mark:])
+    assert restarted.client().call(TASKS, "get", task=task)["status"] == "RUNNING"
+    os.kill(worker, signal.SIGKILL)
+    assert restarted.client().wait_for_task(task)["status"] == "FAILED"
+
+
+def test_missing_status_file_is_told_but_made_anew_by_a_task(root, depot):
+    shutil.rmtree(LIFECYCLE)
+    assert root.call(TASKS, "list") == {}
+    with pytest.raises(OrbiError) as refusal:
+        root.call(TASKS, "get", task="any")
+    assert refusal.value.message_ids == ["com.tessel.ryx.task.file.notfound.error"]
+    assert not (LIFECYCLE / "task-status.json").exists()
+    assert run_task(root, "scan$task", depot)["status"] == "SUCCEEDED"
+
+
+def test_many_helper_runs_leave_nothing_behind(root, daemon):
+    def open_files():
+        return len(os.listdir(f"/proc/{daemon.process.pid}/fd"))
+
+    root.call(DEPOTS, "list")
+    before = open_files()
+    for _ in range(100):
+        root.call(DEPOTS, "list")
+    assert open_files() == before
+    children = subprocess.run(["ps", "--ppid", str(daemon.process.pid), "-o", "stat="], capture_output=True, text=True,
+                              check=False).stdout.split()
+    assert not any(state.startswith("Z") for state in children)
