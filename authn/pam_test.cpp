@@ -16,7 +16,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using Host::Settings::SettingsApi::Authn::PamAuthenticator;
-using Host::Settings::SettingsApi::Authn::UserPassHandler;
 using Orbi::Authn::Verdict;
 using testing::ElementsAre;
 using testing::StartsWith;
@@ -39,55 +38,49 @@ class PamTest : public testing::Test {
 };
 
 TEST_F(PamTest, FirstFailingStepFailsTheCheckAndPamIsEndedWithItsCode) {
-  const std::string start = "start(service,user) ", failure = ": PAM failure - told so ";
+  const std::string asked = "[pw]ask(0) authenticate(0) ", failed = "2 Auth_AuthenticateUserPAM:";
   const struct {
     int FakePamState::*step;
     int result;
-    std::string calls;
-    std::string line;
+    std::string calls, line;
   } cases[] = {
-      {&FakePamState::start, PAM_SUCCESS, "authenticate(0) acct_mgmt(0) setcred(2) end(0) ",
-       "5 PAM up and running."},
-      {&FakePamState::start, 4, "", "2 Failed to start PAM (error = 4)."},
-      {&FakePamState::authenticate, 7, "authenticate(0) end(7) ",
-       "2 Auth_AuthenticateUserPAM:424" + failure + "(7)"},
-      {&FakePamState::acct_mgmt, 13, "authenticate(0) acct_mgmt(0) end(13) ",
-       "2 Auth_AuthenticateUserPAM:426" + failure + "(13)"},
-      {&FakePamState::setcred, 17, "authenticate(0) acct_mgmt(0) setcred(2) end(17) ",
-       "2 Auth_AuthenticateUserPAM:428" + failure + "(17)"},
+      {&FakePamState::start, 0, "acct_mgmt(0) setcred(2) end(0) ", "5 PAM up and running."},
+      {&FakePamState::authenticate, 7, "end(7) ", failed + "424: PAM failure - told so (7)"},
+      {&FakePamState::acct_mgmt, 13, "acct_mgmt(0) end(13) ",
+       failed + "426: PAM failure - told so (13)"},
+      {&FakePamState::setcred, 17, "acct_mgmt(0) setcred(2) end(17) ",
+       failed + "428: PAM failure - told so (17)"},
   };
   for (const auto& c : cases) {
     *fake_ = {};
     fake_->*c.step = c.result;
-    EXPECT_EQ(pam_.AuthenticateUser("user", "password", "service"), c.result == PAM_SUCCESS);
-    EXPECT_EQ(fake_->calls, start + c.calls);
+    EXPECT_EQ(pam_.AuthenticateUser("user", "pw", "service"), c.result == PAM_SUCCESS);
+    EXPECT_EQ(fake_->calls, "start(service,user) " + asked + c.calls);
     EXPECT_THAT(log_.TakeLines(), ElementsAre(c.line));
   }
+  fake_->start = 4;
+  EXPECT_FALSE(pam_.AuthenticateUser("user", "pw", "service"));
+  EXPECT_THAT(log_.TakeLines(), ElementsAre("2 Failed to start PAM (error = 4)."));
 }
 
 TEST_F(PamTest, ConversationAnswersEachPromptByItsStyle) {
-  constexpr int kHidden = PAM_PROMPT_ECHO_OFF, kShown = PAM_PROMPT_ECHO_ON;
+  constexpr int kHidden = PAM_PROMPT_ECHO_OFF, kShown = PAM_PROMPT_ECHO_ON, kText = PAM_TEXT_INFO;
   const struct {
     std::vector<int> prompts;
-    std::string password;
-    int result;
-    std::string replies;
+    std::string password, replies;
   } cases[] = {
-      {{PAM_TEXT_INFO, kShown, PAM_ERROR_MSG, kHidden, kHidden}, "pw", 0, "-[user]-[pw][pw]"},
-      {std::vector<int>(PAM_MAX_NUM_MSG, PAM_TEXT_INFO), "pw", 0, std::string(32, '-')},
-      {std::vector<int>(PAM_MAX_NUM_MSG + 1, PAM_TEXT_INFO), "pw", PAM_CONV_ERR, ""},
-      {{}, "pw", PAM_CONV_ERR, ""},
-      {{kHidden, PAM_BINARY_PROMPT}, "pw", PAM_CONV_ERR, ""},
-      {{kHidden}, std::string(511, 'p'), 0, "[" + std::string(511, 'p') + "]"},
-      {{kShown, kHidden}, std::string(512, 'p'), PAM_CONV_ERR, ""},
+      {{kText, kShown, PAM_ERROR_MSG, kHidden, kHidden}, "pw", "-[user]-[pw][pw]ask(0)"},
+      {std::vector<int>(PAM_MAX_NUM_MSG, kText), "pw", std::string(32, '-') + "ask(0)"},
+      {std::vector<int>(PAM_MAX_NUM_MSG + 1, kText), "pw", "ask(19)"},
+      {{kHidden, PAM_BINARY_PROMPT}, "pw", "ask(19)"},
+      {{kHidden}, std::string(511, 'p'), "[" + std::string(511, 'p') + "]ask(0)"},
+      {{kShown, kHidden}, std::string(512, 'p'), "ask(19)"},
   };
-  for (const auto& c : cases) {
+  for (const auto& [prompts, password, replies] : cases) {
     *fake_ = {};
-    fake_->prompt_count = static_cast<int>(c.prompts.size());
-    std::copy(c.prompts.begin(), c.prompts.end(), fake_->prompt_styles);
-    EXPECT_EQ(pam_.AuthenticateUser("user", c.password, "service"), c.result == PAM_SUCCESS);
-    EXPECT_EQ(fake_->conversation, c.result);
-    EXPECT_EQ(fake_->replies, c.replies);
+    fake_->prompts = prompts;
+    EXPECT_EQ(pam_.AuthenticateUser("user", password, "service"), replies.ends_with("(0)"));
+    EXPECT_THAT(fake_->calls, StartsWith("start(service,user) " + replies));
   }
 }
 
@@ -104,7 +97,7 @@ TEST_F(PamTest, TextThatPamWouldReadOtherwiseNeverReachesIt) {
     EXPECT_FALSE(pam_.AuthenticateUser("user", text, "service"));
     EXPECT_THAT(log_.TakeLines(), ElementsAre("2 User " + why, "2 Password " + why));
   }
-  EXPECT_STREQ(fake_->calls, "");
+  EXPECT_EQ(fake_->calls, "");
 }
 
 TEST_F(PamTest, LibraryThatIsMissingOrUnusableIsToldAndLookedForAgain) {
@@ -116,7 +109,8 @@ TEST_F(PamTest, LibraryThatIsMissingOrUnusableIsToldAndLookedForAgain) {
                 ElementsAre("2 PAM library does not contain required function: " + function));
   }
 
-  const fs::path directory = testing::TempDir() + "libdir", name = "libno_such_pam.so.0";
+  std::string unique = testing::TempDir() + "XXXXXX";
+  const fs::path directory = mkdtemp(unique.data()), name = "libno_such_pam.so.0";
   const fs::path bundled = directory / "lib" / name / name;
   fs::create_directories(bundled.parent_path());
   std::ofstream(directory / "preferences") << "libdir = " << directory.string() << "\n";
@@ -135,67 +129,56 @@ TEST_F(PamTest, LibraryThatIsMissingOrUnusableIsToldAndLookedForAgain) {
   fs::remove_all(directory);
 }
 
-class UserPassHandlerTest : public PamTest {
- protected:
-  void IssueTicket(const std::string& service) const {
-    fs::create_directories(Ticket::kDirectory);
-    std::ofstream(path_) << ticket_ << "\nconfig" << '\0' << service << '\0';
+TEST_F(PamTest, HandlerTakesEqualNameAndPasswordForATicketAndAsksPamForAllOthers) {
+  const std::string scheme = "com.tessel.orbi.std.security.user_pass";
+  const std::string ticket = "a-ticket-of-the-lifecycle-tooling";
+  const fs::path path = Ticket::kDirectory + ("rntkt-" + ticket);
+  const std::string refused = "2 Ticket authentication failed for ticket: ";
+  fs::create_directories(Ticket::kDirectory);
+  const struct {
+    std::string scheme, user, password;
+    Verdict verdict;
+    std::string pam;                         // how the calls begin that reach PAM
+    std::string last_line, issued_for = "";  // the service of a ticket issued before the call
+  } cases[] = {
+      {"", "user", "pw", Verdict::kNotMine, "", ""},
+      {"com.tessel.orbi.std.security.session_id", "user", "pw", Verdict::kNotMine, "", ""},
+      {scheme, "user", "pw", Verdict::kAccepted, "start(kestreld,user) ", "5 PAM up and running."},
+      {scheme, "root\0"s, "pw", Verdict::kRefused, "",
+       "2 UserPass authentication failed for user: root"},
+      {scheme, "user", "user", Verdict::kRefused, "", refused + "user"},
+      {scheme, "", "", Verdict::kRefused, "", refused},
+      {scheme, ticket, ticket, Verdict::kAccepted, "", "6 [Ticket] Deleted ticket " + ticket,
+       "Lifecycle"},
+      {scheme, ticket, ticket, Verdict::kRefused, "", refused + ticket},
+      {scheme, ticket, ticket, Verdict::kRefused, "",
+       "2 Ticket's service name invalid, ticket: " + ticket + ", service: lifecycle", "lifecycle"},
+  };
+  Host::Settings::SettingsApi::Authn::UserPassHandler handler{PamAuthenticator(kFakePam)};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.user + " " + c.last_line);
+    *fake_ = {};
+    if (!c.issued_for.empty()) {
+      std::ofstream(path) << ticket << "\nconfig" << '\0' << c.issued_for << '\0';
+    }
+    Orbi::Core::ExecutionContext context;
+    context.localization.language = "de_DE";
+    context.security = std::make_unique<Orbi::Core::SecurityContext>();
+    if (!c.scheme.empty()) context.security->scheme_id = c.scheme;
+    context.security->user_name = c.user;
+    context.security->password = c.password;
+    ASSERT_EQ(handler.Authenticate(context), c.verdict);
+    EXPECT_THAT(fake_->calls, StartsWith(c.pam));
+    EXPECT_EQ(fake_->calls.empty(), c.pam.empty());
+    const auto lines = log_.TakeLines();
+    EXPECT_EQ(lines.empty() ? "" : lines.back(), c.last_line);
+    ASSERT_EQ(context.authentication.has_value(), c.verdict == Verdict::kAccepted);
+    if (!context.authentication) continue;
+    EXPECT_EQ(context.authentication->type, "UserPassAuthentication");
+    EXPECT_EQ(context.authentication->user_name, c.user);
+    EXPECT_EQ(context.localization.language, "de_DE") << "the client's own wish";
   }
-
-  Verdict Authenticate(const std::string& user, const std::string& password,
-                       const char* scheme = "com.tessel.orbi.std.security.user_pass") {
-    context_ = {};
-    context_.localization.language = "de_DE";
-    context_.security = std::make_unique<Orbi::Core::SecurityContext>();
-    if (scheme) context_.security->scheme_id = scheme;
-    context_.security->user_name = user;
-    context_.security->password = password;
-    return handler_.Authenticate(context_);
-  }
-
-  const std::string ticket_ = "a-ticket-of-the-lifecycle-tooling";
-  const fs::path path_ = Ticket::kDirectory + ("rntkt-" + ticket_);
-  Orbi::Core::ExecutionContext context_;
-  UserPassHandler handler_{PamAuthenticator(kFakePam)};
-};
-
-TEST_F(UserPassHandlerTest, AccountIsCheckedWithPamAndOtherSchemesArePassedOn) {
-  EXPECT_EQ(Authenticate("user", "password", nullptr), Verdict::kNotMine);
-  EXPECT_EQ(Authenticate("user", "password", "com.tessel.orbi.std.security.session_id"),
-            Verdict::kNotMine);
-  EXPECT_STREQ(fake_->calls, "");
-
-  EXPECT_EQ(Authenticate("user", "password"), Verdict::kAccepted);
-  EXPECT_THAT(fake_->calls, StartsWith("start(kestreld,user) "));
-  EXPECT_EQ(context_.authentication.value().type, "UserPassAuthentication");
-  EXPECT_EQ(context_.authentication.value().user_name, "user");
-  EXPECT_EQ(context_.localization.language, "de_DE") << "the client's own wish";
-
-  fake_->authenticate = PAM_AUTH_ERR;
-  EXPECT_EQ(Authenticate("user", "wrong"), Verdict::kRefused);
-  EXPECT_FALSE(context_.authentication);
-  EXPECT_EQ(log_.TakeLines().back(), "2 UserPass authentication failed for user: user");
-}
-
-TEST_F(UserPassHandlerTest, EqualNameAndPasswordAreATicketAndNeverReachPam) {
-  IssueTicket("Lifecycle");
-  EXPECT_EQ(Authenticate(ticket_, ticket_), Verdict::kAccepted);
-  EXPECT_EQ(Authenticate(ticket_, ticket_), Verdict::kRefused) << "good for one call";
-  IssueTicket("lifecycle");
-  EXPECT_EQ(Authenticate(ticket_, ticket_), Verdict::kRefused);
-  EXPECT_TRUE(fs::exists(path_)) << "not ours to use up";
-  EXPECT_EQ(Authenticate("user", "user"), Verdict::kRefused);
-  EXPECT_EQ(Authenticate("", ""), Verdict::kRefused);
-  EXPECT_STREQ(fake_->calls, "");
-  const std::string too_short = "3 [Ticket] Ticket is too short. Actual ";
-  EXPECT_THAT(
-      log_.TakeLines(),
-      ElementsAre(
-          "6 [Ticket] Deleted ticket " + ticket_, "3 [Ticket] Ticket not found: " + ticket_,
-          "2 Ticket authentication failed for ticket: " + ticket_,
-          "2 Ticket's service name invalid, ticket: " + ticket_ + ", service: lifecycle",
-          too_short + "4, expected at least 16", "2 Ticket authentication failed for ticket: user",
-          too_short + "0, expected at least 16", "2 Ticket authentication failed for ticket: "));
+  EXPECT_TRUE(fs::remove(path)) << "a ticket for another service is not ours to use up";
 }
 
 }  // namespace

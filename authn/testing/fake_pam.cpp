@@ -3,39 +3,29 @@
 #include "authn/testing/fake_pam.h"
 
 #include <stdlib.h>
-#include <string.h>
-
-#include <string>
 
 static FakePamState state;
 static pam_conv conversation;
 
-static void Append(char* text, const std::string& more) {
-  strncat(text, more.c_str(), FakePamState::kTextSize - strlen(text) - 1);
-}
-
-static int Record(const char* function, int flags, int result) {
-  Append(state.calls, std::string(function) + "(" + std::to_string(flags) + ") ");
+static int Record(const char* function, int argument, int result) {
+  state.calls += std::string(function) + "(" + std::to_string(argument) + ") ";
   return result;
 }
 
-/// Asks all prompts in one conversation; writes down and frees the replies.
-static void AskPrompts() {
-  pam_message messages[FakePamState::kMaxPrompts];
-  const pam_message* pointers[FakePamState::kMaxPrompts];
-  for (int i = 0; i < state.prompt_count; ++i) {
-    messages[i] = {state.prompt_styles[i], "prompt"};
-    pointers[i] = &messages[i];
-  }
+static int AskPrompts() {
+  std::vector<pam_message> messages;
+  for (const int style : state.prompts) messages.push_back({style, "prompt"});
+  std::vector<const pam_message*> pointers;
+  for (const pam_message& message : messages) pointers.push_back(&message);
+  const int count = static_cast<int>(messages.size());
   pam_response* replies = nullptr;
-  state.conversation =
-      conversation.conv(state.prompt_count, pointers, &replies, conversation.appdata_ptr);
-  if (state.conversation != PAM_SUCCESS) return;
-  for (int i = 0; i < state.prompt_count; ++i) {
-    Append(state.replies, replies[i].resp ? "[" + std::string(replies[i].resp) + "]" : "-");
+  const int result = conversation.conv(count, pointers.data(), &replies, conversation.appdata_ptr);
+  for (int i = 0; result == PAM_SUCCESS && i < count; ++i) {
+    state.calls += replies[i].resp ? "[" + std::string(replies[i].resp) + "]" : "-";
     free(replies[i].resp);
   }
   free(replies);
+  return Record("ask", result, result);
 }
 
 extern "C" {
@@ -43,15 +33,15 @@ extern "C" {
 FakePamState* fake_pam_state() { return &state; }
 
 int pam_start(const char* service, const char* user, const pam_conv* conv, pam_handle_t** handle) {
-  Append(state.calls, std::string("start(") + service + "," + user + ") ");
+  state.calls += std::string("start(") + service + "," + user + ") ";
   conversation = *conv;
   *handle = reinterpret_cast<pam_handle_t*>(&state);
   return state.start;
 }
 
 int pam_authenticate(pam_handle_t*, int flags) {
-  AskPrompts();
-  return Record("authenticate", flags, state.conversation ? PAM_AUTH_ERR : state.authenticate);
+  const int asked = AskPrompts();
+  return Record("authenticate", flags, asked == PAM_SUCCESS ? state.authenticate : PAM_AUTH_ERR);
 }
 
 int pam_acct_mgmt(pam_handle_t*, int flags) { return Record("acct_mgmt", flags, state.acct_mgmt); }

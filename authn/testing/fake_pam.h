@@ -2,22 +2,19 @@
 
 #include <security/pam_appl.h>
 
-/// What the fake PAM library is to do and what was done with it, shared with the test through
-/// fake_pam_state(). Plain data, so that it means the same on both sides of dlopen.
-struct FakePamState {
-  static constexpr int kMaxPrompts = 40;
-  static constexpr int kTextSize = 600;
+#include <string>
+#include <vector>
 
+/// What the fake PAM library is to do and what was done with it, shared with the test through
+/// fake_pam_state(), since the library is loaded at run time.
+struct FakePamState {
   int start = PAM_SUCCESS;  ///< what the functions return
   int authenticate = PAM_SUCCESS;
   int acct_mgmt = PAM_SUCCESS;
   int setcred = PAM_SUCCESS;
-  int prompt_count = 1;  ///< what pam_authenticate asks
-  int prompt_styles[kMaxPrompts] = {PAM_PROMPT_ECHO_OFF};
+  std::vector<int> prompts = {PAM_PROMPT_ECHO_OFF};  ///< what pam_authenticate asks at once
 
-  char calls[kTextSize] = "";  ///< "start(SERVICE,USER) authenticate(FLAGS) …"
-  int conversation = PAM_SUCCESS;
-  char replies[kTextSize] = "";  ///< of each prompt the text in brackets, or "-" for none
+  std::string calls;  ///< "start(SERVICE,USER) [REPLY]-ask(RESULT) authenticate(FLAGS) …"
 };
 
 extern "C" FakePamState* fake_pam_state();

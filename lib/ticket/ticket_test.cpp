@@ -30,50 +30,29 @@ class TicketTest : public testing::Test {
     }
   }
 
-  static fs::path Issue(const std::string& text, const std::string& content,
-                        const char* directory = Ticket::kDirectory) {
-    const fs::path path = directory + ("rntkt-" + text);
+  static fs::path Issue(const std::string& text, const std::string& content) {
+    const fs::path path = Ticket::kDirectory + ("rntkt-" + text);
     std::ofstream(path, std::ios::binary) << content;
     return path;
-  }
-
-  static void MakeOld(const fs::path& path, std::chrono::minutes age) {
-    fs::last_write_time(path, fs::file_time_type::clock::now() - age);
   }
 
   CapturedLog log_;
 };
 
-TEST_F(TicketTest, TextThatCannotBeATicketIsRefusedBeforeAnyFileIsOpened) {
-  fs::remove_all(Ticket::kDirectory);  // looking for a file would tell that this is missing
-  const struct {
-    std::string text, line;
-  } cases[] = {
-      {"0123456789abcde", "Ticket is too short. Actual 15, expected at least 16"},
-      {std::string(256, 'a'), "Ticket too long."},
-      {"../../etc/passwd", "Illegal character in the ticket."},
-      {"0123456789abcde\\", "Illegal character in the ticket."},
-      {"0123456789abcd\u00e9", "Illegal character in the ticket."},
-      {"0123456789 abcdef", "Non-graphic character in the ticket."},
-      {"0123456789abcdef\0x"s, "Non-graphic character in the ticket."},
-      {"0123456789abcdef\x7f", "Non-graphic character in the ticket."},
-      {kText, "Failed to setup ticket dir (service: none)."},
-  };
-  for (const auto& [text, line] : cases) {
-    EXPECT_EQ(Ticket::Find(text), std::nullopt) << text;
-    EXPECT_THAT(log_.TakeLines(), ElementsAre("3 [Ticket] " + line)) << text;
-  }
-}
-
-TEST_F(TicketTest, ContentIsReadOnlyFromAWholeTicket) {
+TEST_F(TicketTest, OnlyAWellFormedTextWithAWholeTicketIsFound) {
   const std::string name(127, 'n');
   Issue(kText, kText + "\n\0"s + name + "\0trailing"s);
   EXPECT_EQ(Ticket::Find(kText), (Ticket::Content{"", name}));
   EXPECT_THAT(log_.TakeLines(), ElementsAre());
   const struct {
-    std::string content, line;
+    std::string content, line, text = kText;
   } cases[] = {
-      {"", "Invalid ticket."},
+      {"", "Ticket is too short. Actual 15, expected at least 16", "0123456789abcde"},
+      {"", "Ticket too long.", std::string(256, 'a')},
+      {"", "Illegal character in the ticket.", "../../etc/passwd"},
+      {"", "Illegal character in the ticket.", "0123456789abcd\u00e9"},
+      {"", "Non-graphic character in the ticket.", "0123456789 abcdef"},
+      {"", "Non-graphic character in the ticket.", "0123456789abcdef\0x"s},
       {kText, "Invalid ticket."},
       {"0123456789abcdeF\nc\0s\0"s, "Invalid ticket."},
       {kText + "0\nc\0s\0"s, "Invalid ticket - too long."},
@@ -84,9 +63,9 @@ TEST_F(TicketTest, ContentIsReadOnlyFromAWholeTicket) {
       {kText + "\nc\0"s, "Cannot read service name: ticket on disk is truncated."},
       {kText + "\nc\0s"s, "Cannot find end of service name: ticket on disk is truncated."},
   };
-  for (const auto& [content, line] : cases) {
+  for (const auto& [content, line, text] : cases) {
     Issue(kText, content);
-    EXPECT_EQ(Ticket::Find(kText), std::nullopt) << line;
+    EXPECT_EQ(Ticket::Find(text), std::nullopt) << line;
     EXPECT_THAT(log_.TakeLines(), ElementsAre("3 [Ticket] " + line));
   }
 }
@@ -108,7 +87,7 @@ TEST_F(TicketTest, OnlyARegularFileInAClosedDirectoryIsATicket) {
   fs::create_symlink(moved / path.filename(), path);
   EXPECT_EQ(Ticket::Find(kText), std::nullopt) << "a link to a ticket";
   fs::remove(path);
-  ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+  EXPECT_EQ(mkfifo(path.c_str(), 0600), 0);
   EXPECT_EQ(Ticket::Find(kText), std::nullopt) << "a FIFO";
   EXPECT_THAT(log_.TakeLines(),
               ElementsAre("3 [Ticket] Failed to setup ticket dir (service: none).",
@@ -122,62 +101,44 @@ TEST_F(TicketTest, OfManyThatRaceForATicketExactlyOneConsumesIt) {
   const auto text = [](int i) { return "racing-for-ticket-" + std::to_string(i); };
   for (int i = 0; i < kTickets; ++i) Issue(text(i), text(i) + "\nc\0s\0"s);
   std::atomic<int> won = 0;
-  std::atomic<bool> go = false;
-  {
-    std::vector<std::jthread> racers;
-    for (int racer = 0; racer < 4; ++racer) {
-      racers.emplace_back([&won, &go, &text] {
-        go.wait(false);
-        for (int i = 0; i < kTickets; ++i) won += Ticket::Find(text(i)) && Ticket::Consume(text(i));
-      });
-    }
-    go = true;
-    go.notify_all();
-  }
+  const auto race = [&won, &text] {
+    for (int i = 0; i < kTickets; ++i) won += Ticket::Find(text(i)) && Ticket::Consume(text(i));
+  };
+  { const std::jthread racers[] = {std::jthread(race), std::jthread(race), std::jthread(race)}; }
   EXPECT_EQ(won, kTickets);
   EXPECT_TRUE(fs::is_empty(Ticket::kDirectory));
 }
 
 TEST_F(TicketTest, ReaperRemovesStaleTicketsOfBothKindsAndNothingElse) {
-  const auto issue_old = [](const std::string& text, int minutes, const char* directory) {
-    const fs::path path = Issue(text, "", directory);
-    MakeOld(path, std::chrono::minutes(minutes));
+  const auto leave = [](const fs::path& path, int minutes) {
+    std::ofstream(path) << "";
+    fs::last_write_time(path, fs::file_time_type::clock::now() - std::chrono::minutes(minutes));
     return path;
   };
-  const fs::path stale = issue_old("stale", 11, Ticket::kDirectory);
-  const fs::path remote = issue_old("stale", 11, Ticket::kRemoteDeviceDirectory);
-  const fs::path young = issue_old("young", 9, Ticket::kDirectory);
-  const fs::path other = fs::path(Ticket::kDirectory) / "other";
-  std::ofstream(other) << "";
-  MakeOld(other, std::chrono::minutes(11));
-
-  Ticket::ReapStaleTickets();
-  EXPECT_TRUE(!fs::exists(stale) && !fs::exists(remote) && fs::exists(young) && fs::exists(other));
-  fs::remove_all(Ticket::kRemoteDeviceDirectory);
-  Ticket::ReapStaleTickets();
-  EXPECT_THAT(log_.TakeLines(),
-              ElementsAre("6 [Ticket] Reaping stale ticket " + stale.string(),
-                          "6 [Ticket] Reaping stale ticket " + remote.string(),
-                          "6 [Ticket] Failed to get remoteDevice ticket dir in reap."));
-}
-
-TEST_F(TicketTest, ReaperGoesOnUntilItIsDestroyed) {
+  const fs::path directory = Ticket::kDirectory, remote = Ticket::kRemoteDeviceDirectory;
+  const fs::path young = leave(directory / "rntkt-young", 9);
+  const fs::path other = leave(directory / "other", 11);
+  const std::vector<fs::path> stale = {directory / "rntkt-stale", remote / "rntkt-stale"};
   boost::asio::io_context io;
   auto reaper = std::make_shared<Ticket::Reaper>(io, std::chrono::milliseconds(1));
-  fs::path path;
   for (int round = 0; round < 3; ++round) {
-    path = Issue("stale", "");
-    MakeOld(path, std::chrono::minutes(11));
+    for (const fs::path& path : stale) leave(path, 11);
     if (round == 0) reaper->Start();  // reaps at once
-    while (round > 0 && fs::exists(path) && io.run_one_for(std::chrono::seconds(10)) > 0) {
+    while (round > 0 && fs::exists(stale[1]) && io.run_one_for(std::chrono::seconds(10)) > 0) {
     }
-    EXPECT_FALSE(fs::exists(path)) << round;
+    EXPECT_THAT(log_.TakeLines(),
+                ElementsAre("6 [Ticket] Reaping stale ticket " + stale[0].string(),
+                            "6 [Ticket] Reaping stale ticket " + stale[1].string()));
+    EXPECT_TRUE(!fs::exists(stale[0]) && fs::exists(young) && fs::exists(other));
   }
-  path = Issue("stale", "");
-  MakeOld(path, std::chrono::minutes(11));
+  leave(stale[0], 11);
   reaper.reset();
   io.run();  // ends: nothing is waited for any more
-  EXPECT_TRUE(fs::exists(path));
+  EXPECT_TRUE(fs::exists(stale[0]));
+
+  fs::remove_all(remote);
+  Ticket::ReapStaleTickets();
+  EXPECT_EQ(log_.TakeLines().back(), "6 [Ticket] Failed to get remoteDevice ticket dir in reap.");
 }
 
 }  // namespace
