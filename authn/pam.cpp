@@ -1,8 +1,6 @@
 #include "authn/pam.h"
 
 #include <dlfcn.h>
-#include <rapidjson/encodings.h>
-#include <rapidjson/memorystream.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
@@ -10,6 +8,7 @@
 #include <memory>
 #include <utility>
 
+#include "orbi/data/utf8.h"
 #include "tesselibs/log.h"
 #include "tesselibs/preference.h"
 
@@ -115,22 +114,8 @@ class Transaction {
   int status_;
 };
 
-/// Takes what the validator copies.
-struct NullSink {
-  void Put(char) {}
-};
-
-bool IsUtf8(const std::string& text) {
-  rapidjson::MemoryStream input(text.data(), text.size());
-  NullSink sink;
-  while (input.Tell() < text.size()) {
-    if (!rapidjson::UTF8<>::Validate(input, sink)) return false;
-  }
-  return true;
-}
-
 bool CanBeTold(const std::string& text, const char* what) {
-  if (!IsUtf8(text)) {
+  if (!Orbi::Data::IsUtf8(text)) {
     Log_Level(kFailure, "%s not in UTF-8\n", what);
     return false;
   }

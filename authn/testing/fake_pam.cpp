@@ -13,11 +13,14 @@ static int Record(const char* function, int argument, int result) {
 }
 
 static int AskPrompts() {
-  std::vector<pam_message> messages;
-  for (const int style : state.prompts) messages.push_back({style, "prompt"});
-  std::vector<const pam_message*> pointers;
-  for (const pam_message& message : messages) pointers.push_back(&message);
-  const int count = static_cast<int>(messages.size());
+  const std::size_t prompts = state.prompts.size();
+  std::vector<pam_message> messages(prompts);
+  std::vector<const pam_message*> pointers(prompts);
+  for (std::size_t i = 0; i < prompts; ++i) {
+    messages[i] = {state.prompts[i], "prompt"};
+    pointers[i] = &messages[i];
+  }
+  const int count = static_cast<int>(prompts);
   pam_response* replies = nullptr;
   const int result = conversation.conv(count, pointers.data(), &replies, conversation.appdata_ptr);
   for (int i = 0; result == PAM_SUCCESS && i < count; ++i) {

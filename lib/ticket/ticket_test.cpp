@@ -31,7 +31,7 @@ class TicketTest : public testing::Test {
   }
 
   static fs::path Issue(const std::string& text, const std::string& content) {
-    const fs::path path = Ticket::kDirectory + ("rntkt-" + text);
+    fs::path path = Ticket::kDirectory + ("rntkt-" + text);
     std::ofstream(path, std::ios::binary) << content;
     return path;
   }
