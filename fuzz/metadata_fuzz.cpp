@@ -1,0 +1,36 @@
+// A metadata document is taken or refused with a MetadataError, never anything else.
+
+#include <cstdint>
+#include <string>
+
+#include "orbi/json/reader.h"
+#include "orbi/metadata/authentication_container.h"
+#include "orbi/metadata/cli_container.h"
+#include "orbi/metadata/document.h"
+#include "orbi/metadata/metamodel_container.h"
+
+namespace {
+
+namespace Metadata = Orbi::Provider::Metadata;
+
+template <typename Container>
+void Add(const Orbi::Data::Value& document) {
+  Container container;
+  try {
+    container.Add("settings", document);
+  } catch (const Metadata::MetadataError&) {
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  Orbi::Data::ErrorValue error;
+  const auto document = Orbi::Protocol::Json::JsonDirectDataDeserializer().Deserialize(
+      std::string(reinterpret_cast<const char*>(data), size), error);
+  if (!document) return 0;
+  Add<Metadata::Metamodel::MetadataContainer>(*document);
+  Add<Metadata::Cli::MetadataContainer>(*document);
+  Add<Metadata::Authentication::MetadataContainer>(*document);
+  return 0;
+}
