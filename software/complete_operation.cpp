@@ -1,0 +1,21 @@
+#include "software/complete_operation.h"
+
+#include "orbi/std/errors.h"
+#include "tesselibs/log.h"
+
+namespace LifeCycle {
+
+std::optional<Orbi::Data::ErrorValue> Attempt(const char* operation,
+                                              const std::function<void()>& work) {
+  try {
+    work();
+    return std::nullopt;
+  } catch (const OperationError& e) {
+    return e.error();
+  } catch (const std::exception& e) {
+    Log_Level(2, "[%s]: %s\n", operation, e.what());
+    return Com::Tessel::Orbi::Std::Errors::InternalServerError();
+  }
+}
+
+}  // namespace LifeCycle

@@ -1,0 +1,70 @@
+#include "software/helper_call.h"
+
+#include "configuration/messages/api_errors.h"
+#include "orbi/std/errors.h"
+#include "software/command/json_value.h"
+#include "software/command/names.h"
+#include "software/complete_operation.h"
+#include "tesselibs/log.h"
+
+namespace LifeCycle {
+namespace {
+
+constexpr const char* kInlineHelper =
+    "/usr/bin/python ++group=kestreld-nontask-forks,mem=110,stats "
+    "/usr/lib/tessel/lifecycle/bin/imagemanagerctl.py";
+
+std::string CommandLine(const HelperOperation& operation, const std::string& argument) {
+  return std::string(kInlineHelper) + operation.arguments + argument;
+}
+
+void ThrowFailure(const HelperOperation& operation, const std::string& command,
+                  const CommandResult& result) {
+  if (auto error = FailureOf(operation, command, result)) throw OperationError(std::move(*error));
+}
+
+}  // namespace
+
+std::string AskHelper(const HelperOperation& operation, const std::string& argument) {
+  const std::string command = CommandLine(operation, argument);
+  std::string output;
+  ThrowFailure(operation, command, RunCommand(command, nullptr, &output));
+  return output;
+}
+
+void FeedHelper(const HelperOperation& operation, const std::string& document) {
+  const std::string command = CommandLine(operation, {});
+  ThrowFailure(operation, command, RunCommand(command, &document, nullptr));
+}
+
+void OrderHelper(const HelperOperation& operation, const std::string& argument) {
+  const std::string command = CommandLine(operation, argument);
+  ThrowFailure(operation, command, RunCommand(command));
+}
+
+void RequireValidName(const HelperOperation& operation, const std::string& name,
+                      const NameRefusal& refusal) {
+  if (IsValidName(name)) return;
+  Log_Level(2, "[%s] %s\n", operation.name, refusal.log);
+  throw OperationError(ApiError(Com::Tessel::Orbi::Std::Errors::InvalidArgument, refusal.message));
+}
+
+Orbi::Data::Value ReadResults(const HelperOperation& operation, const std::string& output) {
+  try {
+    return *JsonToValue(output);
+  } catch (const OrbiJsonSerializationError&) {
+    Log_Level(2, "[%s] Couldn't de-serialize results.\n", operation.name);
+    throw OperationError(Com::Tessel::Orbi::Std::Errors::InternalServerError());
+  }
+}
+
+void FailAdapting(const HelperOperation& operation, const Orbi::Bindings::AdaptErrors& errors,
+                  MisfitError misfit) {
+  Log_Level(2, "[%s] Could not adapt to native types : %s\n", operation.name,
+            errors.ToText().c_str());
+  using Com::Tessel::Orbi::Std::Errors::InternalServerError;
+  throw OperationError(misfit == MisfitError::kWithMessages ? InternalServerError(errors.messages())
+                                                            : InternalServerError());
+}
+
+}  // namespace LifeCycle
