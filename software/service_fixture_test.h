@@ -1,0 +1,150 @@
+#pragma once
+
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "configuration/messages/api_errors.h"
+#include "orbi/core/local_provider.h"
+#include "orbi/data/message.h"
+#include "orbi/json/reader.h"
+#include "orbi/json/writer.h"
+#include "software/depots_service.h"
+#include "software/desired_software_services.h"
+#include "software/host_software_services.h"
+#include "software/installed_software_services.h"
+#include "tesselibs/testing/captured_log.h"
+
+namespace LifeCycle {
+
+/// What the fake interpreter does when it is started.
+struct Behaviour {
+  int exit_code = 0;
+  std::string output = "";
+  int signal = 0;            ///< it ends itself with this signal instead
+  bool reads_input = false;  ///< to its end, before it exits
+};
+
+inline std::string ReadFile(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+/// The words, each in brackets, that a helper gets for the text behind the script's path.
+inline std::string WordsOf(const std::string& arguments) {
+  std::istringstream words(arguments);
+  std::string all = "[/usr/lib/tessel/lifecycle/bin/imagemanagerctl.py]";
+  for (std::string word; words >> word;) all += "[" + word + "]";
+  return all;
+}
+
+/// The error's type and, for each message, its identifier without "com.tessel.ryx." and its
+/// arguments: "not_found a.b(x)". The message's text follows unless it is the identifier's own.
+inline std::string ErrorText(const Orbi::Data::ErrorValue& error) {
+  const std::string common = "com.tessel.ryx.";
+  std::string text = error.id.substr(error.id.rfind('.') + 1);
+  for (const auto& item : error.Find("messages")->As<Orbi::Data::List>()->items) {
+    const auto message = *Orbi::Data::LocalizableMessage::FromValue(item);
+    text += " " + message.id.substr(message.id.starts_with(common) ? common.size() : 0);
+    for (const std::string& argument : message.args) text += "(" + argument + ")";
+    if (message != ApiMessage(message.id, message.args)) text += " " + message.default_message;
+  }
+  return text;
+}
+
+/// Calls the software services through their bindings, with a fake in place of the interpreter, at
+/// the interpreter's real path, and with the log kept. For a sandboxed host.
+class ServiceFixture : public testing::Test {
+ protected:
+  ServiceFixture() {
+    signal(SIGPIPE, SIG_IGN);  // as in the daemon
+    namespace Ryx = Com::Tessel::Ryx;
+#define BIND(service)                                        \
+  service::AsyncServiceBinder::BindImplementation(provider_, \
+                                                  std::make_shared<service::AsyncServiceImpl>())
+    BIND(Ryx::HostSettings::DepotsSvc);
+    BIND(Ryx::HostSettings::SoftwareSvc);
+    BIND(Ryx::HostSettings::Software::RyxSvc);
+    BIND(Ryx::HostSettings::Software::ComponentsSvc);
+    BIND(Ryx::Hosts::Software::RyxSvc);
+    BIND(Ryx::Hosts::Software::ComponentsSvc);
+    BIND(Ryx::Software::InstalledComponentsSvc);
+    BIND(Ryx::Software::InstalledImageSvc);
+    BIND(Ryx::Software::InstalledPaxsSvc);
+#undef BIND
+    std::filesystem::rename(interpreter_, interpreter_ + ".saved");
+  }
+  ~ServiceFixture() override { std::filesystem::rename(interpreter_ + ".saved", interpreter_); }
+
+  /// Puts the fake in place and forgets what was recorded.
+  void Behave(const Behaviour& behaviour) {
+    Vanish();
+    std::filesystem::create_directories(records_);
+    std::ofstream(records_ + "/output") << behaviour.output;
+    std::ofstream script(interpreter_);
+    // The words come last: who has seen them finds everything else done, too.
+    script << "#!/bin/sh -e\ncd " << records_ << "\n"
+           << (behaviour.reads_input ? "cat >input\n" : "")
+           << "cat output\nprintf '[%s]' \"$@\" >words.new\nmv words.new words\n";
+    if (behaviour.signal != 0) script << "kill -" << behaviour.signal << " $$\n";
+    script << "exit " << behaviour.exit_code << "\n";
+    script.close();
+    std::filesystem::permissions(interpreter_, std::filesystem::perms::owner_all);
+  }
+
+  /// Takes the fake away: helpers cannot be started any more.
+  void Vanish() {
+    std::filesystem::remove(interpreter_);
+    std::filesystem::remove_all(records_);
+  }
+
+  /// Calls an operation, which must complete exactly once.
+  /// @param call  "host_settings.depots create": identifiers without "com.tessel.ryx."
+  /// @param input  the fields as clean JSON
+  /// @return the output as clean JSON, or the error's text
+  std::string Call(const std::string& call, const std::string& input) {
+    using namespace Orbi::Protocol::Json;
+    const std::string::size_type blank = call.find(' ');
+    Orbi::Data::ErrorValue error;
+    std::vector<Orbi::Core::MethodResult> results;
+    provider_.Invoke({"com.tessel.ryx." + call.substr(0, blank), call.substr(blank + 1)},
+                     JsonDirectDataDeserializer().Deserialize(input, error).value(),
+                     std::make_shared<Orbi::Core::ExecutionContext>(),
+                     Orbi::Core::MethodCompletion([&results](Orbi::Core::MethodResult result) {
+                       results.push_back(std::move(result));
+                     }));
+    if (results.size() != 1) return "not completed once";
+    if (results[0].error) return ErrorText(*results[0].error);
+    return JsonDirectDataSerializer(Secrets::kWritten).Serialize(results[0].output.value());
+  }
+
+  [[nodiscard]] bool HelperWasStarted() const {
+    return std::filesystem::exists(records_ + "/words");
+  }
+  /// The words that the interpreter got, each in brackets; waits for a detached helper.
+  [[nodiscard]] std::string HelperWords() const {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (!HelperWasStarted() && std::chrono::steady_clock::now() < deadline)
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    return ReadFile(records_ + "/words");
+  }
+  [[nodiscard]] std::string HelperInput() const { return ReadFile(records_ + "/input"); }
+
+  CapturedLog log_;
+
+ private:
+  const std::string interpreter_ = "/usr/bin/python";
+  const std::string records_ = "/var/tmp/fake-helper";
+  Orbi::Core::AsyncLocalProvider provider_;
+};
+
+}  // namespace LifeCycle
