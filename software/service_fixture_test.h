@@ -22,6 +22,7 @@
 #include "software/desired_software_services.h"
 #include "software/host_software_services.h"
 #include "software/installed_software_services.h"
+#include "software/software_tasks.h"
 #include "tesselibs/testing/captured_log.h"
 
 namespace LifeCycle {
@@ -77,6 +78,9 @@ class ServiceFixture : public testing::Test {
     BIND(Ryx::HostSettings::Software::ComponentsSvc);
     BIND(Ryx::Hosts::Software::RyxSvc);
     BIND(Ryx::Hosts::Software::ComponentsSvc);
+    BIND(Ryx::KestrelDaemon::SoftwareSvc);
+    BIND(Ryx::KestrelDaemon::ComponentsSvc);
+    BIND(Ryx::KestrelDaemon::SolutionsSvc);
     BIND(Ryx::Software::InstalledComponentsSvc);
     BIND(Ryx::Software::InstalledImageSvc);
     BIND(Ryx::Software::InstalledPaxsSvc);

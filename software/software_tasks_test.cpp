@@ -1,0 +1,150 @@
+#include "software/software_tasks.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <tuple>
+
+#include "lifecycle/paths.h"
+#include "orbi/data/message.h"
+#include "software/service_fixture_test.h"
+
+namespace LifeCycle {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::Contains;
+
+const std::string kDirectory = "/var/tessel/lifecycle";
+const std::string kScanDocument = "/var/run/lifecycle.scan.swspec";
+const std::string kTaskDocument = "/var/tessel/lifecycle/swspec-{1}";
+
+const std::string kSpec = R"({"base_image":{"version":"8.0-1"},"components":{"net":{}}})";
+const std::string kOneDepot = R"({"depots":["d"],"software_spec":)" + kSpec + "}";
+const std::string kTwoDepots =
+    R"({"depots":["http://h/{3};x","/e"],"software_spec":)" + kSpec + "}";
+const std::string kNoDepot = R"({"depots":[],"software_spec":)" + kSpec + "}";
+
+class SoftwareTasks : public ServiceFixture {
+ protected:
+  SoftwareTasks() { ForgetTasks(); }
+  ~SoftwareTasks() override { ForgetTasks(); }
+
+  static void ForgetTasks() {
+    fs::remove_all(kDirectory);
+    fs::remove_all(kScanDocument);
+  }
+
+  static bool HasTaskDocuments() {
+    return std::ranges::any_of(fs::directory_iterator(kDirectory), [](const auto& entry) {
+      return entry.path().filename().string().starts_with("swspec-");
+    });
+  }
+};
+
+TEST_F(SoftwareTasks, HelperIsStartedOnTheRecordedTaskAndItsDocument) {
+  const std::string spec_option = " --software-spec ";
+  const std::tuple<const char*, std::string, std::string> cases[] = {
+      // {1} is the task
+      {"kestrel_daemon.software apply$task", kTwoDepots,
+       " software --apply --task-id {1} --depot http://h/{3};x --depot /e" + spec_option +
+           kTaskDocument},
+      {"kestrel_daemon.software stage$task", kOneDepot,
+       " software --stage --task-id {1} --depot d" + spec_option + kTaskDocument},
+      {"kestrel_daemon.software scan$task", kTwoDepots,
+       " software --scan" + spec_option + kScanDocument +
+           " --depot http://h/{3};x --depot /e --task-id {1}"},
+      {"kestrel_daemon.components apply$task",
+       R"({"depots":["d"],"components":{"y":"2.0","x":"1.0"}})",
+       "components --apply --task-id {1} --depot d --component x:1.0 --component y:2.0"},
+      {"kestrel_daemon.solutions apply$task", kOneDepot,
+       "solutions --apply --task-id {1} --depot d" + spec_option + kTaskDocument},
+      {"kestrel_daemon.solutions stage$task", kOneDepot,
+       "solutions --stage --task-id {1} --depot d" + spec_option + kTaskDocument},
+      {"kestrel_daemon.solutions remove$task", R"({"solutions":["s","t u"]})",
+       "solutions --remove --task-id {1} --name s --name t u"},
+      {"software.installed_image extract_depot$task", "{}", "depots --extract --task-id {1}"},
+  };
+  for (const auto& [call, input, pattern] : cases) {
+    SCOPED_TRACE(call);
+    ForgetTasks();
+    Behave({});
+    const std::string answer = Call(call, input);
+    ASSERT_EQ(answer.size(), 38U) << answer;
+    const std::string id = answer.substr(1, 36);
+    const std::string arguments = Orbi::Data::FillPlaceholders(pattern, {id});
+
+    EXPECT_EQ(HelperWords(), WordsOf(arguments));
+    EXPECT_THAT(log_.TakeLines(), Contains("5 [RunTask]: Executing command: /usr/bin/python "
+                                           "++group=kestreld-task-forks,mem=250,stats "
+                                           "/usr/lib/tessel/lifecycle/bin/imagemanagerctl.py " +
+                                           arguments));
+    EXPECT_EQ(ReadFile(kTaskSyncFile), "PRECURSOR: " + id);
+    EXPECT_NE(ReadFile(kTaskStatusFile).find(id), std::string::npos);
+    if (const auto at = arguments.find(spec_option); at != std::string::npos) {
+      std::istringstream path(arguments.substr(at + spec_option.size()));
+      EXPECT_EQ(ReadFile(*std::istream_iterator<std::string>(path)), kSpec);
+    }
+  }
+}
+
+TEST_F(SoftwareTasks, NothingIsStartedWithoutDepotsOrNames) {
+  const std::pair<const char*, std::string> calls[] = {
+      {"kestrel_daemon.software apply$task", kNoDepot},
+      {"kestrel_daemon.software stage$task", kNoDepot},
+      {"kestrel_daemon.software scan$task", kNoDepot},
+      {"kestrel_daemon.components apply$task", R"({"depots":[],"components":{"x":"1"}})"},
+      {"kestrel_daemon.components apply$task", R"({"depots":["d"],"components":{}})"},
+      {"kestrel_daemon.solutions apply$task", kNoDepot},
+      {"kestrel_daemon.solutions stage$task", kNoDepot},
+      {"kestrel_daemon.solutions remove$task", R"({"solutions":[]})"},
+  };
+  Behave({});
+  for (const auto& [call, input] : calls)
+    EXPECT_EQ(Call(call, input), "invalid_argument orbi.invalidinput") << call;
+  EXPECT_FALSE(HelperWasStarted());
+  EXPECT_FALSE(fs::exists(kDirectory));
+  EXPECT_THAT(log_.TakeLines(), testing::IsEmpty());
+}
+
+TEST_F(SoftwareTasks, RefusedTaskTakesItsDocumentBack) {
+  fs::create_directories(kDirectory);
+  std::ofstream(kTaskSyncFile) << "PRECURSOR: another";
+  Behave({});
+  EXPECT_EQ(Call("kestrel_daemon.software apply$task", kOneDepot),
+            "not_allowed_in_current_state task.contention");
+  EXPECT_FALSE(HasTaskDocuments());
+  EXPECT_FALSE(HelperWasStarted());
+  EXPECT_EQ(ReadFile(kTaskSyncFile), "PRECURSOR: another");
+}
+
+TEST_F(SoftwareTasks, NoTaskIsRecordedForADocumentThatCannotBeWritten) {
+  const std::string kFailure = "internal_server_error softwarespec.write.error";
+  fs::create_directories(kScanDocument + "/in the way");
+  Behave({});
+  EXPECT_EQ(Call("kestrel_daemon.software scan$task", kOneDepot), kFailure);
+  EXPECT_THAT(log_.TakeLines(), Contains("2 [Scan]: Failed to write software spec to file."));
+  EXPECT_FALSE(fs::exists(kDirectory));
+
+  std::ofstream(kDirectory) << "a file where the folder should be";
+  EXPECT_EQ(Call("kestrel_daemon.software apply$task", kOneDepot), kFailure);
+  EXPECT_EQ(Call("kestrel_daemon.solutions stage$task", kOneDepot), kFailure);
+  EXPECT_FALSE(HelperWasStarted());
+}
+
+TEST_F(SoftwareTasks, HelperThatCannotBeStartedLeavesTheHostFree) {
+  Vanish();
+  EXPECT_EQ(Call("kestrel_daemon.software scan$task", kOneDepot),
+            "internal_server_error task.exec.error");
+  EXPECT_EQ(Call("kestrel_daemon.solutions apply$task", kOneDepot), "error task.exec.error");
+  EXPECT_FALSE(HasTaskDocuments());
+  EXPECT_FALSE(fs::exists(kScanDocument));
+  EXPECT_FALSE(fs::exists(kTaskSyncFile));
+}
+
+}  // namespace
+}  // namespace LifeCycle
