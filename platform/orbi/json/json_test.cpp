@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <sstream>
 
 #include "orbi/json/reader.h"
@@ -87,21 +86,10 @@ TEST(Json, PlainFormGivesBackWhatWasWritten) {
   }
 }
 
-TEST(Json, SecureModeBlanksSecrets) {
-  const Value value = ListOf({Data::Secret{"pass"}});
-  EXPECT_EQ(JsonDataSerializer(Secrets::kBlanked).Serialize(value), R"([{"SECRET":""}])");
-  EXPECT_EQ(JsonDirectDataSerializer(Secrets::kBlanked).Serialize(value), R"([""])");
-}
-
 TEST(Json, WhatIsNotUtf8BecomesAReplacementCharacter) {
   const JsonDataSerializer serializer(Secrets::kWritten);
   EXPECT_EQ(serializer.Serialize("caf\xE9, \xC3"), "\"caf\xEF\xBF\xBD, \xEF\xBF\xBD\"");
   EXPECT_EQ(serializer.Serialize("\xED\xA0\x80"), "\"\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\"");
-}
-
-TEST(Json, NumberThatIsNotFiniteHasNoText) {
-  EXPECT_THROW((void)JsonDataSerializer(Secrets::kWritten).Serialize(Value(HUGE_VAL)),
-               JsonSerializationError);
 }
 
 TEST(Json, PiecesOfAnySizeMakeTheWholeText) {
@@ -129,9 +117,9 @@ TEST(Json, PiecesOfAnySizeMakeTheWholeText) {
 TEST(Json, CleanFormIsReadWithoutTypes) {
   Data::ErrorValue error;
   std::istringstream text(
-      R"( {"a": [1, -2.5, null, true], "STRUCTURE": {}, "s": "\ud83d\ude00"} )");
+      R"( {"a": [1, -2.5, null, true, 1e-400], "STRUCTURE": {}, "s": "\ud83d\ude00"} )");
   Structure expected;
-  expected.Add("a", ListOf({Value(1), Value(-2.5), Value(), Value(true)}))
+  expected.Add("a", ListOf({Value(1), Value(-2.5), Value(), Value(true), Value(0.0)}))
       .Add("STRUCTURE", Structure{})
       .Add("s", "\xF0\x9F\x98\x80");
   EXPECT_EQ(JsonDirectDataDeserializer().Deserialize(text, error), Value(expected));
@@ -196,12 +184,6 @@ TEST(Json, RefusesWhatIsNotAValue) {
   }
   Data::ErrorValue error;
   EXPECT_FALSE(JsonDataDeserializer().Deserialize(std::string("1\0 x", 4), error));
-}
-
-TEST(Json, SmallNumbersAreNotOutOfRange) {
-  Data::ErrorValue error;
-  EXPECT_EQ(JsonDataDeserializer().Deserialize("1e-400", error), Value(0.0));
-  EXPECT_EQ(JsonDataDeserializer().Deserialize("5e-324", error), Value(5e-324));
 }
 
 TEST(Json, NestingIsBounded) {

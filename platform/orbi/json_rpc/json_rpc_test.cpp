@@ -169,23 +169,6 @@ TEST(ResponseSerializer, WritesResultsAndErrorsInBothForms) {
       R"({"jsonrpc":"2.0","id":"7","error":{"code":-32700,"message":"protocol error: \"x\""}})");
 }
 
-TEST(ResponseSerializer, PiecesMakeTheWholeAnswer) {
-  const std::string id(1000, 'i');
-  const auto result = Core::MethodResult::Output(Value(std::string(100'000, 'x')));
-  const JsonApiResponseSerializer serializer;
-  const std::string whole = serializer.Serialize(id, result);
-  for (const std::size_t limit : {64U, 16384U}) {
-    const auto text = serializer.Start(id, result);
-    std::string joined, piece;
-    for (bool more = true; more; joined += piece) {
-      piece.clear();
-      more = text->Write(piece, limit);
-      ASSERT_LE(piece.size(), limit);
-    }
-    EXPECT_EQ(joined, whole);
-  }
-}
-
 TEST(UpdateExecutionCtx, HeadersCompleteTheContext) {
   const HeaderField headers[] = {
       {":method", "POST"},

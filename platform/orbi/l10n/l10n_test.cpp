@@ -17,7 +17,7 @@ using boost::system::error_code;
 
 TEST(LocalizationBundle, ReadsCatalogues) {
   const struct {
-    const char* catalogue;
+    std::string catalogue;
     LocalizationBundle::Texts texts;
     bool good;
   } cases[] = {
@@ -39,21 +39,14 @@ TEST(LocalizationBundle, ReadsCatalogues) {
       {"[section]\na = \"text\"", {}, false},
       {"a = \"1\"\na = \"2\"", {}, false},
       {"a = \"\xFF\"", {}, false},
+      {"a = " + std::string(LocalizationBundle::kMaxCatalogueBytes, 'x'), {}, false},
   };
   for (const auto& c : cases) {
     std::istringstream stream(c.catalogue);
     error_code ec;
-    EXPECT_EQ(LocalizationBundle::LoadIniFile(stream, ec), c.texts) << c.catalogue;
-    EXPECT_EQ(ec == LocalizationError::kBundleNotLoaded, !c.good) << c.catalogue;
+    EXPECT_EQ(LocalizationBundle::LoadIniFile(stream, ec), c.texts);
+    EXPECT_EQ(ec == LocalizationError::kBundleNotLoaded, !c.good) << c.catalogue.substr(0, 40);
   }
-}
-
-TEST(LocalizationBundle, RefusesACatalogueThatIsTooLarge) {
-  std::istringstream stream("a = \"" + std::string(LocalizationBundle::kMaxCatalogueBytes, 'x') +
-                            "\"");
-  error_code ec;
-  EXPECT_TRUE(LocalizationBundle::LoadIniFile(stream, ec).empty());
-  EXPECT_TRUE(ec);
 }
 
 TEST(LocalizationBundle, LooksInTheLocaleThenInItsLanguage) {
