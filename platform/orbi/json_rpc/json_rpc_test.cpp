@@ -72,8 +72,8 @@ TEST(RequestDeserializer, PasswordIsGoneFromTheBody) {
   ASSERT_GT(size, sizeof(std::string)) << "the text must stand on the heap";
   (void)JsonApiRequestDeserializer().Deserialize(body);
   ASSERT_EQ(body.data(), bytes);
-  body.resize(size);
-  EXPECT_THAT(body, Not(HasSubstr("geheimnis")));
+  // What the string's memory holds behind its end.
+  EXPECT_THAT(std::string(bytes + 1, size - 1), Not(HasSubstr("geheimnis")));
 }
 
 TEST(RequestDeserializer, TellsWhatIsWrongAndEchoesTheId) {
