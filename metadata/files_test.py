@@ -81,7 +81,7 @@ class FilesTest(unittest.TestCase):
         for (service, name), operation in self.operations.items():
             for words in operation.errors.values():
                 for identifier in re.findall(r"(?:com\.tessel|orbi)\.[A-Za-z_.]+[A-Za-z_]", words):
-                    self.assertIn(identifier, quoted, f"{service}.{name}")
+                    self.assertTrue(identifier in quoted, f"{service}.{name} names the unknown {identifier}")
 
     def test_committed_documents_are_current(self):
         check = subprocess.run([sys.executable, "-B", os.path.join(ROOT, "tools/generate_api_docs.py"), "--check",
