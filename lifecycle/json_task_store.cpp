@@ -121,8 +121,10 @@ void JsonTaskStore::Change(const std::string& id, const TaskDB::RecordEdit& edit
 void JsonTaskStore::ChangeAll(const TaskDB::RecordSweep& sweep) {
   Tasks tasks(path_);
   bool changed = false;
-  for (auto& [id, record] : tasks.document.GetObject())
-    changed |= sweep(std::string(TaskDB::TextOf(&id)), record, tasks.document.GetAllocator());
+  // Not a range for: RapidJSON's mutable iterators compare with != only ambiguously in C++20.
+  for (auto it = tasks.document.MemberBegin(); it < tasks.document.MemberEnd(); ++it)
+    changed |=
+        sweep(std::string(TaskDB::TextOf(&it->name)), it->value, tasks.document.GetAllocator());
   if (changed) Write(tasks);
 }
 
