@@ -1,0 +1,94 @@
+#include "daemon/endpoint.h"
+
+#include <netdb.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <memory>
+
+#include "apps/lifecycle/orbi/include/verify.h"
+#include "orbi/l10n/localizer.h"
+#include "tesselibs/log.h"
+#include "transport/api/api_request_handler.h"
+
+namespace Host::Settings::SettingsApi {
+namespace {
+
+constexpr const char* kServiceName = "kestreld";
+
+using AddressList = std::unique_ptr<addrinfo, decltype(&freeaddrinfo)>;
+
+AddressList FindService() {
+  addrinfo hints = {};
+  hints.ai_flags = AI_ADDRCONFIG;
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* found = nullptr;
+  const int code = getaddrinfo(nullptr, kServiceName, &hints, &found);
+  if (code != 0) {
+    const bool system = code == EAI_SYSTEM;
+    const int error = errno;
+    Log_Level(2, "getaddrinfo failed. Error: %s%s%s\n", gai_strerror(code),
+              system ? " system error: " : "", system ? strerror(error) : "");
+    found = nullptr;
+  }
+  return {found, &freeaddrinfo};
+}
+
+/// The port of the services database in host byte order, 0 when there is none. An IPv6 entry goes
+/// before others: both listeners use its port.
+int LookUpPort() {
+  const AddressList list = FindService();
+  if (!list) return 0;
+  const addrinfo* chosen = list.get();
+  for (const addrinfo* entry = list.get(); entry; entry = entry->ai_next) {
+    if (entry->ai_family == AF_INET6) {
+      chosen = entry;
+      break;
+    }
+  }
+  // The port stands at the same place in both families' addresses.
+  sockaddr_in address = {};
+  std::memcpy(&address, chosen->ai_addr, std::min<std::size_t>(sizeof address, chosen->ai_addrlen));
+  return ntohs(address.sin_port);
+}
+
+Orbi::Transport::PicoHttp::ServerConfig MakeServerConfig(int port) {
+  Orbi::Transport::PicoHttp::ServerConfig config;
+  config.port = port;
+  config.localizer = Orbi::L10n::LocalizerHelpers::GetDefaultLocalizer();
+  config.serverSpec.readTimeout = std::chrono::minutes(20);
+  config.serverSpec.writeTimeout = std::chrono::minutes(30);
+  config.serverSpec.httpBodySizeLimitInBytes = 2'500'000;
+  return config;
+}
+
+}  // namespace
+
+Endpoint::Endpoint(Orbi::Core::AsyncApiProviderPtr provider, boost::asio::io_context& io,
+                   std::shared_ptr<OrbiLoggerWrapper> logger)
+    : port_(LookUpPort()),
+      logger_(std::move(logger)),
+      handler_({std::move(provider), io, logger_}),
+      server_(io, MakeServerConfig(port_), handler_, logger_),
+      io_(io) {
+  Verify(port_ != 0, "apps/lifecycle/orbi/orbicpp/endpoint", 107);
+}
+
+Endpoint::~Endpoint() { Stop(); }
+
+void Endpoint::Start() {
+  // A daemon that no family lets listen stays up: its tasks go on, and a restart is the operator's
+  // decision.
+  (void)server_.Listen();
+  if (worker_.joinable()) std::terminate();
+  worker_ = std::thread([&io = io_] { io.run(); });
+  Log_Level(5, "HTTP endpoint listening on TCP port %d\n", port_);
+}
+
+void Endpoint::Stop() {
+  io_.stop();
+  if (worker_.joinable()) worker_.join();
+}
+
+}  // namespace Host::Settings::SettingsApi

@@ -1,0 +1,45 @@
+#pragma once
+
+#include <memory>
+#include <thread>
+
+#include <boost/asio/io_context.hpp>
+
+#include "apps/lifecycle/orbi/include/logger.h"
+#include "orbi/core/provider.h"
+#include "transport/api/api_request_handler.h"
+#include "transport/http_server.h"
+
+namespace Host::Settings::SettingsApi {
+
+/// The HTTP service of the daemon: the port of the services-database entry "kestreld", the server
+/// that listens there on IPv4 and IPv6, and the one worker thread that runs all of it.
+///
+/// Used from the main thread only; everything that serves requests runs on the worker thread
+/// between Start and Stop.
+class Endpoint {
+ public:
+  /// Looks the port up and builds the server. Without a port the process stops.
+  /// @param io  outlives the endpoint
+  Endpoint(Orbi::Core::AsyncApiProviderPtr provider, boost::asio::io_context& io,
+           std::shared_ptr<OrbiLoggerWrapper> logger);
+  ~Endpoint();
+
+  /// Listens and starts the worker thread and, where its feature is on, the task scheduler. A
+  /// family that cannot listen is logged and left out. Starting twice ends the process.
+  /// @throws std::system_error when no thread can be had
+  void Start();
+
+  /// Abandons what is pending, joins the worker. Does nothing when not started.
+  void Stop();
+
+ private:
+  int port_;
+  std::shared_ptr<OrbiLoggerWrapper> logger_;
+  Orbi::Transport::PicoHttp::PicoHttpApiRequestHandler handler_;
+  Orbi::Transport::PicoHttp::HttpServer server_;
+  boost::asio::io_context& io_;
+  std::thread worker_;
+};
+
+}  // namespace Host::Settings::SettingsApi

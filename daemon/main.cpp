@@ -1,0 +1,103 @@
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <list>
+#include <memory>
+#include <string>
+
+#include <boost/asio/io_context.hpp>
+
+#include "apps/lifecycle/orbi/include/logger.h"
+#include "daemon/endpoint.h"
+#include "daemon/provider.h"
+#include "lib/ticket/reaper.h"
+#include "lifecycle/access_lock.h"
+#include "lifecycle/paths.h"
+#include "lifecycle/startup.h"
+#include "software/command/remove_files.h"
+#include "tesselibs/feature_state.h"
+#include "tesselibs/log.h"
+#include "tesselibs/poll.h"
+#include "tesselibs/preference.h"
+
+namespace {
+
+using namespace Host::Settings::SettingsApi;
+
+constexpr int kFailedToStart = -1;
+
+/// Set by the SIGTERM handler, read by the poll loop.
+volatile char stopRequested = 0;
+
+void StartSystemLog() {
+  auto output = Log_NewSyslogOutput("kestreld", "syslog", Log_CfgInterface());
+  Log_SetOutputLevel(*output, 7);
+  if (!Log_AddOutput(output)) Log_FreeOutput(std::move(output));
+}
+
+void InstallSignalHandlers() {
+  struct sigaction action = {};
+  sigemptyset(&action.sa_mask);
+  action.sa_handler = [](int) { stopRequested = 1; };
+  if (sigaction(SIGTERM, &action, nullptr) != 0)
+    Log_Level(3, "Error in registering sigterm handler\n");
+  // A client or a helper that has gone is an ordinary error of the write that met it.
+  signal(SIGPIPE, SIG_IGN);
+}
+
+/// A helper may be writing its record at this moment: the lock is worth waiting for.
+std::unique_ptr<LifeCycle::TaskFile> OpenTaskFile() {
+  constexpr int kAttempts = 5;
+  for (int attempt = 1;; ++attempt) {
+    try {
+      return std::make_unique<LifeCycle::TaskFile>(LifeCycle::kTaskStatusFile,
+                                                   LifeCycle::TaskFile::Initialise::kAlways);
+    } catch (const LifeCycle::AccessLockError&) {
+      if (attempt == kAttempts) throw;
+      sleep(1);
+    }
+  }
+}
+
+/// Serves until SIGTERM. What is made here goes in the reverse order: endpoint, provider, I/O
+/// context, logger.
+int Serve() {
+  const auto logger = std::make_shared<OrbiLoggerWrapper>(&Log_Level);
+  boost::asio::io_context io;
+  const auto provider = BuildProvider(logger);
+  Endpoint endpoint(provider, io, logger);
+  const auto reaper = std::make_shared<Ticket::Reaper>(io);
+  try {
+    reaper->Start();
+    endpoint.Start();
+  } catch (const std::exception& e) {
+    Log_Level(2, "Failed to start HTTP service. Aborting. Error:%s\n", e.what());
+    return kFailedToStart;
+  }
+  Poll_Loop(true, &stopRequested);
+  endpoint.Stop();
+  Poll_Exit();
+  return EXIT_SUCCESS;
+}
+
+}  // namespace
+
+int main() {
+  StartSystemLog();
+  InstallSignalHandlers();
+  FeatureState_InitSilentMode();
+  Preference_Init();
+  Poll_InitDefault();
+  std::unique_ptr<LifeCycle::TaskFile> taskFile;
+  try {
+    taskFile = OpenTaskFile();
+    LifeCycle::RemoveFiles({LifeCycle::kTaskSyncFile});
+    LifeCycle::FailAbandonedTasks(*taskFile);
+  } catch (const std::exception& e) {
+    Log_Level(2, "Failed to open the task status file %s: %s\n", LifeCycle::kTaskStatusFile.c_str(),
+              e.what());
+    return kFailedToStart;
+  }
+  return Serve();
+}
