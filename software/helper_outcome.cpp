@@ -21,17 +21,17 @@ constexpr std::uint32_t kNotRead = KindBit(CommandResult::kOutputNotRead);
 
 /// Told by the system's text for the result's code, whatever the code is.
 constexpr OutcomeRule StartFailure(std::uint32_t kinds) {
-  return {kinds, {}, Errors::InternalServerError, kCommandFailed, FailureArgument::kSystemText};
+  return {kinds, {}, FailureArgument::kSystemText, Errors::InternalServerError, kCommandFailed};
 }
 
 /// Told by the number of the result's code.
 constexpr OutcomeRule ExitFailure(std::uint32_t kinds = kExited) {
-  return {kinds, {}, Errors::InternalServerError, kCommandFailed, FailureArgument::kNumber};
+  return {kinds, {}, FailureArgument::kNumber, Errors::InternalServerError, kCommandFailed};
 }
 
 constexpr OutcomeRule ExitCode(int code, Errors::StandardError error,
                                const char* message = nullptr) {
-  return {kExited, code, error, message};
+  return {kExited, code, FailureArgument::kNone, error, message};
 }
 
 constexpr OutcomeRule Logged(OutcomeRule rule, void (*log)(const EndedHelper& end)) {
@@ -125,7 +125,7 @@ constexpr OutcomeRule kListInstalledComponentsOutcome[] = {
 constexpr std::uint32_t kAnyFailure = kNotStarted | kExited | kNotFed | kNotRead;
 
 constexpr OutcomeRule kGetInstalledImageOutcome[] = {
-    {kAnyFailure, 145, Errors::InternalServerError, kCommandFailed, FailureArgument::kNone,
+    {kAnyFailure, 145, FailureArgument::kNone, Errors::InternalServerError, kCommandFailed,
      "An error occurred while extracting image info on the host.", LogImageCommandFailed},
     Logged(StartFailure(kAnyFailure), LogImageCommandFailed),
 };

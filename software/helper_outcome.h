@@ -35,9 +35,9 @@ struct OutcomeRule {
   std::uint32_t kinds;      ///< the CommandResult kinds it is about, as a set of KindBit
   std::optional<int> code;  ///< the one code it is about; any when unset
 
+  FailureArgument argument;
   Com::Tessel::Orbi::Std::Errors::StandardError error;
-  const char* message = nullptr;  ///< identifier of the error's one message; none when null
-  FailureArgument argument = FailureArgument::kNone;
+  const char* message;                            ///< identifier of its one message; none when null
   const char* text = nullptr;                     ///< in place of the identifier's default text
   void (*log)(const EndedHelper& end) = nullptr;  ///< writes the operation's own log line
 };

@@ -95,7 +95,8 @@ std::string StartComponentsTask(const std::vector<std::string>& depots,
   RequireSome(components);
   std::string id = NewTaskId(kApplyComponents);
   std::string words;
-  for (const auto& [name, version] : components) words += " --component " + name + ":" + version;
+  for (const auto& [name, version] : components)
+    words.append(" --component ").append(name).append(":").append(version);
   StartHelperTask(kApplyComponents, id, {Repeat(" --depot ", depots), words});
   return id;
 }
