@@ -21,7 +21,7 @@ bool Parse(std::string& text, rapidjson::Document& document) {
 
 void EndAll(rapidjson::Document& tasks) {
   const auto succeed = TaskDB::Succeed("{}");
-  for (auto& [name, record] : tasks.GetObject()) {
+  for (auto& [name, record] : TaskDB::Members(tasks)) {
     TaskDB::TaskInfo info;
     TaskDB::ReadRecord(std::string(TaskDB::TextOf(&name)), record, info);
     succeed(record, tasks.GetAllocator());
@@ -39,11 +39,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const auto printed = TaskDB::Print(tasks, size);
   std::string written(printed.GetString(), printed.GetSize());
   rapidjson::Document again;
-  Require(Parse(written, again) && again.MemberCount() == tasks.MemberCount());
-  for (auto before = tasks.MemberBegin(), after = again.MemberBegin(); before != tasks.MemberEnd();
-       ++before, ++after) {
-    Require(TaskDB::TextOf(&before->name) == TaskDB::TextOf(&after->name));
-    Require(TaskDB::IsFinished(after->value));
+  Require(Parse(written, again));
+  const auto ended = TaskDB::Members(again);
+  Require(ended.size() == tasks.MemberCount());
+  for (std::size_t i = 0; i < ended.size(); ++i) {
+    Require(TaskDB::TextOf(&ended[i].name) == TaskDB::TextOf(&TaskDB::Members(tasks)[i].name));
+    Require(TaskDB::IsFinished(ended[i].value));
   }
   return 0;
 }

@@ -121,17 +121,15 @@ void JsonTaskStore::Change(const std::string& id, const TaskDB::RecordEdit& edit
 void JsonTaskStore::ChangeAll(const TaskDB::RecordSweep& sweep) {
   Tasks tasks(path_);
   bool changed = false;
-  // Not a range for: RapidJSON's mutable iterators compare with != only ambiguously in C++20.
-  for (auto it = tasks.document.MemberBegin(); it < tasks.document.MemberEnd(); ++it)
-    changed |=
-        sweep(std::string(TaskDB::TextOf(&it->name)), it->value, tasks.document.GetAllocator());
+  for (auto& [id, record] : TaskDB::Members(tasks.document))
+    changed |= sweep(std::string(TaskDB::TextOf(&id)), record, tasks.document.GetAllocator());
   if (changed) Write(tasks);
 }
 
 void JsonTaskStore::ForEach(const TaskDB::RecordVisit& visit) {
   const Tasks tasks(path_);
   std::string id;
-  for (const auto& [name, record] : tasks.document.GetObject()) {
+  for (const auto& [name, record] : TaskDB::Members(tasks.document)) {
     id = TaskDB::TextOf(&name);
     visit(id, record);
   }

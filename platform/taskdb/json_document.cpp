@@ -81,6 +81,16 @@ rapidjson::Value* FindMember(rapidjson::Value& value, std::string_view name) {
   return const_cast<rapidjson::Value*>(FindMember(std::as_const(value), name));
 }
 
+std::span<const rapidjson::Value::Member> Members(const rapidjson::Value& value) {
+  if (!value.IsObject()) return {};
+  return {value.MemberBegin().operator->(), value.MemberCount()};
+}
+
+std::span<rapidjson::Value::Member> Members(rapidjson::Value& value) {
+  if (!value.IsObject()) return {};
+  return {value.MemberBegin().operator->(), value.MemberCount()};
+}
+
 std::string_view TextOf(const rapidjson::Value* value) {
   if (value == nullptr || !value->IsString()) return {};
   return {value->GetString(), value->GetStringLength()};

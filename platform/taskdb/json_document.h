@@ -5,6 +5,7 @@
 #include <rapidjson/stringbuffer.h>
 
 #include <cstddef>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -34,6 +35,10 @@ inline constexpr unsigned kMaxDocumentDepth = 1000;
 [[nodiscard]] const rapidjson::Value* FindMember(const rapidjson::Value& value,
                                                  std::string_view name);
 [[nodiscard]] rapidjson::Value* FindMember(rapidjson::Value& value, std::string_view name);
+
+/// The members of an object, in their order. Anything else has none.
+[[nodiscard]] std::span<const rapidjson::Value::Member> Members(const rapidjson::Value& value);
+[[nodiscard]] std::span<rapidjson::Value::Member> Members(rapidjson::Value& value);
 
 /// @return the text, empty when `value` is nullptr or no string
 [[nodiscard]] std::string_view TextOf(const rapidjson::Value* value);
