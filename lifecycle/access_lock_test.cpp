@@ -70,10 +70,12 @@ class SystemLog {
     return lines;
   }
 
-  /// Waits until there is a line, for at most ten seconds.
-  void WaitForLine() const {
+  /// Waits for a line with this text in it; gives up when there is none at all for ten seconds.
+  void WaitFor(const std::string& text) const {
     pollfd readable{socket_, POLLIN, 0};
-    poll(&readable, 1, 10000);
+    while (poll(&readable, 1, 10000) == 1)
+      for (const auto& line : Lines())
+        if (line.find(text) != line.npos) return;
   }
 
  private:
@@ -134,7 +136,7 @@ TEST(AccessLock, TakesTheLockThatIsFreedWhileItWaits) {
   auto holder = std::make_unique<AccessLock>(kPath, 0);
   const SystemLog log;
   std::thread other([&] {
-    log.WaitForLine();
+    log.WaitFor("Acquiring lock failed");
     holder.reset();
   });
   const AccessLock lock(kPath, 5);
