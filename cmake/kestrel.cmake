@@ -31,7 +31,8 @@ if(KESTREL_SANITIZE)
 endif()
 if(KESTREL_FUZZ)
   # The libraries tell the fuzzer which of their branches an input takes.
-  add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=all)
+  add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=all
+    -fsanitize-ignorelist=${PROJECT_SOURCE_DIR}/fuzz/sanitizer-ignorelist.txt)
   add_link_options(-fsanitize=address,undefined)
 endif()
 add_compile_definitions(BOOST_ASIO_NO_DEPRECATED BOOST_ASIO_SEPARATE_COMPILATION RAPIDJSON_HAS_STDSTRING=1)
