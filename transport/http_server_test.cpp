@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <netinet/in.h>
 #include <sys/resource.h>
 
@@ -90,6 +91,11 @@ std::string HeadWith(int headers) {
 
 std::string Post(std::string_view headers, std::string_view body) {
   return "POST /p HTTP/1.1\r\n" + std::string(headers) + "\r\n" + std::string(body);
+}
+
+std::size_t MemoryInUse() {
+  const auto info = ::mallinfo2();
+  return info.uordblks + info.hblkhd;
 }
 
 constexpr auto kChunked = "Transfer-Encoding: chunked\r\n"sv;
@@ -271,6 +277,17 @@ TEST(HttpServer, BrokenRequestsCostOnlyTheirOwnConnection) {
     EXPECT_EQ(handler.sent[1], "incomplete body");
     EXPECT_EQ(handler.sent[2], "Success");
   });
+}
+
+TEST(HttpServer, AnIdleConnectionDoesNotHoldWhatPassedThroughIt) {
+  EchoHandler handler;
+  LoopbackServer server(handler);
+  const auto before = MemoryInUse();
+  Client client(server);
+  (void)client.Send("GET /big HTTP/1.1\r\n\r\n").Read(32 << 20);
+  EXPECT_TRUE(server.Logger().WaitFor("Response head sent: 200 OK"));
+  server.Do([] {});  // the step that logs this has ended
+  EXPECT_LT(MemoryInUse(), before + (16 << 20));
 }
 
 TEST(HttpServer, SilenceEndsAConnectionButAHandlerMayTakeItsTime) {

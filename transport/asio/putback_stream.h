@@ -50,7 +50,8 @@ class AsyncPutbackStream {
     const auto copied = boost::asio::buffer_copy(buffer, boost::asio::buffer(held_) + taken_);
     taken_ += copied;
     if (Held() == 0) {
-      held_ = {};  // an idle connection holds no memory for this
+      // An idle connection holds no memory for this, and an assignment would keep the capacity.
+      std::string().swap(held_);
       taken_ = 0;
     }
     // Not from within: a reader that is handed byte after byte would otherwise use up the stack.

@@ -19,7 +19,7 @@ bool IsPseudo(const ResponseHeader& header) { return header.name.starts_with(':'
 }  // namespace
 
 ResponseWriter::ResponseWriter(Response response, const RequestHead& head)
-    : response_(std::move(response)), done_(false) {
+    : response_(std::move(response)) {
   status_ = Required(":status") + ' ' + Required(":reason");
   WriteHead(head);
   headLength_ = framing_.size();

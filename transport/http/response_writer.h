@@ -21,16 +21,14 @@ class ResponseWriter {
 
   using Buffers = std::array<boost::asio::const_buffer, 3>;
 
-  ResponseWriter() = default;
-
   /// @param head  of the request that is answered: a HEAD is answered without a body (RFC 9110,
   ///     section 9.3.2), and a streamed body goes to a client older than HTTP/1.1 without chunks,
   ///     ended by the end of the connection
   /// @throws std::invalid_argument when ":status" or ":reason" is missing
   ResponseWriter(Response response, const RequestHead& head);
 
-  ResponseWriter(ResponseWriter&&) = default;
-  ResponseWriter& operator=(ResponseWriter&&) = default;
+  ResponseWriter(const ResponseWriter&) = delete;
+  ResponseWriter& operator=(const ResponseWriter&) = delete;
 
   /// The next portion, good until the next call; without any bytes when nothing is left to be sent.
   [[nodiscard]] Buffers Next();
@@ -59,7 +57,7 @@ class ResponseWriter {
   bool keepsConnection_ = true;
   bool chunked_ = false;
   bool headTaken_ = false;
-  bool done_ = true;
+  bool done_ = false;
 };
 
 }  // namespace Orbi::Transport::PicoHttp

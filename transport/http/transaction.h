@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <utility>
 #include <variant>
@@ -61,17 +62,17 @@ class HttpServerTransaction {
   ///     head's included. A body whose source broke off ends in PicoHttpError::kIncompleteBody.
   template <class Handler>
   void AsyncWriteResponse(Response response, const RequestHead& head, Handler&& handler) {
-    writer_ = ResponseWriter(std::move(response), head);
+    writer_.emplace(std::move(response), head);
     WriteNext(0, std::forward<Handler>(handler));
   }
 
-  [[nodiscard]] const ResponseWriter& Writer() const { return writer_; }
+  [[nodiscard]] const ResponseWriter& Writer() const { return *writer_; }
 
-  /// Forgets the request and its answer.
+  /// Forgets the request and its answer, and gives back their memory.
   void End() {
     body_ = std::monostate();
-    collected_ = {};
-    writer_ = {};
+    std::string().swap(collected_);  // an assignment would keep the capacity
+    writer_.reset();
   }
 
  private:
@@ -96,10 +97,10 @@ class HttpServerTransaction {
 
   template <class Handler>
   void WriteNext(std::size_t sent, Handler&& handler) {
-    const auto portion = writer_.Next();
+    const auto portion = writer_->Next();
     if (boost::asio::buffer_size(portion) == 0) {
       const auto ec =
-          writer_.Failure().empty() ? boost::system::error_code() : PicoHttpError::kIncompleteBody;
+          writer_->Failure().empty() ? boost::system::error_code() : PicoHttpError::kIncompleteBody;
       return handler(ec, sent);
     }
     boost::asio::async_write(stream_, portion,
@@ -119,7 +120,7 @@ class HttpServerTransaction {
           PicoHttpDetail::AsyncExpectContinueStream<Stream&>>>
       body_;
   std::string collected_;
-  ResponseWriter writer_;
+  std::optional<ResponseWriter> writer_;  ///< of the answer that is being sent
 };
 
 }  // namespace Orbi::Transport::PicoHttp
