@@ -2,6 +2,8 @@
 
 #include <ostream>
 
+#include "orbi/l10n/localizer.h"
+
 namespace Orbi::Transport::PicoHttp {
 
 std::string DurationText(std::chrono::nanoseconds duration) {
@@ -31,7 +33,7 @@ std::ostream& operator<<(std::ostream& out, const ServerConfig& config) {
   out << "ServerConfig{port:" << config.port << "endpoint4:" << config.endpoint4
       << ";endpoint6:" << config.endpoint6;
   if (config.localizer)
-    out << ";Localizer:" << config.localizer;
+    out << ";" << *config.localizer;
   else
     out << ";Localizer not set";
   return out << ";" << config.serverSpec << "}";

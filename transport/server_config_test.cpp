@@ -4,6 +4,8 @@
 
 #include <sstream>
 
+#include "orbi/l10n/localizer.h"
+
 namespace Orbi::Transport::PicoHttp {
 namespace {
 
@@ -37,7 +39,8 @@ TEST(ServerConfig, TextFormNamesEveryField) {
       "readTimeout:20 minutes;writeTimeout:30 minutes;httpBodySizeLimitInBytes:2500000;extractors:";
   EXPECT_EQ(text(), start + "Localizer not set;" + limits + "not set}");
   config.serverSpec.extractors.emplace(2);
-  EXPECT_EQ(text(), start + "Localizer not set;" + limits + "count:2}");
+  config.localizer = L10n::LocalizerHelpers::GetDefaultLocalizer();
+  EXPECT_EQ(text(), start + "Localizer{locale:en_US};" + limits + "count:2}");
 }
 
 }  // namespace
