@@ -25,8 +25,8 @@ class Endpoint {
            std::shared_ptr<OrbiLoggerWrapper> logger);
   ~Endpoint();
 
-  /// Listens and starts the worker thread and, where its feature is on, the task scheduler. A
-  /// family that cannot listen is logged and left out. Starting twice ends the process.
+  /// Listens and starts the worker thread. A family that cannot listen is logged and left out.
+  /// Starting twice ends the process.
   /// @throws std::system_error when no thread can be had
   void Start();
 
