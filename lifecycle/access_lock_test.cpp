@@ -7,7 +7,6 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
-#include <syslog.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -50,10 +49,8 @@ class SystemLog {
     std::strcpy(address.sun_path, "/dev/log");
     unlink(address.sun_path);
     if (bind(socket_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) abort();
-    openlog("access_lock_test", 0, LOG_USER);
   }
   ~SystemLog() {
-    closelog();
     close(socket_);
     unlink("/dev/log");
   }
@@ -68,6 +65,17 @@ class SystemLog {
       lines.push_back(std::to_string(severity) + text.substr(text.find(": ") + 1));
     }
     return lines;
+  }
+
+  /// Writes to it until it takes no more; one sender alone can reach a limit of its own before.
+  void Fill() const {
+    for (bool taken = true; taken;) {
+      const int sender = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+      const sockaddr_un address{AF_UNIX, "/dev/log"};
+      EXPECT_EQ(connect(sender, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+      for (taken = false; send(sender, "<6>: full", 9, 0) == 9;) taken = true;
+      close(sender);
+    }
   }
 
   /// Waits for a line with this text in it; gives up when there is none at all for ten seconds.
@@ -130,6 +138,13 @@ TEST(AccessLock, ReturnsWithoutTheLockAfterTheLastRetry) {
   }
   expected.push_back("3 [AccessLock]: Lock acquired on socket" + kName + ", count{2/2}");
   EXPECT_EQ(log.Lines(), expected);
+}
+
+TEST(AccessLock, StuckSystemLogHoldsNobodyUp) {
+  const SystemLog log;
+  log.Fill();
+  EXPECT_EQ(TryLock(kPath), 0);
+  EXPECT_THAT(log.Lines(), testing::Each(testing::Not(HasSubstr("AccessLock"))));
 }
 
 TEST(AccessLock, TakesTheLockThatIsFreedWhileItWaits) {
