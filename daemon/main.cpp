@@ -44,6 +44,8 @@ void InstallSignalHandlers() {
     Log_Level(3, "Error in registering sigterm handler\n");
   // A client or a helper that has gone is an ordinary error of the write that met it.
   signal(SIGPIPE, SIG_IGN);
+  // A parent that ignored it leaves it ignored: the kernel would then throw away how helpers ended.
+  signal(SIGCHLD, SIG_DFL);
 }
 
 /// A helper may be writing its record at this moment: the lock is worth waiting for.
