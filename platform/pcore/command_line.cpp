@@ -26,9 +26,13 @@ class Splitter {
 
  private:
   bool SkipSeparators() {
-    const std::size_t start = rest_.find_first_not_of(kSeparators);
-    rest_.remove_prefix(std::min(start, rest_.size()));
-    return !rest_.empty();
+    for (;;) {
+      const std::size_t start = rest_.find_first_not_of(kSeparators);
+      rest_.remove_prefix(std::min(start, rest_.size()));
+      // An escaped newline does not begin a word.
+      if (!rest_.starts_with("\\\n")) return !rest_.empty();
+      rest_.remove_prefix(2);
+    }
   }
 
   std::string TakeWord() {

@@ -20,7 +20,7 @@ TEST(CommandLineTest, WordsAreSplitByTheQuotingRulesOfTheShell) {
       {" \t/bin/a  b\nc ", {"/bin/a", "b", "c"}},
       {"a 'b  c'd '' \"\"", {"a", "b  cd", "", ""}},
       {R"(a "b \" \\ \$ \x 'c'" \  \'\x)", {"a", R"(b " \ $ \x 'c')", " ", "'x"}},
-      {"a b\\\nc \"d\\\ne\"", {"a", "bc", "de"}},
+      {"a b\\\nc \"d\\\ne\" \\\n f", {"a", "bc", "de", "f"}},
       {R"('a\' "b")", {"a\\", "b"}},
       {"a;b |c $(d) `e` *.f ~ # > &g", {"a;b", "|c", "$(d)", "`e`", "*.f", "~", "#", ">", "&g"}},
       {"a \xc3\xa4 \x01", {"a", "\xc3\xa4", "\x01"}},
