@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -29,6 +30,16 @@ constexpr int kFailedToStart = -1;
 
 /// Set by the SIGTERM handler, read by the poll loop.
 volatile char stopRequested = 0;
+
+/// Fills the standard streams that are closed: whatever is opened first would become them, and
+/// every helper inherits them.
+void OpenStandardStreams() {
+  int stream;
+  do {
+    stream = open("/dev/null", O_RDWR);
+  } while (stream >= 0 && stream <= STDERR_FILENO);
+  close(stream);
+}
 
 void StartSystemLog() {
   auto output = Log_NewSyslogOutput("kestreld", "syslog", Log_CfgInterface());
@@ -86,6 +97,7 @@ int Serve() {
 }  // namespace
 
 int main() {
+  OpenStandardStreams();
   StartSystemLog();
   InstallSignalHandlers();
   FeatureState_InitSilentMode();
