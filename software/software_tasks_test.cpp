@@ -113,17 +113,6 @@ TEST_F(SoftwareTasks, NothingIsStartedWithoutDepotsOrNames) {
   EXPECT_THAT(log_.TakeLines(), Not(Contains(HasSubstr("Generated task uuid"))));
 }
 
-TEST_F(SoftwareTasks, RefusedTaskTakesItsDocumentBack) {
-  fs::create_directories(kDirectory);
-  std::ofstream(kTaskSyncFile) << "PRECURSOR: another";
-  Behave({});
-  EXPECT_EQ(Call("kestrel_daemon.software apply$task", kOneDepot),
-            "not_allowed_in_current_state task.contention");
-  EXPECT_FALSE(HasTaskDocuments());
-  EXPECT_FALSE(HelperWasStarted());
-  EXPECT_EQ(ReadFile(kTaskSyncFile), "PRECURSOR: another");
-}
-
 TEST_F(SoftwareTasks, NoTaskIsRecordedForADocumentThatCannotBeWritten) {
   const std::string kFailure = "internal_server_error softwarespec.write.error";
   fs::create_directories(kScanDocument + "/in the way");

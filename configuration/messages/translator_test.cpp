@@ -4,7 +4,6 @@
 
 #include <fstream>
 #include <optional>
-#include <sstream>
 
 #include <boost/filesystem/operations.hpp>
 #include <boost/filesystem/path.hpp>
@@ -52,15 +51,6 @@ TEST_F(TranslatorTest, LoadsCataloguesAtAnyDepthAndNothingElse) {
   for (const char* id : {"case", "backup", "inner", "broken"}) EXPECT_FALSE(Text(id)) << id;
 }
 
-TEST_F(TranslatorTest, SettingUpAgainReplacesWhatWasLoaded) {
-  Write("a.zmsg", "kept = \"Old.\"\ndropped = \"Dropped.\"\n");
-  SetUpTranslator();
-  Write("a.zmsg", "kept = \"New.\"\n");
-  SetUpTranslator();
-  EXPECT_EQ(Text("kept"), "New.");
-  EXPECT_FALSE(Text("dropped"));
-}
-
 TEST_F(TranslatorTest, CatalogueGoesBeforeTheBuiltInTexts) {
   fs::remove_all(root_);
   SetUpTranslator();
@@ -69,15 +59,6 @@ TEST_F(TranslatorTest, CatalogueGoesBeforeTheBuiltInTexts) {
   Write("a.zmsg", std::string(kKnownId) + " = \"Plugin {1} broke.\"\n");
   SetUpTranslator();
   EXPECT_EQ(ConfigManagerMessage(kKnownId, {"ntp"}).default_message, "Plugin ntp broke.");
-}
-
-TEST_F(TranslatorTest, RefusesALanguageThatIsNotSupported) {
-  Orbi::L10n::LocalizationBundle bundle;
-  std::istringstream catalogue("id = \"Text.\"\n");
-  EXPECT_FALSE(AddCatalogue(bundle, "it", catalogue));
-  EXPECT_FALSE(bundle.Find("it", "id"));
-  EXPECT_TRUE(AddCatalogue(bundle, "zh_CN", catalogue));
-  EXPECT_EQ(bundle.Find("zh_CN", "id"), "Text.");
 }
 
 }  // namespace

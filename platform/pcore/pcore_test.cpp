@@ -99,26 +99,6 @@ TEST_F(PcoreTest, AChildGetsItsStreamsAndNothingElse) {
   EXPECT_THAT(OutputOf("/usr/bin/env"), HasSubstr("PATH=" + path + "\n"));
 }
 
-TEST_F(PcoreTest, APipeTakesInputUntilItIsClosed) {
-  const std::string file = directory_ + "/file";
-  PcoreuserCompat_Handle handle;
-  ASSERT_EQ(PcoreuserCompat_POpen("/bin/dd status=none of=" + file, "w", handle), 0);
-  const std::string input(300000, 'x');
-  EXPECT_EQ(write(handle.Descriptor(), input.data(), input.size()), 300000);
-  int status = -1;
-  EXPECT_EQ(PcoreuserCompat_PClose(handle, status), 0);
-  EXPECT_EQ(status, 0);
-  EXPECT_EQ(std::filesystem::file_size(file), input.size());
-  EXPECT_EQ(PcoreuserCompat_PClose(handle, status), ECHILD);
-}
-
-TEST_F(PcoreTest, ExecReturnsHowTheCommandEnded) {
-  EXPECT_EQ(PcoreCtl_Exec("/bin/true", false, true, true), 0);
-  EXPECT_EQ(PcoreCtl_Exec("/bin/sh -c 'exit 3'", false, true, true), 3);
-  EXPECT_EQ(PcoreCtl_Exec("/bin/sh -c 'kill -9 $$'", false, true, true), 9);
-  EXPECT_EQ(PcoreCtl_Exec("/bin/sh -c 'echo not seen; test ! -t 0; exit 4'", true, true, true), 4);
-}
-
 TEST_F(PcoreTest, ACommandThatCannotStartIsToldAndLeavesNothing) {
   const std::string plain = directory_ + "/plain";
   std::ofstream(plain) << "#!/bin/sh\n";
