@@ -8,7 +8,6 @@
 
 #include <list>
 
-#include "transport/errors.h"
 #include "transport/testing/loopback.h"
 
 namespace Orbi::Transport::PicoHttp {
@@ -109,124 +108,98 @@ struct Conversation {
   std::string received;  ///< up to the end of the stream
 };
 
-void PrintTo(const Conversation& conversation, std::ostream* out) { *out << conversation.name; }
+const Conversation kConversations[] = {
+    // Framing.
+    {"body by length", Post("Content-Length: 5\r\n", "hello"), Ok("POST /p hello") + kNextOk},
+    {"bytes announced by a GET are the next request",
+     "GET /a HTTP/1.1\r\nContent-Length: 10\r\n\r\n", Ok("GET /a ") + kNextOk},
+    {"DELETE keeps the body it announces",
+     "DELETE /d HTTP/1.1\r\nContent-Length: 10\r\n\r\n0123456789",
+     Ok("DELETE /d 0123456789") + kNextOk},
+    {"DELETE without a length", "delete /d HTTP/1.1\r\n\r\n", Ok("delete /d ") + kNextOk},
+    {"HEAD is answered by a head", "HEAD /h HTTP/1.1\r\n\r\n",
+     Answer("200 OK\r\nContent-Length: 8\r\nConnection: Keep-Alive\r\n", "") + kNextOk},
+    {"one empty line before a request", "\r\n" + Post("", ""), Ok("POST /p ") + kNextOk},
+    {"chunked wins over a length; extensions, trailers, upper-case sizes",
+     Post("Content-Length: 3\r\nTransfer-Encoding: gzip, Chunked\r\n",
+          "A;name=\"value\"\r\n0123456789\r\n005 \r\nabcde\r\n0;x\r\nt: 1\r\n\r\n"),
+     Ok("POST /p 0123456789abcde") + kNextOk},
+    {"empty chunked body", Post(kChunked, "0\r\n\r\n"), Ok("POST /p ") + kNextOk},
+    {"body of the limit", Post("Content-Length: 20000\r\n", std::string(kBodyLimit, 'b')),
+     Ok("POST /p " + std::string(kBodyLimit, 'b')) + kNextOk},
+    {"same length twice", Post("Content-Length: 1\r\nContent-Length: 1\r\n", "x"),
+     Ok("POST /p x") + kNextOk},
+    {"head of 4096 bytes", HeadOf(4096), Ok("GET /long ") + kNextOk},
+    {"64 headers", HeadWith(64), Ok("GET /many ") + kNextOk},
+    {"streamed answer in chunks", "GET /stream HTTP/1.1\r\n\r\n",
+     Answer("200 OK\r\nTransfer-Encoding: chunked\r\nConnection: Keep-Alive\r\n",
+            "5\r\nfirst\r\n4000\r\n" + std::string(16384, 'p') + "\r\nab\r\n" +
+                std::string(171, 'p') + "\r\n0\r\n\r\n") +
+         kNextOk},
+    // Refusals.
+    {"head of 4097 bytes", HeadOf(4097), Bad("http headers too long")},
+    {"65 headers", HeadWith(65), Bad("headers parse error")},
+    {"no version", "GET /\r\n\r\n", Bad("headers parse error")},
+    {"folded header", Post("a: b\r\n c\r\n", ""), Bad("headers parse error")},
+    {"blank before the colon", Post("a : b\r\n", ""), Bad("headers parse error")},
+    {"zero byte in a value", Post("a: b\0c\r\n"s, ""), Bad("headers parse error")},
+    {"two lengths", Post("Content-Length: 1\r\nContent-Length: 2\r\n", "xx"),
+     Bad("invalid request")},
+    {"length with a rest", Post("Content-Length: 1x\r\n", "x"), Bad("invalid request")},
+    {"signed length", Post("Content-Length: -1\r\n", "x"), Bad("invalid request")},
+    {"plus sign", Post("Content-Length: +1\r\n", "x"), Bad("invalid request")},
+    {"empty length", Post("Content-Length:\r\n", "x"), Bad("invalid request")},
+    {"length out of range", Post("Content-Length: 18446744073709551616\r\n", ""),
+     Bad("message too long")},
+    {"announced body over the limit is not asked for",
+     Post("Content-Length: 20001\r\nExpect: 100-continue\r\n", ""), Bad("message too long")},
+    {"chunked body over the limit",
+     Post(kChunked, "4e20\r\n" + std::string(kBodyLimit, 'b') + "\r\n1\r\nb\r\n0\r\n\r\n"),
+     Bad("message too long")},
+    {"chunk size overflows", Post(kChunked, "10000000000000001\r\nx\r\n0\r\n\r\n"),
+     Bad("chunk parse error")},
+    {"chunk size missing", Post(kChunked, "\r\nx"), Bad("chunk parse error")},
+    {"chunk longer than its size", Post(kChunked, "1\r\nxy\r\n0\r\n\r\n"),
+     Bad("chunk parse error")},
+    {"endless trailers", Post(kChunked, "0\r\n" + std::string(5000, 't')),
+     Bad("chunk parse error")},
+    {"unacceptable to the handler", Post("x-refuse: 1\r\nContent-Length: 3\r\n", "abc"),
+     Bad("invalid request: no Content-Type or method that is supported here")},
+    {"framed content", Post("Content-Type: application/vnd.tessel.orbi.framed\r\n", ""),
+     Bad("invalid request: framed and streamed content types are not supported")},
+    {"body breaks off", Post("Content-Length: 500\r\n", "abc"), ""},
+    // Keeping the connection, and expectations.
+    {"client asks to close",
+     "GET /a HTTP/1.1\r\nConnection: Close\r\nConnection: Keep-Alive\r\n\r\n", Ok("GET /a ")},
+    {"server closes", "GET /close HTTP/1.1\r\n\r\n", Ok("GET /close ", "close")},
+    {"old client", "GET /a HTTP/1.0\r\n\r\n", Ok("GET /a ")},
+    {"old client that keeps", "GET /a HTTP/1.0\r\nConnection: keep-alive\r\n\r\n",
+     Ok("GET /a ") + kNextOk},
+    {"old client gets no chunks", "GET /stream HTTP/1.0\r\nConnection: keep-alive\r\n\r\n",
+     Answer("200 OK\r\nConnection: Keep-Alive\r\n", "first" + std::string(16555, 'p'))},
+    {"100-continue of any case", Post("Expect: 100-Continue\r\nContent-Length: 2\r\n", "ab"),
+     "HTTP/1.1 100 Continue\r\n\r\n" + Ok("POST /p ab") + kNextOk},
+    {"100-continue, chunked",
+     Post("Expect: 100-continue\r\n" + std::string(kChunked), "2\r\nab\r\n0\r\n\r\n"),
+     "HTTP/1.1 100 Continue\r\n\r\n" + Ok("POST /p ab") + kNextOk},
+    {"old client expects nothing",
+     "POST /p HTTP/1.0\r\nExpect: 100-continue\r\nContent-Length: 2\r\n\r\nab", Ok("POST /p ab")},
+    {"nothing to continue", Post("Expect: 100-continue\r\n", ""), Ok("POST /p ") + kNextOk},
+    {"other expectations", Post("Expect: foo\r\nContent-Length: 2\r\n", "ab"),
+     "HTTP/1.1 417 Expectation Failed\r\nConnection: close\r\nContent-Length: 0\r\n\0"s},
+};
 
-class HttpConversation : public testing::TestWithParam<Conversation> {};
-
-TEST_P(HttpConversation, IsTheSameWhateverThePacketBoundaries) {
+TEST(HttpServer, AConversationIsTheSameWhateverThePacketBoundaries) {
   EchoHandler handler;
   const LoopbackServer server(handler, {.httpBodySizeLimitInBytes = kBodyLimit, .extractors = {}});
-  for (const std::size_t step : {std::string::npos, std::size_t{1}, std::size_t{7}}) {
-    Client client(server);
-    client.Send(GetParam().sent + kNext, step).FinishSending();
-    EXPECT_EQ(client.ReadToEnd(), GetParam().received) << "in steps of " << step;
+  for (const auto& [name, sent, received] : kConversations) {
+    for (const std::size_t step : {std::string::npos, std::size_t{1}, std::size_t{7}}) {
+      Client client(server);
+      client.Send(sent + kNext, step).FinishSending();
+      EXPECT_EQ(client.ReadToEnd(), received) << name << " in steps of " << step;
+    }
   }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Framing, HttpConversation,
-    testing::Values(
-        Conversation{"body by length", Post("Content-Length: 5\r\n", "hello"),
-                     Ok("POST /p hello") + kNextOk},
-        Conversation{"no length, no body", Post("", ""), Ok("POST /p ") + kNextOk},
-        Conversation{"bytes announced by a GET are the next request",
-                     "GET /a HTTP/1.1\r\nContent-Length: 10\r\n\r\n", Ok("GET /a ") + kNextOk},
-        Conversation{"DELETE keeps the body it announces",
-                     "DELETE /d HTTP/1.1\r\nContent-Length: 10\r\n\r\n0123456789",
-                     Ok("DELETE /d 0123456789") + kNextOk},
-        Conversation{"DELETE without a length", "delete /d HTTP/1.1\r\n\r\n",
-                     Ok("delete /d ") + kNextOk},
-        Conversation{
-            "HEAD is answered by a head", "HEAD /h HTTP/1.1\r\n\r\n",
-            Answer("200 OK\r\nContent-Length: 8\r\nConnection: Keep-Alive\r\n", "") + kNextOk},
-        Conversation{"one empty line before a request", "\r\n" + Post("", ""),
-                     Ok("POST /p ") + kNextOk},
-        Conversation{"chunked wins over a length; extensions, trailers, upper-case sizes",
-                     Post("Content-Length: 3\r\nTransfer-Encoding: gzip, Chunked\r\n",
-                          "A;name=\"value\"\r\n0123456789\r\n005 \r\nabcde\r\n0;x\r\nt: 1\r\n\r\n"),
-                     Ok("POST /p 0123456789abcde") + kNextOk},
-        Conversation{"empty chunked body", Post(kChunked, "0\r\n\r\n"), Ok("POST /p ") + kNextOk},
-        Conversation{"body of the limit",
-                     Post("Content-Length: 20000\r\n", std::string(kBodyLimit, 'b')),
-                     Ok("POST /p " + std::string(kBodyLimit, 'b')) + kNextOk},
-        Conversation{"same length twice", Post("Content-Length: 1\r\nContent-Length: 1\r\n", "x"),
-                     Ok("POST /p x") + kNextOk},
-        Conversation{"head of 4096 bytes", HeadOf(4096), Ok("GET /long ") + kNextOk},
-        Conversation{"64 headers", HeadWith(64), Ok("GET /many ") + kNextOk},
-        Conversation{"streamed answer in chunks", "GET /stream HTTP/1.1\r\n\r\n",
-                     Answer("200 OK\r\nTransfer-Encoding: chunked\r\nConnection: Keep-Alive\r\n",
-                            "5\r\nfirst\r\n4000\r\n" + std::string(16384, 'p') + "\r\nab\r\n" +
-                                std::string(171, 'p') + "\r\n0\r\n\r\n") +
-                         kNextOk}));
-
-INSTANTIATE_TEST_SUITE_P(
-    Refusal, HttpConversation,
-    testing::Values(
-        Conversation{"head of 4097 bytes", HeadOf(4097), Bad("http headers too long")},
-        Conversation{"65 headers", HeadWith(65), Bad("headers parse error")},
-        Conversation{"no version", "GET /\r\n\r\n", Bad("headers parse error")},
-        Conversation{"folded header", Post("a: b\r\n c\r\n", ""), Bad("headers parse error")},
-        Conversation{"blank before the colon", Post("a : b\r\n", ""), Bad("headers parse error")},
-        Conversation{"zero byte in a value", Post("a: b\0c\r\n"s, ""), Bad("headers parse error")},
-        Conversation{"two lengths", Post("Content-Length: 1\r\nContent-Length: 2\r\n", "xx"),
-                     Bad("invalid request")},
-        Conversation{"length with a rest", Post("Content-Length: 1x\r\n", "x"),
-                     Bad("invalid request")},
-        Conversation{"signed length", Post("Content-Length: -1\r\n", "x"), Bad("invalid request")},
-        Conversation{"plus sign", Post("Content-Length: +1\r\n", "x"), Bad("invalid request")},
-        Conversation{"empty length", Post("Content-Length:\r\n", "x"), Bad("invalid request")},
-        Conversation{"length out of range", Post("Content-Length: 18446744073709551616\r\n", ""),
-                     Bad("message too long")},
-        Conversation{"announced body over the limit is not asked for",
-                     Post("Content-Length: 20001\r\nExpect: 100-continue\r\n", ""),
-                     Bad("message too long")},
-        Conversation{
-            "chunked body over the limit",
-            Post(kChunked, "4e20\r\n" + std::string(kBodyLimit, 'b') + "\r\n1\r\nb\r\n0\r\n\r\n"),
-            Bad("message too long")},
-        Conversation{"chunk size overflows", Post(kChunked, "10000000000000001\r\nx\r\n0\r\n\r\n"),
-                     Bad("chunk parse error")},
-        Conversation{"chunk size missing", Post(kChunked, "\r\nx"), Bad("chunk parse error")},
-        Conversation{"chunk longer than its size", Post(kChunked, "1\r\nxy\r\n0\r\n\r\n"),
-                     Bad("chunk parse error")},
-        Conversation{"endless trailers", Post(kChunked, "0\r\n" + std::string(5000, 't')),
-                     Bad("chunk parse error")},
-        Conversation{"unacceptable to the handler",
-                     Post("x-refuse: 1\r\nContent-Length: 3\r\n", "abc"),
-                     Bad("invalid request: no Content-Type or method that is supported here")},
-        Conversation{"framed content",
-                     Post("Content-Type: application/vnd.tessel.orbi.framed\r\n", ""),
-                     Bad("invalid request: framed and streamed content types are not supported")},
-        Conversation{"body breaks off", Post("Content-Length: 500\r\n", "abc"), ""}));
-
-INSTANTIATE_TEST_SUITE_P(
-    ConnectionAndExpect, HttpConversation,
-    testing::Values(
-        Conversation{"client asks to close",
-                     "GET /a HTTP/1.1\r\nConnection: Close\r\nConnection: Keep-Alive\r\n\r\n",
-                     Ok("GET /a ")},
-        Conversation{"server closes", "GET /close HTTP/1.1\r\n\r\n", Ok("GET /close ", "close")},
-        Conversation{"old client", "GET /a HTTP/1.0\r\n\r\n", Ok("GET /a ")},
-        Conversation{"old client that keeps", "GET /a HTTP/1.0\r\nConnection: keep-alive\r\n\r\n",
-                     Ok("GET /a ") + kNextOk},
-        Conversation{
-            "old client gets no chunks", "GET /stream HTTP/1.0\r\nConnection: keep-alive\r\n\r\n",
-            Answer("200 OK\r\nConnection: Keep-Alive\r\n", "first" + std::string(16555, 'p'))},
-        Conversation{"100-continue of any case",
-                     Post("Expect: 100-Continue\r\nContent-Length: 2\r\n", "ab"),
-                     "HTTP/1.1 100 Continue\r\n\r\n" + Ok("POST /p ab") + kNextOk},
-        Conversation{
-            "100-continue, chunked",
-            Post("Expect: 100-continue\r\n" + std::string(kChunked), "2\r\nab\r\n0\r\n\r\n"),
-            "HTTP/1.1 100 Continue\r\n\r\n" + Ok("POST /p ab") + kNextOk},
-        Conversation{"old client expects nothing",
-                     "POST /p HTTP/1.0\r\nExpect: 100-continue\r\nContent-Length: 2\r\n\r\nab",
-                     Ok("POST /p ab")},
-        Conversation{"nothing to continue", Post("Expect: 100-continue\r\n", ""),
-                     Ok("POST /p ") + kNextOk},
-        Conversation{
-            "other expectations", Post("Expect: foo\r\nContent-Length: 2\r\n", "ab"),
-            "HTTP/1.1 417 Expectation Failed\r\nConnection: close\r\nContent-Length: 0\r\n\0"s}));
 
 TEST(HttpServer, ThousandsOfRequestsInOneWriteDoNotUseUpTheStack) {
   constexpr int kCount = 20000;
@@ -321,43 +294,6 @@ TEST(HttpServer, CredentialsStayOutOfTheLog) {
   Client(server).Send("GET /a HTTP/1.1\r\nAuthorization: Basic c2Vj\r\nHost: h\r\n\r\n").Read(1);
   EXPECT_TRUE(
       server.Logger().WaitFor("Request head: GET /a HTTP/1.1; authorization: ***; host: h"));
-}
-
-TEST(HttpServer, ExtractorsAreAskedBeforeTheHandler) {
-  EchoHandler handler;
-  const auto noPosts = [](const RequestHead& head) { return head.method != "POST"; };
-  LoopbackServer server(handler, {.extractors = {{noPosts}}});
-  EXPECT_THAT(Client(server).Send(Post("", "")).ReadToEnd(), StartsWith("HTTP/1.1 400 "));
-  EXPECT_EQ(Client(server).Send(kNext).FinishSending().ReadToEnd(), kNextOk);
-}
-
-TEST(HttpServer, OneListeningFamilyIsEnough) {
-  using boost::asio::ip::tcp;
-  EchoHandler handler;
-  boost::asio::io_context context;
-  const auto logger = std::make_shared<RecordingLogger>();
-  const tcp::acceptor taken4(context, {boost::asio::ip::make_address("127.0.0.1"), 0});
-  const tcp::acceptor taken6(context, {boost::asio::ip::make_address("::1"), 0});
-  const auto listen = [&](const tcp::endpoint& endpoint4, const tcp::endpoint& endpoint6) {
-    HttpServer server(
-        context,
-        {.endpoint4 = endpoint4, .endpoint6 = endpoint6, .localizer = {}, .serverSpec = {}},
-        handler, logger);
-    return server.Listen();
-  };
-  const auto failure = [](const char* family, const tcp::endpoint& endpoint) {
-    std::ostringstream text;
-    text << family << " Failed to listen on: " << endpoint << " ec: system:98\n";
-    return text.str();
-  };
-  const tcp::endpoint free6(boost::asio::ip::make_address("::1"), 0);
-
-  EXPECT_FALSE(listen(taken4.local_endpoint(), free6));
-  EXPECT_THAT(logger->Text(),
-              StartsWith(failure("IPv4", taken4.local_endpoint()) + "Listening on: [::1]:"));
-  EXPECT_EQ(listen(taken4.local_endpoint(), taken6.local_endpoint()),
-            PicoHttpError::kFailedToListen);
-  EXPECT_THAT(logger->Text(), EndsWith(failure("IPv6", taken6.local_endpoint())));
 }
 
 TEST(HttpServer, RunningOutOfDescriptorsOnlyDelaysNewConnections) {

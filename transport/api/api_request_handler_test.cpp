@@ -7,7 +7,6 @@
 #include <functional>
 #include <future>
 #include <stdexcept>
-#include <thread>
 
 #include "orbi/std/errors.h"
 #include "transport/testing/loopback.h"
@@ -63,22 +62,9 @@ std::string Post(const std::string& headers, const std::string& body) {
 class ApiServer {
  public:
   explicit ApiServer(Provider::Function function)
-      : handler_({std::make_shared<Provider>(std::move(function)), io_, log}),
-        server_(io_,
-                {.endpoint4 = {boost::asio::ip::address_v4::loopback(), 0},
-                 .endpoint6 = {boost::asio::ip::address_v6::loopback(), 0},
-                 .localizer = {},
-                 .serverSpec = {}},
-                handler_, log) {
-    if (const auto ec = server_.Listen()) throw boost::system::system_error(ec);
-    thread_ = std::thread([this] { io_.run(); });
-  }
-  ~ApiServer() {
-    io_.stop();
-    thread_.join();
-  }
+      : handler_({std::make_shared<Provider>(std::move(function)), *io_, log}) {}
 
-  auto Endpoint() const { return server_.LocalEndpoints().front(); }
+  auto Endpoint() const { return server_.Endpoint(); }
 
   /// What is sent back on a connection of its own.
   std::string Exchange(const std::string& headers = kJson, const std::string& body = kCall) {
@@ -97,33 +83,30 @@ class ApiServer {
   const std::shared_ptr<RecordingLogger> log = std::make_shared<RecordingLogger>();
 
  private:
-  boost::asio::io_context io_;
+  const std::shared_ptr<boost::asio::io_context> io_ = std::make_shared<boost::asio::io_context>();
   PicoHttpApiRequestHandler handler_;
-  HttpServer server_;
-  std::thread thread_;
+  LoopbackServer server_{handler_, {}, io_, log};
 };
 
 TEST(ApiRequestHandler, AnswersInTheFormatThatIsAskedFor) {
-  const std::string cleanjson = "application/vnd.tessel.orbi.cleanjson";
-  const std::string stream = "application/vnd.tessel.orbi.stream.json";
-  const std::string clean_stream = "application/vnd.tessel.orbi.clean.stream.json";
+  const std::string json = "application/json", orbi = "application/vnd.tessel.orbi.";
+  const std::string clean = orbi + "cleanjson", stream = orbi + "stream.json",
+                    clean_stream = orbi + "clean.stream.json";
   const struct {
     std::string content_type, accept;
     std::string answer;  ///< the type of the answer, empty for a refusal
-    bool clean, streamed;
   } cases[] = {
-      {"application/json; charset=utf-8", "", "application/json", false, false},
-      {"application/json", "*/*", "application/json", false, false},
-      {"application/json", cleanjson + ", application/json", cleanjson, true, false},
-      {"application/json", "application/vnd.tessel.orbi.framed", "application/json", false, false},
-      {"application/json", "application/vnd.tessel.orbi.cframed.cleanjson", "application/json",
-       false, false},
-      {"application/json", stream, stream, false, true},
-      {"application/json", "application/json;q=1, " + clean_stream, clean_stream, true, true},
-      {cleanjson, "", "", false, false},
-      {"application/json, " + cleanjson, "", "", false, false},
-      {"text/json", "", "", false, false},
-      {"", "application/json", "", false, false},
+      {json + "; charset=utf-8", "", json},
+      {json, "*/*", json},
+      {json, clean + ", application/json", clean},
+      {json, orbi + "framed", json},
+      {json, orbi + "cframed.cleanjson", json},
+      {json, stream, stream},
+      {json, "application/json;q=1, " + clean_stream, clean_stream},
+      {clean, "", ""},
+      {json + ", " + clean, "", ""},
+      {"text/json", "", ""},
+      {"", json, ""},
   };
   ApiServer server(Answering(Data::Secret{"x"}));
   for (const auto& c : cases) {
@@ -133,10 +116,14 @@ TEST(ApiRequestHandler, AnswersInTheFormatThatIsAskedFor) {
       EXPECT_THAT(answer, StartsWith("HTTP/1.1 400 Bad Request\r\n")) << c.content_type;
       continue;
     }
-    EXPECT_THAT(answer, AllOf(StartsWith("HTTP/1.1 200 OK\r\n"),
-                              HasSubstr("Content-Type: " + c.answer + "\r\n"),
-                              HasSubstr(c.clean ? R"("output":"")" : R"({"SECRET":""})")));
-    EXPECT_EQ(answer.find("Transfer-Encoding: chunked") != answer.npos, c.streamed) << c.accept;
+    EXPECT_THAT(
+        answer,
+        AllOf(StartsWith("HTTP/1.1 200 OK\r\n"), HasSubstr("Content-Type: " + c.answer + "\r\n"),
+              HasSubstr(c.answer.find("clean") != answer.npos ? R"("output":"")"
+                                                              : R"({"SECRET":""})")));
+    EXPECT_EQ(answer.find("Transfer-Encoding: chunked") != answer.npos,
+              c.answer.find("stream") != answer.npos)
+        << c.accept;
   }
 }
 
@@ -188,12 +175,6 @@ TEST(ApiRequestHandler, WhateverGoesWrongInTheProviderIsAnInternalError) {
     EXPECT_THAT(server.Exchange(),
                 AllOf(HasSubstr("orbi-error: com.tessel.orbi.std.errors.internal_server_error\r\n"),
                       EndsWith(kInternalError)));
-    if (&function == &wrong[3]) {
-      EXPECT_THAT(server.LogLines(), HasSubstr("Handle request error: [#] out of order\n"));
-    }
-    if (&function == &wrong[4]) {
-      EXPECT_THAT(server.LogLines(), HasSubstr("Response head sent (Deserializer error):[#] JSON"));
-    }
   }
 }
 
@@ -203,7 +184,6 @@ TEST(ApiRequestHandler, BodyThatIsNoCallIsAnInvalidRequestAndKeepsTheConnection)
     std::string headers, body, error;
   } cases[] = {
       {kJson, "{", R"("id":null,"error":{"code":-32700,"message":"protocol error: Missing)"},
-      {kJson, "", R"("id":null,"error":{"code":-32700,"message":"protocol error: )"},
       {kJson + "Orbi-Operation: p\r\n", kCall,
        R"("id":1,"error":{"code":-32602,"message":"Mismatching operation identifier in HTTP header and payload")"},
   };
@@ -215,8 +195,6 @@ TEST(ApiRequestHandler, BodyThatIsNoCallIsAnInvalidRequestAndKeepsTheConnection)
     EXPECT_THAT(answer,
                 AllOf(StartsWith("HTTP/1.1 200 OK\r\n"), HasSubstr("Connection: Keep-Alive\r\n"),
                       HasSubstr("orbi-error: InvalidRequest\r\n"), HasSubstr(c.error)));
-    EXPECT_TRUE(server.log->WaitFor("Sent InvalidRequest response:["));
-    EXPECT_THAT(server.LogLines(), HasSubstr("\nHandle request error: [#] "));
   }
 }
 

@@ -64,15 +64,22 @@ class RecordingLogger : public Log::Logger {
 
 class LoopbackServer {
  public:
-  explicit LoopbackServer(RequestHandler& handler, const ProtocolHandlerSpec& spec = {})
-      : server_(context_, Config(spec), handler, logger_) {
+  /// A server in a context, and with a logger, of its own unless others are given.
+  explicit LoopbackServer(
+      RequestHandler& handler, const ProtocolHandlerSpec& spec = {},
+      std::shared_ptr<boost::asio::io_context> context =
+          std::make_shared<boost::asio::io_context>(),
+      std::shared_ptr<RecordingLogger> logger = std::make_shared<RecordingLogger>())
+      : logger_(std::move(logger)),
+        context_(std::move(context)),
+        server_(*context_, Config(spec), handler, logger_) {
     if (const auto ec = server_.Listen()) throw boost::system::system_error(ec);
     endpoint_ = server_.LocalEndpoints().front();
-    thread_ = std::thread([this] { context_.run(); });
+    thread_ = std::thread([this] { context_->run(); });
   }
 
   ~LoopbackServer() {
-    context_.stop();
+    context_->stop();
     thread_.join();
   }
 
@@ -80,7 +87,7 @@ class LoopbackServer {
   template <class Step>
   void Do(Step step) {
     std::promise<void> done;
-    boost::asio::post(context_, [&] {
+    boost::asio::post(*context_, [&] {
       step();
       done.set_value();
     });
@@ -101,8 +108,8 @@ class LoopbackServer {
             .serverSpec = spec};
   }
 
-  const std::shared_ptr<RecordingLogger> logger_ = std::make_shared<RecordingLogger>();
-  boost::asio::io_context context_;
+  const std::shared_ptr<RecordingLogger> logger_;
+  const std::shared_ptr<boost::asio::io_context> context_;
   HttpServer server_;
   boost::asio::ip::tcp::endpoint endpoint_;
   std::thread thread_;
