@@ -46,10 +46,12 @@ class File {
 std::string ReadWhole(const std::string& path) {
   errno = 0;
   if (access(path.c_str(), F_OK) != 0) throw TaskFileNotFoundError(path, errno);
-  const File file(path, O_RDONLY);
+  // A FIFO in its place would otherwise hold up whoever opens it, and all requests with them.
+  const File file(path, O_RDONLY | O_NONBLOCK);
   struct stat status {};
   if (fstat(file.descriptor(), &status) != 0)
     throw std::system_error(errno, std::generic_category(), path);
+  if (!S_ISREG(status.st_mode)) throw std::runtime_error(path + " is not a regular file");
   if (static_cast<std::size_t>(status.st_size) > TaskDB::kMaxDocumentSize)
     throw JsonParseError("The file is too large.");
   std::string text(static_cast<std::size_t>(status.st_size), '\0');
