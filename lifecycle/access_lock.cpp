@@ -84,7 +84,7 @@ AccessLock::AccessLock(const std::string& path, int retries) : name_(SocketName(
   Log(LOG_ERR, "[AccessLock]: Lock acquired on socket{%s}, count{%d/%d}", name, count, retries);
 }
 
-AccessLock::~AccessLock() noexcept(false) {
+AccessLock::~AccessLock() noexcept(false) {  // NOLINT(bugprone-exception-escape)
   try {
     Close();
   } catch (const AccessLockError&) {

@@ -50,7 +50,7 @@ class AccessLock {
   /// Releases the lock.
   /// @throws AccessLockError when the socket cannot be closed, unless another exception is on its
   ///         way already
-  ~AccessLock() noexcept(false);
+  ~AccessLock() noexcept(false);  // NOLINT(bugprone-exception-escape): told to the lock's user
 
   AccessLock(const AccessLock&) = delete;
   AccessLock& operator=(const AccessLock&) = delete;
