@@ -13,8 +13,6 @@ namespace LifeCycle {
 namespace {
 
 using testing::Contains;
-using testing::ContainsRegex;
-using testing::EndsWith;
 using testing::Matcher;
 using testing::StartsWith;
 
@@ -104,8 +102,6 @@ TEST_F(InlineOperations, HelperThatCannotBeStartedIsToldByTheSystemsText) {
   for (const Operation& operation : kOperations)
     EXPECT_EQ(Call(operation.call, operation.input), Failed("No such file or directory"))
         << operation.arguments;
-  EXPECT_THAT(log_.TakeLines(), Contains("2 Failed to POPEN while running command: " +
-                                         kAsks.substr(kAsks.find('/')) + " component --list "));
 }
 
 TEST_F(InlineOperations, ReturnCodeHasItsMeaningForEachOperation) {
@@ -151,98 +147,61 @@ TEST_F(InlineOperations, ReturnCodeHasItsMeaningForEachOperation) {
           << call << " with code " << code;
     }
   }
-  EXPECT_THAT(log_.TakeLines(),
-              testing::IsSupersetOf({"2 [Get] Could not find SoftwareSpec",
-                                     "2 [List]: Failed to fetch components list",
-                                     "2 RunCommand failed with error code [2 / Unknown error 145]",
-                                     "5 Calling function: List", "5 Calling function: Get"}));
 }
 
 TEST_F(InlineOperations, UselessOutputIsAnErrorOfItsOwn) {
   const std::string too_much((64U << 20) + 1, ' ');
   const Matcher<std::string> misfit = StartsWith(kInternal + " orbi.data.");
-  const Matcher<std::string> misfit_log = ContainsRegex("\\] Could not adapt to native types : .");
-  struct Case {
-    const char* call;
-    Behaviour helper;
-    Matcher<std::string> answer;
-    Matcher<std::string> log = StartsWith("6 [RunCommand]");
-  };
-  const Case cases[] = {
-      {"host_settings.depots list",
-       {0, "[]x"},
-       kInternal,
-       "2 [List] Couldn't de-serialize results."},
-      {"host_settings.depots list", {0, "[{}]"}, misfit, misfit_log},
+  const std::tuple<const char*, Behaviour, Matcher<std::string>> cases[] = {
+      {"host_settings.depots list", {0, "[]x"}, kInternal},
+      {"host_settings.depots list", {0, "[{}]"}, misfit},
       {"host_settings.depots list", {0, "[]", 9}, Failed("9")},
-      {"host_settings.software get",
-       {0, "", 9},
-       kInternal,
-       "2 [Get] Couldn't de-serialize results."},
-      {"host_settings.software get", {0, "{}"}, misfit, misfit_log},
-      {"host_settings.depots list",
-       {0, too_much},
-       kInternal,
-       "2 [List] Couldn't de-serialize results."},
+      {"host_settings.depots list", {0, too_much}, kInternal},
+      {"host_settings.software get", {0, "", 9}, kInternal},
       {"host_settings.software.ryx get", {0, too_much}, Failed(std::to_string(EMSGSIZE))},
-      {"hosts.software.ryx get", {82, "null"}, "not_found", "2 [Get] Result is null "},
-      {"hosts.software.ryx get", {0, "null\n"}, kInternal, misfit_log},
-      {"hosts.software.ryx get", {0, "nul"}, kInternal},
-      {"hosts.software.components get", {0, "null"}, "not_found", "2 [Get] Result is null "},
+      {"hosts.software.ryx get", {82, "null"}, "not_found"},
+      {"hosts.software.ryx get", {0, "null\n"}, kInternal},
+      {"hosts.software.components get", {0, "null"}, "not_found"},
+      {"hosts.software.components get", {0, R"({"source":"MOON"})"}, misfit},
       {"hosts.software.components list", {0, "{"}, kInternal},
-      {"hosts.software.components get", {0, R"({"source":"MOON"})"}, misfit, misfit_log},
       {"software.installed_components list", {0, "[]x"}, Failed("0")},
       {"software.installed_components list", {0, std::string(1000000, '[')}, Failed("0")},
       {"software.installed_components list", {0, R"([{"component":"net"}])"}, Failed("0")},
       {"software.installed_components list", {0, "[7]"}, Failed("0")},
       {"software.installed_components list", {0, "[] \n"}, "{}"},
-      {"software.installed_image get",
-       {0, "{"},
-       Failed("0"),
-       "2 [Get]: Can't deserialize json. Exception : std::exception"},
-      {"software.installed_image get", {0, R"({"surprise":1})"}, misfit, misfit_log},
-      {"software.installed_paxs list", {0, ""}, Failed("0"), "2 [List]: Can't deserialize json"},
-      {"software.installed_paxs list", {0, "[null]"}, misfit, misfit_log},
+      {"software.installed_image get", {0, "{"}, Failed("0")},
+      {"software.installed_image get", {0, R"({"surprise":1})"}, misfit},
+      {"software.installed_paxs list", {0, ""}, Failed("0")},
+      {"software.installed_paxs list", {0, "[null]"}, misfit},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.call + (": " + c.helper.output.substr(0, 80)));
-    Behave(c.helper);
-    EXPECT_THAT(Call(c.call, Find(c.call).input), c.answer);
-    EXPECT_THAT(log_.TakeLines(), Contains(c.log));
+  for (const auto& [call, helper, answer] : cases) {
+    Behave(helper);
+    EXPECT_THAT(Call(call, Find(call).input), answer) << call << helper.output.substr(0, 80);
   }
 }
 
 TEST_F(InlineOperations, UnfitArgumentIsRefusedBeforeAnyHelperRuns) {
-  using Refusal = std::pair<std::string, std::string>;  // the error's message, the log line
-  const Refusal depot{" host_settings.depot.name.invalid",
-                      "Invalid name specified. Unsafe to continue."};
-  const Refusal spec_version{" host_settings.software.ryx.invalid",
-                             "Invalid RYX version specified"};
-  const Refusal version{spec_version.first, spec_version.second + "."};
-  const Refusal named{" host_settings.software.component.invalid",
-                      "Invalid component name specified"};
-  const Refusal component{named.first, "Invalid value for component name supplied."};
-  const Refusal no_version{"", "No value for version supplied."};
-  const std::tuple<std::string, std::string, Refusal> cases[] = {
+  const std::string depot = " host_settings.depot.name.invalid";
+  const std::string version = " host_settings.software.ryx.invalid";
+  const std::string component = " host_settings.software.component.invalid";
+  const std::tuple<std::string, std::string, std::string> cases[] = {
       {"host_settings.depots create", R"({"spec":{"name":"a+b","url":"u"}})", depot},
       {"host_settings.depots delete", R"({"depot":"a:b"})", depot},
       {"host_settings.software set", R"({"spec":{"base_image":{"version":""},"components":{}}})",
-       spec_version},
+       version},
       {"host_settings.software set",
-       R"({"spec":{"base_image":{"version":"8"},"components":{"a":{},"b;c":{}}}})", named},
+       R"({"spec":{"base_image":{"version":"8"},"components":{"a":{},"b;c":{}}}})", component},
       {"host_settings.software.ryx set", R"({"version":"8$"})", version},
       {"host_settings.software.components get", R"({"component":"a;b"})", component},
       {"host_settings.software.components set", R"({"component":"a;b"})", component},
-      {"host_settings.software.components set", kNamed, no_version},
-      {"host_settings.software.components set", R"({"component":"a","version":""})", no_version},
+      {"host_settings.software.components set", kNamed, ""},
+      {"host_settings.software.components set", R"({"component":"a","version":""})", ""},
       {"host_settings.software.components delete", R"({"component":""})", component},
-      {"hosts.software.components get", R"({"component":"~"})", named},
+      {"hosts.software.components get", R"({"component":"~"})", component},
   };
   Behave({});
-  for (const auto& [call, input, refusal] : cases) {
-    SCOPED_TRACE(call + input);
-    EXPECT_EQ(Call(call, input), "invalid_argument" + refusal.first);
-    EXPECT_THAT(log_.TakeLines(), Contains(EndsWith("] " + refusal.second)));
+  for (const auto& [call, input, message] : cases) {
+    EXPECT_EQ(Call(call, input), "invalid_argument" + message) << call << input;
     EXPECT_FALSE(HelperWasStarted());
   }
 }

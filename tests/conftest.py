@@ -2,10 +2,19 @@
 
 import pathlib
 import shutil
+import subprocess
 
 import pytest
 
-from sandboxed_host import STATE, Daemon, SystemLog
+from sandboxed_host import REPOSITORY, STATE, Daemon, SystemLog
+
+
+@pytest.fixture(scope="session")
+def sample_depot(tmp_path_factory):
+    """Location of the sample depot."""
+    depot = tmp_path_factory.mktemp("sample") / "depot"
+    subprocess.run([REPOSITORY / "helpers/build-depot", REPOSITORY / "helpers/sample-depot", depot], check=True)
+    return str(depot)
 
 
 @pytest.fixture(scope="session")

@@ -20,7 +20,7 @@ LIFECYCLE = STATE / "lifecycle"
 PORT = socket.getservbyname("kestreld") if os.path.exists(BINARIES / "kestreld") else 0
 
 
-def wait_until(condition, seconds=20, what="the condition"):
+def wait_until(condition, seconds=30, what="the condition"):
     """Polls until `condition` returns something true, and returns that."""
     deadline = time.monotonic() + seconds
     while time.monotonic() < deadline:
@@ -29,6 +29,25 @@ def wait_until(condition, seconds=20, what="the condition"):
             return result
         time.sleep(0.01)
     raise AssertionError(f"{what} did not come true within {seconds} s")
+
+
+def processes(text):
+    """The processes whose command line holds a text, by identifier."""
+    found = []
+    for path in pathlib.Path("/proc").glob("[0-9]*/cmdline"):
+        with contextlib.suppress(OSError):  # it may just have ended
+            if text.encode() in path.read_bytes():
+                found.append(int(path.parent.name))
+    return found
+
+
+@contextlib.contextmanager
+def served(depot, *options):
+    """Serves a depot over HTTP; gives its URL."""
+    with subprocess.Popen([REPOSITORY / "tools/serve-depot", depot, *options], stdout=subprocess.PIPE,
+                          text=True) as process:
+        yield process.stdout.readline().strip()
+        process.kill()
 
 
 class SystemLog:

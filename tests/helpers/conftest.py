@@ -7,37 +7,13 @@ import shutil
 import signal
 import subprocess
 import sys
-import time
 import uuid
 
 import pytest
+from sandboxed_host import LIFECYCLE, REPOSITORY, processes
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(ROOT / "helpers"))
-LIFECYCLE = pathlib.Path("/var/tessel/lifecycle")
+sys.path.insert(0, str(REPOSITORY / "helpers"))
 COMMAND = ["/usr/bin/python3", "/usr/lib/tessel/lifecycle/bin/imagemanagerctl.py"]
-
-
-def wait_for(condition, limit=30):
-    """Waits until `condition` gives something true, and returns it; fails after `limit` seconds."""
-    end = time.monotonic() + limit
-    while time.monotonic() < end:
-        if found := condition():
-            return found
-        time.sleep(0.01)
-    raise AssertionError(f"did not happen within {limit} seconds")
-
-
-def processes(text):
-    """The processes whose command line holds a text, by identifier."""
-    found = []
-    for path in pathlib.Path("/proc").glob("[0-9]*/cmdline"):
-        try:
-            if text.encode() in path.read_bytes():
-                found.append(int(path.parent.name))
-        except OSError:
-            pass  # it has just ended
-    return found
 
 
 class Host:
@@ -113,11 +89,3 @@ def host(throw_away_host):
     yield made
     made.end_processes()
     shutil.rmtree(LIFECYCLE)
-
-
-@pytest.fixture(scope="session")
-def sample_depot(tmp_path_factory):
-    """Location of the sample depot."""
-    depot = tmp_path_factory.mktemp("sample") / "depot"
-    subprocess.run([ROOT / "helpers/build-depot", ROOT / "helpers/sample-depot", depot], check=True)
-    return str(depot)

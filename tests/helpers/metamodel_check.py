@@ -3,10 +3,10 @@
 import json
 import re
 
-from conftest import ROOT
+from sandboxed_host import REPOSITORY
 
 _FILES = ("kestreld_orbi_metamodel.json", "orbi_common_metamodel.json")
-_MODELS = [json.loads((ROOT / "metadata" / name).read_text()) for name in _FILES]
+_MODELS = [json.loads((REPOSITORY / "metadata" / name).read_text()) for name in _FILES]
 STRUCTURES = {name: s["fields"] for model in _MODELS for name, s in model.get("structures", {}).items()}
 ENUMERATIONS = {name: e["values"] for model in _MODELS for name, e in model.get("enumerations", {}).items()}
 _DATE_TIME = re.compile(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z")

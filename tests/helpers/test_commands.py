@@ -4,9 +4,9 @@ import json
 import shutil
 
 import pytest
-from conftest import LIFECYCLE
 from depot_maker import base_image, component, package, write_depot
 from metamodel_check import check
+from sandboxed_host import LIFECYCLE
 
 TEN = "com.tessel.ryx."
 SCAN = "software --scan --software-spec DOCUMENT --depot {} --task-id ID"

@@ -1,15 +1,10 @@
 """Downloads from real servers that behave, and from ones that do not."""
 
 import hashlib
-import json
 import socket
-import subprocess
 import threading
 
 import pytest
-from conftest import ROOT
-from tessel_lifecycle.depot import Depot
-from tessel_lifecycle.errors import ImageError
 from tessel_lifecycle.fetch import ContentError, FetchError, Patience, open_source
 
 CONTENT = bytes(range(256)) * 2000
@@ -154,30 +149,3 @@ def test_endless_metadata_is_not_stored():
     with Server(endless) as server:
         with pytest.raises(ContentError):
             open_source(server.url, PATIENCE).read("index.json", 1 << 20)
-
-
-@pytest.mark.parametrize("answers, name", [
-    ([answer(404)], "DepotConnectError"),
-    ([answer(200, b"<html>")], "MetadataFormatError"),
-    ([answer(200, json.dumps({"format": 1, "metadata": [{"file": "m.zip", "size": 3, "sha256": DIGEST}]}).encode()),
-      answer(404)], "MetadataDownloadError")])
-def test_depot_errors_over_http(answers, name):
-    with Server(*answers) as server:
-        with pytest.raises(ImageError) as error:
-            Depot(server.url, PATIENCE).catalogue()
-        assert error.value.name == name and all(a.startswith(server.url) for a in error.value.arguments)
-
-
-def test_the_depot_server_resumes(tmp_path):
-    (tmp_path / "f").write_bytes(CONTENT)
-    (tmp_path / "g.part").write_bytes(CONTENT[:1000])
-    process = subprocess.Popen([ROOT / "tools/serve-depot", tmp_path], stdout=subprocess.PIPE, text=True)
-    try:
-        url, heard = process.stdout.readline().strip(), []
-        open_source(url, PATIENCE).download("f", str(tmp_path / "g"), len(CONTENT), DIGEST, heard.append)
-        assert (tmp_path / "g").read_bytes() == CONTENT and heard[0] == 1000 and sum(heard) == len(CONTENT)
-        with pytest.raises(FetchError):
-            open_source(url, PATIENCE).download("../f", str(tmp_path / "h"), 1, DIGEST)
-    finally:
-        process.kill()
-        process.communicate()

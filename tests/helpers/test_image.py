@@ -122,16 +122,6 @@ def test_death_at_every_point_leaves_the_old_or_the_new_image(tmp_path, location
     assert point > 100 and {"8.0-1", "8.0-2"} == set(seen)
 
 
-def test_a_second_helper_is_kept_out(tmp_path):
-    image, other = Image(str(tmp_path)), Image(str(tmp_path))
-    with image.locked():
-        for shared in (False, True):
-            with pytest.raises(ImageError, match="another process is updating"), other.locked(shared):
-                pass
-    with image.locked(shared=True), other.locked(shared=True):
-        pass
-
-
 def test_a_file_changed_behind_the_host_comes_from_the_depot_again(tmp_path, location):
     image = Image(str(tmp_path / "image"))
     apply(image, location, "8.0-1")
