@@ -10,6 +10,7 @@
 /// Lines are formatted on the caller's thread and handed to one writer thread over a bounded queue,
 /// so that a system log which does not keep up, or hangs, does not hold up the service:
 ///
+/// - Lines up to level 3 are written at once, others within 20 milliseconds, many in one go.
 /// - While the queue is full, lines of level 6 and 7 are dropped and counted.
 /// - A line of level 5 or below waits for room, for at most one second. Once such a wait has been
 ///   in vain, the system log counts as stuck and lines that find no room are dropped without

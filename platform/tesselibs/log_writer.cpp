@@ -7,6 +7,8 @@
 
 namespace {
 
+// Up to this level lines tell of faults, and are written at once.
+constexpr int kLastUrgentLevel = 3;
 // From this level on lines are for following what goes on, not for learning of faults.
 constexpr int kFirstDroppableLevel = 6;
 constexpr int kLostLinesLevel = 3;
@@ -53,9 +55,11 @@ void LogWriter::Push(int level, std::string_view text) {
     ++lost_;
     return;
   }
-  const bool wake = queued_.entries.empty() && !writing_;
+  bool wake = queued_.entries.empty() && !writing_;
   queued_.text.append(text);
   queued_.entries.push_back({now, level, text.size()});
+  if (level <= kLastUrgentLevel || queued_.Bytes() > limits_.queuedBytes / 2)
+    wake |= !std::exchange(urgent_, true);
   lock.unlock();
   if (wake) linesQueued_.notify_one();
 }
@@ -74,6 +78,8 @@ bool LogWriter::WaitForRoom(std::unique_lock<std::mutex>& lock, std::size_t leng
 bool LogWriter::Flush() {
   std::unique_lock lock(mutex_);
   if (!running_) return true;
+  urgent_ = true;
+  linesQueued_.notify_one();
   return allWritten_.wait_for(lock, limits_.flushTime,
                               [this] { return queued_.entries.empty() && !writing_; });
 }
@@ -84,6 +90,10 @@ void LogWriter::Run() {
   for (;;) {
     linesQueued_.wait(lock, [this] { return stopping_ || !queued_.entries.empty(); });
     if (queued_.entries.empty()) return;
+    // One wake-up for the lines of many requests: waking this thread for each of them would cost
+    // the service more than serving it.
+    linesQueued_.wait_for(lock, limits_.gatherTime, [this] { return stopping_ || urgent_; });
+    urgent_ = false;
     std::swap(batch, queued_);
     writing_ = true;
     stuck_ = false;

@@ -23,6 +23,8 @@ class LogWriter {
     std::size_t queuedBytes = 1 << 20;
     std::chrono::milliseconds patience{
         1000};  ///< how long a line of level 5 or below waits for room
+    std::chrono::milliseconds gatherTime{
+        20};  ///< how long lines that tell of no fault are gathered
     std::chrono::milliseconds flushTime{2000};  ///< how long Flush, Remove and the destructor wait
   };
 
@@ -78,6 +80,7 @@ class LogWriter {
   Batch queued_;
   bool running_ = false;
   bool stopping_ = false;
+  bool urgent_ = false;   ///< what is queued is to be written at once
   bool writing_ = false;  ///< the thread holds lines that are not written yet
   bool stuck_ = false;    ///< a wait for room was in vain, and the writer has not moved since
   std::chrono::steady_clock::time_point stopDeadline_;
