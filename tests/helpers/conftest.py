@@ -10,10 +10,18 @@ import sys
 import uuid
 
 import pytest
+from metamodel_check import check
 from sandboxed_host import LIFECYCLE, REPOSITORY, processes
 
 sys.path.insert(0, str(REPOSITORY / "helpers"))
 COMMAND = ["/usr/bin/python3", "/usr/lib/tessel/lifecycle/bin/imagemanagerctl.py"]
+
+
+RESULTS = {"--scan": "com.tessel.ryx.kestrel_daemon.software.scan_result",
+           "--stage": "com.tessel.ryx.kestrel_daemon.software.stage_result",
+           "--apply": "com.tessel.ryx.kestrel_daemon.software.apply_result",
+           "--remove": "com.tessel.ryx.kestrel_daemon.software.apply_result",
+           "--extract": "com.tessel.ryx.software.installed_image.depot_extract_info"}
 
 
 class Host:
@@ -66,7 +74,9 @@ class Host:
         """Carries out a task that has to succeed and returns its result's fields, still in plain JSON."""
         record = self.task(line, document)
         assert record["status"] == "SUCCEEDED", record
-        ((_, fields),) = json.loads(record["result"])["STRUCTURE"].items()
+        result = json.loads(record["result"])
+        check(result, next(kind for word, kind in RESULTS.items() if word in line), plain=True)
+        ((_, fields),) = result["STRUCTURE"].items()
         return fields
 
     def error(self, line, document=None):
