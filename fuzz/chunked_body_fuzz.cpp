@@ -2,19 +2,13 @@
 // boundaries.
 
 #include <algorithm>
-#include <cstdint>
-#include <cstdlib>
-#include <string>
 
+#include "fuzz/target.h"
 #include "transport/http/chunk_decoder.h"
 
 using Orbi::Transport::PicoHttp::PicoHttpDetail::ChunkDecoder;
 
 namespace {
-
-void Require(bool holds) {
-  if (!holds) std::abort();
-}
 
 struct Decoded {
   std::string body;
@@ -43,10 +37,9 @@ Decoded Decode(const std::string& coded, std::size_t step) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  if (size == 0) return 0;
-  const std::size_t step = data[0] % 16 + 1;
-  const std::string coded(reinterpret_cast<const char*>(data) + 1, size - 1);
+void Check(const std::string& input) {
+  if (input.empty()) return;
+  const std::size_t step = static_cast<unsigned char>(input[0]) % 16 + 1;
+  const std::string coded = input.substr(1);
   Require(Decode(coded, coded.size() + 1) == Decode(coded, step));
-  return 0;
 }

@@ -2,19 +2,13 @@
 // quoted; and no resource-group word stays among them.
 
 #include <algorithm>
-#include <cstdint>
-#include <cstdlib>
-#include <string>
 
+#include "fuzz/target.h"
 #include "pcore/command_line.h"
 #include "pcore/host_ctl_exception.h"
 #include "pcore/resource_group.h"
 
 namespace {
-
-void Require(bool holds) {
-  if (!holds) std::abort();
-}
 
 std::string Quoted(const std::string& word) {
   std::string quoted = "'";
@@ -30,10 +24,9 @@ std::string Quoted(const std::string& word) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+void Check(const std::string& input) {
   try {
-    const std::string_view line(reinterpret_cast<const char*>(data), size);
-    std::vector<std::string> words = PcoreCtl::SplitCommandLine(line);
+    std::vector<std::string> words = PcoreCtl::SplitCommandLine(input);
     Require(!words.empty());
 
     std::string quoted;
@@ -46,5 +39,4 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   } catch (const HostCtl::Lib::HostCtlException& refusal) {
     Require(refusal.code() == std::errc::invalid_argument);
   }
-  return 0;
 }

@@ -2,14 +2,10 @@
 // bytes, and an answer that echoes its identifier and input.
 
 #include <algorithm>
-#include <cstddef>
-#include <cstdint>
-#include <cstdlib>
-#include <string>
-#include <string_view>
 #include <variant>
 #include <vector>
 
+#include "fuzz/target.h"
 #include "orbi/json_rpc/request.h"
 #include "orbi/json_rpc/response.h"
 #include "orbi/json_rpc/update_execution_ctx.h"
@@ -38,13 +34,12 @@ void Update(ApiCall& call, std::string_view lines) {
 }  // namespace
 
 /// Input: header values, one to a line, up to an empty line; then the body.
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  const std::string input(reinterpret_cast<const char*>(data), size);
+void Check(const std::string& input) {
   const std::size_t end = std::min(input.find("\n\n"), input.size());
   std::string body = input.substr(std::min(end + 2, input.size()));
 
   ApiRequest request = JsonApiRequestDeserializer().Deserialize(body);
-  if (!body.empty()) std::abort();
+  Require(body.empty());
   std::string answer;
   if (const auto* error = std::get_if<ProtocolError>(&request.content)) {
     answer = ApiResponseSerializer::Serialize(request.id, *error);
@@ -57,6 +52,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   // An answer is itself a document that a strict reader takes.
   Data::ErrorValue unused;
-  if (!JsonDataDeserializer().Deserialize(answer, unused)) std::abort();
-  return 0;
+  Require(JsonDataDeserializer().Deserialize(answer, unused).has_value());
 }

@@ -1,8 +1,6 @@
 // A metadata document is taken or refused with a MetadataError, never anything else.
 
-#include <cstdint>
-#include <string>
-
+#include "fuzz/target.h"
 #include "orbi/json/reader.h"
 #include "orbi/metadata/authentication_container.h"
 #include "orbi/metadata/cli_container.h"
@@ -24,13 +22,12 @@ void Add(const Orbi::Data::Value& document) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+void Check(const std::string& input) {
   Orbi::Data::ErrorValue error;
-  const auto document = Orbi::Protocol::Json::JsonDirectDataDeserializer().Deserialize(
-      std::string(reinterpret_cast<const char*>(data), size), error);
-  if (!document) return 0;
+  const auto document =
+      Orbi::Protocol::Json::JsonDirectDataDeserializer().Deserialize(input, error);
+  if (!document) return;
   Add<Metadata::Metamodel::MetadataContainer>(*document);
   Add<Metadata::Cli::MetadataContainer>(*document);
   Add<Metadata::Authentication::MetadataContainer>(*document);
-  return 0;
 }

@@ -1,19 +1,11 @@
 // Whatever stands in the task status file, its records can be read and ended, and the file that is
 // written then holds the same tasks, each ended.
 
-#include <cstddef>
-#include <cstdint>
-#include <cstdlib>
-#include <string>
-
+#include "fuzz/target.h"
 #include "taskdb/json_document.h"
 #include "taskdb/task_record.h"
 
 namespace {
-
-void Require(bool holds) {
-  if (!holds) std::abort();
-}
 
 bool Parse(std::string& text, rapidjson::Document& document) {
   return !TaskDB::ParseInPlace(text, document).IsError() && document.IsObject();
@@ -30,13 +22,13 @@ void EndAll(rapidjson::Document& tasks) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  std::string text(reinterpret_cast<const char*>(data), size);
+void Check(const std::string& input) {
+  std::string text = input;
   rapidjson::Document tasks;
-  if (!Parse(text, tasks)) return 0;
+  if (!Parse(text, tasks)) return;
   EndAll(tasks);
 
-  const auto printed = TaskDB::Print(tasks, size);
+  const auto printed = TaskDB::Print(tasks, input.size());
   std::string written(printed.GetString(), printed.GetSize());
   rapidjson::Document again;
   Require(Parse(written, again));
@@ -46,5 +38,4 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     Require(TaskDB::TextOf(&ended[i].name) == TaskDB::TextOf(&TaskDB::Members(tasks)[i].name));
     Require(TaskDB::IsFinished(ended[i].value));
   }
-  return 0;
 }
