@@ -1,27 +1,18 @@
 #include <gtest/gtest.h>
 
-#include <functional>
-#include <memory>
 #include <string>
 #include <vector>
 
-#include "bindings/com/tessel/cis/tasks.h"
-#include "bindings/com/tessel/ryx/host_settings/config.h"
-#include "bindings/com/tessel/ryx/host_settings/depots.h"
-#include "bindings/com/tessel/ryx/host_settings/software.h"
-#include "bindings/com/tessel/ryx/software/installed_paxs.h"
-#include "orbi/core/local_provider.h"
+#include "bindings/com/tessel/cis/task.h"
+#include "bindings/com/tessel/ryx/host_settings.h"
 #include "orbi/data/message.h"
 
 namespace {
 
-namespace Depots = Com::Tessel::Ryx::HostSettings::DepotsSvc;
 namespace HostSettings = Com::Tessel::Ryx::HostSettings;
 using Orbi::Bindings::Adapter;
 using Orbi::Bindings::AdaptErrors;
-using Orbi::Core::MethodResult;
 using Orbi::Data::List;
-using Orbi::Data::LocalizableMessage;
 using Orbi::Data::Some;
 using Orbi::Data::Structure;
 using Orbi::Data::Value;
@@ -82,66 +73,48 @@ TEST(StructureAdapter, TakesWhatAPersonTypes) {
 }
 
 TEST(StructureAdapter, SaysWhatDoesNotFitAndWhere) {
-  const Value image = Object({{"version", "1"}});
-  const struct {
-    const char* what;
-    Value value;
-    LocalizableMessage message;
-  } cases[] = {
-      {"missing",
-       Object({{"components", Object({})}}),
-       {"orbi.data.structure.field.missing",
-        "",
-        {"com.tessel.ryx.host_settings.software_spec", "base_image",
-         "com.tessel.ryx.host_settings.base_image_spec"},
-        {}}},
-      {"extra",
-       Object({{"base_image", image}, {"components", Object({})}, {"addon", Value(1)}}),
-       {"orbi.data.structure.field.extra",
-        "",
-        {"com.tessel.ryx.host_settings.software_spec", "addon", "integer"},
-        {}}},
-      {"wrong scalar in an optional in a map",
-       Object({{"base_image", image},
-               {"components", Object({{"net", Object({{"version", Some(Value(true))}})}})}}),
-       {"orbi.data.validate.mismatch",
-        "",
-        {"components[\"net\"].version", "string", "boolean"},
-        {}}},
-      {"optional where none is declared",
-       Object({{"base_image", Object({{"version", Some("1")}})}, {"components", Object({})}}),
-       {"orbi.data.validate.mismatch", "", {"base_image.version", "string", "optional"}, {}}},
-      {"no structure at all",
-       ListOf({}),
-       {"orbi.data.validate.mismatch",
-        "",
-        {"value", "com.tessel.ryx.host_settings.software_spec", "list"},
-        {}}},
-      {"wrong element of a list",
-       Object({{"base_image", image},
-               {"components", Object({})},
-               {"solutions", Object({{"s", Object({{"version", "1"},
-                                                   {"components", ListOf({"a", Value(2)})}})}})}}),
-       {"orbi.data.validate.mismatch",
-        "",
-        {"solutions[\"s\"].components[1]", "string", "integer"},
-        {}}},
-      {"map entry with too much",
-       Object(
-           {{"base_image", image},
-            {"components", ListOf({Object({{"key", "k"}, {"value", Object({})}, {"x", "y"}})})}}),
-       {"orbi.data.structure.field.extra", "", {"map-entry", "components[0].x", "string"}, {}}},
-      {"key twice",
-       Object({{"base_image", image},
-               {"components", ListOf({MapEntry("k", Object({})), MapEntry("k", Object({}))})}}),
-       {"orbi.data.map.key.duplicate", "", {"components[1][\"k\"]", "k"}, {}}},
+  const auto spec = [](const char* member, Value value) {
+    return Object({{"base_image", Object({{"version", "1"}})},
+                   {"components", Object({})},
+                   {member, std::move(value)}});
   };
-  for (const auto& c : cases) {
+  const auto components = [](Value value) {
+    return Object({{"base_image", Object({{"version", "1"}})}, {"components", std::move(value)}});
+  };
+  const std::string type = "com.tessel.ryx.host_settings.software_spec";
+  const struct {
+    Value value;
+    std::string message;
+    std::vector<std::string> args;
+  } cases[] = {
+      {Object({{"components", Object({})}}),
+       "structure.field.missing",
+       {type, "base_image", "com.tessel.ryx.host_settings.base_image_spec"}},
+      {spec("addon", Value(1)), "structure.field.extra", {type, "addon", "integer"}},
+      {components(Object({{"net", Object({{"version", Some(Value(true))}})}})),
+       "validate.mismatch",
+       {"components[\"net\"].version", "string", "boolean"}},
+      {Object({{"base_image", Object({{"version", Some("1")}})}, {"components", Object({})}}),
+       "validate.mismatch",
+       {"base_image.version", "string", "optional"}},
+      {ListOf({}), "validate.mismatch", {"value", type, "list"}},
+      {spec("solutions",
+            Object({{"s", Object({{"version", "1"}, {"components", ListOf({"a", Value(2)})}})}})),
+       "validate.mismatch",
+       {"solutions[\"s\"].components[1]", "string", "integer"}},
+      {components(ListOf({Object({{"key", "k"}, {"value", Object({})}, {"x", "y"}})})),
+       "structure.field.extra",
+       {"map-entry", "components[0].x", "string"}},
+      {components(ListOf({MapEntry("k", Object({})), MapEntry("k", Object({}))})),
+       "map.key.duplicate",
+       {"components[1][\"k\"]", "k"}},
+  };
+  for (const auto& [value, message, args] : cases) {
     AdaptErrors errors;
-    EXPECT_FALSE(Adapter<HostSettings::SoftwareSpec>::FromValue(c.value, errors)) << c.what;
-    ASSERT_EQ(errors.messages().size(), 1U) << c.what << ": " << errors.ToText();
-    EXPECT_EQ(errors.messages()[0].id, c.message.id) << c.what;
-    EXPECT_EQ(errors.messages()[0].args, c.message.args) << c.what;
+    EXPECT_FALSE(Adapter<HostSettings::SoftwareSpec>::FromValue(value, errors)) << args[0];
+    ASSERT_EQ(errors.messages().size(), 1U) << args[0] << ": " << errors.ToText();
+    EXPECT_EQ(errors.messages()[0].id, "orbi.data." + message);
+    EXPECT_EQ(errors.messages()[0].args, args);
   }
 }
 

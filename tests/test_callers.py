@@ -56,17 +56,44 @@ def test_calls_without_usable_credentials_are_refused(daemon):
     assert ERRORS + "unauthenticated" in json.loads(body)["result"]["error"]
 
 
+DESCRIBED = "com.tessel.orbi.metadata.metamodel.service"
+BOUND = "com.tessel.orbi.std.introspection."
+HOST_SCOPED = {f"com.tessel.ryx.{method}" for method in (
+    "host_settings.depots.list", "host_settings.depots.create", "host_settings.depots.delete",
+    "host_settings.software.get", "host_settings.software.set",
+    "host_settings.software.ryx.get", "host_settings.software.ryx.set",
+    "host_settings.software.components.get", "host_settings.software.components.set",
+    "host_settings.software.components.delete",
+    "hosts.software.ryx.get", "hosts.software.components.get", "hosts.software.components.list")}
+
+
 def test_the_api_describes_itself_to_anybody(daemon):
     client = Client(port=PORT)
-    services = client.call("com.tessel.orbi.metadata.metamodel.service", "list")
-    bound = client.call("com.tessel.orbi.std.introspection.service", "list")
-    assert len([name for name in bound if name.startswith(("com.tessel.ryx.", "com.tessel.cis."))]) == 18
-    for service in bound:
-        assert service in services
-        client.call("com.tessel.orbi.metadata.metamodel.service", "get", id=service)
-        for operation in client.call("com.tessel.orbi.std.introspection.operation", "list", service_id=service):
-            client.call("com.tessel.orbi.std.introspection.operation", "get", service_id=service,
-                        operation_id=operation)
+    services = client.call(DESCRIBED, "list")
+    assert client.call(BOUND + "service", "list") == services
+    assert len([name for name in services if name.startswith(("com.tessel.ryx.", "com.tessel.cis."))]) == 18
+    for service in services:
+        operations = client.call(DESCRIBED, "get", id=service)["operations"]
+        assert client.call(BOUND + "operation", "list", service_id=service) == [each["name"] for each in operations]
+        for described in operations:
+            bound = client.call(BOUND + "operation", "get", service_id=service, operation_id=described["name"])
+            assert [(field["name"], field["type"]) for field in bound["input"]] == [
+                (field["name"], field["type"]) for field in described["input"]]
+            assert (bound["any_input"], bound["output"], set(bound["errors"])) == (
+                described["any_input"], described["output"]["type"], set(described["errors"]))
+
+
+def test_what_is_no_description_needs_credentials_and_the_local_host(root):
+    client = Client(port=PORT)
+    refusing = set()
+    for service in client.call(DESCRIBED, "list"):
+        if service.startswith("com.tessel.orbi."):
+            continue
+        for operation in client.call(BOUND + "operation", "list", service_id=service):
+            assert error_of(lambda: client.call(service, operation))[0] == "unauthenticated"
+            if "com.tessel.ryx.host.invalid" in error_of(lambda: root.call(service, operation, host="node7"))[1]:
+                refusing.add(f"{service}.{operation}")
+    assert refusing == HOST_SCOPED
 
 
 def test_one_wrong_password_does_not_stall_the_others(daemon):
