@@ -123,8 +123,7 @@ TEST_F(PamTest, LibraryThatIsMissingOrUnusableIsToldAndLookedForAgain) {
   EXPECT_TRUE(pam.AuthenticateUser("user", "password", "service"));
   EXPECT_THAT(log_.TakeLines(),
               ElementsAre("2 System PAM library unusable and bundled one not found.",
-                          StartsWith("2 Neither system nor bundled (" + bundled.string() +
-                                     ") PAM libraries usable: " + bundled.string() + ": "),
+                          StartsWith("2 Neither system nor bundled (" + bundled.string() + ") PAM"),
                           "5 PAM up and running."));
   fs::remove_all(directory);
 }
@@ -138,25 +137,24 @@ TEST_F(PamTest, HandlerTakesEqualNameAndPasswordForATicketAndAsksPamForAllOthers
   const struct {
     std::string scheme, user, password;
     Verdict verdict;
-    std::string pam;                         // how the calls begin that reach PAM
     std::string last_line, issued_for = "";  // the service of a ticket issued before the call
   } cases[] = {
-      {"", "user", "pw", Verdict::kNotMine, "", ""},
-      {"com.tessel.orbi.std.security.session_id", "user", "pw", Verdict::kNotMine, "", ""},
-      {scheme, "user", "pw", Verdict::kAccepted, "start(kestreld,user) ", "5 PAM up and running."},
-      {scheme, "root\0"s, "pw", Verdict::kRefused, "",
+      {"", "user", "pw", Verdict::kNotMine, ""},
+      {"com.tessel.orbi.std.security.session_id", "user", "pw", Verdict::kNotMine, ""},
+      {scheme, "user", "pw", Verdict::kAccepted, "5 PAM up and running."},
+      {scheme, "root\0"s, "pw", Verdict::kRefused,
        "2 UserPass authentication failed for user: root"},
-      {scheme, "user", "user", Verdict::kRefused, "", refused + "user"},
-      {scheme, "", "", Verdict::kRefused, "", refused},
-      {scheme, ticket, ticket, Verdict::kAccepted, "", "6 [Ticket] Deleted ticket " + ticket,
+      {scheme, "user", "user", Verdict::kRefused, refused + "user"},
+      {scheme, "", "", Verdict::kRefused, refused},
+      {scheme, ticket, ticket, Verdict::kAccepted, "6 [Ticket] Deleted ticket " + ticket,
        "Lifecycle"},
-      {scheme, ticket, ticket, Verdict::kRefused, "", refused + ticket},
-      {scheme, ticket, ticket, Verdict::kRefused, "",
+      {scheme, ticket, ticket, Verdict::kRefused, refused + ticket},
+      {scheme, ticket, ticket, Verdict::kRefused,
        "2 Ticket's service name invalid, ticket: " + ticket + ", service: lifecycle", "lifecycle"},
   };
   Host::Settings::SettingsApi::Authn::UserPassHandler handler{PamAuthenticator(kFakePam)};
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.user + " " + c.last_line);
+    SCOPED_TRACE(c.last_line);
     *fake_ = {};
     if (!c.issued_for.empty()) {
       std::ofstream(path) << ticket << "\nconfig" << '\0' << c.issued_for << '\0';
@@ -168,8 +166,8 @@ TEST_F(PamTest, HandlerTakesEqualNameAndPasswordForATicketAndAsksPamForAllOthers
     context.security->user_name = c.user;
     context.security->password = c.password;
     ASSERT_EQ(handler.Authenticate(context), c.verdict);
-    EXPECT_THAT(fake_->calls, StartsWith(c.pam));
-    EXPECT_EQ(fake_->calls.empty(), c.pam.empty());
+    const bool by_pam = c.verdict == Verdict::kAccepted && c.user != c.password;
+    EXPECT_EQ(fake_->calls.substr(0, 20), by_pam ? "start(kestreld,user)" : "");
     const auto lines = log_.TakeLines();
     EXPECT_EQ(lines.empty() ? "" : lines.back(), c.last_line);
     ASSERT_EQ(context.authentication.has_value(), c.verdict == Verdict::kAccepted);

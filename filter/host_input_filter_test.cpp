@@ -46,11 +46,7 @@ TEST(HostInputFilterTest, OnlyTheLocalHostReachesTheServiceOfAHostScopedMethod) 
   for (const auto& [method, input, refused] : cases) {
     const auto result = Call(filter, method, input, nullptr);
     std::vector<std::string> lines;
-    if (method == scoped) {
-      lines = {
-          "5 Checking the host parameter value for method:com.tessel.depots.list and "
-          "service:com.tessel.depots"};
-    }
+    if (method == scoped) lines.push_back(checking);
     if (refused) {
       lines.push_back("2 Host parameter value is:" + std::string(refused->c_str()) +
                       ". It should be:localhost");

@@ -3,7 +3,6 @@
 #include <string>
 #include <vector>
 
-#include "bindings/com/tessel/cis/task.h"
 #include "bindings/com/tessel/ryx/host_settings.h"
 #include "orbi/data/message.h"
 
@@ -44,17 +43,6 @@ TEST(StructureAdapter, NativeStructureSurvivesTheWayThroughAValue) {
   const Value value = Adapter<HostSettings::SoftwareSpec>::ToValue(spec);
   EXPECT_EQ(value.As<Structure>()->name, "com.tessel.ryx.host_settings.software_spec");
   EXPECT_EQ(Adapter<HostSettings::SoftwareSpec>::FromValue(value, errors), spec) << errors.ToText();
-
-  Com::Tessel::Cis::Task::Info info;
-  info.status = Com::Tessel::Cis::Task::Status::FAILED;
-  info.start_time = *Orbi::DateTime::Create("2026-11-21T02:12:52.123Z");
-  info.result = Value(std::int64_t{7});
-  info.error = Orbi::Data::ErrorValue{"some.error", {}};
-  info.description.localized = "Aufgabe";
-  EXPECT_EQ(Adapter<Com::Tessel::Cis::Task::Info>::FromValue(
-                Adapter<Com::Tessel::Cis::Task::Info>::ToValue(info), errors),
-            info)
-      << errors.ToText();
 }
 
 TEST(StructureAdapter, TakesWhatAPersonTypes) {

@@ -11,7 +11,6 @@
 #include "bindings/com/tessel/orbi/metadata/metamodel/structure.h"
 #include "bindings/com/tessel/orbi/std/introspection/operation.h"
 #include "bindings/com/tessel/orbi/std/introspection/service.h"
-#include "bindings/com/tessel/ryx/host_settings/depots.h"
 #include "orbi/core/local_provider.h"
 #include "orbi/core/testing/echo_provider.h"
 #include "orbi/metadata/provider_helper.h"
@@ -20,7 +19,6 @@ namespace {
 
 namespace Metadata = Com::Tessel::Orbi::Metadata;
 namespace Introspection = Com::Tessel::Orbi::Std::Introspection;
-namespace Depots = Com::Tessel::Ryx::HostSettings::DepotsSvc;
 using Orbi::Bindings::Adapter;
 using Orbi::Bindings::AdaptErrors;
 using Orbi::Core::AsyncLocalProvider;
@@ -29,7 +27,7 @@ using Orbi::Core::MethodResult;
 using Orbi::Data::Structure;
 using Orbi::Data::Value;
 
-/// The shipped files loaded, and a service bound.
+/// The shipped files loaded, and what tells of them bound.
 class ServedApiTest : public testing::Test {
  protected:
   static void SetUpTestSuite() {
@@ -43,8 +41,6 @@ class ServedApiTest : public testing::Test {
           LoadAuthnMetadataFile("settings_orbi_authentication",
                                 folder + "kestreld_orbi_authentication.json")})
       ASSERT_FALSE(error) << error->ToText();
-    Depots::AsyncServiceBinder::BindImplementation(
-        provider, std::make_shared<Depots::UnsupportedImplementation>());
     for (const auto& interfaces : {CliInterfaces(), MetamodelInterfaces(), AuthnInterfaces(),
                                    IntrospectionInterfaces(provider)}) {
       for (const auto& interface : interfaces) provider.AddInterface(interface);
@@ -91,42 +87,6 @@ TEST_F(ServedApiTest, EveryDescriptionHasTheFormThatIsDescribed) {
       Read<Introspection::OperationSvc::Info>(
           {introspection + "operation", "get"},
           {{"service_id", service}, {"operation_id", operation.definition.name}});
-  }
-}
-
-TEST_F(ServedApiTest, CallsThatCannotBeServedSayWhy) {
-  const std::string depots = "com.tessel.ryx.host_settings.depots";
-  const std::string structures = "com.tessel.orbi.metadata.metamodel.structure";
-  const auto field = [](const char* name, Value value) {
-    return Value(Structure{"operation-input", {{name, std::move(value)}}});
-  };
-  const struct {
-    MethodIdentifier method;
-    Value input;
-    std::string error, message;
-  } cases[] = {
-      {{"com.tessel.none", "get"}, {}, "operation_not_found", "orbi.provider.interface.unknown"},
-      {{depots, "rename"}, {}, "operation_not_found", "orbi.provider.operation.unknown"},
-      {{depots, "delete"}, {}, "invalid_argument", "orbi.data.structure.field.missing"},
-      {{depots, "delete"},
-       field("depot", Value(7)),
-       "invalid_argument",
-       "orbi.data.validate.mismatch"},
-      {{depots, "list"}, field("x", "x"), "invalid_argument", "orbi.data.structure.field.extra"},
-      {{depots, "list"}, "text", "invalid_argument", "orbi.data.validate.mismatch"},
-      {{depots, "list"}, {}, "unsupported", "orbi.provider.operation.unsupported"},
-      {{structures, "get"}, {}, "invalid_argument", "orbi.data.structure.field.missing"},
-      {{structures, "get"}, field("id", "x"), "not_found", "orbi.metadata.identifier.unknown"},
-  };
-  for (const auto& c : cases) {
-    const MethodResult result = Call(provider, c.method, c.input, nullptr);
-    ASSERT_TRUE(result.error) << c.method.ToText();
-    EXPECT_EQ(result.error->id, "com.tessel.orbi.std.errors." + c.error);
-    AdaptErrors errors;
-    const auto messages = Adapter<std::vector<Orbi::Data::LocalizableMessage>>::FromValue(
-        *result.error->Find("messages"), errors);
-    ASSERT_TRUE(messages && messages->size() >= 1) << c.method.ToText();
-    EXPECT_EQ(messages->at(0).id, c.message) << c.method.ToText();
   }
 }
 

@@ -56,6 +56,7 @@ def test_calls_without_usable_credentials_are_refused(daemon):
     assert ERRORS + "unauthenticated" in json.loads(body)["result"]["error"]
 
 
+DEPOTS = "com.tessel.ryx.host_settings.depots"
 DESCRIBED = "com.tessel.orbi.metadata.metamodel.service"
 BOUND = "com.tessel.orbi.std.introspection."
 HOST_SCOPED = {f"com.tessel.ryx.{method}" for method in (
@@ -81,6 +82,18 @@ def test_the_api_describes_itself_to_anybody(daemon):
                 (field["name"], field["type"]) for field in described["input"]]
             assert (bound["any_input"], bound["output"], set(bound["errors"])) == (
                 described["any_input"], described["output"]["type"], set(described["errors"]))
+
+
+@pytest.mark.parametrize("service, operation, fields, error, message", [
+    ("com.tessel.none", "get", {}, "operation_not_found", "orbi.provider.interface.unknown"),
+    (DEPOTS, "rename", {}, "operation_not_found", "orbi.provider.operation.unknown"),
+    (DEPOTS, "delete", {}, "invalid_argument", "orbi.data.structure.field.missing"),
+    (DEPOTS, "delete", {"depot": 7}, "invalid_argument", "orbi.data.validate.mismatch"),
+    (DEPOTS, "list", {"x": "x"}, "invalid_argument", "orbi.data.structure.field.extra"),
+    (DESCRIBED, "get", {}, "invalid_argument", "orbi.data.structure.field.missing"),
+    (DESCRIBED, "get", {"id": "x"}, "not_found", "orbi.metadata.identifier.unknown")])
+def test_calls_that_cannot_be_served_say_why(root, service, operation, fields, error, message):
+    assert error_of(lambda: root.call(service, operation, **fields)) == (error, [message])
 
 
 def test_what_is_no_description_needs_credentials_and_the_local_host(root):
@@ -159,7 +172,7 @@ def test_stale_tickets_are_removed_at_start(start_daemon):
 def test_only_the_local_host_can_be_meant(root, host, allowed):
     fields = {} if host is None else {"host": host}
     if allowed:
-        assert root.call("com.tessel.ryx.host_settings.depots", "list", **fields) == []
+        assert root.call(DEPOTS, "list", **fields) == []
     else:
-        assert error_of(lambda: root.call("com.tessel.ryx.host_settings.depots", "list", **fields)) == (
+        assert error_of(lambda: root.call(DEPOTS, "list", **fields)) == (
             "invalid_argument", ["com.tessel.ryx.host.invalid"])

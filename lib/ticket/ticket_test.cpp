@@ -89,10 +89,6 @@ TEST_F(TicketTest, OnlyARegularFileInAClosedDirectoryIsATicket) {
   fs::remove(path);
   EXPECT_EQ(mkfifo(path.c_str(), 0600), 0);
   EXPECT_EQ(Ticket::Find(kText), std::nullopt) << "a FIFO";
-  EXPECT_THAT(log_.TakeLines(),
-              ElementsAre("3 [Ticket] Failed to setup ticket dir (service: none).",
-                          "3 [Ticket] Ticket not found: " + kText,
-                          "3 [Ticket] Ticket not found: " + kText));
   fs::remove_all(moved);
 }
 
@@ -121,10 +117,10 @@ TEST_F(TicketTest, ReaperRemovesStaleTicketsOfBothKindsAndNothingElse) {
   const std::vector<fs::path> stale = {directory / "rntkt-stale", remote / "rntkt-stale"};
   boost::asio::io_context io;
   auto reaper = std::make_shared<Ticket::Reaper>(io, std::chrono::milliseconds(1));
-  for (int round = 0; round < 3; ++round) {
+  for (const bool at_start : {true, false}) {
     for (const fs::path& path : stale) leave(path, 11);
-    if (round == 0) reaper->Start();  // reaps at once
-    while (round > 0 && fs::exists(stale[1]) && io.run_one_for(std::chrono::seconds(10)) > 0) {
+    if (at_start) reaper->Start();
+    while (!at_start && fs::exists(stale[1]) && io.run_one_for(std::chrono::seconds(10)) > 0) {
     }
     EXPECT_THAT(log_.TakeLines(),
                 ElementsAre("6 [Ticket] Reaping stale ticket " + stale[0].string(),

@@ -27,41 +27,36 @@ __attribute__((format(printf, 2, 3))) void Capture(int level, const char* format
   emitted.emplace_back(level, text);
 }
 
-class LoggerTest : public testing::Test {
- protected:
-  void AddOutput(int level) {
-    std::unique_ptr<LogOutput> output = std::make_unique<NullOutput>();
-    Log_SetOutputLevel(*output, level);
-    ASSERT_TRUE(Log_AddOutput(output));
-  }
-  void TearDown() override { Log_RemoveOutput(); }
+void AddOutput(int level) {
+  std::unique_ptr<LogOutput> output = std::make_unique<NullOutput>();
+  Log_SetOutputLevel(*output, level);
+  ASSERT_TRUE(Log_AddOutput(output));
+}
 
-  OrbiLoggerWrapper logger_{Capture};
-};
-
-TEST_F(LoggerTest, EachRecordIsEmittedOnceAtItsPlatformLevel) {
+TEST(Logger, EachRecordOfAnEnabledLevelIsEmittedOnceAtItsPlatformLevel) {
+  OrbiLoggerWrapper logger(Capture);
+  EXPECT_FALSE(logger.CreateRecord(5)) << "no output";
   AddOutput(7);
-  emitted.clear();
-  const int platformLevels[] = {7, 6, 5, 3, 2, 1};
-  for (int level = 0; level <= 5; ++level) {
-    Orbi::Log::Write(logger_, level, "100%s ", level);
-    ASSERT_EQ(emitted.size(), static_cast<std::size_t>(level) + 1);
-    EXPECT_EQ(emitted.back(), std::pair(platformLevels[level], "100%s " + std::to_string(level)));
-  }
-  logger_.CreateRecord(2).reset();
-  EXPECT_EQ(emitted.back(), std::pair(5, std::string()));
-}
-
-TEST_F(LoggerTest, ADisabledLevelHasNoRecord) {
-  EXPECT_FALSE(logger_.CreateRecord(5)) << "no output";
+  for (int level = 0; level <= 5; ++level) Orbi::Log::Write(logger, level, "100%s ", level);
+  logger.CreateRecord(2).reset();
+  EXPECT_EQ(emitted, (std::vector<std::pair<int, std::string>>{{7, "100%s 0"},
+                                                               {6, "100%s 1"},
+                                                               {5, "100%s 2"},
+                                                               {3, "100%s 3"},
+                                                               {2, "100%s 4"},
+                                                               {1, "100%s 5"},
+                                                               {5, ""}}));
+  Log_RemoveOutput();
   AddOutput(5);
-  EXPECT_FALSE(logger_.CreateRecord(1));
-  EXPECT_TRUE(logger_.CreateRecord(2));
+  EXPECT_FALSE(logger.CreateRecord(1));
+  EXPECT_TRUE(logger.CreateRecord(2));
+  Log_RemoveOutput();
 }
 
-TEST_F(LoggerTest, ALevelOutsideTheRangeIsFatal) {
+TEST(Logger, ALevelOutsideTheRangeIsFatal) {
+  OrbiLoggerWrapper logger(Capture);
   for (const int level : {-1, 6}) {
-    EXPECT_EXIT(logger_.CreateRecord(level), testing::KilledBySignal(SIGABRT),
+    EXPECT_EXIT(logger.CreateRecord(level), testing::KilledBySignal(SIGABRT),
                 "NOT_REACHED apps/lifecycle/orbi/include/logger:94\n");
   }
 }

@@ -48,16 +48,10 @@ std::string Failure(const Function& function) {
 }
 
 TEST_F(ContainersTest, FileThatIsNoDocumentOfTheComponentIsRefused) {
-  EXPECT_EQ(Failure([&] { (void)ReadDocument("test", folder_ + "/none.json"); }),
-            "No such file or directory");
   const Refusal cases[] = {
-      {"", "Invalid JSON"},
-      {R"({"format": 1} x)", "Invalid JSON"},
       {R"({"format": 1, "format": 1})", "Invalid JSON"},
       {std::string(200, '['), "Invalid JSON"},
-      {"[1]", "document is no object"},
       {"{}", "document lacks 'format'"},
-      {R"({"format": "1", "component": "test"})", "document/format is no integer"},
       {R"({"format": 2, "component": "test"})", "document/format is not 1"},
       {R"({"format": 1, "component": "other"})", "document/component is not 'test'"},
       {R"({"format": 1, "component": ")" + std::string(kMaxFileBytes, 'x') + "\"}", "16 MiB"},
@@ -70,14 +64,8 @@ TEST_F(ContainersTest, MalformedDescriptionIsRefusedWithItsPlace) {
   const std::string service = R"("services": {"s": {"documentation": "", "operations": )";
   const Refusal metamodels[] = {
       {R"("service": {})", "document has an unknown member 'service'"},
-      {service + "[]}}", "document/services/s/operations is no object"},
       {service + R"({"get": {"documentation": "", "input": {}}}}})",
        "document/services/s/operations/get lacks 'output'"},
-      {R"("structures": {"x": {"documentation": "", "fields": {"f": {"type": 1,
-          "documentation": ""}}}})",
-       "document/structures/x/fields/f/type is no string"},
-      {R"("enumerations": {"e": {"documentation": "", "values": {"A": null}}})",
-       "document/enumerations/e/values/A is no string"},
       {R"("structures": {"x": {"documentation": "", "fields": {}}},
           "errors": {"x": {"documentation": ""}}, "error_fields": {})",
        "document/errors/x is described twice"},
@@ -88,7 +76,6 @@ TEST_F(ContainersTest, MalformedDescriptionIsRefusedWithItsPlace) {
   }
   const std::string call = R"("commands": {"c": {"documentation": "", "service": "s")";
   const Refusal commands[] = {
-      {call + "}}", "document/commands/c lacks 'operation'"},
       {call + R"(, "operation": "o", "columns": [1]}})",
        "document/commands/c/columns[0] is no string"},
       {call + R"(, "operation": "o", "options": {"o": {"field": "f", "form": "PIPE",
