@@ -13,11 +13,8 @@
 #include <thread>
 #include <vector>
 
-#include "configuration/messages/api_errors.h"
+#include "lifecycle/testing/call_operation.h"
 #include "orbi/core/local_provider.h"
-#include "orbi/data/message.h"
-#include "orbi/json/reader.h"
-#include "orbi/json/writer.h"
 #include "software/depots_service.h"
 #include "software/desired_software_services.h"
 #include "software/host_software_services.h"
@@ -46,20 +43,6 @@ inline std::string WordsOf(const std::string& arguments) {
   std::string all = "[/usr/lib/tessel/lifecycle/bin/imagemanagerctl.py]";
   for (std::string word; words >> word;) all += "[" + word + "]";
   return all;
-}
-
-/// The error's type and, for each message, its identifier without "com.tessel.ryx." and its
-/// arguments: "not_found a.b(x)". The message's text follows unless it is the identifier's own.
-inline std::string ErrorText(const Orbi::Data::ErrorValue& error) {
-  const std::string common = "com.tessel.ryx.";
-  std::string text = error.id.substr(error.id.rfind('.') + 1);
-  for (const auto& item : error.Find("messages")->As<Orbi::Data::List>()->items) {
-    const auto message = *Orbi::Data::LocalizableMessage::FromValue(item);
-    text += " " + message.id.substr(message.id.starts_with(common) ? common.size() : 0);
-    for (const std::string& argument : message.args) text += "(" + argument + ")";
-    if (message != ApiMessage(message.id, message.args)) text += " " + message.default_message;
-  }
-  return text;
 }
 
 /// Calls the software services through their bindings, with a fake in place of the interpreter, at
@@ -111,24 +94,9 @@ class ServiceFixture : public testing::Test {
     std::filesystem::remove_all(records_);
   }
 
-  /// Calls an operation, which must complete exactly once.
-  /// @param call  "host_settings.depots create": identifiers without "com.tessel.ryx."
-  /// @param input  the fields as clean JSON
-  /// @return the output as clean JSON, or the error's text
+  /// As CallOperation; the identifiers stand without "com.tessel.ryx.".
   std::string Call(const std::string& call, const std::string& input) {
-    using namespace Orbi::Protocol::Json;
-    const std::string::size_type blank = call.find(' ');
-    Orbi::Data::ErrorValue error;
-    std::vector<Orbi::Core::MethodResult> results;
-    provider_.Invoke({"com.tessel.ryx." + call.substr(0, blank), call.substr(blank + 1)},
-                     JsonDirectDataDeserializer().Deserialize(input, error).value(),
-                     std::make_shared<Orbi::Core::ExecutionContext>(),
-                     Orbi::Core::MethodCompletion([&results](Orbi::Core::MethodResult result) {
-                       results.push_back(std::move(result));
-                     }));
-    if (results.size() != 1) return "not completed once";
-    if (results[0].error) return ErrorText(*results[0].error);
-    return JsonDirectDataSerializer(Secrets::kWritten).Serialize(results[0].output.value());
+    return CallOperation(provider_, "com.tessel.ryx." + call, input);
   }
 
   [[nodiscard]] bool HelperWasStarted() const {
