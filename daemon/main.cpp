@@ -2,10 +2,10 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <list>
+#include <cstdlib>
+#include <exception>
 #include <memory>
-#include <string>
+#include <utility>
 
 #include <boost/asio/io_context.hpp>
 

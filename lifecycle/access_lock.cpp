@@ -9,16 +9,10 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstdarg>
-#include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <new>
 
 #include <boost/filesystem/operations.hpp>
-
-#include "tesselibs/log.h"
-#include "tesselibs/syslog_output.h"
 
 namespace LifeCycle {
 namespace {
@@ -39,18 +33,6 @@ std::string SocketName(const std::string& path) {
   return name;
 }
 
-/// Logs straight to the system log. syslog(3) would wait without end for one that is stuck, and the
-/// thread that serves all clients takes locks.
-__attribute__((format(printf, 2, 3))) void Log(int priority, const char* format, ...) {
-  char text[512];
-  std::va_list arguments;
-  va_start(arguments, format);
-  std::vsnprintf(text, sizeof text, format, arguments);
-  va_end(arguments);
-  SyslogOutput("kestreld", Log_CfgInterface().socketPath)
-      .Write({std::time(nullptr), priority, text});
-}
-
 }  // namespace
 
 AccessLockError::AccessLockError(int error_number)
@@ -58,7 +40,7 @@ AccessLockError::AccessLockError(int error_number)
 
 AccessLock::AccessLock(const std::string& path, int retries) : name_(SocketName(path)) {
   const char* const name = name_.c_str();
-  Log(LOG_INFO, "[AccessLock]: Create lock with retry count{%d}", retries);
+  syslog(LOG_INFO, "[AccessLock]: Create lock with retry count{%d}", retries);
   int count = 0;
   do {
     try {
@@ -66,22 +48,22 @@ AccessLock::AccessLock(const std::string& path, int retries) : name_(SocketName(
       break;
     } catch (const AccessLockError& e) {
       Close();
-      Log(LOG_INFO, "[AccessLock]: socket{%s} closed", name);
-      Log(LOG_ERR, "[AccessLock]: Acquiring lock failed on socket{%s}, count{%d/%d}: {%s}", name,
-          count, retries, e.what());
+      syslog(LOG_INFO, "[AccessLock]: socket{%s} closed", name);
+      syslog(LOG_ERR, "[AccessLock]: Acquiring lock failed on socket{%s}, count{%d/%d}: {%s}", name,
+             count, retries, e.what());
       if (e.error_number() != EADDRINUSE || count >= retries) {
-        Log(LOG_ERR, "[AccessLock]: Giving up on acquiring lock{%s}, count{%d/%d}: {%s}", name,
-            count, retries, e.what());
+        syslog(LOG_ERR, "[AccessLock]: Giving up on acquiring lock{%s}, count{%d/%d}: {%s}", name,
+               count, retries, e.what());
         throw;
       }
     }
     sleep(1);
     ++count;
-    Log(LOG_ERR,
-        "[AccessLock]: Sleeping for a second and retrying to acquire lock{%s}, count{%d/%d}", name,
-        count, retries);
+    syslog(LOG_ERR,
+           "[AccessLock]: Sleeping for a second and retrying to acquire lock{%s}, count{%d/%d}",
+           name, count, retries);
   } while (retries > count);
-  Log(LOG_ERR, "[AccessLock]: Lock acquired on socket{%s}, count{%d/%d}", name, count, retries);
+  syslog(LOG_ERR, "[AccessLock]: Lock acquired on socket{%s}, count{%d/%d}", name, count, retries);
 }
 
 AccessLock::~AccessLock() noexcept(false) {  // NOLINT(bugprone-exception-escape)
@@ -97,7 +79,7 @@ void AccessLock::Bind() {
   socket_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (socket_ == -1) {
     const AccessLockError error(errno);
-    Log(LOG_ERR, "[AccessLock]: Failed to create socket{%s}: {%s}", name_.c_str(), error.what());
+    syslog(LOG_ERR, "[AccessLock]: Failed to create socket{%s}: {%s}", name_.c_str(), error.what());
     throw error;
   }
   sockaddr_un address{};
@@ -109,7 +91,7 @@ void AccessLock::Bind() {
   const auto size = static_cast<socklen_t>(sizeof address.sun_family + 1 + length);
   if (bind(socket_, reinterpret_cast<const sockaddr*>(&address), size) == -1) {
     const AccessLockError error(errno);
-    Log(LOG_ERR, "[AccessLock]: Failed to bind socket{%s}: {%s}", name_.c_str(), error.what());
+    syslog(LOG_ERR, "[AccessLock]: Failed to bind socket{%s}: {%s}", name_.c_str(), error.what());
     throw error;
   }
 }

@@ -29,8 +29,7 @@ class AccessLockError : public std::exception {
 /// as it is written: "a/../b" and "b" are two locks.
 ///
 /// Excludes threads of one process as well as other processes; not re-entrant. May be constructed
-/// on any thread, and waits there. Logs straight to the system log; what that does not take within
-/// a tenth of a second is dropped.
+/// on any thread, and waits there.
 class AccessLock {
  public:
   /// Acquires the lock.

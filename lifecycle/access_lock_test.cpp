@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -64,6 +65,7 @@ TEST(AccessLock, KilledHolderLeavesNoLockBehind) {
 TEST(AccessLock, ReturnsWithoutTheLockAfterTheLastRetry) {
   const AccessLock holder(kPath, 0);
   const SystemLog log("/dev/log");
+  openlog(nullptr, LOG_PID, LOG_DAEMON);  // in the form that ReceiveText takes apart
   const AccessLock lock(kPath, 2);
   std::vector<std::string> expected = {"Create lock with retry count{2}"};
   for (const auto& [count, next] : {std::pair("{0/2}", "{1/2}"), std::pair("{1/2}", "{2/2}")}) {
@@ -76,12 +78,6 @@ TEST(AccessLock, ReturnsWithoutTheLockAfterTheLastRetry) {
   }
   expected.push_back("Lock acquired on socket" + kName + ", count{2/2}");
   for (const std::string& line : expected) EXPECT_EQ(log.ReceiveText(), "[AccessLock]: " + line);
-}
-
-TEST(AccessLock, StuckSystemLogHoldsNobodyUp) {
-  const SystemLog log("/dev/log");
-  log.Fill();
-  EXPECT_EQ(TryLock(kPath), 0);
 }
 
 TEST(AccessLock, TakesTheLockThatIsFreedWhileItWaits) {
