@@ -139,7 +139,6 @@ TEST_F(PamTest, HandlerTakesEqualNameAndPasswordForATicketAndAsksPamForAllOthers
     Verdict verdict;
     std::string last_line, issued_for = "";  // the service of a ticket issued before the call
   } cases[] = {
-      {"", "user", "pw", Verdict::kNotMine, ""},
       {"com.tessel.orbi.std.security.session_id", "user", "pw", Verdict::kNotMine, ""},
       {scheme, "user", "pw", Verdict::kAccepted, "5 PAM up and running."},
       {scheme, "root\0"s, "pw", Verdict::kRefused,

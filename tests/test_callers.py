@@ -86,9 +86,7 @@ def test_the_api_describes_itself_to_anybody(daemon):
 
 @pytest.mark.parametrize("service, operation, fields, error, message", [
     ("com.tessel.none", "get", {}, "operation_not_found", "orbi.provider.interface.unknown"),
-    (DEPOTS, "rename", {}, "operation_not_found", "orbi.provider.operation.unknown"),
     (DEPOTS, "delete", {}, "invalid_argument", "orbi.data.structure.field.missing"),
-    (DEPOTS, "delete", {"depot": 7}, "invalid_argument", "orbi.data.validate.mismatch"),
     (DEPOTS, "list", {"x": "x"}, "invalid_argument", "orbi.data.structure.field.extra"),
     (DESCRIBED, "get", {}, "invalid_argument", "orbi.data.structure.field.missing"),
     (DESCRIBED, "get", {"id": "x"}, "not_found", "orbi.metadata.identifier.unknown")])
@@ -168,11 +166,21 @@ def test_stale_tickets_are_removed_at_start(start_daemon):
 
 @pytest.mark.parametrize("host, allowed", [
     ("localhost", True), (None, True), ({"OPTIONAL": "localhost"}, True), ({"OPTIONAL": None}, True),
-    ("LOCALHOST", False), ("127.0.0.1", False), ("node7", False), ({"OPTIONAL": "node7"}, False)])
-def test_only_the_local_host_can_be_meant(root, host, allowed):
+    ("LOCALHOST", False), ("127.0.0.1", False), ("node7", False), ({"OPTIONAL": "node7"}, False),
+    ("", False), ("localhost\x00", False), ({"SECRET": "localhost"}, False), (7, False)])
+def test_only_the_local_host_can_be_meant(daemon, root, host, allowed):
     fields = {} if host is None else {"host": host}
     if allowed:
         assert root.call(DEPOTS, "list", **fields) == []
-    else:
-        assert error_of(lambda: root.call(DEPOTS, "list", **fields)) == (
-            "invalid_argument", ["com.tessel.ryx.host.invalid"])
+        return
+    assert error_of(lambda: root.call(DEPOTS, "list", **fields)) == (
+        "invalid_argument", ["com.tessel.ryx.host.invalid"])
+    daemon.log.wait_for("Checking the host parameter value for method:com.tessel.ryx.host_settings.depots.list and "
+                        "service:com.tessel.ryx.host_settings.depots", daemon.mark)
+    daemon.log.wait_for(". It should be:localhost", daemon.mark)
+
+
+def test_no_host_hides_in_an_optional_input(root):
+    call = envelope(DEPOTS, "list", {"host": "node7"}, "root", "kestrel")
+    call["params"]["input"] = {"OPTIONAL": call["params"]["input"]}
+    assert b"com.tessel.ryx.host.invalid" in root.post(call)[1]
