@@ -14,9 +14,8 @@ TEST(Logger, EachRecordIsEmittedOnceAtItsPlatformLevel) {
   CapturedLog log;
   for (int level = 0; level <= 5; ++level) Orbi::Log::Write(logger, level, "100%s ", level);
   logger.CreateRecord(2).reset();
-  EXPECT_THAT(log.TakeLines(),
-              testing::ElementsAre("7 100%s 0", "6 100%s 1", "5 100%s 2", "3 100%s 3", "2 100%s 4",
-                                   "1 100%s 5", "5 "));
+  EXPECT_THAT(log.TakeLines(), testing::ElementsAre("7 100%s 0", "6 100%s 1", "5 100%s 2",
+                                                    "3 100%s 3", "2 100%s 4", "1 100%s 5", "5 "));
 }
 
 TEST(Logger, ALevelOutsideTheRangeIsFatal) {

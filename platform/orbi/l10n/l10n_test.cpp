@@ -49,17 +49,6 @@ TEST(LocalizationBundle, ReadsCataloguesOrRefusesThemWhole) {
   }
 }
 
-TEST(LocalizationBundle, LooksInTheLocaleThenInItsLanguage) {
-  LocalizationBundle bundle;
-  bundle.AddLocale("de", {{"a", "alt"}, {"b", "b"}});
-  bundle.AddLocale("de_AT", {{"a", "oida"}});
-  bundle.AddLocale("de", {{"a", "neu"}});
-  EXPECT_EQ(bundle.Find("de", "a"), "neu");
-  EXPECT_EQ(bundle.Find("de_AT", "a"), "oida");
-  EXPECT_EQ(bundle.Find("de_AT", "b"), "b");
-  EXPECT_EQ(bundle.Find("fr", "a"), std::nullopt);
-}
-
 TEST(LocalizationBundle, ReaderSeesTheOldTextsOrTheNew) {
   LocalizationBundle bundle;
   bundle.AddLocale("en", {{"id", "0"}});
@@ -125,7 +114,9 @@ TEST(PreferredLocale, IsTheClientsFirstWish) {
 TEST(Localizer, WordsErrorsInTheClientsLanguage) {
   const auto bundle = std::make_shared<LocalizationBundle>();
   bundle->AddLocale("en_US", {{"gone", "{1} is gone."}});
-  bundle->AddLocale("de", {{"gone", "{1} ist weg."}, {"broken", "{7}"}});
+  bundle->AddLocale("de", {{"gone", "alt"}, {"broken", "{7}"}});
+  bundle->AddLocale("de", {{"gone", "{1} ist weg."}});
+  bundle->AddLocale("de_AT", {{"gone", "{1} ist furt."}});
   const Localizer localizer("en_US", bundle);
   const struct {
     const char* id;
@@ -133,10 +124,11 @@ TEST(Localizer, WordsErrorsInTheClientsLanguage) {
     std::optional<std::string> localized;
     error_code ec;
   } cases[] = {
-      {"gone", "de_AT", "X ist weg.", {}},
+      {"gone", "de_CH", "X ist weg.", {}},
+      {"gone", "de_AT", "X ist furt.", {}},
       {"gone", "xx", "X is gone.", LocalizationError::kLocaleNotSupported},
       {"other", "de", std::nullopt, {}},
-      {"broken", "de", std::nullopt, LocalizationError::kErrorValueNotLocalized},
+      {"broken", "de_AT", std::nullopt, LocalizationError::kErrorValueNotLocalized},
   };
   for (const auto& c : cases) {
     auto error = Com::Tessel::Orbi::Std::Errors::NotFound({{c.id, "default", {"X"}, {}}});

@@ -74,18 +74,12 @@ TEST_F(ContainersTest, MalformedDescriptionIsRefusedWithItsPlace) {
     Metamodel::MetadataContainer container;
     EXPECT_EQ(Failure([&] { container.Add("test", Document(c.text)); }), c.reason);
   }
-  const std::string call = R"("commands": {"c": {"documentation": "", "service": "s")";
-  const Refusal commands[] = {
-      {call + R"(, "operation": "o", "columns": [1]}})",
-       "document/commands/c/columns[0] is no string"},
-      {call + R"(, "operation": "o", "options": {"o": {"field": "f", "form": "PIPE",
-                                                       "documentation": ""}}}})",
-       "document/commands/c/options/o/form is no form of an option"},
-  };
-  for (const Refusal& c : commands) {
-    Cli::MetadataContainer container;
-    EXPECT_EQ(Failure([&] { container.Add("test", Document(c.text)); }), c.reason);
-  }
+  Cli::MetadataContainer container;
+  EXPECT_EQ(Failure([&] {
+              container.Add("test", Document(R"("commands": {"c": {"documentation": "",
+                  "service": "s", "operation": "o", "columns": [1]}})"));
+            }),
+            "document/commands/c/columns[0] is no string");
 }
 
 TEST_F(ContainersTest, SecondDescriptionIsRefusedAndNothingOfItKept) {
