@@ -12,7 +12,7 @@
 #include "lifecycle/access_lock.h"
 #include "lifecycle/paths.h"
 #include "lifecycle/task_file.h"
-#include "orbi/data/message.h"
+#include "lifecycle/testing/call_operation.h"
 #include "tesselibs/testing/captured_log.h"
 
 namespace LifeCycle {
@@ -30,14 +30,6 @@ std::string ReadFile(const std::string& path) {
   std::ostringstream text;
   text << std::ifstream(path).rdbuf();
   return text.str();
-}
-
-/// An error's type's last word and its message's identifier.
-std::string Describe(const TaskError& error) {
-  if (!error) return "";
-  const auto* messages = error->Find("messages")->As<Orbi::Data::List>();
-  const auto message = Orbi::Data::LocalizableMessage::FromValue(messages->items.at(0));
-  return error->id.substr(error->id.rfind('.') + 1) + " " + message->id;
 }
 
 /// The sandboxed host, idle and without tasks.
@@ -63,7 +55,7 @@ TEST_F(TaskCreationTest, InProcessTaskIsRecordedAndHoldsTheHostUntilItEnds) {
 
   CapturedLog log;
   EXPECT_EQ(InitTask("op", error_, ErrorKind::kError), "");
-  EXPECT_EQ(Describe(error_), "not_allowed_in_current_state com.tessel.ryx.task.contention");
+  EXPECT_EQ(ErrorText(*error_), "not_allowed_in_current_state task.contention");
   EXPECT_EQ(log.TakeLines().back(),
             "2 [_CheckTaskContention]: Task sync file exists, another task is progress, 0 retries "
             "left");
@@ -78,7 +70,7 @@ TEST_F(TaskCreationTest, InProcessTaskIsRecordedAndHoldsTheHostUntilItEnds) {
 TEST_F(TaskCreationTest, CommandThatCannotStartIsTriedAgainAndFreesTheHost) {
   CapturedLog log;
   RunTask("/nowhere/helper", "id", error_, ErrorKind::kInternalServerError, 1);
-  EXPECT_EQ(Describe(error_), "internal_server_error com.tessel.ryx.task.exec.error");
+  EXPECT_EQ(ErrorText(*error_), "internal_server_error task.exec.error");
   EXPECT_FALSE(fs::exists(kTaskSyncFile));
   EXPECT_EQ(ReadFile(kTaskStatusFile), R"({"id":{}})");
   const auto failed = [](const std::string& left) {
@@ -92,10 +84,10 @@ TEST_F(TaskCreationTest, TaskThatCannotBeRecordedFreesTheHost) {
   fs::create_directories(folder_);
   std::ofstream(kTaskStatusFile) << "{";
   EXPECT_EQ(InitTask("op", error_, ErrorKind::kError), "");
-  EXPECT_EQ(Describe(error_), "error com.tessel.ryx.task.create.error");
+  EXPECT_EQ(ErrorText(*error_), "error task.create.error");
   EXPECT_FALSE(fs::exists(kTaskSyncFile));
   RunTask("/usr/bin/true", "id", error_, ErrorKind::kInternalServerError, 0);
-  EXPECT_EQ(Describe(error_), "internal_server_error com.tessel.ryx.task.create.error");
+  EXPECT_EQ(ErrorText(*error_), "internal_server_error task.create.error");
   EXPECT_FALSE(fs::exists(kTaskSyncFile));
 }
 
@@ -113,7 +105,7 @@ TEST_F(TaskCreationTest, TriesAgainAfterAFailedWrite) {
 TEST_F(TaskCreationTest, SaysWhyTheHostIsNotWon) {
   CapturedLog log;
   EXPECT_TRUE(CheckTaskContention("id", error_, -1));
-  EXPECT_EQ(Describe(error_), "not_allowed_in_current_state com.tessel.ryx.task.contention");
+  EXPECT_EQ(ErrorText(*error_), "not_allowed_in_current_state task.contention");
   EXPECT_THAT(log.TakeLines(), IsEmpty()) << "there was an attempt";
   {
     const AccessLock starter(kTaskSyncFile, 0);

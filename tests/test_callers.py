@@ -46,14 +46,12 @@ def test_passwords_are_checked_by_pam(daemon, user, password, allowed):
 
 
 def test_calls_without_usable_credentials_are_refused(daemon):
-    client = Client(port=PORT)
-    assert error_of(lambda: client.call(TASKS, "list"))[0] == "unauthenticated"
     call = envelope(TASKS, "list", {}, "root", "kestrel")
     call["params"]["ctx"]["securityCtx"]["schemeId"] = "com.example.other"
-    response, body = client.post(call)
-    assert response.status == 200
-    assert response.getheader("orbi-error") == ERRORS + "unauthenticated"
-    assert ERRORS + "unauthenticated" in json.loads(body)["result"]["error"]
+    for unusable in (call, envelope(TASKS, "list", {}, None, None)):
+        response, body = Client(port=PORT).post(unusable)
+        assert (response.status, response.getheader("orbi-error")) == (200, ERRORS + "unauthenticated")
+        assert ERRORS + "unauthenticated" in json.loads(body)["result"]["error"]
 
 
 DEPOTS = "com.tessel.ryx.host_settings.depots"

@@ -149,21 +149,11 @@ def test_detached_helper_outlives_the_daemon_and_does_not_hold_its_port(daemon, 
         kinds = {os.readlink(link) for link in pathlib.Path(f"/proc/{pid}/fd").glob("[0-9]*")}
         assert not any("anon_inode" in kind for kind in kinds), kinds
     restarted = start_daemon()
-    assert any("HTTP endpoint listening" in line for line in daemon.log.lines[restarted.mark:])
+    restarted.log.wait_for("HTTP endpoint listening", restarted.mark)
     assert not any("Failed to listen" in line for line in daemon.log.lines[restarted.mark:])
     assert restarted.client().call(TASKS, "get", task=task)["status"] == "RUNNING"
     os.kill(worker, signal.SIGKILL)
     assert restarted.client().wait_for_task(task)["status"] == "FAILED"
-
-
-def test_missing_status_file_is_told_but_made_anew_by_a_task(root, depot):
-    shutil.rmtree(LIFECYCLE)
-    assert root.call(TASKS, "list") == {}
-    with pytest.raises(OrbiError) as refusal:
-        root.call(TASKS, "get", task="any")
-    assert refusal.value.message_ids == ["com.tessel.ryx.task.file.notfound.error"]
-    assert not (LIFECYCLE / "task-status.json").exists()
-    assert run_task(root, "scan$task", depot)["status"] == "SUCCEEDED"
 
 
 def test_many_helper_runs_leave_nothing_behind(root, daemon):

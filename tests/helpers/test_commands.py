@@ -182,12 +182,11 @@ def test_what_has_changed_is_not_extracted(host, sample_depot):
 
 def test_an_unreadable_image_is_told(host, sample_depot):
     host.result(APPLY.format(sample_depot), FULL)
-    for text in ("{", "{}", '{"components": 1}', "[]"):
-        (LIFECYCLE / "image/a/image.json").write_text(text)
-        assert host.run("software --getsoftwareinfo")[0] == 145
-        assert host.error(APPLY.format(sample_depot), FULL) == ("DatabaseFormatError", [])
-        scan = host.result(SCAN.format(sample_depot), FULL)
-        assert scan["status"] == "UNAVAILABLE" and set(statuses(scan["components"]).values()) == {"UNAVAILABLE"}
+    (LIFECYCLE / "image/a/image.json").write_text("{}")
+    assert host.run("software --getsoftwareinfo")[0] == 145
+    assert host.error(APPLY.format(sample_depot), FULL) == ("DatabaseFormatError", [])
+    scan = host.result(SCAN.format(sample_depot), FULL)
+    assert scan["status"] == "UNAVAILABLE" and set(statuses(scan["components"]).values()) == {"UNAVAILABLE"}
 
 
 @pytest.mark.parametrize("preferences, name", [

@@ -107,9 +107,7 @@ def test_a_worker_is_guarded_again_when_its_guard_dies(host, slow_depot):
     "software --scan --software-spec DOCUMENT --depot DEPOT stray --task-id ID",
     "software --scan --software-spec DOCUMENT --task-id ID",
     f"software --scan --software-spec DOCUMENT --depot DEPOT --task-id ID --task-id {NOBODY}",
-    f"software --scan --software-spec DOCUMENT --depot DEPOT --task-id {NOBODY} --task-id ID",
     "software --scan --software-spec DOCUMENT --software-spec /etc/passwd --depot DEPOT --task-id ID",
-    "software --scan --software-spec DOCUMENT --depot --depot --task-id ID",
     "components --apply --task-id ID --depot DEPOT --component nothing",
     "components --apply --task-id ID --depot DEPOT"])
 def test_lines_that_are_not_understood_end_the_task(host, sample_depot, line):
