@@ -82,16 +82,18 @@ class Daemon:
         self.mark = log.mark()
         self.process = subprocess.Popen([BINARIES / "kestreld"])
         try:
-            wait_until(self._answers, what="an open port")
+            wait_until(self._answers, what="the first answer")
         except BaseException:
             self.process.kill()
             self.process.wait()
             raise
 
     def _answers(self):
+        """Whether a request is answered: a port is open before the daemon has opened all that it uses."""
         assert self.process.poll() is None, f"kestreld ended with {self.process.returncode}"
-        with contextlib.suppress(OSError), socket.create_connection(("127.0.0.1", PORT), timeout=1):
-            return True
+        with contextlib.suppress(OSError), socket.create_connection(("127.0.0.1", PORT), timeout=1) as connection:
+            connection.sendall(b"GET / HTTP/1.1\r\n\r\n")
+            return connection.recv(1) == b"H"
         return False
 
     def client(self, user="root", password="kestrel"):

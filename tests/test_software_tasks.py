@@ -164,7 +164,7 @@ def test_many_helper_runs_leave_nothing_behind(root, daemon):
     before = open_files()
     for _ in range(100):
         root.call(DEPOTS, "list")
-    assert open_files() == before
+    assert open_files() <= before
     children = subprocess.run(["ps", "--ppid", str(daemon.process.pid), "-o", "stat="], capture_output=True, text=True,
                               check=False).stdout.split()
     assert not any(state.startswith("Z") for state in children)
