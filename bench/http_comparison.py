@@ -73,6 +73,7 @@ def system_log(read):
     log.bind("/dev/log")
 
     def drain():
+        os.sched_setaffinity(0, {int(LOAD_CPU)})  # of this thread: the servers' core is theirs
         with contextlib.suppress(OSError):
             while log.recv(65536):
                 pass

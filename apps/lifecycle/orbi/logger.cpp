@@ -1,6 +1,7 @@
 #include "apps/lifecycle/orbi/include/logger.h"
 
 #include <array>
+#include <utility>
 
 #include "apps/lifecycle/orbi/include/verify.h"
 #include "tesselibs/log.h"
@@ -12,7 +13,23 @@ namespace {
 // Indexed by framework level. Platform level 4 has no counterpart.
 constexpr std::array kPlatformLevels = {7, 6, 5, 3, 2, 1};
 
+/// The stream of the thread's last record, for its next: making one costs more than most lines.
+thread_local std::unique_ptr<std::stringstream> spareStream;
+
 }  // namespace
+
+OrbiLoggerWrapper::Record::Record(LogFunction log, int platformLevel)
+    : log_(log),
+      platformLevel_(platformLevel),
+      stream_(spareStream ? std::move(spareStream) : std::make_unique<std::stringstream>()) {}
+
+OrbiLoggerWrapper::Record::~Record() {
+  log_(platformLevel_, "%s", stream_->str().c_str());
+  stream_->str({});
+  stream_->clear();
+  stream_->flags(std::ios_base::skipws | std::ios_base::dec);
+  spareStream = std::move(stream_);
+}
 
 std::unique_ptr<Orbi::Log::LogRecord> OrbiLoggerWrapper::CreateRecord(int level) {
   if (level < 0 || level >= static_cast<int>(kPlatformLevels.size())) {

@@ -32,15 +32,15 @@ class OrbiLoggerWrapper : public Orbi::Log::Logger {
 /// One line; the text that its stream holds is logged when the record is destroyed.
 class OrbiLoggerWrapper::Record : public Orbi::Log::LogRecord {
  public:
-  Record(LogFunction log, int platformLevel) : log_(log), platformLevel_(platformLevel) {}
-  ~Record() override { log_(platformLevel_, "%s", stream_.str().c_str()); }
+  Record(LogFunction log, int platformLevel);
+  ~Record() override;
 
-  std::ostream& Stream() override { return stream_; }
+  std::ostream& Stream() override { return *stream_; }
 
  private:
   const LogFunction log_;
   const int platformLevel_;
-  std::stringstream stream_;
+  std::unique_ptr<std::stringstream> stream_;
 };
 
 }  // namespace Host::Settings::SettingsApi
