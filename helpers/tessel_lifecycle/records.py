@@ -4,6 +4,7 @@ import contextlib
 import json
 import os
 import syslog
+import time
 
 from tessel_lifecycle import files, paths, platform_file
 from tessel_lifecycle.lock import LockTimeout, access_lock
@@ -89,12 +90,18 @@ class DatabaseRecords:
         """As FileRecords.change; an SQLite error is told as OSError."""
         import sqlite3
         os.makedirs(os.path.dirname(self.path), exist_ok=True)
-        try:
-            database = sqlite3.connect(self.path, timeout=max(5, patience), isolation_level=None)
-            with contextlib.closing(database):
-                self._change(database, task_id, edit)
-        except sqlite3.Error as error:
-            raise OSError(f"{self.path}: {error}") from error
+        patience = max(5, patience)
+        deadline = time.monotonic() + patience
+        while True:
+            try:
+                with contextlib.closing(sqlite3.connect(self.path, timeout=patience, isolation_level=None)) as database:
+                    return self._change(database, task_id, edit)
+            except sqlite3.Error as error:
+                # SQLite's own time-out does not hold while another process makes the file or changes its journal mode.
+                busy = getattr(error, "sqlite_errorcode", 0) & 0xFF == sqlite3.SQLITE_BUSY
+                if not busy or time.monotonic() > deadline:
+                    raise OSError(f"{self.path}: {error}") from error
+                time.sleep(0.01)
 
     change_at_last = change
 

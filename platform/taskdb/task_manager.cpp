@@ -111,7 +111,9 @@ SQLite::Database& TaskManager::Connect(Missing missing) {
   int flags = SQLite::OPEN_READWRITE;
   if (missing == Missing::kCreate) flags |= SQLite::OPEN_CREATE;
   auto database = std::make_unique<SQLite::Database>(path_, flags, kBusyTimeoutMilliseconds);
-  database->exec("PRAGMA journal_mode = WAL");
+  // The mode stays with the file. Setting it fails at once, without the busy timeout, while another
+  // process is at it; whatever else is wrong shows in the next statement.
+  database->tryExec("PRAGMA journal_mode = WAL");
   database->exec("CREATE TABLE IF NOT EXISTS tasks (id TEXT PRIMARY KEY, record TEXT NOT NULL)");
   database_ = std::move(database);
   connected_file_ = CurrentFile();
