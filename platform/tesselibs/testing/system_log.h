@@ -20,25 +20,15 @@ class SystemLog {
   void Start() {
     socket_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     unlink(path_.c_str());
-    const sockaddr_un address = Address();
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path_.copy(address.sun_path, sizeof address.sun_path - 1);
     if (bind(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) abort();
   }
 
   void Stop() {
     close(socket_);
     unlink(path_.c_str());
-  }
-
-  /// Writes to it until it takes no more; one sender alone can reach a limit of its own before.
-  void Fill() const {
-    const sockaddr_un address = Address();
-    for (bool taken = true; taken;) {
-      const int sender = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-      if (connect(sender, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
-        abort();
-      for (taken = false; send(sender, "<6>: full", 9, 0) == 9;) taken = true;
-      close(sender);
-    }
   }
 
   /// @return the next datagram, or an empty one when none comes for some seconds
@@ -58,13 +48,6 @@ class SystemLog {
   }
 
  private:
-  [[nodiscard]] sockaddr_un Address() const {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    path_.copy(address.sun_path, sizeof address.sun_path - 1);
-    return address;
-  }
-
   const std::string path_;
   int socket_ = -1;
 };
