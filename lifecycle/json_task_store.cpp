@@ -17,7 +17,7 @@
 
 #include "lifecycle/task_file_errors.h"
 #include "software/command/write_to_file.h"
-#include "taskdb/json_document.h"
+#include "tesselibs/json_document.h"
 #include "tesselibs/log.h"
 
 namespace LifeCycle {
@@ -52,7 +52,7 @@ std::string ReadWhole(const std::string& path) {
   if (fstat(file.descriptor(), &status) != 0)
     throw std::system_error(errno, std::generic_category(), path);
   if (!S_ISREG(status.st_mode)) throw std::runtime_error(path + " is not a regular file");
-  if (static_cast<std::size_t>(status.st_size) > TaskDB::kMaxDocumentSize)
+  if (static_cast<std::size_t>(status.st_size) > JsonDocument::kMaxDocumentSize)
     throw JsonParseError("The file is too large.");
   std::string text(static_cast<std::size_t>(status.st_size), '\0');
   std::size_t length = 0;
@@ -70,7 +70,7 @@ std::string ReadWhole(const std::string& path) {
 }  // namespace
 
 JsonTaskStore::Tasks::Tasks(const std::string& path) : text(ReadWhole(path)) {
-  if (const auto result = TaskDB::ParseInPlace(text, document); result.IsError())
+  if (const auto result = JsonDocument::ParseInPlace(text, document); result.IsError())
     throw JsonParseError(rapidjson::GetParseError_En(result.Code()));
   if (!document.IsObject())
     throw JsonParseError(rapidjson::GetParseError_En(rapidjson::kParseErrorValueInvalid));
@@ -102,7 +102,7 @@ void JsonTaskStore::Add(const std::string& id, const TaskDB::RecordMaker& make,
                         TaskDB::OnDuplicate on_duplicate) {
   Tasks tasks(path_);
   auto& allocator = tasks.document.GetAllocator();
-  TaskDB::Record* const present = TaskDB::FindMember(tasks.document, id);
+  TaskDB::Record* const present = JsonDocument::FindMember(tasks.document, id);
   if (present != nullptr && on_duplicate == TaskDB::OnDuplicate::kRefuse)
     TaskDB::RefuseDuplicate(id);
   if (present != nullptr)
@@ -114,7 +114,7 @@ void JsonTaskStore::Add(const std::string& id, const TaskDB::RecordMaker& make,
 
 void JsonTaskStore::Change(const std::string& id, const TaskDB::RecordEdit& edit) {
   Tasks tasks(path_);
-  TaskDB::Record* const record = TaskDB::FindMember(tasks.document, id);
+  TaskDB::Record* const record = JsonDocument::FindMember(tasks.document, id);
   if (record == nullptr) TaskDB::RefuseMissing(id);
   edit(*record, tasks.document.GetAllocator());
   Write(tasks);
@@ -123,23 +123,24 @@ void JsonTaskStore::Change(const std::string& id, const TaskDB::RecordEdit& edit
 void JsonTaskStore::ChangeAll(const TaskDB::RecordSweep& sweep) {
   Tasks tasks(path_);
   bool changed = false;
-  for (auto& [id, record] : TaskDB::Members(tasks.document))
-    changed |= sweep(std::string(TaskDB::TextOf(&id)), record, tasks.document.GetAllocator());
+  for (auto& [id, record] : JsonDocument::Members(tasks.document))
+    changed |= sweep(std::string(JsonDocument::TextOf(&id)), record, tasks.document.GetAllocator());
   if (changed) Write(tasks);
 }
 
 void JsonTaskStore::ForEach(const TaskDB::RecordVisit& visit) {
   const Tasks tasks(path_);
   std::string id;
-  for (const auto& [name, record] : TaskDB::Members(tasks.document)) {
-    id = TaskDB::TextOf(&name);
+  for (const auto& [name, record] : JsonDocument::Members(tasks.document)) {
+    id = JsonDocument::TextOf(&name);
     visit(id, record);
   }
 }
 
 void JsonTaskStore::Write(const Tasks& tasks) {
-  const auto text = TaskDB::Print(tasks.document, tasks.text.size() + 1024);
-  if (text.GetSize() > TaskDB::kMaxDocumentSize) throw std::runtime_error("Task file is full.");
+  const auto text = JsonDocument::Print(tasks.document, tasks.text.size() + 1024);
+  if (text.GetSize() > JsonDocument::kMaxDocumentSize)
+    throw std::runtime_error("Task file is full.");
   Replace({text.GetString(), text.GetSize()});
 }
 

@@ -4,7 +4,7 @@
 #include <string_view>
 
 #include "lifecycle/task_errors.h"
-#include "taskdb/json_document.h"
+#include "tesselibs/json_document.h"
 #include "tesselibs/log.h"
 
 namespace LifeCycle {
@@ -19,7 +19,7 @@ constexpr std::string_view kInProcessServices[] = {
 };
 
 bool RanInProcess(const TaskDB::Record& record) {
-  const auto operation = TaskDB::TextOf(TaskDB::FindMember(record, "operation"));
+  const auto operation = JsonDocument::TextOf(JsonDocument::FindMember(record, "operation"));
   return std::ranges::any_of(kInProcessServices, [operation](std::string_view service) {
     return operation.starts_with(service);
   });
@@ -35,7 +35,7 @@ void FailAbandonedTasks(TaskFile& file) {
     if (TaskDB::IsFinished(record) || !RanInProcess(record)) return false;
     Log_Level(3, "[%s]: Task %s did not outlive the daemon\n", "FailAbandonedTasks", id.c_str());
     // The tasks service tells of an ended task only when it knows its start, too.
-    if (TaskDB::TextOf(TaskDB::FindMember(record, "status")) == "PENDING")
+    if (JsonDocument::TextOf(JsonDocument::FindMember(record, "status")) == "PENDING")
       TaskDB::Start(id)(record, allocator);
     fail(record, allocator);
     return true;

@@ -22,8 +22,8 @@
 #include "lifecycle/task_file_errors.h"
 #include "orbi/date_time.h"
 #include "software/command/write_to_file.h"
-#include "taskdb/json_document.h"
 #include "tesselibs/feature_state.h"
+#include "tesselibs/json_document.h"
 #include "tesselibs/testing/captured_log.h"
 
 namespace LifeCycle {
@@ -270,7 +270,7 @@ TEST_F(JsonTaskFileTest, TellsWhyTheFileCannotBeRead) {
     EXPECT_THAT(read, testing::ThrowsMessage<JsonParseError>(std::string("Json Parsing Error: ") +
                                                              c.reason));
   }
-  fs::resize_file(path_, TaskDB::kMaxDocumentSize + 1);
+  fs::resize_file(path_, JsonDocument::kMaxDocumentSize + 1);
   EXPECT_THROW(read(), JsonParseError);
 }
 

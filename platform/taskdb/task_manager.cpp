@@ -15,7 +15,7 @@
 #include <utility>
 #include <vector>
 
-#include "taskdb/json_document.h"
+#include "tesselibs/json_document.h"
 
 namespace TaskDB {
 namespace {
@@ -26,10 +26,10 @@ constexpr int kBusyTimeoutMilliseconds = 5000;
 class RowRecord {
  public:
   explicit RowRecord(const SQLite::Column& column) {
-    if (static_cast<std::size_t>(column.getBytes()) > kMaxDocumentSize)
+    if (static_cast<std::size_t>(column.getBytes()) > JsonDocument::kMaxDocumentSize)
       throw CorruptError("The record is too large.");
     text_ = column.getString();
-    if (const auto result = ParseInPlace(text_, document_); result.IsError())
+    if (const auto result = JsonDocument::ParseInPlace(text_, document_); result.IsError())
       throw CorruptError(rapidjson::GetParseError_En(result.Code()));
   }
 
@@ -41,8 +41,9 @@ class RowRecord {
 };
 
 std::string PrintRecord(const Record& record) {
-  const auto text = Print(record, 1024);
-  if (text.GetSize() > kMaxDocumentSize) throw std::runtime_error("The record is too large.");
+  const auto text = JsonDocument::Print(record, 1024);
+  if (text.GetSize() > JsonDocument::kMaxDocumentSize)
+    throw std::runtime_error("The record is too large.");
   return {text.GetString(), text.GetSize()};
 }
 

@@ -9,7 +9,7 @@
 #include <string>
 #include <thread>
 
-#include "taskdb/json_document.h"
+#include "tesselibs/json_document.h"
 
 namespace TaskDB {
 namespace {
@@ -41,7 +41,7 @@ TEST_F(TaskManagerTest, KeepsApartWritersOfSeveralConnections) {
   manager->Add("id", EmptyRecord(), OnDuplicate::kRefuse);
   constexpr int kRounds = 20;
   const auto count = [&](Record& record, Allocator& allocator) {
-    Record* n = FindMember(record, "n");
+    Record* n = JsonDocument::FindMember(record, "n");
     if (n == nullptr)
       record.AddMember("n", 1, allocator);
     else
@@ -61,7 +61,7 @@ TEST_F(TaskManagerTest, KeepsApartWritersOfSeveralConnections) {
   for (int i = 0; i < kRounds; ++i) manager->Change("id", count);
   other.join();
   manager->ForEach([&](const std::string&, const Record& record) {
-    EXPECT_EQ(FindMember(record, "n")->GetInt(), 2 * kRounds);
+    EXPECT_EQ(JsonDocument::FindMember(record, "n")->GetInt(), 2 * kRounds);
   });
 }
 

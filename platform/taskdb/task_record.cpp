@@ -8,11 +8,14 @@
 #include <utility>
 
 #include "orbi/date_time.h"
-#include "taskdb/json_document.h"
+#include "tesselibs/json_document.h"
 #include "tesselibs/log.h"
 
 namespace TaskDB {
 namespace {
+
+using JsonDocument::FindMember;
+using JsonDocument::TextOf;
 
 std::string UtcNow() { return Orbi::DateTime::GetUtcDateTime().ToText(); }
 

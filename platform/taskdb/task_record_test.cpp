@@ -7,7 +7,7 @@
 #include <string>
 #include <utility>
 
-#include "taskdb/json_document.h"
+#include "tesselibs/json_document.h"
 #include "tesselibs/testing/captured_log.h"
 
 namespace TaskDB {
@@ -19,7 +19,7 @@ constexpr char kUnknownError[] = "com.tessel.pelorus.lifecycle.RyxImage.UnknownE
 
 TaskInfo Read(std::string json) {
   rapidjson::Document document;
-  EXPECT_FALSE(ParseInPlace(json, document).IsError()) << json;
+  EXPECT_FALSE(JsonDocument::ParseInPlace(json, document).IsError()) << json;
   TaskInfo info;
   ReadRecord("id", document, info);
   return info;

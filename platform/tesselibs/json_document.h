@@ -9,22 +9,25 @@
 #include <string>
 #include <string_view>
 
-/// Reading and writing the JSON documents that task records are kept in. Other processes write them
-/// too, so nothing about their shape is taken for granted.
-namespace TaskDB {
+/// Reading and writing the JSON documents that task records and configuration are kept in. Other
+/// processes and clients write them too, so nothing about their shape is taken for granted.
+/// Functions without state, callable from any thread.
+namespace JsonDocument {
 
-/// The largest document read or written, in bytes. A record takes some 400 bytes, so this is room
-/// for a good hundred thousand tasks.
+/// The largest document read or written, in bytes. The record of a task takes some 400 bytes, so
+/// this is room for a good hundred thousand tasks.
 inline constexpr std::size_t kMaxDocumentSize = std::size_t{64} << 20;
 
 /// Nesting beyond this is refused: readers and writers of JSON recurse.
 inline constexpr unsigned kMaxDocumentDepth = 1000;
 
-/// Parses a document in place, strictly as RFC 8259 has it.
+/// Parses a document in place, strictly as RFC 8259 has it. Members of one name are all kept.
 /// @param text  must outlive the document, which refers to it; its content is destroyed
+/// @param max_depth  containers within containers, the outermost counted as one
 /// @return the first error: the parser's own, kParseErrorTermination for nesting too deep, or
 ///         kParseErrorDocumentRootNotSingular for a NUL byte with anything behind it
-[[nodiscard]] rapidjson::ParseResult ParseInPlace(std::string& text, rapidjson::Document& document);
+[[nodiscard]] rapidjson::ParseResult ParseInPlace(std::string& text, rapidjson::Document& document,
+                                                  unsigned max_depth = kMaxDocumentDepth);
 
 /// @return the value as compact JSON
 /// @param expected_size  of the text, in bytes
@@ -43,4 +46,4 @@ inline constexpr unsigned kMaxDocumentDepth = 1000;
 /// @return the text, empty when `value` is nullptr or no string
 [[nodiscard]] std::string_view TextOf(const rapidjson::Value* value);
 
-}  // namespace TaskDB
+}  // namespace JsonDocument

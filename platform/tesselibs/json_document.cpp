@@ -1,11 +1,11 @@
-#include "taskdb/json_document.h"
+#include "tesselibs/json_document.h"
 
 #include <rapidjson/reader.h>
 #include <rapidjson/writer.h>
 
 #include <utility>
 
-namespace TaskDB {
+namespace JsonDocument {
 namespace {
 
 /// Passes a parser's events on to the document and stops the parser at the depth limit.
@@ -13,7 +13,8 @@ class DepthLimit {
  public:
   using Ch = char;
 
-  explicit DepthLimit(rapidjson::Document& document) : document_(document) {}
+  DepthLimit(rapidjson::Document& document, unsigned max_depth)
+      : document_(document), max_depth_(max_depth) {}
 
   bool Null() { return document_.Null(); }
   bool Bool(bool b) { return document_.Bool(b); }
@@ -37,21 +38,23 @@ class DepthLimit {
   bool EndArray(rapidjson::SizeType count) { return Leave() && document_.EndArray(count); }
 
  private:
-  bool Enter() { return ++depth_ <= kMaxDocumentDepth; }
+  bool Enter() { return ++depth_ <= max_depth_; }
   bool Leave() { return depth_-- > 0; }
 
   rapidjson::Document& document_;
+  const unsigned max_depth_;
   unsigned depth_ = 0;
 };
 
 }  // namespace
 
-rapidjson::ParseResult ParseInPlace(std::string& text, rapidjson::Document& document) {
+rapidjson::ParseResult ParseInPlace(std::string& text, rapidjson::Document& document,
+                                    unsigned max_depth) {
   rapidjson::ParseResult result;
   const auto generate = [&](rapidjson::Document& target) {
     rapidjson::InsituStringStream stream(text.data());
     rapidjson::Reader reader;
-    DepthLimit handler(target);
+    DepthLimit handler(target, max_depth);
     result = reader.Parse<rapidjson::kParseInsituFlag>(stream, handler);
     if (!result.IsError() && stream.Tell() != text.size())
       result.Set(rapidjson::kParseErrorDocumentRootNotSingular, stream.Tell());
@@ -96,4 +99,4 @@ std::string_view TextOf(const rapidjson::Value* value) {
   return {value->GetString(), value->GetStringLength()};
 }
 
-}  // namespace TaskDB
+}  // namespace JsonDocument
