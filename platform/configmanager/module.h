@@ -1,0 +1,81 @@
+#pragma once
+
+#include <rapidjson/document.h>
+
+#include <chrono>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "configstore/store.h"
+
+/// Configuration modules: folders below kModulesDirectory, each of which teaches the manager the
+/// keys of one component and brings the programs that check, read and apply them.
+namespace RyxConfigManager {
+
+inline constexpr char kModulesDirectory[] = "/usr/lib/tessel/configmanager/apply_modules";
+
+/// A property whose value has to be the id of an instance of another key.
+struct Reference {
+  std::string property;
+  RyxConfigStore::KeyAddress target;
+};
+
+/// What a module tells of one key. Pointers lead into the module's own description.
+struct KeyDefinition {
+  RyxConfigStore::KeyAddress address;
+  bool singleton = true;
+  std::string idProperty;     ///< tells the instances apart; empty for a singleton
+  bool hostSpecific = false;  ///< only in a document's "host-specific" part
+  const rapidjson::Value* schema = nullptr;
+  const rapidjson::Value* defaultValue = nullptr;  ///< nullptr when there is none
+  std::vector<Reference> references;
+  bool needsMaintenanceMode = false;
+  bool needsReboot = false;
+};
+
+/// The programs of a module: absolute paths, empty where it has none.
+struct Executables {
+  std::filesystem::path validate;
+  std::filesystem::path impact;
+  std::filesystem::path read;
+  std::filesystem::path apply;
+};
+
+struct Module {
+  std::string component;
+  std::string version;
+  std::filesystem::path folder;
+  Executables executables;
+  std::chrono::seconds timeout{60};
+  std::map<std::pair<std::string, std::string>, KeyDefinition> keys;  ///< by group and key
+  rapidjson::Document description;                                    ///< module.json
+};
+
+/// The modules of the host, those that others refer to first. Immutable.
+class ModuleSet {
+ public:
+  explicit ModuleSet(std::vector<std::unique_ptr<const Module>> modules);
+
+  [[nodiscard]] const std::vector<std::unique_ptr<const Module>>& modules() const {
+    return modules_;
+  }
+  /// @return nullptr when no module has such a component or key
+  [[nodiscard]] const Module* FindModule(const std::string& component) const;
+  [[nodiscard]] const KeyDefinition* FindKey(const RyxConfigStore::KeyAddress& address) const;
+
+ private:
+  std::vector<std::unique_ptr<const Module>> modules_;
+};
+
+/// The modules as they are installed now: read anew when a module.json has changed, came or went. A
+/// broken one is logged at level 2 with what is wrong, and left out. Callable from any thread.
+[[nodiscard]] std::shared_ptr<const ModuleSet> InstalledModules();
+
+/// Reads the modules below a directory, uncached.
+[[nodiscard]] std::shared_ptr<const ModuleSet> LoadModules(const std::filesystem::path& directory);
+
+}  // namespace RyxConfigManager

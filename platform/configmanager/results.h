@@ -1,0 +1,80 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "configstore/document.h"
+
+/// What the configuration manager reports.
+namespace RyxConfigManager {
+
+/// A message: its identifier and what fills its text's placeholders.
+struct ErrorInfo {
+  std::string id;
+  std::vector<std::string> args;
+};
+
+/// One violation in a document.
+struct ValidationErrorInfo : ErrorInfo {
+  std::string path;  ///< member names and list indexes joined by "/", from the document's root
+};
+
+struct ValidationResult {
+  std::string pluginFailure;            ///< one line about it; empty when every module answered
+  std::vector<ErrorInfo> pluginErrors;  ///< modules that failed to check the document
+  std::vector<ValidationErrorInfo> errors;
+
+  [[nodiscard]] bool valid() const { return errors.empty() && pluginErrors.empty(); }
+};
+
+enum class ImpactKind { kAdd, kSet, kDelete, kReboot, kMaintenanceMode };
+
+/// One thing that applying a document would do.
+struct ImpactInfo {
+  ImpactKind kind;
+  // Empty for a reboot and for maintenance mode.
+  std::string component;
+  std::string group;
+  std::string key;
+
+  bool operator==(const ImpactInfo&) const = default;
+};
+
+struct ImpactResult {
+  std::vector<ImpactInfo> impacts;  ///< each thing once: keys in the order of application first
+  std::vector<ErrorInfo> errors;    ///< modules that could not tell theirs
+};
+
+/// What CheckApply found, and everything that Apply needs of it.
+struct CheckApplyResult {
+  std::string specId;  ///< fresh, a UUID
+  std::vector<ImpactInfo> impacts;
+  std::vector<ErrorInfo> errors;
+  ConfigStoreDocument::Document document;
+  std::string digest;  ///< of the configuration that the impact was computed from
+};
+
+struct ApplyResult {
+  std::vector<ErrorInfo> errors;  ///< what failed, module by module; empty when all was applied
+};
+
+enum class ComplianceStatus { kCompliant, kNonCompliant, kUnavailable };
+
+/// How one setting compares with a document.
+struct SettingComplianceInfo {
+  std::string component;
+  std::string group;
+  std::string key;
+  std::string instance;  ///< empty for a singleton
+  ComplianceStatus status = ComplianceStatus::kCompliant;
+  std::string current;  ///< the effective value, JSON text; empty when there is none
+  std::string target;   ///< the document's value, JSON text; empty when there is none
+  std::vector<ErrorInfo> messages;
+};
+
+struct ComplianceResult {
+  ComplianceStatus status = ComplianceStatus::kCompliant;
+  std::vector<SettingComplianceInfo> settings;  ///< every setting of the document, in its order
+};
+
+}  // namespace RyxConfigManager

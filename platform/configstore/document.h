@@ -1,0 +1,48 @@
+#pragma once
+
+#include <rapidjson/document.h>
+
+#include <string>
+
+/// Configuration documents: JSON texts that tell what a host's configuration is to be, as clients
+/// hand them in and as an export writes them.
+///
+///     {"metadata": {"schema_version": "1.0", "reference_host": "BIOS-UUID"},
+///      "profile": {"COMPONENT": {"GROUP": {"KEY": {"property": "value"}}}},
+///      "host-specific": {"BIOS-UUID": {"COMPONENT": {"GROUP": {"KEY": {"property": "value"}}}}}}
+///
+/// A key holds one object, or a list of objects that are told apart by their id property.
+namespace ConfigStoreDocument {
+
+/// Containers within containers beyond this are refused: readers of a document recurse.
+inline constexpr unsigned kMaxDepth = 100;
+
+/// A parsed document: a value that can be moved, not copied. A const document may be read from
+/// several threads.
+class Document {
+ public:
+  Document();
+
+  /// The document as it was given. Nothing about its shape is certain but that it is JSON.
+  [[nodiscard]] const rapidjson::Value& root() const { return root_; }
+
+  /// What the document asks of this host: an object of components, groups and keys. Empty until it
+  /// was merged (RyxConfigManager::CreateMergedDocument).
+  [[nodiscard]] const rapidjson::Value& merged() const { return merged_; }
+
+  [[nodiscard]] rapidjson::Document& EditRoot() { return root_; }
+  [[nodiscard]] rapidjson::Document& EditMerged() { return merged_; }
+
+  /// The document as it was given, as compact JSON.
+  [[nodiscard]] std::string ToText() const;
+
+ private:
+  rapidjson::Document root_;
+  rapidjson::Document merged_;
+};
+
+/// @param text  a JSON text
+/// @throws RyxConfigStore::ConfigStoreException 1080, with where the text is no JSON (or too deep)
+[[nodiscard]] Document CreateDocument(const std::string& text);
+
+}  // namespace ConfigStoreDocument
