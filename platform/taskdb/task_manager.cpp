@@ -6,12 +6,8 @@
 #include <SQLiteCpp/Transaction.h>
 #include <rapidjson/error/en.h>
 #include <sqlite3.h>
-#include <sys/stat.h>
 
-#include <cstdio>
-#include <filesystem>
 #include <map>
-#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -19,8 +15,6 @@
 
 namespace TaskDB {
 namespace {
-
-constexpr int kBusyTimeoutMilliseconds = 5000;
 
 /// One record, parsed from a row.
 class RowRecord {
@@ -94,37 +88,20 @@ std::shared_ptr<TaskManager> TaskManager::FromPath(const std::string& path) {
   return handle;
 }
 
-TaskManager::TaskManager(std::string path) : path_(std::move(path)) {}
+TaskManager::TaskManager(std::string path)
+    : file_(std::move(path), [](SQLite::Database& database) {
+        database.exec(
+            "CREATE TABLE IF NOT EXISTS tasks (id TEXT PRIMARY KEY, record TEXT NOT NULL)");
+      }) {}
 
 TaskManager::~TaskManager() = default;
-
-std::optional<TaskManager::FileIdentity> TaskManager::CurrentFile() const {
-  struct stat status {};
-  if (stat(path_.c_str(), &status) != 0) return std::nullopt;
-  return FileIdentity{status.st_dev, status.st_ino};
-}
-
-SQLite::Database& TaskManager::Connect(Missing missing) {
-  const auto file = CurrentFile();
-  if (!file && missing == Missing::kRefuse) throw MissingError(path_ + " not found");
-  if (database_ && file == connected_file_) return *database_;
-  database_.reset();
-  int flags = SQLite::OPEN_READWRITE;
-  if (missing == Missing::kCreate) flags |= SQLite::OPEN_CREATE;
-  auto database = std::make_unique<SQLite::Database>(path_, flags, kBusyTimeoutMilliseconds);
-  // The mode stays with the file. Setting it fails at once, without the busy timeout, while another
-  // process is at it; whatever else is wrong shows in the next statement.
-  database->tryExec("PRAGMA journal_mode = WAL");
-  database->exec("CREATE TABLE IF NOT EXISTS tasks (id TEXT PRIMARY KEY, record TEXT NOT NULL)");
-  database_ = std::move(database);
-  connected_file_ = CurrentFile();
-  return *database_;
-}
 
 void TaskManager::Run(Missing missing, const Operation& operation) {
   const std::lock_guard guard(mutex_);
   try {
-    operation(Connect(missing));
+    SQLite::Database* const database = file_.Connect(missing);
+    if (database == nullptr) throw MissingError(path() + " not found");
+    operation(*database);
   } catch (const SQLite::Exception& e) {
     Translate(e);
   }
@@ -141,8 +118,6 @@ void TaskManager::RunTransaction(const Operation& operation) {
 }
 
 void TaskManager::Create() {
-  std::error_code ignored;  // a folder that cannot be made shows in the next step
-  std::filesystem::create_directories(std::filesystem::path(path_).parent_path(), ignored);
   Run(Missing::kCreate, [](SQLite::Database& database) {
     if (database.execAndGet("PRAGMA quick_check(1)").getString() != "ok")
       throw CorruptError("The database is malformed.");
@@ -153,9 +128,7 @@ void TaskManager::Create() {
 void TaskManager::Recreate() {
   {
     const std::lock_guard guard(mutex_);
-    database_.reset();
-    // The database goes first: SQLite never replays a log that has none.
-    for (const char* suffix : {"", "-wal", "-shm"}) std::remove((path_ + suffix).c_str());
+    file_.Remove();
   }
   Create();
 }

@@ -1,14 +1,12 @@
 #pragma once
 
-#include <sys/types.h>
-
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <stdexcept>
 #include <string>
 
+#include "sqlite/database_file.h"
 #include "taskdb/task_record.h"
 
 namespace SQLite {
@@ -52,7 +50,7 @@ class TaskManager {
   TaskManager& operator=(const TaskManager&) = delete;
   ~TaskManager();
 
-  [[nodiscard]] const std::string& path() const { return path_; }
+  [[nodiscard]] const std::string& path() const { return file_.path(); }
 
   /// Creates the database unless there is one, and checks that all of it can be read.
   void Create();
@@ -67,25 +65,15 @@ class TaskManager {
 
  private:
   using Operation = std::function<void(SQLite::Database&)>;
-  enum class Missing { kRefuse, kCreate };
-
-  struct FileIdentity {
-    dev_t device;
-    ino_t inode;
-    bool operator==(const FileIdentity&) const = default;
-  };
+  using Missing = Sqlite::DatabaseFile::Missing;
 
   explicit TaskManager(std::string path);
 
-  [[nodiscard]] std::optional<FileIdentity> CurrentFile() const;
-  SQLite::Database& Connect(Missing missing);
   void Run(Missing missing, const Operation& operation);
   void RunTransaction(const Operation& operation);
 
-  const std::string path_;
-  std::mutex mutex_;  ///< guards all that follows, and is held while the database works
-  std::unique_ptr<SQLite::Database> database_;
-  std::optional<FileIdentity> connected_file_;
+  std::mutex mutex_;  ///< guards the file, and is held while the database works
+  Sqlite::DatabaseFile file_;
 };
 
 }  // namespace TaskDB
