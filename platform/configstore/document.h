@@ -2,6 +2,7 @@
 
 #include <rapidjson/document.h>
 
+#include <memory>
 #include <string>
 
 /// Configuration documents: JSON texts that tell what a host's configuration is to be, as clients
@@ -37,12 +38,16 @@ class Document {
   [[nodiscard]] std::string ToText() const;
 
  private:
+  friend Document CreateDocument(const std::string& text);
+
+  std::unique_ptr<std::string> text_;  ///< the strings of the root stay where they were read
   rapidjson::Document root_;
   rapidjson::Document merged_;
 };
 
 /// @param text  a JSON text
-/// @throws RyxConfigStore::ConfigStoreException 1080, with where the text is no JSON (or too deep)
-[[nodiscard]] Document CreateDocument(const std::string& text);
+/// @throws RyxConfigStore::ConfigStoreException  1080: the text is no JSON, or nests too deep; the
+///         log tells where
+Document CreateDocument(const std::string& text);
 
 }  // namespace ConfigStoreDocument

@@ -3,9 +3,11 @@
 #include <compare>
 #include <functional>
 #include <memory>
-#include <optional>
+#include <mutex>
 #include <string>
 #include <vector>
+
+#include "sqlite/database_file.h"
 
 namespace SQLite {
 class Database;
@@ -39,11 +41,12 @@ struct Entry {
 /// The host's configuration: an SQLite database with one row per key and instance and layer.
 ///
 /// One handle per path is shared by the process and may be used from any thread; other processes
-/// may have the same store open. A database that is damaged is set aside under a dated name, which
-/// is logged at level 2, before an empty one takes its place. Whatever the system does to this
-/// process, a transaction has happened whole or not at all.
+/// may have the same store open. A database that is damaged is set aside under a dated name beside
+/// it, which is logged at level 2, before an empty one takes its place. Whatever becomes of this
+/// process or of the system, a transaction has happened whole or not at all.
 ///
-/// Every operation throws ConfigStoreException with the code that tells what failed.
+/// Every operation throws ConfigStoreException with the code that tells what failed; what the
+/// database had to say about it is logged at level 2.
 class Store {
  public:
   /// The handle of the store at `path`, which is made, with its directories, on first use.
@@ -79,9 +82,13 @@ class Store {
 
  private:
   explicit Store(std::string path);
-  // The rest is the store's own (see store.cpp).
-  struct State;
-  std::unique_ptr<State> state_;
+
+  template <typename Work>
+  decltype(auto) Run(const Work& work);
+  [[nodiscard]] SQLite::Database& Open();
+
+  std::mutex mutex_;  ///< guards the file, and is held while the database works
+  Sqlite::DatabaseFile file_;
 };
 
 }  // namespace RyxConfigStore
