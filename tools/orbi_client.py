@@ -44,12 +44,29 @@ def envelope(service, operation, fields=None, user=None, password=None):
     return {"jsonrpc": "2.0", "id": str(next(_ids)), "method": "invoke", "params": params}
 
 
-class Client:
-    """One keep-alive connection. Answers are read in clean JSON. Not for use from several threads."""
+class _UnixConnection(http.client.HTTPConnection):
+    """HTTP through a Unix socket."""
 
-    def __init__(self, host="127.0.0.1", port=None, user=None, password=None, timeout=60):
+    def __init__(self, path, timeout):
+        super().__init__("localhost", timeout=timeout)
+        self._path = path
+
+    def connect(self):
+        self.sock = socket.socket(socket.AF_UNIX)
+        self.sock.settimeout(self.timeout)
+        self.sock.connect(self._path)
+
+
+class Client:
+    """One keep-alive connection, to a port or through the Unix socket `path`. Answers are read in clean JSON.
+
+    Not for use from several threads.
+    """
+
+    def __init__(self, host="127.0.0.1", port=None, user=None, password=None, timeout=60, path=None):
         port = port or socket.getservbyname("kestreld", "tcp")
-        self._connection = http.client.HTTPConnection(host, port, timeout=timeout)
+        self._connection = (_UnixConnection(path, timeout) if path
+                            else http.client.HTTPConnection(host, port, timeout=timeout))
         self._user = user
         self._password = password
 
@@ -76,6 +93,21 @@ class Client:
             ((identifier, values),) = result["error"].items()
             raise OrbiError(identifier, values)
         return result.get("output")
+
+    def wait_for_daemon(self, process, seconds=10):
+        """Waits until the daemon, which was started as `process`, answers. @throws TimeoutError"""
+        deadline = time.monotonic() + seconds
+        while True:
+            try:
+                self.call("com.tessel.cis.tasks", "list")
+                return
+            except (OSError, http.client.HTTPException):
+                self.close()
+            if process.poll() is not None:
+                raise TimeoutError(f"kestreld ended with status {process.returncode}")
+            if time.monotonic() > deadline:
+                raise TimeoutError("kestreld does not answer")
+            time.sleep(0.01)
 
     def wait_for_task(self, task, on_progress=lambda info: None, timeout=60, interval=0.1):
         """Polls a task to its end and returns its information, whatever the end was."""
