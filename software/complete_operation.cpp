@@ -1,6 +1,7 @@
 #include "software/complete_operation.h"
 
 #include "orbi/std/errors.h"
+#include "software/command/json_value.h"
 #include "tesselibs/log.h"
 
 namespace LifeCycle {
@@ -12,6 +13,8 @@ std::optional<Orbi::Data::ErrorValue> Attempt(const char* operation,
     return std::nullopt;
   } catch (const OperationError& e) {
     return e.error();
+  } catch (const OrbiJsonSerializationError&) {
+    return Com::Tessel::Orbi::Std::Errors::InternalServerError();  // the log tells why already
   } catch (const std::exception& e) {
     Log_Level(2, "[%s]: %s\n", operation, e.what());
     return Com::Tessel::Orbi::Std::Errors::InternalServerError();

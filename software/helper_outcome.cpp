@@ -144,8 +144,10 @@ Orbi::Data::ErrorValue MakeFailure(const OutcomeRule& rule, const CommandResult&
   if (rule.message == nullptr) return rule.error();
   std::vector<std::string> args;
   if (rule.argument != FailureArgument::kNone) args.push_back(ArgumentText(rule.argument, result));
-  const std::string text = rule.text != nullptr ? rule.text : ApiMessageText(rule.message);
-  return rule.error({Orbi::Data::MakeMessage(rule.message, text, std::move(args))});
+  // A text of its own would be lost to the catalogues' one for the identifier.
+  if (rule.text != nullptr)
+    return rule.error({Orbi::Data::MakeMessage(rule.message, rule.text, std::move(args))});
+  return ApiError(rule.error, rule.message, std::move(args));
 }
 
 }  // namespace

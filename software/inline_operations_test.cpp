@@ -6,6 +6,7 @@
 #include <map>
 #include <tuple>
 
+#include "configuration/messages/translator.h"
 #include "software/helper_outcome.h"
 #include "software/service_fixture_test.h"
 
@@ -213,6 +214,18 @@ TEST_F(InlineOperations, DocumentThatWasNotTakenIsAFailure) {
     const auto error = FailureOf(operation, "command", {CommandResult::kInputNotWritten, EPIPE});
     EXPECT_EQ(error ? ErrorText(*error) : "goes on", Failed("Broken pipe")) << operation.arguments;
   }
+}
+
+TEST_F(InlineOperations, CatalogueTextIsToldWithTheError) {
+  GetTranslator()->AddLocale("en", {{"com.tessel.ryx.host_settings.command.failed", "Got {1}."}});
+  const auto told = [](CommandResult result) {
+    const auto error = FailureOf(HelperOperations::kGetInstalledImage, "command", result);
+    const auto* const messages = error->Find("messages")->As<Orbi::Data::List>();
+    return Orbi::Data::LocalizableMessage::FromValue(messages->items[0])->localized;
+  };
+  EXPECT_EQ(told({CommandResult::kFailed, EPIPE}), "Got Broken pipe.");
+  EXPECT_EQ(told({CommandResult::kFailed, 145}), std::nullopt);  // not what this code means
+  GetTranslator()->Replace({});
 }
 
 }  // namespace
