@@ -2,12 +2,12 @@
 
 import functools
 import http.client
-import io
 import ssl
 import time
 import urllib.parse
 
 from tessel_lifecycle.fetch import Refused, Source
+from tessel_lifecycle.timed_response import TimedResponse
 
 MOST_REDIRECTS = 5
 REDIRECTS = (301, 302, 303, 307, 308)
@@ -37,7 +37,7 @@ class HttpSource(Source):
         parts = urllib.parse.urlsplit(url)
         kind = http.client.HTTPSConnection if parts.scheme == "https" else http.client.HTTPConnection
         connection = kind(parts.hostname, parts.port, timeout=self.patience.timeout)
-        connection.response_class = functools.partial(_TimedResponse, deadline=deadline)
+        connection.response_class = functools.partial(TimedResponse, deadline=deadline)
         headers = {"User-Agent": "imagemanagerctl", "Accept-Encoding": "identity", "Connection": "close"}
         if offset:
             headers["Range"] = f"bytes={offset}-"
@@ -64,39 +64,3 @@ def _redirected(url, response):
     if parts.scheme not in safe or not parts.hostname or "@" in parts.netloc or not target.isascii():
         raise Refused("redirected to something that is no depot's URL")
     return target
-
-
-class _TimedResponse(http.client.HTTPResponse):
-    """Gives up at a deadline, however the server spreads its bytes, those of the head included."""
-
-    def __init__(self, sock, *args, deadline, **kwargs):
-        super().__init__(sock, *args, **kwargs)
-        self.fp.close()
-        self.fp = io.BufferedReader(_TimedInput(sock, deadline))
-
-    def read1(self, length):
-        try:
-            return super().read1(length)
-        except (http.client.HTTPException, ValueError) as error:
-            raise OSError(f"not an answer in HTTP: {error!r:.200}") from error
-
-
-class _TimedInput(io.RawIOBase):
-    def __init__(self, sock, deadline):
-        self._socket, self._deadline = sock, deadline
-        self._timeout = sock.gettimeout()
-        self._raw = sock.makefile("rb", buffering=0)
-
-    def readable(self):
-        return True
-
-    def readinto(self, buffer):
-        left = self._deadline - time.monotonic()
-        if left <= 0:
-            raise TimeoutError("took too long")
-        self._socket.settimeout(min(left, self._timeout))
-        return self._raw.readinto(buffer)
-
-    def close(self):
-        self._raw.close()
-        super().close()
