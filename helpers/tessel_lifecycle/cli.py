@@ -7,6 +7,8 @@ imported when they are run, since the callers of inline commands wait for them.
 import os
 import sys
 
+from tessel_lifecycle import paths
+
 INLINE_LIMIT = 30  # seconds
 
 _REPEATED = ("--depot", "--component", "--name")
@@ -17,11 +19,15 @@ class Command:
 
     An inline command ends with `bad_usage` when its line is not understood, with `failed` when something breaks, and
     with `late` when it takes too long, which only depots do.
-    A task has an `operation`, by which its record names it, and takes `required` options and --task-id.
+    A task has an `operation`, by which its record names it, and takes `required` options, --task-id and `optional`
+    ones. `documents` are the input files that the daemon makes for it, whatever the line says; one whose path ends
+    with "-" has the task's identifier behind it. `marker` is the file that the daemon makes to mark the task.
     """
 
-    def __init__(self, function, values=0, required=(), operation="", bad_usage=1, failed=1, late=1):
+    def __init__(self, function, values=0, required=(), operation="", bad_usage=1, failed=1, late=1, optional=(),
+                 documents=(), marker=paths.TASK_SYNC):
         self.function, self.values, self.operation = function, values, operation
+        self.optional, self.documents, self.marker = optional, documents, marker
         self.required = (*required, "--task-id") if operation else required
         self.bad_usage, self.failed, self.late = bad_usage, failed, late
 
@@ -32,7 +38,7 @@ class Command:
         return getattr(import_module("tessel_lifecycle." + module), name)
 
 
-_WITH_SPEC = ("--depot", "--software-spec")
+_WITH_SPEC = {"required": ("--depot", "--software-spec"), "documents": (paths.TASK_DOCUMENT,)}
 _DAEMON = "com.tessel.ryx.kestrel_daemon."
 
 COMMANDS = {
@@ -52,19 +58,22 @@ COMMANDS = {
     ("component", "--list"): Command("installed_software:components"),
     ("PAX", "--list-all"): Command("installed_software:packages"),
     ("PAX", "--list-orphan"): Command("installed_software:orphan_packages"),
-    ("software", "--scan"): Command("software_tasks:scan", 0, _WITH_SPEC, _DAEMON + "software.scan$task"),
-    ("software", "--stage"): Command("software_tasks:software_stage", 0, _WITH_SPEC, _DAEMON + "software.stage$task"),
-    ("software", "--apply"): Command("software_tasks:software_apply", 0, _WITH_SPEC, _DAEMON + "software.apply$task"),
-    ("components", "--apply"): Command("software_tasks:components_apply", 0, ("--depot", "--component"),
-                                       _DAEMON + "components.apply$task"),
-    ("solutions", "--apply"): Command("software_tasks:solutions_apply", 0, _WITH_SPEC,
-                                      _DAEMON + "solutions.apply$task"),
-    ("solutions", "--stage"): Command("software_tasks:solutions_stage", 0, _WITH_SPEC,
-                                      _DAEMON + "solutions.stage$task"),
-    ("solutions", "--remove"): Command("software_tasks:solutions_remove", 0, ("--name",),
-                                       _DAEMON + "solutions.remove$task"),
-    ("depots", "--extract"): Command("extract:extract_depot", 0, (),
-                                     "com.tessel.ryx.software.installed_image.extract_depot$task"),
+    ("software", "--scan"): Command("software_tasks:scan", operation=_DAEMON + "software.scan$task",
+                                    required=_WITH_SPEC["required"], documents=(paths.SCAN_DOCUMENT,)),
+    ("software", "--stage"): Command("software_tasks:software_stage", operation=_DAEMON + "software.stage$task",
+                                     **_WITH_SPEC),
+    ("software", "--apply"): Command("software_tasks:software_apply", operation=_DAEMON + "software.apply$task",
+                                     **_WITH_SPEC),
+    ("components", "--apply"): Command("software_tasks:components_apply", operation=_DAEMON + "components.apply$task",
+                                       required=("--depot", "--component")),
+    ("solutions", "--apply"): Command("software_tasks:solutions_apply", operation=_DAEMON + "solutions.apply$task",
+                                      **_WITH_SPEC),
+    ("solutions", "--stage"): Command("software_tasks:solutions_stage", operation=_DAEMON + "solutions.stage$task",
+                                      **_WITH_SPEC),
+    ("solutions", "--remove"): Command("software_tasks:solutions_remove", operation=_DAEMON + "solutions.remove$task",
+                                       required=("--name",)),
+    ("depots", "--extract"): Command(
+        "extract:extract_depot", operation="com.tessel.ryx.software.installed_image.extract_depot$task"),
 }
 
 
@@ -77,7 +86,7 @@ def main(arguments):
         for noun, verb in COMMANDS:
             print(f"  {noun} {verb}", file=sys.stderr)
         return 1
-    return _run_task(command, arguments[2:]) if command.operation else _run_inline(command, arguments[2:])
+    return run_task(command, arguments[2:]) if command.operation else _run_inline(command, arguments[2:])
 
 
 def _run_inline(command, words):
@@ -103,17 +112,21 @@ def _run_inline(command, words):
         return getattr(error, "exit_code", command.failed)
 
 
-def _run_task(command, words):
-    """Runs a command that reports through the record of its task; a line that is not understood is reported there."""
+def run_task(command, words):
+    """Runs a command that reports through the record of its task; a line that is not understood is reported there.
+
+    `words` are those behind the verb. Returns the exit code.
+    """
     from tessel_lifecycle.errors import INVALID_INPUT, TaskError, UsageError
     from tessel_lifecycle.guard import run
-    from tessel_lifecycle.task import Task, task_in_sync_file
-    named = [words[i + 1] for i, word in enumerate(words[:-1]) if word == "--task-id" and _is_task_id(words[i + 1])]
+    from tessel_lifecycle.task import Task, is_task_id, task_named_by
+    named = [words[i + 1] for i, word in enumerate(words[:-1]) if word == "--task-id" and is_task_id(words[i + 1])]
     if not named:
         print("--task-id ID is missing", file=sys.stderr)
         return 1
-    task_id = task_in_sync_file(named)
-    task = Task(task_id, command.operation, _documents(command, task_id))
+    task_id = task_named_by(command.marker, named)
+    documents = [path + task_id if path.endswith("-") else path for path in command.documents]
+    task = Task(task_id, command.operation, documents, command.marker)
     try:
         options = _options(command, words)
     except UsageError as error:
@@ -123,25 +136,13 @@ def _run_task(command, words):
     return run(task, lambda task: command.load()(task, options))
 
 
-def _is_task_id(word):
-    return len(word) == 36 and all(c in "0123456789abcdefABCDEF-" for c in word)
-
-
-def _documents(command, task_id):
-    """The input files that the daemon made for this task, whatever the line says."""
-    from tessel_lifecycle import paths
-    if "--software-spec" not in command.required:
-        return []
-    return [paths.SCAN_DOCUMENT if command.function.endswith(":scan") else paths.TASK_DOCUMENT + task_id]
-
-
 def _options(command, words):
     """The options of a task's line: name -> value, or name -> values for those that may be repeated."""
     from tessel_lifecycle.errors import UsageError
     options, rest = {}, iter(words)
     for word in rest:
         value = next(rest, None)
-        if word not in command.required or not value or value.startswith("--"):
+        if word not in (*command.required, *command.optional) or not value or value.startswith("--"):
             raise UsageError(f"not understood: {word}")
         if word in _REPEATED:
             options.setdefault(word, []).append(value)

@@ -56,6 +56,14 @@ TEXTS = {
     "StatelessError": "The bootbank partition is not accessible or contains an invalid image database. "
                       "Check /bootbank, /altbootbank paths are valid and accessible.",
     "UnknownError": "An unknown error occurred while performing the operation.",
+    "com.tessel.ryx.apply.invalid.depots": "No depots provided.",
+    "com.tessel.ryx.apply.no.input": "No changes specified.",
+    "com.tessel.ryx.host_settings.cm.validation.error": "Input document failed validation.",
+    "com.tessel.ryx.kestrel_daemon.configuration.apply.generic.error":
+        "There was a generic failure observed during the apply operation.",
+    "com.tessel.ryx.kestrel_daemon.configuration.check_apply.error": "Check Apply API failed with a generic error.",
+    "com.tessel.ryx.kestrel_daemon.configuration.parse.error": "Parsing of configuration document failed.",
+    "com.tessel.ryx.lifecycle.task.contention": "Another task possibly in progress. Try later.",
 }
 
 # These tell that what was asked for exists but cannot run on this host or together.
@@ -88,6 +96,10 @@ class TaskError(Exception):
             number, _, rest = part.partition("}")
             filled.append(self.arguments[int(number) - 1] + rest)
         return "".join(filled)
+
+    def recorded(self):
+        """The members by which a failed task's record tells this failure."""
+        return {"error": {"message": {"id": self.identifier, "args": self.arguments}}}
 
     def __str__(self):
         return f"{self.text} ({self.detail})" if self.detail else self.text

@@ -5,10 +5,12 @@ import os
 import stat
 
 
-def replace(path, content):
-    """Puts `content` (bytes) in place of the file at once: readers and a crash find the old or the new one, whole."""
+def replace(path, content, mode=0o644):
+    """Puts `content` (bytes) in place of the file at once: readers and a crash find the old or the new one, whole.
+
+    `mode` is for a file that is not there yet.
+    """
     new = f"{path}.new"
-    mode = 0o644
     with contextlib.suppress(FileNotFoundError):
         mode = stat.S_IMODE(os.stat(path).st_mode)
     try:

@@ -1,13 +1,20 @@
 """The host's fixed places. Nothing moves them."""
 
+LIFECYCLE = "/var/tessel/lifecycle"
 TASK_STATUS = "/var/tessel/lifecycle/task-status.json"
 TASK_DATABASE = TASK_STATUS + ".db"
 TASK_SYNC = "/var/tessel/lifecycle/lifecycle.task"
-TASK_DOCUMENT = "/var/tessel/lifecycle/swspec-"  # and the task's identifier
+APPLY_PID = "/var/tessel/lifecycle/lifecycle.apply.pid"
+# To each of these belongs the task's identifier.
+TASK_DOCUMENT = "/var/tessel/lifecycle/swspec-"
+DEPOTS_DOCUMENT = "/var/tessel/lifecycle/depots-"
+CONFIGURATION_DOCUMENT = "/var/tessel/lifecycle/config-"
+IMAGE_DOCUMENT = "/var/tessel/lifecycle/image-"
 SCAN_DOCUMENT = "/var/run/lifecycle.scan.swspec"
 DESIRED = "/var/tessel/lifecycle/desired"
 REGISTERED_DEPOTS = DESIRED + "/depots.json"
 IMAGE = "/var/tessel/lifecycle/image"
 EXTRACTED_DEPOTS = "/var/tessel/lifecycle/extract"
+TICKETS = "/var/run/tessel/tickets"
 FEATURE_STATES = "/etc/tessel/feature-states"
 PREFERENCES = "/etc/tessel/preferences"

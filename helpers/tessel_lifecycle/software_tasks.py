@@ -27,7 +27,7 @@ class _Offer:
 
 def scan(task, options):
     """Compares the host with a specification."""
-    spec = _spec_document(options)
+    spec = spec_document(options["--software-spec"])
     installed, unreadable = _installed_or_error()
     task.progress(5)
     offer = _Offer(task, installed, options["--depot"])
@@ -61,12 +61,17 @@ def _installed_or_error():
 
 def software_stage(task, options):
     """Downloads and verifies what a specification needs."""
-    return _change(task, options, lambda installed: _spec_document(options), _stage)
+    return _change(task, options["--depot"], lambda installed: spec_document(options["--software-spec"]), _stage)
 
 
 def software_apply(task, options):
     """Brings the host to a specification."""
-    return _change(task, options, lambda installed: _spec_document(options), _apply)
+    return _change(task, options["--depot"], lambda installed: spec_document(options["--software-spec"]), _apply)
+
+
+def apply_spec(task, spec, depots):
+    """As software_apply, for a specification and depots that are not those of a command line."""
+    return _change(task, depots, lambda installed: spec, _apply)
 
 
 def components_apply(task, options):
@@ -79,17 +84,17 @@ def components_apply(task, options):
                 raise TaskError(INVALID_INPUT, detail=f"--component {entry}: not NAME:VERSION")
             document["components"][name] = {"version": version}
         return _checked(document)
-    return _change(task, options, spec, _apply)
+    return _change(task, options["--depot"], spec, _apply)
 
 
 def solutions_apply(task, options):
     """Adds or updates the solutions of a specification, leaving the rest of the running image."""
-    return _change(task, options, _with_solutions(options), _apply)
+    return _change(task, options["--depot"], _with_solutions(options), _apply)
 
 
 def solutions_stage(task, options):
     """Downloads and verifies what solutions_apply needs."""
-    return _change(task, options, _with_solutions(options), _stage)
+    return _change(task, options["--depot"], _with_solutions(options), _stage)
 
 
 def solutions_remove(task, options):
@@ -100,12 +105,13 @@ def solutions_remove(task, options):
             if document["solutions"].pop(name, None) is None:
                 raise ImageError("SolutionNotFound", name, "*", detail="not installed")
         return _checked(document)
-    return _change(task, options, spec, _apply, downgrades=True)
+    return _change(task, (), spec, _apply, downgrades=True)
 
 
-def _spec_document(options):
+def spec_document(path):
+    """The software specification in a file. @throws ImageError"""
     try:
-        return parse_spec(files.read_bounded(options["--software-spec"], MOST_SPEC))
+        return parse_spec(files.read_bounded(path, MOST_SPEC))
     except (OSError, ValueError) as error:
         raise ImageError("SoftwareSpecFormatError", "", detail=error) from error
 
@@ -120,7 +126,7 @@ def _checked(document):
 def _with_solutions(options):
     def spec(installed):
         document = _spec_of(installed)
-        document["solutions"] |= _spec_document(options).document.get("solutions") or {}
+        document["solutions"] |= spec_document(options["--software-spec"]).document.get("solutions") or {}
         return _checked(document)
     return spec
 
@@ -143,14 +149,14 @@ def _spec_of(installed):
     return document
 
 
-def _change(task, options, spec, finish, downgrades=False):
+def _change(task, depots, spec, finish, downgrades=False):
     """What all changing tasks share: lock the image, find out what is wanted and what it takes, then `finish`."""
     image = Image(paths.IMAGE)
     with image.locked():
         installed = image.read()
         wanted = spec(installed)
         task.progress(5)
-        offer = _Offer(task, installed, options.get("--depot", ()))
+        offer = _Offer(task, installed, depots)
         plan = offer.plan(wanted, installed)
         plan.check(downgrades)
         task.progress(40)

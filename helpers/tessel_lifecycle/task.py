@@ -42,10 +42,11 @@ def uninterrupted():
 
 
 class Task:
-    """One task. `documents` are its input files, removed at its end together with the sync file that names it."""
+    """One task. `documents` are its input files, removed at its end together with `marker`, the file that tells starters
+    of other tasks that this one runs, if it names this one."""
 
-    def __init__(self, task_id, operation, documents):
-        self.id, self.operation, self._documents = task_id, operation, documents
+    def __init__(self, task_id, operation, documents, marker=paths.TASK_SYNC):
+        self.id, self.operation, self._documents, self._marker = task_id, operation, documents, marker
         self._records = open_records()
         self._told, self._told_at = 0, 0.0
 
@@ -71,6 +72,15 @@ class Task:
         """From here on the task has done what it was asked for and cannot be ended any more."""
         signal.pthread_sigmask(signal.SIG_BLOCK, ENDING)
 
+    def reopen(self):
+        """Takes back `commit`: there is more to do, which can be ended."""
+        signal.pthread_sigmask(signal.SIG_UNBLOCK, ENDING)
+
+    def tell(self, result):
+        """Records what is done so far, a value in plain JSON, that stays told however the task ends."""
+        with uninterrupted():
+            self._records.change_at_last(self.id, lambda record: record.update(result=compact(result)), _PATIENCE)
+
     def succeed(self, result):
         """To SUCCEEDED with a value in plain JSON."""
         self._finish(lambda record: record.update(
@@ -95,16 +105,15 @@ class Task:
         record.setdefault("operation", self.operation)
         record.setdefault("progress", {"completed": 0, "total": 100})
         record.setdefault("startTime", utc_now())  # a record of an end without a start is not readable
-        record.update(status="FAILED", endTime=utc_now(),
-                      error={"message": {"id": error.identifier, "args": error.arguments}})
+        record.update(status="FAILED", endTime=utc_now(), **error.recorded())
 
     def _finish(self, edit):
         """Frees the host for the next task, then records the end: who sees the end may start the next at once."""
         with uninterrupted():
             for document in self._documents:
                 files.remove(document)
-            if self.id in _named_by_sync_file():
-                files.remove(paths.TASK_SYNC)
+            if self.id in named_by(self._marker):
+                files.remove(self._marker)
             end = time.monotonic() + _LAST_TRIES
             while True:
                 try:
@@ -116,17 +125,23 @@ class Task:
                 time.sleep(1)
 
 
-def _named_by_sync_file():
+def named_by(marker):
+    """The words of a file that tells which task runs; none when there is no such file."""
     try:
-        return files.read_bounded(paths.TASK_SYNC, 4096).decode().split()
+        return files.read_bounded(marker, 4096).decode().split()
     except (OSError, ValueError):
         return []
 
 
-def task_in_sync_file(candidates):
-    """The one of several identifiers that the sync file names, or the first."""
-    named = _named_by_sync_file()
+def task_named_by(marker, candidates):
+    """The one of several identifiers that such a file names, or the first."""
+    named = named_by(marker)
     return next((c for c in candidates if c in named), candidates[0])
+
+
+def is_task_id(word):
+    """Whether a word can be a task's identifier, and so part of a path."""
+    return len(word) == 36 and all(c in "0123456789abcdefABCDEF-" for c in word)
 
 
 def _user():
