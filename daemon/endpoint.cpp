@@ -8,7 +8,9 @@
 #include <memory>
 
 #include "apps/lifecycle/orbi/include/verify.h"
+#include "lifecycle/task_schedular.h"
 #include "orbi/l10n/localizer.h"
+#include "tesselibs/feature_state.h"
 #include "tesselibs/log.h"
 #include "transport/api/api_request_handler.h"
 
@@ -83,12 +85,16 @@ void Endpoint::Start() {
   (void)server_.Listen();
   if (worker_.joinable()) std::terminate();
   worker_ = std::thread([&io = io_] { io.run(); });
+  if (FeatureState_IsEnabled(Feature::kTaskScheduler))
+    (void)LifeCycle::TaskSchedular::Instance().initialise();
   Log_Level(5, "HTTP endpoint listening on TCP port %d\n", port_);
 }
 
 void Endpoint::Stop() {
   io_.stop();
-  if (worker_.joinable()) worker_.join();
+  if (!worker_.joinable()) return;
+  worker_.join();
+  if (FeatureState_IsEnabled(Feature::kTaskScheduler)) LifeCycle::TaskSchedular::Instance().abort();
 }
 
 }  // namespace Host::Settings::SettingsApi

@@ -13,7 +13,8 @@
 namespace Host::Settings::SettingsApi {
 
 /// The HTTP service of the daemon: the port of the services-database entry "kestreld", the server
-/// that listens there on IPv4 and IPv6, and the one worker thread that runs all of it.
+/// that listens there on IPv4 and IPv6, and the one worker thread that runs all of it; with it the
+/// scheduler of the daemon's own tasks (feature switch "task_scheduler").
 ///
 /// Used from the main thread only; everything that serves requests runs on the worker thread
 /// between Start and Stop.
@@ -30,7 +31,8 @@ class Endpoint {
   /// @throws std::system_error when no thread can be had
   void Start();
 
-  /// Abandons what is pending, joins the worker. Does nothing when not started.
+  /// Abandons what is pending, joins the worker, then ends the scheduler. Does nothing when not
+  /// started.
   void Stop();
 
  private:

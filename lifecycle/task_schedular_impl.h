@@ -1,0 +1,50 @@
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+#include "lifecycle/task_schedular.h"
+
+namespace LifeCycle {
+
+/// The scheduler: one thread that watches over one task and its worker thread.
+class TaskSchedularImpl final : public TaskSchedular {
+ public:
+  TaskSchedularImpl() = default;
+  TaskSchedularImpl(const TaskSchedularImpl&) = delete;
+  TaskSchedularImpl& operator=(const TaskSchedularImpl&) = delete;
+  ~TaskSchedularImpl() override;
+
+  int initialise() override;
+  void abort() override;
+  int submit(std::shared_ptr<Task> task) override;
+
+ private:
+  enum class State : std::int32_t { kNotStarted, kIdle, kSubmitted, kDispatched, kFinished };
+  using Lock = std::unique_lock<std::mutex>;
+
+  // The scheduler thread; all with the mutex held.
+  void Schedule();
+  void Dispatch();
+  void Complete();
+  void EndTask(Lock& lock);
+
+  // The worker thread, without it.
+  void Work(Task& task);
+  [[nodiscard]] bool AbortIfStopping(Task& task);
+  void SetState(State state);
+
+  std::shared_ptr<Task> task_;  ///< empty while idle
+  std::thread worker_;
+  std::thread scheduler_;
+  std::mutex mutex_;  ///< guards the task and what follows
+  std::condition_variable changed_;
+  State state_ = State::kNotStarted;
+  bool stop_requested_ = false;
+  bool aborted_ = false;  ///< the scheduler recorded the task as aborted, nobody else is to
+};
+
+}  // namespace LifeCycle
