@@ -1,6 +1,7 @@
 #include "pcore/child.h"
 
 #include <errno.h>
+#include <signal.h>
 #include <sys/wait.h>
 
 #include <utility>
@@ -17,6 +18,10 @@ Child::Child(Child&& other) noexcept
 Child::~Child() {
   if (pid_ == 0) return;
   Reaper::Instance().Adopt({pid_, std::move(handle_), std::move(usage_), Reaper::Kind::kChild});
+}
+
+void Child::SignalGroup(int signal) const {
+  if (pid_ > 0) kill(-pid_, signal);
 }
 
 int Child::Wait(int& status) { return WaitForChild(std::exchange(pid_, 0), usage_, status); }

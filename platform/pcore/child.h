@@ -21,6 +21,13 @@ class Child {
   Child& operator=(Child&&) = delete;
   ~Child();
 
+  /// The child's pid descriptor: readable once the child has ended (pidfd_open(2)).
+  [[nodiscard]] int Descriptor() const { return handle_.Get(); }
+
+  /// Sends a signal to everything in the child's process group. Only for a child that was started
+  /// in a session of its own and that was not waited for: until then the group cannot be another's.
+  void SignalGroup(int signal) const;
+
   /// Waits for the child's end and logs its usage. Called at most once.
   /// @return 0 and the wait status, or the system's error number
   int Wait(int& status);

@@ -95,4 +95,16 @@ std::vector<std::string> SplitCommandLine(std::string_view line) {
   return words;
 }
 
+std::string QuoteWord(std::string_view word) {
+  std::string quoted = "'";
+  for (const char c : word) {
+    if (c == '\'') {
+      quoted += "'\\''";
+    } else {
+      quoted += c;
+    }
+  }
+  return quoted + "'";
+}
+
 }  // namespace PcoreCtl

@@ -16,4 +16,7 @@ namespace PcoreCtl {
 ///         backslash at the very end, or no word at all
 std::vector<std::string> SplitCommandLine(std::string_view line);
 
+/// @return the word as a part of a command line that SplitCommandLine makes the same word of
+[[nodiscard]] std::string QuoteWord(std::string_view word);
+
 }  // namespace PcoreCtl

@@ -204,6 +204,7 @@ Preparation::Preparation(const std::string& commandLine, const SpawnOptions& opt
   PrepareEnvironment();
   PrepareStreams(options);
   launch.changeToRoot = options.changeToRoot;
+  launch.newSession = options.newSession;
   if (group && options.honourGroup) PrepareGroup(*group);
   if (group && group->logUsage && options.logUsage) usage_.emplace(group->name);
 }
@@ -226,6 +227,7 @@ void Preparation::PrepareStreams(const SpawnOptions& options) {
   }
   if (options.standardInput >= 0) launch.streams[0] = options.standardInput;
   if (options.standardOutput >= 0) launch.streams[1] = options.standardOutput;
+  if (options.standardError >= 0) launch.streams[2] = options.standardError;
 }
 
 void Preparation::PrepareGroup(const ResourceGroup& group) {

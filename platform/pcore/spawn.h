@@ -11,6 +11,8 @@ namespace PcoreCtl {
 struct SpawnOptions {
   int standardInput = -1;   ///< descriptor that becomes the child's standard input
   int standardOutput = -1;  ///< descriptor that becomes the child's standard output
+  int standardError = -1;   ///< descriptor that becomes the child's standard error
+  bool newSession = false;  ///< starts it in a session and process group of its own
   bool discardStreams = false;
   bool changeToRoot = false;
   bool honourGroup = true;
