@@ -2,6 +2,7 @@
 
 #include <rapidjson/document.h>
 
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
@@ -39,16 +40,17 @@ struct PluginAnswer {
   std::vector<ValidationErrorInfo> errors;
   bool needsReboot = false;
   bool needsMaintenanceMode = false;
-  rapidjson::Document values;  ///< an object: "GROUP/KEY" to what is in force there
+  rapidjson::Document values;         ///< an object: "GROUP/KEY" to what is in force there
+  std::unique_ptr<std::string> text;  ///< what the values' texts lie in
 };
 
 /// Runs the module's program for an operation and waits for its answer; a module that has none
 /// answers nothing.
 ///
 /// The program runs in a session of its own. When it has not ended at the module's time limit, or
-/// the task is to end, it and everything it started is asked to end (SIGTERM) and, a second later,
-/// is ended (SIGKILL). What it leaves running when it ends by itself is ended with it. What it
-/// writes to its standard error is logged at level 3.
+/// the task is to end, it and everything it started is asked to end (SIGTERM) and, when it has not
+/// within a second, is ended (SIGKILL). What it leaves running when it ends is ended with it. What
+/// it writes to its standard error is logged at level 3.
 ///
 /// A failure is logged at level 2. Its identifier ends in "plugin.failed" when the program said by
 /// its exit status that it failed, in "plugin.unexpected.error" when it could not be started,
@@ -60,5 +62,9 @@ struct PluginAnswer {
 /// @throws Aborted  the task is to end; the program has ended
 [[nodiscard]] PluginAnswer RunPlugin(const Module& module, PluginOperation operation,
                                      std::span<const Change> changes, const TaskInput* task);
+
+/// The failure of a program whose answer turned out to mean nothing; logged like any other.
+[[nodiscard]] PluginFailure BadAnswer(const Module& module, PluginOperation operation,
+                                      const std::string& reason);
 
 }  // namespace RyxConfigManager
