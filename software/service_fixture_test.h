@@ -8,6 +8,8 @@
 #include <fstream>
 #include <iterator>
 #include <memory>
+#include <numeric>
+#include <set>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -23,6 +25,9 @@
 #include "tesselibs/testing/captured_log.h"
 
 namespace LifeCycle {
+
+inline const std::string kTaskDirectory = "/var/tessel/lifecycle";
+inline const std::string kScanDocument = "/var/run/lifecycle.scan.swspec";
 
 /// What the fake interpreter does when it is started.
 struct Behaviour {
@@ -69,8 +74,24 @@ class ServiceFixture : public testing::Test {
     BIND(Ryx::Software::InstalledPaxsSvc);
 #undef BIND
     std::filesystem::rename(interpreter_, interpreter_ + ".saved");
+    ForgetTasks();
   }
-  ~ServiceFixture() override { std::filesystem::rename(interpreter_ + ".saved", interpreter_); }
+  ~ServiceFixture() override {
+    std::filesystem::rename(interpreter_ + ".saved", interpreter_);
+    ForgetTasks();
+  }
+
+  static void ForgetTasks() {
+    std::filesystem::remove_all(kTaskDirectory);
+    std::filesystem::remove_all(kScanDocument);
+  }
+  /// The names and contents of the files in the tasks' directory, a line for each.
+  static std::string TaskFiles() {
+    std::set<std::string> lines;
+    for (const auto& file : std::filesystem::directory_iterator(kTaskDirectory))
+      lines.insert(file.path().filename().string() + " " + ReadFile(file.path()) + "\n");
+    return std::accumulate(lines.begin(), lines.end(), std::string());
+  }
 
   /// Puts the fake in place and forgets what was recorded.
   void Behave(const Behaviour& behaviour) {

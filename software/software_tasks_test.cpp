@@ -21,8 +21,6 @@ using testing::Contains;
 using testing::HasSubstr;
 using testing::Not;
 
-const std::string kDirectory = "/var/tessel/lifecycle";
-const std::string kScanDocument = "/var/run/lifecycle.scan.swspec";
 const std::string kTaskDocument = "/var/tessel/lifecycle/swspec-{1}";
 
 const std::string kSpec = R"({"base_image":{"version":"8.0-1"},"components":{"net":{}}})";
@@ -31,22 +29,7 @@ const std::string kTwoDepots =
     R"({"depots":["http://h/{3};x","/e"],"software_spec":)" + kSpec + "}";
 const std::string kNoDepot = R"({"depots":[],"software_spec":)" + kSpec + "}";
 
-class SoftwareTasks : public ServiceFixture {
- protected:
-  SoftwareTasks() { ForgetTasks(); }
-  ~SoftwareTasks() override { ForgetTasks(); }
-
-  static void ForgetTasks() {
-    fs::remove_all(kDirectory);
-    fs::remove_all(kScanDocument);
-  }
-
-  static bool HasTaskDocuments() {
-    return std::ranges::any_of(fs::directory_iterator(kDirectory), [](const auto& entry) {
-      return entry.path().filename().string().starts_with("swspec-");
-    });
-  }
-};
+class SoftwareTasks : public ServiceFixture {};
 
 TEST_F(SoftwareTasks, HelperIsStartedOnTheRecordedTaskAndItsDocument) {
   const std::string spec_option = " --software-spec ";
@@ -109,7 +92,7 @@ TEST_F(SoftwareTasks, NothingIsStartedWithoutDepotsOrNames) {
   for (const auto& [call, input] : calls)
     EXPECT_EQ(Call(call, input), "invalid_argument orbi.invalidinput") << call;
   EXPECT_FALSE(HelperWasStarted());
-  EXPECT_FALSE(fs::exists(kDirectory));
+  EXPECT_FALSE(fs::exists(kTaskDirectory));
   EXPECT_THAT(log_.TakeLines(), Not(Contains(HasSubstr("Generated task uuid"))));
 }
 
@@ -119,9 +102,9 @@ TEST_F(SoftwareTasks, NoTaskIsRecordedForADocumentThatCannotBeWritten) {
   Behave({});
   EXPECT_EQ(Call("kestrel_daemon.software scan$task", kOneDepot), kFailure);
   EXPECT_THAT(log_.TakeLines(), Contains("2 [Scan]: Failed to write software spec to file."));
-  EXPECT_FALSE(fs::exists(kDirectory));
+  EXPECT_FALSE(fs::exists(kTaskDirectory));
 
-  std::ofstream(kDirectory) << "a file where the folder should be";
+  std::ofstream(kTaskDirectory) << "a file where the folder should be";
   EXPECT_EQ(Call("kestrel_daemon.software apply$task", kOneDepot), kFailure);
   EXPECT_EQ(Call("kestrel_daemon.solutions stage$task", kOneDepot), kFailure);
   EXPECT_FALSE(HelperWasStarted());
@@ -132,9 +115,8 @@ TEST_F(SoftwareTasks, HelperThatCannotBeStartedLeavesTheHostFree) {
   EXPECT_EQ(Call("kestrel_daemon.software scan$task", kOneDepot),
             "internal_server_error task.exec.error");
   EXPECT_EQ(Call("kestrel_daemon.solutions apply$task", kOneDepot), "error task.exec.error");
-  EXPECT_FALSE(HasTaskDocuments());
+  EXPECT_EQ(std::ranges::count(TaskFiles(), '\n'), 1) << "the records, and " << TaskFiles();
   EXPECT_FALSE(fs::exists(kScanDocument));
-  EXPECT_FALSE(fs::exists(kTaskSyncFile));
 }
 
 }  // namespace
