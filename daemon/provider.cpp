@@ -12,7 +12,6 @@
 #include "bindings/com/tessel/ryx/configuration/components/groups/keys.h"
 #include "bindings/com/tessel/ryx/host_settings/config.h"
 #include "bindings/com/tessel/ryx/host_settings/config/components/keys.h"
-#include "bindings/com/tessel/ryx/hosts/settings.h"
 #include "bindings/com/tessel/ryx/kestrel_daemon/configuration.h"
 #include "filter/host_input_filter.h"
 #include "lifecycle/tasks_service.h"
@@ -23,6 +22,7 @@
 #include "orbi/metadata/provider_helper.h"
 #include "software/depots_service.h"
 #include "software/desired_software_services.h"
+#include "software/host_apply_service.h"
 #include "software/host_software_services.h"
 #include "software/installed_software_services.h"
 #include "software/software_tasks.h"
@@ -88,6 +88,8 @@ void BindServices(AsyncLocalProvider& provider) {
        Ryx::Hosts::Software::RyxSvc::AsyncServiceImpl>(provider);
   Bind<Ryx::Hosts::Software::ComponentsSvc::AsyncServiceBinder,
        Ryx::Hosts::Software::ComponentsSvc::AsyncServiceImpl>(provider);
+  Bind<Ryx::Hosts::SettingsSvc::AsyncServiceBinder, Ryx::Hosts::SettingsSvc::AsyncServiceImpl>(
+      provider);
   Bind<Ryx::KestrelDaemon::SoftwareSvc::AsyncServiceBinder,
        Ryx::KestrelDaemon::SoftwareSvc::AsyncServiceImpl>(provider);
   Bind<Ryx::KestrelDaemon::SolutionsSvc::AsyncServiceBinder,
@@ -109,8 +111,6 @@ void BindServices(AsyncLocalProvider& provider) {
        Ryx::HostSettings::Config::Components::KeysSvc::UnsupportedImplementation>(provider);
   Bind<Ryx::Configuration::Components::Groups::KeysSvc::AsyncServiceBinder,
        Ryx::Configuration::Components::Groups::KeysSvc::UnsupportedImplementation>(provider);
-  Bind<Ryx::Hosts::SettingsSvc::AsyncServiceBinder,
-       Ryx::Hosts::SettingsSvc::UnsupportedImplementation>(provider);
 }
 
 void AddMetadataInterfaces(AsyncLocalProvider& provider) {

@@ -11,4 +11,8 @@ inline const std::string kTaskStatusFile = "/var/tessel/lifecycle/task-status.js
 /// Exists while a task is being started or runs; no other task may start meanwhile.
 inline const std::string kTaskSyncFile = "/var/tessel/lifecycle/lifecycle.task";
 
+/// Exists while the apply of a whole desired state is being started or runs; no other such apply
+/// may start meanwhile. Leaves the task sync file alone.
+inline const std::string kApplyPidFile = "/var/tessel/lifecycle/lifecycle.apply.pid";
+
 }  // namespace LifeCycle

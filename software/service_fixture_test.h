@@ -19,6 +19,7 @@
 #include "orbi/core/local_provider.h"
 #include "software/depots_service.h"
 #include "software/desired_software_services.h"
+#include "software/host_apply_service.h"
 #include "software/host_software_services.h"
 #include "software/installed_software_services.h"
 #include "software/software_tasks.h"
@@ -43,9 +44,11 @@ inline std::string ReadFile(const std::string& path) {
 }
 
 /// The words, each in brackets, that a helper gets for the text behind the script's path.
-inline std::string WordsOf(const std::string& arguments) {
+inline std::string WordsOf(
+    const std::string& arguments,
+    const std::string& script = "/usr/lib/tessel/lifecycle/bin/imagemanagerctl.py") {
   std::istringstream words(arguments);
-  std::string all = "[/usr/lib/tessel/lifecycle/bin/imagemanagerctl.py]";
+  std::string all = "[" + script + "]";
   for (std::string word; words >> word;) all += "[" + word + "]";
   return all;
 }
@@ -66,6 +69,7 @@ class ServiceFixture : public testing::Test {
     BIND(Ryx::HostSettings::Software::ComponentsSvc);
     BIND(Ryx::Hosts::Software::RyxSvc);
     BIND(Ryx::Hosts::Software::ComponentsSvc);
+    BIND(Ryx::Hosts::SettingsSvc);
     BIND(Ryx::KestrelDaemon::SoftwareSvc);
     BIND(Ryx::KestrelDaemon::ComponentsSvc);
     BIND(Ryx::KestrelDaemon::SolutionsSvc);
