@@ -16,6 +16,8 @@
 /// keys of one component and brings the programs that check, read and apply them.
 namespace RyxConfigManager {
 
+struct Schema;
+
 inline constexpr char kModulesDirectory[] = "/usr/lib/tessel/configmanager/apply_modules";
 
 /// A property whose value has to be the id of an instance of another key.
@@ -24,13 +26,15 @@ struct Reference {
   RyxConfigStore::KeyAddress target;
 };
 
-/// What a module tells of one key. Pointers lead into the module's own description.
+/// What a module tells of one key. Pointers lead into the module's own description. Names consist
+/// of letters, digits, ".", "_" and "-".
 struct KeyDefinition {
   RyxConfigStore::KeyAddress address;
   bool singleton = true;
-  std::string idProperty;     ///< tells the instances apart; empty for a singleton
-  bool hostSpecific = false;  ///< only in a document's "host-specific" part
-  const rapidjson::Value* schema = nullptr;
+  std::string idProperty;                    ///< tells the instances apart; empty for a singleton
+  bool hostSpecific = false;                 ///< only in a document's "host-specific" part
+  const rapidjson::Value* schema = nullptr;  ///< of the object, or of one instance
+  std::shared_ptr<const Schema> rules;       ///< `schema`, ready to check values (schema.h)
   const rapidjson::Value* defaultValue = nullptr;  ///< nullptr when there is none
   std::vector<Reference> references;
   bool needsMaintenanceMode = false;
@@ -52,7 +56,8 @@ struct Module {
   Executables executables;
   std::chrono::seconds timeout{60};
   std::map<std::pair<std::string, std::string>, KeyDefinition> keys;  ///< by group and key
-  rapidjson::Document description;                                    ///< module.json
+  std::string text;                 ///< module.json; the description leads into it
+  rapidjson::Document description;  ///< module.json
 };
 
 /// The modules of the host, those that others refer to first. Immutable.
@@ -71,8 +76,11 @@ class ModuleSet {
   std::vector<std::unique_ptr<const Module>> modules_;
 };
 
-/// The modules as they are installed now: read anew when a module.json has changed, came or went. A
-/// broken one is logged at level 2 with what is wrong, and left out. Callable from any thread.
+/// The modules as they are installed now: read anew when a module.json has changed, came or went.
+/// Folders without one are no modules. A broken module, one that refers to a key that no module
+/// has, and modules that refer to each other in a circle are logged at level 2 with what is wrong,
+/// and left out. Whether a program can be run is not looked at before it is to run. Callable from
+/// any thread.
 [[nodiscard]] std::shared_ptr<const ModuleSet> InstalledModules();
 
 /// Reads the modules below a directory, uncached.
