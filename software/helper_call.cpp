@@ -1,10 +1,10 @@
 #include "software/helper_call.h"
 
 #include "configuration/messages/api_errors.h"
+#include "lifecycle/complete_operation.h"
 #include "orbi/std/errors.h"
 #include "software/command/json_value.h"
 #include "software/command/names.h"
-#include "software/complete_operation.h"
 #include "tesselibs/log.h"
 
 namespace LifeCycle {

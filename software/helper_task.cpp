@@ -2,10 +2,10 @@
 
 #include <utility>
 
+#include "lifecycle/complete_operation.h"
 #include "lifecycle/task_creation.h"
 #include "orbi/data/message.h"
 #include "software/command/remove_files.h"
-#include "software/complete_operation.h"
 
 namespace LifeCycle {
 namespace {

@@ -8,6 +8,7 @@
 
 #include "configuration/messages/api_errors.h"
 #include "lifecycle/access_lock.h"
+#include "lifecycle/complete_operation.h"
 #include "lifecycle/paths.h"
 #include "lifecycle/task_errors.h"
 #include "lifecycle/task_file.h"
@@ -16,7 +17,6 @@
 #include "pcore/pcore_ctl.h"
 #include "software/command/remove_files.h"
 #include "software/command/write_to_file.h"
-#include "software/complete_operation.h"
 #include "software/helper_task.h"
 #include "tesselibs/log.h"
 

@@ -1,8 +1,8 @@
 #include "software/host_software_services.h"
 
+#include "lifecycle/complete_operation.h"
 #include "orbi/std/errors.h"
 #include "software/command/json_value.h"
-#include "software/complete_operation.h"
 #include "software/helper_call.h"
 #include "tesselibs/log.h"
 

@@ -4,8 +4,8 @@
 
 #include <utility>
 
+#include "lifecycle/complete_operation.h"
 #include "software/command/json_value.h"
-#include "software/complete_operation.h"
 #include "software/helper_call.h"
 #include "software/helper_task.h"
 #include "tesselibs/log.h"

@@ -4,11 +4,11 @@
 #include <vector>
 
 #include "configuration/messages/api_errors.h"
+#include "lifecycle/complete_operation.h"
 #include "lifecycle/task_errors.h"
 #include "orbi/std/errors.h"
 #include "software/command/remove_files.h"
 #include "software/command/write_to_file.h"
-#include "software/complete_operation.h"
 #include "software/helper_task.h"
 #include "tesselibs/log.h"
 

@@ -1,4 +1,4 @@
-#include "software/complete_operation.h"
+#include "lifecycle/complete_operation.h"
 
 #include "orbi/std/errors.h"
 #include "software/command/json_value.h"
