@@ -10,9 +10,8 @@
 #include "authn/authn_filter.h"
 #include "authn/user_pass_handler.h"
 #include "bindings/com/tessel/ryx/configuration/components/groups/keys.h"
-#include "bindings/com/tessel/ryx/host_settings/config.h"
-#include "bindings/com/tessel/ryx/host_settings/config/components/keys.h"
 #include "bindings/com/tessel/ryx/kestrel_daemon/configuration.h"
+#include "configuration/retired_services.h"
 #include "filter/host_input_filter.h"
 #include "lifecycle/tasks_service.h"
 #include "orbi/authz/require_user_authz.h"
@@ -102,13 +101,13 @@ void BindServices(AsyncLocalProvider& provider) {
        Ryx::Software::InstalledComponentsSvc::AsyncServiceImpl>(provider);
   Bind<Ryx::Software::InstalledPaxsSvc::AsyncServiceBinder,
        Ryx::Software::InstalledPaxsSvc::AsyncServiceImpl>(provider);
+  Bind<Ryx::HostSettings::ConfigSvc::AsyncServiceBinder,
+       Ryx::HostSettings::ConfigSvc::AsyncServiceImpl>(provider);
+  Bind<Ryx::HostSettings::Config::Components::KeysSvc::AsyncServiceBinder,
+       Ryx::HostSettings::Config::Components::KeysSvc::AsyncServiceImpl>(provider);
   // Known to clients, not yet done.
   Bind<Ryx::KestrelDaemon::ConfigurationSvc::AsyncServiceBinder,
        Ryx::KestrelDaemon::ConfigurationSvc::UnsupportedImplementation>(provider);
-  Bind<Ryx::HostSettings::ConfigSvc::AsyncServiceBinder,
-       Ryx::HostSettings::ConfigSvc::UnsupportedImplementation>(provider);
-  Bind<Ryx::HostSettings::Config::Components::KeysSvc::AsyncServiceBinder,
-       Ryx::HostSettings::Config::Components::KeysSvc::UnsupportedImplementation>(provider);
   Bind<Ryx::Configuration::Components::Groups::KeysSvc::AsyncServiceBinder,
        Ryx::Configuration::Components::Groups::KeysSvc::UnsupportedImplementation>(provider);
 }

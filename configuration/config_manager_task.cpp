@@ -1,0 +1,116 @@
+#include "configuration/config_manager_task.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <exception>
+#include <utility>
+
+#include "configuration/messages/api_errors.h"
+#include "configuration/messages/translator.h"
+#include "lifecycle/paths.h"
+#include "lifecycle/task_errors.h"
+#include "orbi/std/errors.h"
+#include "software/command/json_value.h"
+#include "tesselibs/log.h"
+
+namespace LifeCycle {
+namespace {
+
+namespace Errors = Com::Tessel::Orbi::Std::Errors;
+
+constexpr int kLockRetries = 5;
+
+}  // namespace
+
+ConfigManagerTaskImpl::ConfigManagerTaskImpl(std::string operation, std::string task_id)
+    : operation_(std::move(operation)),
+      task_file_(kTaskStatusFile, TaskFile::Initialise::kNever),
+      task_id_(std::move(task_id)) {}
+
+ConfigManagerTaskImpl::~ConfigManagerTaskImpl() {
+  const int failure = unlink(kTaskSyncFile.c_str()) == 0 ? 0 : errno;
+  if (failure == 0)
+    Log_Level(5, "ConfigManagerTask[%s]: Cleaned up task tracking file %s\n",
+              ConfigManagerTaskImpl::label().c_str(), kTaskSyncFile.c_str());
+  else
+    Log_Level(2, "ConfigManagerTask[%s]: Failed to cleanup tracking file=%s, errno=%s\n",
+              ConfigManagerTaskImpl::label().c_str(), kTaskSyncFile.c_str(), strerror(failure));
+}
+
+void ConfigManagerTaskImpl::preRun() {
+  task_file_.StartTask(task_id_, kLockRetries);
+  SetProgress(5);
+  Log_Level(5, "ConfigManagerTask[%s]: preRun completed.\n", label().c_str());
+}
+
+void ConfigManagerTaskImpl::run() {
+  Log_Level(5, "ConfigManagerTask[%s]: Run started.\n", label().c_str());
+  try {
+    Prepare();
+    SetUpTranslator();
+    SetProgress(10);
+    const Conversion convert = Work();
+    SetProgress(95);
+    result_ = convert();
+    Log_Level(5, "ConfigManagerTask[%s]: Run completed.\n", label().c_str());
+  } catch (const OperationError& e) {
+    error_ = e.error();
+  } catch (const std::exception& e) {
+    error_ = Translate(e);
+  }
+}
+
+void ConfigManagerTaskImpl::postRun() {
+  try {
+    if (error_) {
+      RecordFailure(*error_);
+    } else if (result_) {
+      std::optional<std::string> result;
+      try {
+        result = ValueToTypedJson(*result_);
+      } catch (const OrbiJsonSerializationError&) {
+        RecordFailure(ApiError(Errors::Error,
+                               "com.tessel.ryx.kestrel_daemon.configuration.create.result.error"));
+      }
+      if (result) task_file_.SucceedTask(task_id_, *result, kLockRetries);
+    } else {
+      // Its preparation failed: the log tells why.
+      RecordFailure(ApiError(Errors::Error, "com.tessel.ryx.task.exec.error"));
+    }
+    Log_Level(5, "ConfigManagerTask[%s]: postRun completed.\n", label().c_str());
+  } catch (const std::exception& e) {
+    Log_Level(2, "ConfigManagerTask[%s]: postRun failed: %s\n", label().c_str(), e.what());
+  }
+}
+
+void ConfigManagerTaskImpl::abort() {
+  try {
+    RecordFailure(ApiError(Errors::Error, "com.tessel.ryx.task.aborted"));
+  } catch (const std::exception& e) {
+    Log_Level(2, "ConfigManagerTask[%s]: abort failed. %s\n", label().c_str(), e.what());
+  }
+}
+
+void ConfigManagerTaskImpl::RecordFailure(const Orbi::Data::ErrorValue& error) {
+  task_file_.FailTask(task_id_, ValueToTypedJson(error), kLockRetries);
+}
+
+void ConfigManagerTaskImpl::SetProgress(unsigned percent) {
+  if (percent <= progress_) return;
+  progress_ = percent;
+  try {
+    task_file_.SetProgress(task_id_, percent, kLockRetries);
+  } catch (const std::exception& e) {
+    Log_Level(2, "ConfigManagerTask[%s]: Failed to record progress: %s\n", label().c_str(),
+              e.what());
+  }
+}
+
+RyxConfigManager::TaskInput ConfigManagerTaskImpl::MakeTaskInput(Range range) {
+  return {task_id_, range.from, range.to, [this](unsigned percent) { SetProgress(percent); },
+          [this] { return isAbortRequested(); }};
+}
+
+}  // namespace LifeCycle

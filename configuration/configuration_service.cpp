@@ -1,0 +1,60 @@
+#include "configuration/configuration_service.h"
+
+#include "configmanager/config_manager.h"
+#include "configuration/document_tasks.h"
+#include "configuration/messages/api_errors.h"
+#include "configuration/start_task.h"
+#include "lifecycle/complete_operation.h"
+#include "orbi/std/errors.h"
+
+namespace Com::Tessel::Ryx::KestrelDaemon::ConfigurationSvc {
+
+using ::Orbi::Core::AsyncResult;
+using ::Orbi::Core::ExecutionContextPtr;
+
+void ConfigurationServiceImpl::Validate(const ExecutionContextPtr&, const ValidateInput& input,
+                                        AsyncResult<std::string> result) {
+  ::LifeCycle::StartTask<::LifeCycle::ValidateTask>("Validate", ValidateMethod::taskMethodName,
+                                                    result, input.document, input.schema_only);
+}
+
+void ConfigurationServiceImpl::CheckApply(const ExecutionContextPtr&, const CheckApplyInput& input,
+                                          AsyncResult<std::string> result) {
+  ::LifeCycle::StartTask<::LifeCycle::CheckApplyTask>(
+      "CheckApply", CheckApplyMethod::taskMethodName, result, input.document);
+}
+
+void ConfigurationServiceImpl::Apply(const ExecutionContextPtr&, const ApplyInput& input,
+                                     AsyncResult<std::string> result) {
+  ::LifeCycle::StartTask<::LifeCycle::ApplyTask>("Apply", ApplyMethod::taskMethodName, result,
+                                                 input.spec_id);
+}
+
+void ConfigurationServiceImpl::Impact(const ExecutionContextPtr&, const ImpactInput& input,
+                                      AsyncResult<std::string> result) {
+  ::LifeCycle::StartTask<::LifeCycle::ImpactTask>("Impact", ImpactMethod::taskMethodName, result,
+                                                  input.document);
+}
+
+void ConfigurationServiceImpl::CheckCompliance(const ExecutionContextPtr&,
+                                               const CheckComplianceInput& input,
+                                               AsyncResult<std::string> result) {
+  ::LifeCycle::StartTask<::LifeCycle::CheckComplianceTask>(
+      "CheckCompliance", CheckComplianceMethod::taskMethodName, result, input.document);
+}
+
+void ConfigurationServiceImpl::Export(const ExecutionContextPtr&, const ExportInput&,
+                                      AsyncResult<ExportResult> result) {
+  ::LifeCycle::CompleteOperation("Export", result, [] {
+    try {
+      return ExportResult{RyxConfigManager::ExportDocument()};
+    } catch (const std::exception& e) {
+      Log_Level(2, "[%s] Failed to export document: %s\n", "Export", e.what());
+      throw ::LifeCycle::OperationError(
+          ::LifeCycle::ApiError(::Com::Tessel::Orbi::Std::Errors::InternalServerError,
+                                "com.tessel.ryx.kestrel_daemon.configuration.export.doc.error"));
+    }
+  });
+}
+
+}  // namespace Com::Tessel::Ryx::KestrelDaemon::ConfigurationSvc

@@ -1,0 +1,271 @@
+#include "configuration/document_tasks.h"
+
+#include <utility>
+
+#include "configmanager/config_manager.h"
+#include "configuration/messages/api_errors.h"
+#include "configuration/messages/config_manager_messages.h"
+#include "orbi/std/errors.h"
+#include "software/command/json_value.h"
+#include "tesselibs/log.h"
+
+namespace LifeCycle {
+namespace {
+
+namespace Svc = Com::Tessel::Ryx::KestrelDaemon::ConfigurationSvc;
+namespace Errors = Com::Tessel::Orbi::Std::Errors;
+using Com::Tessel::Ryx::KestrelDaemon::ComplianceStatus;
+using Orbi::Data::ErrorValue;
+using Orbi::Data::LocalizableMessage;
+using Orbi::Data::Value;
+
+constexpr char kValidationError[] = "com.tessel.ryx.host_settings.cm.validation.error";
+
+/// What the last check left to be applied. Needs no lock: only one task runs at a time.
+std::shared_ptr<RyxConfigManager::CheckApplyResult>& CheckedDocument() {
+  static std::shared_ptr<RyxConfigManager::CheckApplyResult> slot;
+  return slot;
+}
+
+LocalizableMessage ToMessage(const RyxConfigManager::ErrorInfo& info) {
+  return ConfigManagerMessage(info.id, info.args);
+}
+
+std::vector<LocalizableMessage> ToMessages(const std::vector<RyxConfigManager::ErrorInfo>& infos) {
+  std::vector<LocalizableMessage> messages;
+  for (const auto& info : infos) messages.push_back(ToMessage(info));
+  return messages;
+}
+
+const char* MessageId(RyxConfigManager::ImpactKind kind) {
+  using RyxConfigManager::ImpactKind;
+  switch (kind) {
+    case ImpactKind::kAdd:
+      return "com.tessel.settings.impact.info.add";
+    case ImpactKind::kSet:
+      return "com.tessel.settings.impact.info.set";
+    case ImpactKind::kDelete:
+      return "com.tessel.settings.impact.info.delete";
+    case ImpactKind::kReboot:
+      return "com.tessel.settings.impact.info.reboot";
+    case ImpactKind::kMaintenanceMode:
+      return "com.tessel.settings.impact.info.maintenance-mode";
+  }
+  return "";
+}
+
+std::vector<Svc::ImpactInfo> ToImpacts(const std::vector<RyxConfigManager::ImpactInfo>& infos) {
+  std::vector<Svc::ImpactInfo> impacts;
+  for (const auto& info : infos) {
+    std::vector<std::string> args;
+    if (!info.key.empty()) args = {info.key, info.group, info.component};
+    impacts.push_back({ConfigManagerMessage(MessageId(info.kind), std::move(args))});
+  }
+  return impacts;
+}
+
+ComplianceStatus ToStatus(RyxConfigManager::ComplianceStatus status) {
+  switch (status) {
+    case RyxConfigManager::ComplianceStatus::kCompliant:
+      return ComplianceStatus::COMPLIANT;
+    case RyxConfigManager::ComplianceStatus::kNonCompliant:
+      return ComplianceStatus::NON_COMPLIANT;
+    case RyxConfigManager::ComplianceStatus::kUnavailable:
+      break;
+  }
+  return ComplianceStatus::UNAVAILABLE;
+}
+
+std::optional<Value> ToValue(const std::string& json) {
+  if (json.empty()) return std::nullopt;
+  return *JsonToValue(json);
+}
+
+std::optional<std::string> UnlessEmpty(const std::string& text) {
+  if (text.empty()) return std::nullopt;
+  return text;
+}
+
+Svc::SettingCompliance ToSetting(const RyxConfigManager::SettingComplianceInfo& info) {
+  return {info.component,
+          info.group,
+          info.key,
+          UnlessEmpty(info.instance),
+          ToStatus(info.status),
+          ToValue(info.current),
+          ToValue(info.target),
+          ToMessages(info.messages)};
+}
+
+template <typename T>
+Value Adapt(const T& native) {
+  return Orbi::Bindings::Adapter<T>::ToValue(native);
+}
+
+}  // namespace
+
+DocumentTask::DocumentTask(std::string operation, std::string task_id, std::string document)
+    : ConfigManagerTaskImpl(std::move(operation), std::move(task_id)),
+      document_(std::move(document)) {}
+
+ErrorValue DocumentTask::Failed(const char* what, const char* id,
+                                const std::exception& failure) const {
+  Log_Level(2, "ConfigManagerTask[%s]: %s: %s\n", label().c_str(), what, failure.what());
+  return ApiError(Errors::Error, id);
+}
+
+DocumentTask::Validated DocumentTask::Validate(bool schema_only, Range range) {
+  Log_Level(6, "ConfigManagerTask[%s]: Received document: %s\n", label().c_str(),
+            document_.c_str());
+  Validated validated;
+  try {
+    validated.document = ConfigStoreDocument::CreateDocument(document_);
+  } catch (const std::exception&) {
+    Log_Level(2, "ConfigManagerTask[%s]: JSON parse error\n", label().c_str());
+    throw OperationError(
+        ApiError(Errors::Error, "com.tessel.ryx.kestrel_daemon.configuration.parse.error"));
+  }
+  try {
+    validated.host = RyxConfigManager::GetBIOSUUID();
+    const auto schema = RyxConfigManager::GenerateHostDocumentSchema(validated.document);
+    RyxConfigManager::CreateMergedDocument(schema, validated.document);
+    RyxConfigManager::ValidationResult result;
+    const auto task = MakeTaskInput(range);
+    RyxConfigManager::Validate(validated.document, schema, result, schema_only, &task);
+    if (!result.pluginFailure.empty())
+      Log_Level(2, "ConfigManagerTask[%s]: Validate failed: plugin failure\n", label().c_str());
+    validated.messages = ToMessages(result.pluginErrors);
+    for (const auto& error : result.errors)
+      validated.errors.push_back({validated.host, UnlessEmpty(error.path), {ToMessage(error)}});
+    validated.passed = result.valid();
+    return validated;
+  } catch (const std::exception& e) {
+    throw OperationError(Failed("Validate failed", kValidationError, e));
+  }
+}
+
+DocumentTask::Validated DocumentTask::ValidateOrFail() {
+  Validated validated = Validate(false, kValidation);
+  if (validated.passed) return validated;
+  std::vector<LocalizableMessage> messages{ApiMessage(kValidationError)};
+  for (auto& error : validated.errors)
+    messages.insert(messages.end(), error.messages.begin(), error.messages.end());
+  messages.insert(messages.end(), validated.messages.begin(), validated.messages.end());
+  throw OperationError(Errors::Error(messages));
+}
+
+ValidateTask::ValidateTask(std::string task_id, std::string document,
+                           std::optional<bool> schema_only)
+    : DocumentTask("Validate", std::move(task_id), std::move(document)),
+      schema_only_(schema_only) {}
+
+ConfigManagerTaskImpl::Conversion ValidateTask::Work() {
+  Validated validated = Validate(schema_only_.value_or(false), kWhole);
+  return [result = Svc::ValidationResult{std::move(validated.errors),
+                                         std::move(validated.messages)}] { return Adapt(result); };
+}
+
+ErrorValue ValidateTask::Translate(const std::exception& failure) const {
+  return Failed("Validate failed", kValidationError, failure);
+}
+
+CheckApplyTask::CheckApplyTask(std::string task_id, std::string document)
+    : DocumentTask("CheckApply", std::move(task_id), std::move(document)) {}
+
+ConfigManagerTaskImpl::Conversion CheckApplyTask::Work() {
+  Validated validated = Validate(false, kValidation);
+  Svc::CheckApplyResult output;
+  output.errors = std::move(validated.errors);
+  if (!validated.messages.empty())
+    output.errors.push_back({validated.host, std::nullopt, std::move(validated.messages)});
+  if (validated.passed) {
+    const auto task = MakeTaskInput(kAfterValidation);
+    const auto checked = RyxConfigManager::CheckApply(std::move(validated.document), &task);
+    CheckedDocument() = checked;
+    output.spec_id = checked->specId;
+    output.impacts.push_back({validated.host, ToImpacts(checked->impacts)});
+    for (const auto& error : checked->errors)
+      output.errors.push_back({validated.host, std::nullopt, {ToMessage(error)}});
+  }
+  return [output = std::move(output)] { return Adapt(output); };
+}
+
+ErrorValue CheckApplyTask::Translate(const std::exception& failure) const {
+  return Failed("CheckApply failed",
+                "com.tessel.ryx.kestrel_daemon.configuration.check_apply.error", failure);
+}
+
+ApplyTask::ApplyTask(std::string task_id, std::string spec_id)
+    : ConfigManagerTaskImpl("Apply", std::move(task_id)), spec_id_(std::move(spec_id)) {}
+
+void ApplyTask::Prepare() {
+  auto& slot = CheckedDocument();
+  if (slot && slot->specId == spec_id_) {
+    checked_ = std::exchange(slot, nullptr);
+    return;
+  }
+  Log_Level(2, "ConfigManagerTask[%s]: Failed find desired document with id: %s\n", label().c_str(),
+            spec_id_.c_str());
+  throw OperationError(
+      ApiError(Errors::InvalidArgument,
+               "com.tessel.ryx.kestrel_daemon.configuration.apply.invalid_specid.error"));
+}
+
+ConfigManagerTaskImpl::Conversion ApplyTask::Work() {
+  const auto task = MakeTaskInput();
+  const RyxConfigManager::ApplyResult result = RyxConfigManager::Apply(checked_, &task);
+  return [output = Svc::ApplyResult{ToMessages(result.errors)}] { return Adapt(output); };
+}
+
+ErrorValue ApplyTask::Translate(const std::exception& failure) const {
+  Log_Level(2, "ConfigManagerTask[%s]: Apply failed: %s\n", label().c_str(), failure.what());
+  const char* id = "com.tessel.ryx.kestrel_daemon.configuration.apply.generic.error";
+  if (dynamic_cast<const RyxConfigManager::InvalidImpact*>(&failure) != nullptr)
+    id = "com.tessel.ryx.kestrel_daemon.configuration.apply.invalid_impact.error";
+  if (dynamic_cast<const RyxConfigManager::HostNotInMM*>(&failure) != nullptr)
+    id = "com.tessel.ryx.kestrel_daemon.configuration.apply.host_not_in_mm.error";
+  return ApiError(Errors::Error, id);
+}
+
+ImpactTask::ImpactTask(std::string task_id, std::string document)
+    : DocumentTask("Impact", std::move(task_id), std::move(document)) {}
+
+ConfigManagerTaskImpl::Conversion ImpactTask::Work() {
+  const Validated validated = ValidateOrFail();
+  RyxConfigManager::ImpactResult result;
+  const auto task = MakeTaskInput(kAfterValidation);
+  RyxConfigManager::Impact(validated.document, result, &task);
+  Svc::ImpactResult output{ToImpacts(result.impacts)};
+  for (const auto& error : result.errors) output.impacts.push_back({ToMessage(error)});
+  return [output = std::move(output)] { return Adapt(output); };
+}
+
+ErrorValue ImpactTask::Translate(const std::exception& failure) const {
+  return Failed("Impact analysis failed",
+                "com.tessel.ryx.kestrel_daemon.configuration.impact.error", failure);
+}
+
+CheckComplianceTask::CheckComplianceTask(std::string task_id, std::string document)
+    : DocumentTask("CheckCompliance", std::move(task_id), std::move(document)) {}
+
+ConfigManagerTaskImpl::Conversion CheckComplianceTask::Work() {
+  const Validated validated = ValidateOrFail();
+  RyxConfigManager::ComplianceResult result;
+  const auto task = MakeTaskInput(kAfterValidation);
+  RyxConfigManager::CheckCompliance(validated.document, result, &task);
+  Svc::ComplianceInfo host{validated.host, ToStatus(result.status), {}};
+  for (const auto& setting : result.settings) {
+    host.settings.push_back(ToSetting(setting));
+    SetProgress(kWhole.to +
+                static_cast<unsigned>(4 * host.settings.size() / result.settings.size()));
+  }
+  Svc::CheckComplianceResult output{host.status, {std::move(host)}};
+  return [output = std::move(output)] { return Adapt(output); };
+}
+
+ErrorValue CheckComplianceTask::Translate(const std::exception& failure) const {
+  return Failed("Compliance check failed",
+                "com.tessel.ryx.kestrel_daemon.configuration.checkcompliance.error", failure);
+}
+
+}  // namespace LifeCycle

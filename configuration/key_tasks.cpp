@@ -1,0 +1,68 @@
+#include "configuration/key_tasks.h"
+
+#include <utility>
+
+#include "configmanager/config_manager.h"
+#include "configuration/messages/api_errors.h"
+#include "lifecycle/task_errors.h"
+#include "orbi/std/errors.h"
+#include "tesselibs/log.h"
+
+namespace LifeCycle {
+namespace {
+
+namespace Errors = Com::Tessel::Orbi::Std::Errors;
+using Orbi::Data::ErrorValue;
+using Orbi::Data::Value;
+
+constexpr char kInvalidArgument[] =
+    "com.tessel.ryx.configuration.components.groups.keys.invalidargument.error";
+
+Value Nothing() { return {}; }
+
+}  // namespace
+
+ErrorValue KeyError(const std::exception& failure, const char* id) {
+  if (dynamic_cast<const RyxConfigManager::InvalidArgumentException*>(&failure) != nullptr)
+    return ApiError(Errors::InvalidArgument, kInvalidArgument);
+  return ApiError(Errors::Error, id);
+}
+
+SetTask::SetTask(std::string task_id, RyxConfigStore::KeyAddress address,
+                 Orbi::Data::Structure value)
+    : ConfigManagerTaskImpl("Set", std::move(task_id)),
+      address_(std::move(address)),
+      value_(std::move(value)) {}
+
+ConfigManagerTaskImpl::Conversion SetTask::Work() {
+  const std::string value = ValueToJson(value_);
+  if (value == "{}") {
+    Log_Level(2, "[%s] Empty configuration cannot be set\n", "Run");
+    throw OperationError(ApiError(Errors::InvalidArgument, kInvalidArgument));
+  }
+  const auto task = MakeTaskInput();
+  RyxConfigManager::SetConfig(address_.component, address_.group, address_.key, value, &task);
+  return Nothing;
+}
+
+ErrorValue SetTask::Translate(const std::exception& failure) const {
+  Log_Level(2, "[%s] Failed to set configuration: %s\n", "Run", failure.what());
+  return KeyError(failure, "com.tessel.ryx.configuration.components.groups.keys.set.config.error");
+}
+
+DeleteTask::DeleteTask(std::string task_id, RyxConfigStore::KeyAddress address)
+    : ConfigManagerTaskImpl("Delete", std::move(task_id)), address_(std::move(address)) {}
+
+ConfigManagerTaskImpl::Conversion DeleteTask::Work() {
+  const auto task = MakeTaskInput();
+  RyxConfigManager::DeleteConfig(address_.component, address_.group, address_.key, &task);
+  return Nothing;
+}
+
+ErrorValue DeleteTask::Translate(const std::exception& failure) const {
+  Log_Level(2, "[%s] Failed to Delete configuration: %s\n", "Run", failure.what());
+  return KeyError(failure,
+                  "com.tessel.ryx.configuration.components.groups.keys.delete.config.error");
+}
+
+}  // namespace LifeCycle
