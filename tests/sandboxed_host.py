@@ -46,8 +46,10 @@ def served(depot, *options):
     """Serves a depot over HTTP; gives its URL."""
     with subprocess.Popen([REPOSITORY / "tools/serve-depot", depot, *options], stdout=subprocess.PIPE,
                           text=True) as process:
-        yield process.stdout.readline().strip()
-        process.kill()
+        try:
+            yield process.stdout.readline().strip()
+        finally:
+            process.kill()
 
 
 class SystemLog:
