@@ -1,0 +1,174 @@
+"""Sessions of a management client that calls with curl, each told by a transcript in sessions/."""
+
+import contextlib
+import datetime
+import difflib
+import json
+import pathlib
+import re
+import shutil
+import subprocess
+import textwrap
+
+import pytest
+
+from sandboxed_host import BINARIES, PORT, served, wait_until
+
+SESSIONS = pathlib.Path(__file__).parent / "sessions"
+NAMES = SESSIONS / "names.let"
+HELPERS = (pathlib.Path("/usr/bin/python"), BINARIES / "lifecyclectl.py")  # the first runs imagemanagerctl.py
+USER_PASS = "com.tessel.orbi.std.security.user_pass"
+UUID = r"[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}"
+VOLATILE = {UUID: "<task>", r"\b[0-9a-f]{64}\b": "<sha256>",
+            r'(?<="completed": )\d\d?\b': "<percent>",
+            r'((?:payload_size|download_size|downloaded|"size)": )[1-9]\d*': r"\1<bytes>"}
+TIME = r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z"
+
+
+def parse(text):
+    """The lines at the margin, each with the indented ones below it; those that are indented deeper continue one."""
+    steps = []
+    for line in text.splitlines():
+        if not line.startswith(" "):
+            steps.append([line])
+        elif line.startswith("    "):
+            steps[-1][-1] += " " + line.strip()
+        else:
+            steps[-1].append(line.strip())
+    return steps
+
+
+def render(steps):
+    """The lines of a transcript, none too long to be compared by eye."""
+    for line, *rows in steps:
+        yield from wrap(line, "", "    ") or [""]
+        for row in rows:
+            yield from wrap(row, "  ", "      ")
+
+
+def wrap(text, first, rest):
+    return textwrap.wrap(text, 120, initial_indent=first, subsequent_indent=rest, break_long_words=False,
+                         break_on_hyphens=False)
+
+
+@contextlib.contextmanager
+def replaced_helpers(script):
+    """Puts a shell script in place of the helper commands; none is there when it says "missing"."""
+    with contextlib.ExitStack() as undo:
+        for path in filter(pathlib.Path.exists, HELPERS):
+            undo.callback(path.with_suffix(".aside").replace, path)
+            path.rename(path.with_suffix(".aside"))
+            if script != "missing":
+                path.write_text("#!/bin/bash\n" + script + "\n")
+                path.chmod(0o755)
+        yield
+
+
+class Session:
+    """Replays a transcript: takes the calls from it, and tells what was answered in the same form."""
+
+    def __init__(self, names):
+        self._names, self._service = dict(names), ""
+        self._start = datetime.datetime.now(datetime.timezone.utc).isoformat()
+
+    def replay(self, steps):
+        return [[line, *self._step(line, rows)] for line, *rows in steps]
+
+    def _step(self, line, rows):
+        word, _, rest = line.partition(" ")
+        if word == "service":
+            self._service = rest
+        elif word == "let":
+            name, _, text = rest.partition(" = ")
+            self._names[name] = self._filled(text)
+        elif word == "$":
+            return self._shell(self._filled(rest))
+        elif word and not word.startswith("#"):
+            cases = (row.partition("=>")[0].strip() for row in rows)
+            return [f"{case} => {self._case(word, rest, case)}".strip() for case in cases]
+        return []
+
+    def _shell(self, command):
+        ended = subprocess.run(["/bin/bash", "-c", command], stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                               text=True, timeout=60, check=False)
+        return [self._told(line) for line in ended.stdout.split("\n") if line]
+
+    def _case(self, operation, fields, case):
+        """The answer to one call. `case` tells what is special: a helper of its own, a caller, values of a name."""
+        kind, _, what = case.partition(" ")
+        if kind == "helper":
+            with replaced_helpers(self._filled(what)):
+                return self._call(operation, fields)
+        if kind == "as":
+            return self._call(operation, fields, *what.split("/"))
+        if kind.startswith("<"):
+            values = json.loads(self._filled(what.removeprefix("in ")))
+            answers = {v: self._call(operation, fields.replace(kind, json.dumps(v))) for v in values}
+            return " ".join(answers.values() if len(set(answers.values())) > 1 else set(answers.values()))
+        return self._call(operation, fields)
+
+    def _call(self, operation, fields, user="root", password="kestrel"):
+        result = self._curl(self._service, operation, self._filled(fields or "{}"), user, password)
+        task = result.get("output")
+        if isinstance(task, str) and re.fullmatch(UUID, task):
+            return self._told(json.dumps(wait_until(lambda: self._ended(task), what=f"the end of {operation}")))
+        return self._told(self._error(result["error"]) if "error" in result else json.dumps(task))
+
+    def _ended(self, task):
+        """The record of a task, once it has ended; its error in the form of any other."""
+        record = self._curl("com.tessel.cis.tasks", "get", json.dumps({"task": task}), "root", "kestrel")["output"]
+        if "error" in record:
+            record["error"] = self._error(record["error"])
+        return record["status"] in ("SUCCEEDED", "FAILED") and record
+
+    def _curl(self, service, operation, fields, user, password):
+        """The result of a call, with the member "output" or "error"."""
+        body = ('{"jsonrpc": "2.0", "id": "s", "method": "invoke", "params": {"serviceId": "%s", "operationId": "%s",'
+                '"ctx": {"securityCtx": {"schemeId": "%s", "userName": "%s", "password": "%s"}},'
+                '"input": {"STRUCTURE": {"operation-input": %s}}}}'
+                % (service, operation, USER_PASS, user, password, fields))
+        answer = subprocess.run(
+            ["/usr/bin/curl", "-sS", "--data-binary", "@-", "-H", "Content-Type: application/json",
+             "-H", "Accept: application/vnd.tessel.orbi.cleanjson", "-w", "\n%{http_code} %header{orbi-error}",
+             f"http://localhost:{PORT}/api"], input=body, capture_output=True, text=True, check=True)
+        document, _, status = answer.stdout.rpartition("\n")
+        assert '"result"' in document, body + "\n" + document
+        result = json.loads(document)["result"]
+        assert status == "200 " + "".join(result.get("error", ())), answer.stdout
+        return result
+
+    @staticmethod
+    def _error(error):
+        """An error in one line: type, then of each message the identifier, arguments and text."""
+        ((identifier, values),) = error.items()
+        words = [identifier.removeprefix("com.tessel.orbi.std.errors.")]
+        for message in values["messages"]:
+            text = message["default_message"]
+            words += [message["id"], json.dumps(message["args"]), text]
+            if message.get("localized", text) != text:
+                words += ["localized:", message["localized"]]
+        return " ".join(words)
+
+    def _filled(self, text):
+        for name, value in self._names.items():
+            text = text.replace(f"<{name}>", value)
+        return text
+
+    def _told(self, text):
+        """A text with names in place of what is different each time, and of what they stand for."""
+        text = re.sub(TIME, lambda time: "<now>" if time[0] > self._start else time[0], text)
+        for pattern, name in VOLATILE.items():
+            text = re.sub(pattern, name, text)
+        for name, value in sorted(self._names.items(), key=lambda named: -len(named[1])):
+            text = text.replace(value, f"<{name}>")
+        return text
+
+
+@pytest.mark.parametrize("transcript", sorted(SESSIONS.glob("*.txt")), ids=lambda path: path.stem)
+def test_session_goes_as_its_transcript_tells(daemon, sample_depot, tmp_path, transcript):
+    shutil.copytree(sample_depot, tmp_path / "depot")
+    steps = parse(NAMES.read_text() + transcript.read_text())
+    with served(tmp_path / "depot") as url:
+        replayed = Session({"depot": url, "folder": str(tmp_path / "depot")}).replay(steps)
+    difference = list(difflib.unified_diff(*map(list, map(render, (steps, replayed))), "told", "seen", lineterm="", n=5))
+    assert not difference, "\n".join(difference)
