@@ -2,16 +2,17 @@
 
 #include <rapidjson/document.h>
 
+#include <map>
 #include <string_view>
-#include <unordered_map>
 
 #include "tesselibs/json_document.h"
 
 namespace RyxConfigManager {
 
 /// Values by name, for finding many of them: looking each up in its object would take time that
-/// grows with the square of the object's size. Refers to the names and values.
-using MemberIndex = std::unordered_map<std::string_view, const rapidjson::Value*>;
+/// grows with the square of the object's size. A tree, because clients choose the names: they could
+/// choose such as fall together in a hash table. Refers to the names and values.
+using MemberIndex = std::map<std::string_view, const rapidjson::Value*>;
 
 /// The members of an object, each name's first. Empty for nullptr and for anything but an object.
 [[nodiscard]] inline MemberIndex IndexMembers(const rapidjson::Value* value) {
