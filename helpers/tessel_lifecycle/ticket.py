@@ -1,0 +1,26 @@
+"""One-time tickets, by which the host's own tooling calls the daemon without a password.
+
+A ticket's file holds the ticket, a line end, and two texts that end with a NUL each: the name of a configuration file,
+which nobody uses, and what the ticket is good for.
+"""
+
+import contextlib
+import os
+
+from tessel_lifecycle import files, paths
+
+_SERVICE = "Lifecycle"
+
+
+@contextlib.contextmanager
+def issued():
+    """A new ticket, void at the end at the latest. @throws OSError"""
+    text = os.urandom(32).hex()
+    path = f"{paths.TICKETS}/rntkt-{text}"
+    os.makedirs(paths.TICKETS, mode=0o700, exist_ok=True)
+    os.chmod(paths.TICKETS, 0o700)
+    try:
+        files.replace(path, f"{text}\n\0{_SERVICE}\0".encode(), 0o600)
+        yield text
+    finally:
+        files.remove(path)
