@@ -42,8 +42,11 @@ def uninterrupted():
 
 
 class Task:
-    """One task. `documents` are its input files, removed at its end together with `marker`, the file that tells starters
-    of other tasks that this one runs, if it names this one."""
+    """One task.
+
+    `documents` are its input files, removed at its end together with `marker`, the file by which starters of other
+    tasks know that this one runs, if it names this one.
+    """
 
     def __init__(self, task_id, operation, documents, marker=paths.TASK_SYNC):
         self.id, self.operation, self._documents, self._marker = task_id, operation, documents, marker

@@ -48,14 +48,17 @@ class Host:
         if document is not None:
             pathlib.Path(path).write_text(json.dumps(document))
         self.sync_file.write_text(f"PRECURSOR: {task}")
-        words = line.replace("ID", task).replace("DOCUMENT", path).split()
-        self._started.append(subprocess.Popen(COMMAND + words, stderr=subprocess.PIPE, start_new_session=True))
-        return task, self._started[-1]
+        return task, self.launch(COMMAND + line.replace("ID", task).replace("DOCUMENT", path).split())
+
+    def launch(self, words):
+        """Starts a process as the daemon does, to be ended with the test."""
+        self._started.append(subprocess.Popen(words, stderr=subprocess.PIPE, start_new_session=True))
+        return self._started[-1]
 
     def end_processes(self):
         """Ends what a failed test has left running."""
         for process in self._started:
-            for found in (*processes("task-guard"), *processes(COMMAND[1])):
+            for found in (*processes("task-guard"), *processes(os.path.dirname(COMMAND[1]))):
                 os.kill(found, signal.SIGKILL)
             process.wait()
             process.stderr.close()

@@ -1,0 +1,102 @@
+"""The task that brings the host to a whole desired state: its image, its configuration, or both."""
+
+import os
+
+from tessel_lifecycle import files, leftovers, paths, software_tasks
+from tessel_lifecycle.document import Fields, list_of, parse, text
+from tessel_lifecycle.errors import INVALID_INPUT, TaskError
+from tessel_lifecycle.host_configuration import DesiredConfiguration
+from tessel_lifecycle.lock import LockTimeout, access_lock
+from tessel_lifecycle.plain_json import optional, structure
+from tessel_lifecycle.spec import MOST_SPEC
+from tessel_lifecycle.task import named_by
+
+_CONTENTION = "com.tessel.ryx.lifecycle.task.contention"
+_NO_INPUT = "com.tessel.ryx.apply.no.input"
+_NO_DEPOTS = "com.tessel.ryx.apply.invalid.depots"
+_NO_CONFIGURATION = "com.tessel.ryx.kestrel_daemon.configuration.parse.error"
+_PATIENCE = 5  # seconds for the lock of the pid file
+
+
+class _Part:
+    """A stretch of a task's progress, from `low` to `high` percent, given out as if it was a task of its own."""
+
+    def __init__(self, task, low, high):
+        self._task, self._low, self._span = task, low, high - low
+        self.commit = task.commit
+
+    def progress(self, percent):
+        self._task.progress(self._low + self._span * percent / 100)
+
+
+def apply(task, options):
+    """Applies what the documents say. The configuration is checked first: one that is not valid changes nothing."""
+    _claim(task)
+    interval = options["--cleanup-interval"]
+    if not (interval.isascii() and interval.isdecimal()):
+        raise TaskError(INVALID_INPUT, detail=f"--cleanup-interval {interval}: not a number of seconds")
+    try:
+        return _apply(task, *_documents(options))
+    finally:
+        leftovers.remove(int(interval), "--image-doc" in options)
+
+
+def _claim(task):
+    """Takes over the pid file, by which starters know that an apply runs."""
+    try:
+        with access_lock(paths.APPLY_PID, _PATIENCE):
+            named = named_by(paths.APPLY_PID)
+            if named and task.id not in named:
+                raise TaskError(_CONTENTION, detail=f"{paths.APPLY_PID} names another task")
+            files.replace(paths.APPLY_PID, f"{os.getpid()} {task.id}\n".encode())
+    except LockTimeout as error:
+        raise TaskError(_CONTENTION, detail=error) from error
+
+
+def _documents(options):
+    """The configuration as a JSON text, the software specification and the depots; what is not given is None."""
+    configuration = options.get("--config-doc") and _configuration(options["--config-doc"])
+    depots = options.get("--depot-doc") and _depots(options["--depot-doc"])
+    image = options.get("--image-doc") and software_tasks.spec_document(options["--image-doc"])
+    if not configuration and not image:
+        raise TaskError(_NO_INPUT, detail="neither --config-doc nor --image-doc is given")
+    if image and not depots:
+        raise TaskError(_NO_DEPOTS, detail="an image needs a depot")
+    return configuration, image, depots
+
+
+def _configuration(path):
+    try:
+        data = files.read_bounded(path, MOST_SPEC)
+        Fields(parse(data))
+        return data.decode()
+    except (OSError, ValueError) as error:
+        raise TaskError(_NO_CONFIGURATION, detail=error) from error
+
+
+def _depots(path):
+    try:
+        return list_of(text)(parse(files.read_bounded(path, MOST_SPEC)))
+    except (OSError, ValueError) as error:
+        raise TaskError(INVALID_INPUT, detail=f"{path}: {error}") from error
+
+
+def _apply(task, document, image, depots):
+    checked = 10 if document else 0
+    changed = 0 if not image else 70 if document else 100
+    done = {"configuration": optional(None), "image": optional(None)}
+    if document:
+        configuration = DesiredConfiguration(document)
+        configuration.check(_Part(task, 0, checked).progress)
+    if image:
+        done["image"] = optional(software_tasks.apply_spec(_Part(task, checked, changed), image, depots))
+    if image and document:
+        task.tell(_result(done))  # whatever becomes of the configuration, the image is another one now
+        task.reopen()
+    if document:
+        done["configuration"] = optional(configuration.apply(_Part(task, max(checked, changed), 100).progress))
+    return _result(done)
+
+
+def _result(done):
+    return structure("ryx.hosts.settings.apply_result", **done)
