@@ -47,7 +47,7 @@ void CompleteOperation(const char* operation, Orbi::Core::AsyncResult<T>& result
     if (auto error = Attempt(operation, [&value, &work] { value.emplace(work()); }))
       result.SetError(std::move(*error));
     else
-      result.SetResult(*value);
+      result.SetResult(*std::move(value));
   }
 }
 

@@ -105,7 +105,7 @@ void AsyncServiceImpl::Get(const ::Orbi::Core::ExecutionContextPtr&, const GetIn
   } catch (const std::exception&) {
     return result.SetError(ConversionFailed(id));
   }
-  result.SetResult(*info);
+  result.SetResult(*std::move(info));
 }
 
 void AsyncServiceImpl::List(const ::Orbi::Core::ExecutionContextPtr&, const ListInput&,
@@ -126,7 +126,7 @@ void AsyncServiceImpl::List(const ::Orbi::Core::ExecutionContextPtr&, const List
   } catch (const std::exception&) {
     return result.SetError(ConversionFailed(id));
   }
-  result.SetResult(infos);
+  result.SetResult(std::move(infos));
 }
 
 void AsyncServiceImpl::Cancel(const ::Orbi::Core::ExecutionContextPtr&, const CancelInput&,

@@ -21,8 +21,8 @@ constexpr NameRefusal kDepotName{"Invalid name specified. Unsafe to continue.",
 void AsyncServiceImpl::List(const ExecutionContextPtr&, const ListInput&,
                             AsyncResult<std::vector<DepotSpec>> result) {
   CompleteOperation(kListDepots.name, result, [] {
-    const ::Orbi::Data::Value depots = ReadResults(kListDepots, AskHelper(kListDepots));
-    return AdaptOutput<std::vector<DepotSpec>>(kListDepots, depots);
+    const auto depots = ReadResults(kListDepots, AskHelper(kListDepots));
+    return AdaptOutput<std::vector<DepotSpec>>(kListDepots, *depots);
   });
 }
 

@@ -34,9 +34,8 @@ std::string WriteSpec(const ::Orbi::Data::Value& spec) {
 void AsyncServiceImpl::Get(const ExecutionContextPtr&, const GetInput&,
                            AsyncResult<SoftwareSpec> result) {
   CompleteOperation(kGetDesiredSoftware.name, result, [] {
-    const ::Orbi::Data::Value spec =
-        ReadResults(kGetDesiredSoftware, AskHelper(kGetDesiredSoftware));
-    return AdaptOutput<SoftwareSpec>(kGetDesiredSoftware, spec);
+    const auto spec = ReadResults(kGetDesiredSoftware, AskHelper(kGetDesiredSoftware));
+    return AdaptOutput<SoftwareSpec>(kGetDesiredSoftware, *spec);
   });
 }
 

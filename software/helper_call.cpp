@@ -3,7 +3,6 @@
 #include "configuration/messages/api_errors.h"
 #include "lifecycle/complete_operation.h"
 #include "orbi/std/errors.h"
-#include "software/command/json_value.h"
 #include "software/command/names.h"
 #include "tesselibs/log.h"
 
@@ -49,9 +48,9 @@ void RequireValidName(const HelperOperation& operation, const std::string& name,
   throw OperationError(ApiError(Com::Tessel::Orbi::Std::Errors::InvalidArgument, refusal.message));
 }
 
-Orbi::Data::Value ReadResults(const HelperOperation& operation, const std::string& output) {
+ValuePtr ReadResults(const HelperOperation& operation, const std::string& output) {
   try {
-    return *JsonToValue(output);
+    return JsonToValue(output);
   } catch (const OrbiJsonSerializationError&) {
     Log_Level(2, "[%s] Couldn't de-serialize results.\n", operation.name);
     throw OperationError(Com::Tessel::Orbi::Std::Errors::InternalServerError());

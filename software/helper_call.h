@@ -5,6 +5,7 @@
 
 #include "orbi/bindings/adapter.h"
 #include "orbi/data/value.h"
+#include "software/command/json_value.h"
 #include "software/helper_outcome.h"
 
 /// Asking the image manager while the client waits. Every function blocks the calling thread until
@@ -36,8 +37,7 @@ void RequireValidName(const HelperOperation& operation, const std::string& name,
 
 /// Reads what a helper printed as clean JSON.
 /// @throws OperationError  an internal server error, when it is not JSON
-[[nodiscard]] Orbi::Data::Value ReadResults(const HelperOperation& operation,
-                                            const std::string& output);
+[[nodiscard]] ValuePtr ReadResults(const HelperOperation& operation, const std::string& output);
 
 /// What the client learns when what a helper printed does not fit the operation's result.
 enum class MisfitError {

@@ -2,7 +2,6 @@
 
 #include "lifecycle/complete_operation.h"
 #include "orbi/std/errors.h"
-#include "software/command/json_value.h"
 #include "software/helper_call.h"
 #include "tesselibs/log.h"
 
@@ -14,12 +13,12 @@ using ::Orbi::Core::ExecutionContextPtr;
 namespace {
 
 /// Reads output that is "null" when there is nothing to tell.
-::Orbi::Data::Value ReadFound(const HelperOperation& operation, const std::string& output) {
+ValuePtr ReadFound(const HelperOperation& operation, const std::string& output) {
   if (output == "null") {
     Log_Level(2, "[%s] Result is null \n", operation.name);
     throw OperationError(Com::Tessel::Orbi::Std::Errors::NotFound());
   }
-  return *JsonToValue(output);
+  return JsonToValue(output);
 }
 
 }  // namespace
@@ -29,7 +28,7 @@ namespace Com::Tessel::Ryx::Hosts::Software::RyxSvc {
 void AsyncServiceImpl::Get(const ExecutionContextPtr&, const GetInput&, AsyncResult<Info> result) {
   CompleteOperation(kGetHostBaseImage.name, result, [] {
     const auto info = ReadFound(kGetHostBaseImage, AskHelper(kGetHostBaseImage));
-    return AdaptOutput<Info>(kGetHostBaseImage, info, MisfitError::kBare);
+    return AdaptOutput<Info>(kGetHostBaseImage, *info, MisfitError::kBare);
   });
 }
 
@@ -48,15 +47,15 @@ void AsyncServiceImpl::Get(const ExecutionContextPtr&, const GetInput& input,
   CompleteOperation(kGetHostComponent.name, result, [&input] {
     RequireValidName(kGetHostComponent, input.component, kComponentName);
     const auto info = ReadFound(kGetHostComponent, AskHelper(kGetHostComponent, input.component));
-    return AdaptOutput<Info>(kGetHostComponent, info);
+    return AdaptOutput<Info>(kGetHostComponent, *info);
   });
 }
 
 void AsyncServiceImpl::List(const ExecutionContextPtr&, const ListInput&,
                             AsyncResult<std::vector<Summary>> result) {
   CompleteOperation(kListHostComponents.name, result, [] {
-    const auto components = *JsonToValue(AskHelper(kListHostComponents));
-    return AdaptOutput<std::vector<Summary>>(kListHostComponents, components);
+    const auto components = JsonToValue(AskHelper(kListHostComponents));
+    return AdaptOutput<std::vector<Summary>>(kListHostComponents, *components);
   });
 }
 

@@ -5,7 +5,6 @@
 #include <utility>
 
 #include "lifecycle/complete_operation.h"
-#include "software/command/json_value.h"
 #include "software/helper_call.h"
 #include "software/helper_task.h"
 #include "tesselibs/log.h"
@@ -75,10 +74,10 @@ namespace {
 
 constexpr TaskOperation kExtractDepot{"ExtractDepot", "depots --extract --task-id {1}"};
 
-::Orbi::Data::Value ReadImage(const std::string& output) {
+ValuePtr ReadImage(const std::string& output) {
   Log_Level(5, "Serialized string : %s\n", output.c_str());
   try {
-    return *JsonToValue(output);
+    return JsonToValue(output);
   } catch (const OrbiJsonSerializationError& e) {
     Log_Level(2, "[%s]: Can't deserialize json. Exception : %s\n", kGetInstalledImage.name,
               e.what());
@@ -91,7 +90,8 @@ constexpr TaskOperation kExtractDepot{"ExtractDepot", "depots --extract --task-i
 void AsyncServiceImpl::Get(const ExecutionContextPtr&, const GetInput&, AsyncResult<Info> result) {
   LogCall(kGetInstalledImage.name);
   CompleteOperation(kGetInstalledImage.name, result, [] {
-    return AdaptOutput<Info>(kGetInstalledImage, ReadImage(AskHelper(kGetInstalledImage)));
+    const auto image = ReadImage(AskHelper(kGetInstalledImage));
+    return AdaptOutput<Info>(kGetInstalledImage, *image);
   });
 }
 
@@ -110,9 +110,9 @@ void AsyncServiceImpl::ExtractDepot(const ExecutionContextPtr&, const ExtractDep
 namespace Com::Tessel::Ryx::Software::InstalledPaxsSvc {
 namespace {
 
-::Orbi::Data::Value ReadPaxs(const HelperOperation& operation, const std::string& output) {
+ValuePtr ReadPaxs(const HelperOperation& operation, const std::string& output) {
   try {
-    return *JsonToValue(output);
+    return JsonToValue(output);
   } catch (const OrbiJsonSerializationError& e) {
     Log_Level(2, "[%s]: %s\n", operation.name, e.what());
     Log_Level(2, "[%s]: Can't deserialize json\n", operation.name);
@@ -128,7 +128,8 @@ void AsyncServiceImpl::List(const ExecutionContextPtr&, const ListInput& input,
   const HelperOperation& operation = only_orphans ? kListOrphanPaxs : kListAllPaxs;
   LogCall(operation.name);
   CompleteOperation(operation.name, result, [&operation] {
-    return AdaptOutput<std::vector<PaxInfo>>(operation, ReadPaxs(operation, AskHelper(operation)));
+    const auto paxs = ReadPaxs(operation, AskHelper(operation));
+    return AdaptOutput<std::vector<PaxInfo>>(operation, *paxs);
   });
 }
 

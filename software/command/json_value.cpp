@@ -10,7 +10,7 @@ namespace LifeCycle {
 namespace {
 
 template <typename Deserializer>
-std::shared_ptr<const Orbi::Data::Value> Read(const std::string& json) {
+ValuePtr Read(const std::string& json) {
   Orbi::Data::ErrorValue error;
   auto value = Deserializer().Deserialize(json, error);
   if (!value) {
@@ -22,11 +22,11 @@ std::shared_ptr<const Orbi::Data::Value> Read(const std::string& json) {
 
 }  // namespace
 
-std::shared_ptr<const Orbi::Data::Value> JsonToValue(const std::string& json) {
+ValuePtr JsonToValue(const std::string& json) {
   return Read<Orbi::Protocol::Json::JsonDirectDataDeserializer>(json);
 }
 
-std::shared_ptr<const Orbi::Data::Value> TypedJsonToValue(const std::string& json) {
+ValuePtr TypedJsonToValue(const std::string& json) {
   return Read<Orbi::Protocol::Json::JsonDataDeserializer>(json);
 }
 

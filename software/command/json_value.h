@@ -8,16 +8,18 @@
 
 namespace LifeCycle {
 
+using ValuePtr = std::shared_ptr<const Orbi::Data::Value>;
+
 /// A text could not be read into a value, or a value not be written as text; the log tells why.
 class OrbiJsonSerializationError : public std::exception {};
 
 /// Reads a command's JSON output (clean JSON) into a value. Callable from any thread.
 /// @throws OrbiJsonSerializationError
-std::shared_ptr<const Orbi::Data::Value> JsonToValue(const std::string& json);
+ValuePtr JsonToValue(const std::string& json);
 
 /// Reads JSON that names its types (plain JSON), as a task's stored result, into a value. Callable
 /// from any thread.
 /// @throws OrbiJsonSerializationError
-std::shared_ptr<const Orbi::Data::Value> TypedJsonToValue(const std::string& json);
+ValuePtr TypedJsonToValue(const std::string& json);
 
 }  // namespace LifeCycle

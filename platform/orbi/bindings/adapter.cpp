@@ -129,6 +129,7 @@ std::optional<MapEntry> ReadMapEntry(const Data::Value& item, AdaptErrors& error
 
 Data::Value MakeMapEntry(Data::Value key, Data::Value value) {
   Data::Structure entry{std::string(Data::kMapEntry), {}};
+  entry.fields.reserve(2);
   entry.Add("key", std::move(key)).Add("value", std::move(value));
   return entry;
 }

@@ -120,6 +120,18 @@ struct Adapter<std::map<std::string, T>> {
       list.items.push_back(MakeMapEntry(key, Adapter<T>::ToValue(item)));
     return list;
   }
+  /// Gives back each entry as soon as it is converted: a large map and its value together are what
+  /// an answer takes the most memory for.
+  static Data::Value ToValue(std::map<std::string, T>&& native) {
+    Data::List list;
+    list.is_map = true;
+    list.items.reserve(native.size());
+    while (!native.empty()) {
+      const auto entry = native.extract(native.begin());
+      list.items.push_back(MakeMapEntry(entry.key(), Adapter<T>::ToValue(entry.mapped())));
+    }
+    return list;
+  }
 
   static std::optional<std::map<std::string, T>> FromValue(const Data::Value& value,
                                                            AdaptErrors& errors) {

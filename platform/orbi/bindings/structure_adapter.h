@@ -17,7 +17,9 @@ namespace Orbi::Bindings {
 /// The visitor that makes a value of a native structure.
 class StructureWriter {
  public:
-  explicit StructureWriter(std::string_view name) : structure_{std::string(name), {}} {}
+  StructureWriter(std::string_view name, std::size_t fields) : structure_{std::string(name), {}} {
+    structure_.fields.reserve(fields);
+  }
 
   template <typename T>
   void operator()(const char* name, const T& native) {
@@ -84,7 +86,10 @@ class FieldNames {
 
 template <typename T, typename Fields>
 Data::Value WriteStructure(std::string_view name, const T& native, const Fields& fields) {
-  StructureWriter writer(name);
+  std::size_t count = 0;
+  const auto counter = [&count](const char*, const auto&) { ++count; };
+  fields(native, counter);
+  StructureWriter writer(name, count);
   fields(native, writer);
   return writer.Take();
 }

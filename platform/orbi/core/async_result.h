@@ -15,8 +15,8 @@ class AsyncResult {
  public:
   explicit AsyncResult(MethodCompletion completion) : completion_(std::move(completion)) {}
 
-  void SetResult(const T& result) {
-    completion_(MethodResult::Output(Bindings::Adapter<T>::ToValue(result)));
+  void SetResult(T result) {
+    completion_(MethodResult::Output(Bindings::Adapter<T>::ToValue(std::move(result))));
   }
   void SetError(Data::ErrorValue error) { completion_(MethodResult::Error(std::move(error))); }
 

@@ -16,6 +16,7 @@ Value LocalizableMessage::ToValue() const {
   List arguments;
   for (const std::string& arg : args) arguments.items.emplace_back(arg);
   Structure structure{kMessageStructure, {}};
+  structure.fields.reserve(4);
   structure.Add("id", id).Add("default_message", default_message).Add("args", std::move(arguments));
   structure.Add("localized", localized ? Some(*localized) : Optional{});
   return structure;
