@@ -3,8 +3,8 @@
 
 Measures, side by side: calls per second of one call that needs neither helper nor password, against aria2's JSON-RPC
 server and a static nginx answer of the same size; the time from start to the first answered request; resident memory
-idle and with 1,000 idle keep-alive connections. The servers take turns round by round on one core, the load generator
-has the other, and medians are printed. Run with a reader on the system log and without one.
+idle, with 1,000 idle keep-alive connections and around one large answer. The servers take turns round by round on one
+core, the load generator has the other, and medians are printed. Run with a reader on the system log and without one.
 """
 
 import contextlib
@@ -25,6 +25,7 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "tools")
 from orbi_client import Client, envelope  # noqa: E402
 
 DAEMON = "/usr/lib/tessel/lifecycle/bin/kestreld"
+TASK_STATUS = pathlib.Path("/var/tessel/lifecycle/task-status.json")
 SERVER_CPU, LOAD_CPU = "0", "1"
 SECONDS = 3
 CONNECTIONS = 16
@@ -135,11 +136,11 @@ def compare_calls(folder, rounds):
         print(f"  {name:<10} {rate:>9.0f} calls/s  (ratio to aria2 {rate / medians['aria2']:.2f}, runs {spread})")
 
 
-def resident_kib(pid):
+def resident_kib(pid, now_or_most="VmRSS"):
     for line in pathlib.Path(f"/proc/{pid}/status").read_text().splitlines():
-        if line.startswith("VmRSS"):
+        if line.startswith(now_or_most):
             return int(line.split()[1])
-    raise RuntimeError("no VmRSS")
+    raise RuntimeError(f"no {now_or_most}")
 
 
 def start_up(rounds):
@@ -184,6 +185,34 @@ def memory(connections):
     print(f"  resident memory: {idle / 1024:.1f} MiB idle, {loaded / 1024:.1f} MiB with {connections} idle connections")
 
 
+def large_answer(tasks):
+    """What listing a large task status file takes, and what of it is left when the daemon has had time to trim."""
+    port = socket.getservbyname("kestreld")
+    record = {"status": "SUCCEEDED", "operation": "com.tessel.ryx.kestrel_daemon.software.scan", "user": "root",
+              "progress": {"completed": 100, "total": 100}, "startTime": "2026-03-03T00:00:00.000Z",
+              "endTime": "2026-03-03T00:01:00.000Z",
+              "result": json.dumps({"STRUCTURE": {"result": {"status": "NON_COMPLIANT"}}})}
+    TASK_STATUS.write_text(json.dumps({f"{number:036}": record for number in range(tasks)}))
+    size = TASK_STATUS.stat().st_size
+    process = subprocess.Popen([DAEMON])
+    try:
+        wait_for(port)
+        client = Client(port=port)
+        started = time.monotonic()
+        response, answer = client.post(envelope("com.tessel.cis.tasks", "list", {}, "root", "kestrel"))
+        assert response.status == 200 and len(answer) > size
+        seconds = time.monotonic() - started
+        most = resident_kib(process.pid, "VmHWM")
+        time.sleep(11)
+        left = resident_kib(process.pid)
+    finally:
+        process.terminate()
+        process.wait()
+        TASK_STATUS.unlink()
+    print(f"  listing {tasks} tasks ({size / 2**20:.0f} MiB): {seconds:.1f} s, {most / 1024:.0f} MiB at the peak, "
+          f"{left / 1024:.1f} MiB eleven seconds later")
+
+
 def main():
     rounds = int(sys.argv[1]) if len(sys.argv) > 1 else 5
     with tempfile.TemporaryDirectory() as name:
@@ -193,6 +222,7 @@ def main():
                 compare_calls(pathlib.Path(name), rounds)
                 start_up(rounds)
                 memory(1000)
+        large_answer(100_000)
 
 
 if __name__ == "__main__":

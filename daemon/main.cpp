@@ -11,6 +11,7 @@
 
 #include "apps/lifecycle/orbi/include/logger.h"
 #include "daemon/endpoint.h"
+#include "daemon/memory_trimmer.h"
 #include "daemon/provider.h"
 #include "lib/ticket/reaper.h"
 #include "lifecycle/access_lock.h"
@@ -81,8 +82,10 @@ int Serve() {
   const auto provider = BuildProvider(logger);
   Endpoint endpoint(provider, io, logger);
   const auto reaper = std::make_shared<Ticket::Reaper>(io);
+  MemoryTrimmer trimmer(io);
   try {
     reaper->Start();
+    trimmer.Start();
     endpoint.Start();
   } catch (const std::exception& e) {
     Log_Level(2, "Failed to start HTTP service. Aborting. Error:%s\n", e.what());

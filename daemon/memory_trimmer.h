@@ -1,0 +1,25 @@
+#pragma once
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/steady_timer.hpp>
+
+namespace Host::Settings::SettingsApi {
+
+/// Gives memory that large answers left free back to the system.
+///
+/// The allocator keeps what is free below a block in use: without this, one answer of fifty
+/// megabytes leaves the process with half a gigabyte for good. It looks every ten seconds, on the
+/// thread that runs the I/O context, and does nothing while less than 32 MiB are to be had.
+class MemoryTrimmer {
+ public:
+  /// @param io  must not run any more when the trimmer is destroyed
+  explicit MemoryTrimmer(boost::asio::io_context& io) : timer_(io) {}
+
+  /// Called once, before the I/O context runs.
+  void Start();
+
+ private:
+  boost::asio::steady_timer timer_;
+};
+
+}  // namespace Host::Settings::SettingsApi
