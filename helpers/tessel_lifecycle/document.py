@@ -53,18 +53,18 @@ class Fields:
         value = self.value.get(name)
         if value is None:
             if default is _MISSING:
-                raise MissingField(name, f"{self.place}: member '{name}' is missing")
+                raise FieldError(name, f"{self.place}: member '{name}' is missing")
             return default
         try:
             return kind(value)
-        except MissingField:
+        except FieldError:
             raise
         except ValueError as error:
-            raise ValueError(f"{self.place}, member '{name}': {error}") from None
+            raise FieldError(name, f"{self.place}, member '{name}': {error}") from None
 
 
-class MissingField(ValueError):
-    """A required member that is not there."""
+class FieldError(ValueError):
+    """A member that is not what it has to be, or not there; `field` is its name."""
 
     def __init__(self, field, text):
         super().__init__(text)

@@ -1,6 +1,6 @@
 """The software specification: what a host should run."""
 
-from tessel_lifecycle.document import Fields, MissingField, list_of, map_of, name, parse
+from tessel_lifecycle.document import FieldError, Fields, list_of, map_of, name, parse
 from tessel_lifecycle.errors import ImageError
 from tessel_lifecycle.version import Version
 
@@ -44,7 +44,7 @@ def parse_spec(data):
     """The specification in a JSON text. @throws ImageError"""
     try:
         return SoftwareSpec(parse(data))
-    except MissingField as error:
+    except FieldError as error:
         raise ImageError("SoftwareSpecFormatError", error.field, detail=error) from error
     except ValueError as error:
         raise ImageError("SoftwareSpecFormatError", "", detail=error) from error
