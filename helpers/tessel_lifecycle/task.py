@@ -106,6 +106,7 @@ class Task:
 
     def _fail(self, record, error):
         record.setdefault("operation", self.operation)
+        record.setdefault("user", _user())
         record.setdefault("progress", {"completed": 0, "total": 100})
         record.setdefault("startTime", utc_now())  # a record of an end without a start is not readable
         record.update(status="FAILED", endTime=utc_now(), **error.recorded())
