@@ -77,7 +77,7 @@ class Session:
     def _step(self, line, rows):
         word, _, rest = line.partition(" ")
         if word == "service":
-            self._service = rest
+            self._service = self._filled(rest)
         elif word == "let":
             name, _, text = rest.partition(" = ")
             self._names[name] = self._filled(text)
