@@ -26,11 +26,6 @@ MetadataContainer::Schemes KnownSchemes(const Node& list, const TextsByName& kno
 
 }  // namespace
 
-MetadataContainer& MetadataContainer::Instance() {
-  static MetadataContainer instance;
-  return instance;
-}
-
 void MetadataContainer::Add(const std::string& component, const Data::Value& document) {
   const Node root(document);
   root.Only(

@@ -7,6 +7,7 @@
 
 #include "orbi/core/provider.h"
 #include "orbi/data/value.h"
+#include "orbi/metadata/process_container.h"
 
 namespace Orbi::Provider::Metadata::Authentication {
 
@@ -15,15 +16,9 @@ inline constexpr std::string_view kNoAuthentication =
     "com.tessel.orbi.std.security.no_authentication";
 
 /// Which credentials calls need.
-///
-/// Filled while the process starts, on one thread; afterwards only read, from any thread.
-class MetadataContainer {
+class MetadataContainer : public ProcessContainer<MetadataContainer> {
  public:
-  using Descriptions = std::map<std::string, Data::Value, std::less<>>;
   using Schemes = std::vector<std::string>;
-
-  /// The process's container.
-  static MetadataContainer& Instance();
 
   /// Adds the rules of a document.
   /// @throws MetadataError when it is malformed, names a scheme that it does not describe, or rules

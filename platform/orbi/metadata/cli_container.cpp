@@ -59,11 +59,6 @@ Data::Value Command(const std::string& component, const std::string& id, const N
 
 }  // namespace
 
-MetadataContainer& MetadataContainer::Instance() {
-  static MetadataContainer instance;
-  return instance;
-}
-
 void MetadataContainer::Add(const std::string& component, const Data::Value& document) {
   const Node root(document);
   root.Only({"format", "component", "documentation", "commands"});

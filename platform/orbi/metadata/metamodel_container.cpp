@@ -85,11 +85,6 @@ Data::Value Enumeration(const std::string& component, const Node& enumeration) {
 
 }  // namespace
 
-MetadataContainer& MetadataContainer::Instance() {
-  static MetadataContainer instance;
-  return instance;
-}
-
 void MetadataContainer::Add(const std::string& component, const Data::Value& document) {
   const Node root(document);
   root.Only({"format", "component", "documentation", "services", "structures", "enumerations",

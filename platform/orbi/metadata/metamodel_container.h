@@ -7,6 +7,7 @@
 
 #include "orbi/core/provider.h"
 #include "orbi/data/value.h"
+#include "orbi/metadata/process_container.h"
 
 namespace Orbi::Provider::Metadata {
 class Node;
@@ -15,15 +16,8 @@ class Node;
 namespace Orbi::Provider::Metadata::Metamodel {
 
 /// The descriptions of the API, as the metadata interfaces serve them.
-///
-/// Filled while the process starts, on one thread; afterwards only read, from any thread.
-class MetadataContainer {
+class MetadataContainer : public ProcessContainer<MetadataContainer> {
  public:
-  using Descriptions = std::map<std::string, Data::Value, std::less<>>;
-
-  /// The process's container.
-  static MetadataContainer& Instance();
-
   /// Adds what a document describes.
   /// @throws MetadataError when it is malformed or describes something again; nothing is added then
   void Add(const std::string& component, const Data::Value& document);

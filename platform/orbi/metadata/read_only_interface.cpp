@@ -49,9 +49,8 @@ Core::Operation ReadOnlyOperation(const std::string& name, const std::vector<std
   return {std::move(definition), std::move(invoke)};
 }
 
-Core::ApiInterface DescriptionsInterface(
-    const std::string& identifier,
-    const std::map<std::string, Data::Value, std::less<>>& descriptions) {
+Core::ApiInterface DescriptionsInterface(const std::string& identifier,
+                                         const Descriptions& descriptions) {
   auto list = [&descriptions](const Arguments&) {
     Arguments identifiers;
     for (const auto& [id, description] : descriptions) identifiers.push_back(id);

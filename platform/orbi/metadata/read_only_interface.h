@@ -1,12 +1,12 @@
 #pragma once
 
 #include <functional>
-#include <map>
 #include <string>
 #include <vector>
 
 #include "orbi/core/api_interface.h"
 #include "orbi/data/value.h"
+#include "orbi/metadata/process_container.h"
 
 /// Interfaces that answer at once from what they are given, without a service behind them.
 namespace Orbi::Provider::Metadata {
@@ -23,9 +23,8 @@ using Answer = std::function<Core::MethodResult(const std::vector<std::string>& 
 /// The interface `identifier` with list(), the identifiers of what is described, and get(id), one
 /// description: the structure `identifier`.info.
 /// @param descriptions  must outlive the interface
-[[nodiscard]] Core::ApiInterface DescriptionsInterface(
-    const std::string& identifier,
-    const std::map<std::string, Data::Value, std::less<>>& descriptions);
+[[nodiscard]] Core::ApiInterface DescriptionsInterface(const std::string& identifier,
+                                                       const Descriptions& descriptions);
 
 /// A call's end in not_found with a message of the framework's catalogue.
 [[nodiscard]] Core::MethodResult NotFound(std::string_view message, std::vector<std::string> args);
