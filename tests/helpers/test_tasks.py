@@ -211,10 +211,10 @@ def test_an_apply_killed_while_it_writes_leaves_no_half_bank(host, sample_depot)
     assert not list(LIFECYCLE.glob("swspec-*"))
 
 
-@pytest.mark.parametrize("document, missing", [
-    ({}, "base_image"), ({"base_image": {}}, "version"), ({"base_image": {"version": "x"}}, ""), ([], "")])
-def test_bad_specifications_name_what_is_missing(host, sample_depot, document, missing):
-    assert host.error(SCAN.format(sample_depot), document) == ("SoftwareSpecFormatError", [missing])
+@pytest.mark.parametrize("document, wrong", [
+    ({}, "base_image"), ({"base_image": {}}, "version"), ({"base_image": {"version": "x"}}, "version"), ([], "")])
+def test_bad_specifications_name_what_is_wrong(host, sample_depot, document, wrong):
+    assert host.error(SCAN.format(sample_depot), document) == ("SoftwareSpecFormatError", [wrong])
 
 
 def test_a_depot_that_is_not_there_fails_the_scan(host):
