@@ -2,16 +2,20 @@
 
 #include <sys/wait.h>
 
+#include <utility>
+
 #include "pcore/spawn.h"
 
 namespace PcoreCtl::Util {
 
 int PcoreCtl_Daemon(const std::string& command, bool changeToRoot, bool discardStreams,
-                    bool honourGroup, bool logUsage) {
-  SpawnDetached(command, {.discardStreams = discardStreams,
-                          .changeToRoot = changeToRoot,
-                          .honourGroup = honourGroup,
-                          .logUsage = logUsage});
+                    bool honourGroup, bool logUsage, EndObserver onEnd) {
+  SpawnDetached(command,
+                {.discardStreams = discardStreams,
+                 .changeToRoot = changeToRoot,
+                 .honourGroup = honourGroup,
+                 .logUsage = logUsage},
+                std::move(onEnd));
   return 0;
 }
 

@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "pcore/end_observer.h"
 #include "pcore/host_ctl_exception.h"
 
 /// Running commands; see PcoreCtl::Spawn for what a command line and its child are. Callable from
@@ -15,10 +16,11 @@ namespace PcoreCtl::Util {
 /// @param logUsage        log what it used, when its resource group says "stats": as looked at once
 /// a
 ///                        second while it runs
+/// @param onEnd           told of the end of the process, if any end is to be told
 /// @return 0; the program has begun
 /// @throws HostCtl::Lib::HostCtlException when it cannot be started
 int PcoreCtl_Daemon(const std::string& command, bool changeToRoot, bool discardStreams,
-                    bool honourGroup, bool logUsage);
+                    bool honourGroup, bool logUsage, EndObserver onEnd = {});
 
 /// Runs the command to its end.
 /// @return its exit status, or the raw wait status when a signal ended it

@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
+#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <thread>
@@ -117,11 +118,10 @@ TEST_F(PcoreTest, ACommandThatCannotStartIsToldAndLeavesNothing) {
     PcoreuserCompat_Handle handle;
     EXPECT_EQ(PcoreuserCompat_POpen(command, "r", handle), expected) << command;
     EXPECT_EQ(handle.Descriptor(), -1);
-    for (const auto& start : {PcoreCtl_Daemon, +[](const std::string&c, bool, bool, bool, bool) {
-                                return PcoreCtl_Exec(c, false, true, true);
-                              }}) {
+    for (const bool detached : {true, false}) {
       try {
-        start(command, false, false, true, true);
+        detached ? PcoreCtl_Daemon(command, false, false, true, true)
+                 : PcoreCtl_Exec(command, false, true, true);
         ADD_FAILURE() << command << " started";
       } catch (const HostCtlException& error) {
         EXPECT_EQ(error.code().value(), expected) << error.what();
@@ -168,6 +168,22 @@ TEST_F(PcoreTest, ADetachedHelperIsNoChildAndHoldsNoListeningSocket) {
   EXPECT_EQ(listen(again.Get(), 1), 0);
   EXPECT_EQ(kill(self, 0), 0) << "the helper must still be there for this to mean anything";
   std::ofstream(end) << "\n";
+}
+
+TEST_F(PcoreTest, TheEndOfADetachedProcessIsToldUntilItIsSeenTo) {
+  for (const std::string options : {"", " ++group=g,stats"}) {
+    const std::string end = directory_ + "/end" + options;
+    std::atomic<int> told = 0;
+    std::atomic<bool> early = false;
+    PcoreCtl_Daemon("/bin/sh -c 'while test ! -e \"" + end + "\"; do sleep 0.01; done'" + options,
+                    false, false, true, true, [&] {
+                      early = early || !std::filesystem::exists(end);
+                      return ++told == 2;
+                    });
+    std::ofstream(end) << "";
+    EXPECT_TRUE(Eventually([&] { return told == 2; }));
+    EXPECT_FALSE(early);
+  }
 }
 
 TEST_F(PcoreTest, AThousandRunsLeaveNeitherZombiesNorDescriptors) {

@@ -26,6 +26,7 @@ bool HasEnded(const UniqueFd& handle) {
 
 /// Looks at what a process that is not our child has used so far.
 void Sample(Reaper::Process& process) {
+  if (!process.usage) return;
   Usage sampled = *process.usage;
   sampled.Sample(process.pid);
   // Once the process has ended, its id may be another's.
@@ -102,16 +103,20 @@ bool Reaper::WaitForEvents() const {
 }
 
 bool Reaper::SeeToEnd(Process& process) {
-  const bool ended = HasEnded(process.handle);
-  if (process.kind == Kind::kChild) {
-    int status = 0;
-    if (ended) WaitForChild(process.pid, process.usage, status);
-  } else if (ended) {
-    process.usage->Log(process.pid);
-  } else {
-    Sample(process);
+  if (process.handle) {
+    if (!HasEnded(process.handle)) {
+      if (process.kind == Kind::kDetached) Sample(process);
+      return false;
+    }
+    if (process.kind == Kind::kChild) {
+      int status = 0;
+      WaitForChild(process.pid, process.usage, status);
+      return true;
+    }
+    if (process.usage) process.usage->Log(process.pid);
+    process.handle.Reset();  // from here on only its observer is waited for
   }
-  return ended;
+  return !process.onEnd || process.onEnd();
 }
 
 }  // namespace PcoreCtl

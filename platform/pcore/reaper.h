@@ -7,13 +7,14 @@
 #include <thread>
 #include <vector>
 
+#include "pcore/end_observer.h"
 #include "pcore/unique_fd.h"
 #include "pcore/usage.h"
 
 namespace PcoreCtl {
 
 /// Sees processes to their end that nobody waits for: takes the exit status of children, so that
-/// they do not stay as zombies, and logs the usage of detached processes.
+/// they do not stay as zombies, logs the usage of detached processes and tells of their end.
 ///
 /// One thread for the whole process, started with the first of them, with all signals blocked. A
 /// detached process is not ours to wait for, so its usage is looked at once a second, and what it
@@ -24,9 +25,10 @@ class Reaper {
 
   struct Process {
     pid_t pid;
-    UniqueFd handle;             ///< pid descriptor
-    std::optional<Usage> usage;  ///< what to log at its end; a detached process always has one
+    UniqueFd handle;             ///< pid descriptor; none once a detached process has ended
+    std::optional<Usage> usage;  ///< what to log at its end
     Kind kind;
+    EndObserver onEnd = {};  ///< of a detached process
   };
 
   /// @throws HostCtl::Lib::HostCtlException on the first call, when a descriptor cannot be had
@@ -44,7 +46,7 @@ class Reaper {
   void Wake() const;
   [[nodiscard]] bool TakeArrivals();
   [[nodiscard]] bool WaitForEvents() const;
-  static bool SeeToEnd(Process& process);
+  [[nodiscard]] static bool SeeToEnd(Process& process);
 
   UniqueFd wake_;  ///< eventfd: something arrived, or stop
   std::thread thread_;

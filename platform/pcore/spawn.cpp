@@ -249,14 +249,15 @@ Child Spawn(const std::string& commandLine, const SpawnOptions& options) {
   return {pid, std::move(handle), preparation.TakeUsage()};
 }
 
-void SpawnDetached(const std::string& commandLine, const SpawnOptions& options) {
+void SpawnDetached(const std::string& commandLine, const SpawnOptions& options, EndObserver onEnd) {
   Reaper& reaper = Reaper::Instance();
   Preparation preparation(commandLine, options);
   preparation.launch.newSession = true;
   auto [pid, handle] = StartDetached(preparation.launch);
-  if (auto usage = preparation.TakeUsage()) {
-    reaper.Adopt({pid, std::move(handle), std::move(usage), Reaper::Kind::kDetached});
-  }
+  auto usage = preparation.TakeUsage();
+  if (!usage && !onEnd) return;
+  reaper.Adopt(
+      {pid, std::move(handle), std::move(usage), Reaper::Kind::kDetached, std::move(onEnd)});
 }
 
 }  // namespace PcoreCtl

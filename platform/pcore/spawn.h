@@ -3,6 +3,7 @@
 #include <string>
 
 #include "pcore/child.h"
+#include "pcore/end_observer.h"
 
 namespace PcoreCtl {
 
@@ -38,6 +39,8 @@ struct SpawnOptions {
 Child Spawn(const std::string& commandLine, const SpawnOptions& options);
 
 /// Starts the command as Spawn does, in a session of its own and not as a child of this process.
-void SpawnDetached(const std::string& commandLine, const SpawnOptions& options);
+/// @param onEnd  told of the end of the started process
+void SpawnDetached(const std::string& commandLine, const SpawnOptions& options,
+                   EndObserver onEnd = {});
 
 }  // namespace PcoreCtl
