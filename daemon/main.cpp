@@ -17,7 +17,6 @@
 #include "lifecycle/access_lock.h"
 #include "lifecycle/paths.h"
 #include "lifecycle/startup.h"
-#include "software/command/remove_files.h"
 #include "tesselibs/feature_state.h"
 #include "tesselibs/log.h"
 #include "tesselibs/poll.h"
@@ -109,7 +108,6 @@ int main() {
   std::unique_ptr<LifeCycle::TaskFile> taskFile;
   try {
     taskFile = OpenTaskFile();
-    LifeCycle::RemoveFiles({LifeCycle::kTaskSyncFile});
     LifeCycle::FailAbandonedTasks(*taskFile);
   } catch (const std::exception& e) {
     Log_Level(2, "Failed to open the task status file %s: %s\n", LifeCycle::kTaskStatusFile.c_str(),

@@ -1,9 +1,14 @@
 #include "lifecycle/startup.h"
 
 #include <algorithm>
+#include <string>
 #include <string_view>
+#include <vector>
 
+#include "lifecycle/helper_end.h"
+#include "lifecycle/paths.h"
 #include "lifecycle/task_errors.h"
+#include "software/command/remove_files.h"
 #include "tesselibs/json_document.h"
 #include "tesselibs/log.h"
 
@@ -30,10 +35,20 @@ bool RanInProcess(const TaskDB::Record& record) {
 void FailAbandonedTasks(TaskFile& file) {
   const TaskError aborted = MakeError("com.tessel.ryx.task.aborted", ErrorKind::kError);
   const TaskDB::RecordEdit fail = TaskDB::Fail(ValueToTypedJson(*aborted));
+  const std::vector<std::string> holder = MarkerWords(kTaskSyncFile);
+  RemoveFiles({kTaskSyncFile});
+  const auto helper_is_gone = [&holder](const std::string& id) {
+    return std::ranges::count(holder, id) != 0 && !HelperLives(id);
+  };
   const auto sweep = [&](const std::string& id, TaskDB::Record& record,
                          TaskDB::Allocator& allocator) {
-    if (TaskDB::IsFinished(record) || !RanInProcess(record)) return false;
+    const bool in_process = RanInProcess(record);
+    if (TaskDB::IsFinished(record) || !(in_process || helper_is_gone(id))) return false;
     Log_Level(3, "[%s]: Task %s did not outlive the daemon\n", "FailAbandonedTasks", id.c_str());
+    if (!in_process) {
+      TaskDB::FailUnexplained()(record, allocator);
+      return true;
+    }
     // The tasks service tells of an ended task only when it knows its start, too.
     if (JsonDocument::TextOf(JsonDocument::FindMember(record, "status")) == "PENDING")
       TaskDB::Start(id)(record, allocator);

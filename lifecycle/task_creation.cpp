@@ -8,6 +8,7 @@
 
 #include "configuration/messages/api_errors.h"
 #include "lifecycle/access_lock.h"
+#include "lifecycle/helper_end.h"
 #include "lifecycle/paths.h"
 #include "lifecycle/task_file.h"
 #include "orbi/std/errors.h"
@@ -76,19 +77,20 @@ bool RecordTask(const char* name, const std::string& task_id, TaskError& error, 
 }
 
 /// One attempt to start a task's command. Why it failed is logged.
-bool StartCommand(const std::string& command, const std::string& task_id, int retries) {
+bool StartCommand(const std::string& command, const HelperTask& task, int retries) {
   static constexpr char kName[] = "RunTask";
   Log_Level(5, "[%s]: Executing command: %s\n", kName, command.c_str());
   try {
-    const int result = PcoreCtl::Util::PcoreCtl_Daemon(command, false, false, true, true);
+    const int result =
+        PcoreCtl::Util::PcoreCtl_Daemon(command, false, false, true, true, EndOfHelper(task));
     if (result == 0) return true;
     Log_Level(2,
               "[%s]: Failed to exec command for task %s: PcoreCtl_Daemon() returned %d, "
               "%d retries left\n",
-              kName, task_id.c_str(), result, retries);
+              kName, task.id.c_str(), result, retries);
   } catch (const HostCtl::Lib::HostCtlException& e) {
     Log_Level(2, "[%s]: Failed to exec command for task %s: %s, %d retries left\n", kName,
-              task_id.c_str(), e.what(), retries);
+              task.id.c_str(), e.what(), retries);
   }
   return false;
 }
@@ -126,13 +128,13 @@ std::string InitTask(const std::string& operation, TaskError& error, ErrorKind k
 }
 
 void RunTask(const std::string& command, const std::string& task_id, TaskError& error,
-             ErrorKind kind, int retries) {
+             ErrorKind kind, int retries, const std::vector<std::string>& documents) {
   if (CheckTaskContention(task_id, error, retries)) return;
   if (!RecordTask("RunTask", task_id, error, kind,
                   [&](TaskFile& file) { file.AddEmptyTask(task_id, kStatusFileRetries); }))
     return;
   for (;; --retries) {
-    if (StartCommand(command, task_id, retries)) return;
+    if (StartCommand(command, {task_id, kTaskSyncFile, documents}, retries)) return;
     if (retries == 0) break;
     sleep(1);
   }

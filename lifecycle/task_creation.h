@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "lifecycle/task_errors.h"
 
@@ -34,10 +35,12 @@ namespace LifeCycle {
 
 /// Makes a task that a helper command runs, and starts the command as a detached process. The task
 /// gets an empty record, which the command fills, as it is the command that removes the sync file.
+/// When the command is gone without having done so, the task is ended for it (see EndOfHelper).
 /// @param task_id  from GetTaskId
 /// @param error    when it is set no sync file is left; a record that was made stays
 /// @param retries  of winning the host, and again of starting the command
+/// @param documents  the command's own input files, which it removes
 void RunTask(const std::string& command, const std::string& task_id, TaskError& error,
-             ErrorKind kind, int retries);
+             ErrorKind kind, int retries, const std::vector<std::string>& documents = {});
 
 }  // namespace LifeCycle

@@ -18,6 +18,8 @@
 #include <vector>
 
 #include "lifecycle/access_lock.h"
+#include "lifecycle/helper_end.h"
+#include "lifecycle/paths.h"
 #include "lifecycle/startup.h"
 #include "lifecycle/task_file_errors.h"
 #include "orbi/date_time.h"
@@ -239,11 +241,13 @@ TEST_P(TaskFileTest, StartUpFailsWhatNoThreadWillFinish) {
   }
   file.SucceedTask("ended", "", 0);
   file.AddEmptyTask("empty", 0);
+  WriteToFile(kTaskSyncFile, "PRECURSOR: helper similar");
+  const AccessLock alive(HelperLockPath("helper"), 0);
   FailAbandonedTasks(file);
   std::string statuses;
   for (const auto& [id, task] : file.GetTasks(0)) statuses += id + "=" + task.status + " ";
   EXPECT_EQ(statuses,
-            "document=FAILED empty= ended=SUCCEEDED helper=RUNNING key=FAILED similar=RUNNING ");
+            "document=FAILED empty= ended=SUCCEEDED helper=RUNNING key=FAILED similar=FAILED ");
   EXPECT_THAT(file.GetTasks(0).at("key").exception, HasSubstr("\"com.tessel.ryx.task.aborted\""));
 }
 

@@ -34,7 +34,7 @@ void StartHelperTask(const TaskOperation& operation, const std::string& id,
       kTaskHelper + Orbi::Data::FillPlaceholders(operation.arguments, arguments);
 
   TaskError error;
-  RunTask(command, id, error, operation.errors, kRetries);
+  RunTask(command, id, error, operation.errors, kRetries, files);
   if (!error) return;
   RemoveFiles(files);
   throw OperationError(*error);

@@ -2,8 +2,9 @@
 
 The process that was started becomes the guard and forks the worker. The two are joined by a pair of sockets, over which
 each learns of the other's death. A guard whose worker ends without having recorded an outcome records the failure. A
-worker whose guard is killed works on and takes itself a new guard, so that only the death of both at once, which no
-process can do anything about, leaves a task without an end.
+worker whose guard is killed works on and takes itself a new guard, so that only the death of both at once leaves a task
+without an end. Both hold the lock named after the task's helper: the daemon, which is told when the process that it
+started ends, fails the task when that lock is free and the task has not ended.
 """
 
 import contextlib
@@ -19,22 +20,30 @@ import traceback
 from tessel_lifecycle import paths
 from tessel_lifecycle.errors import ImageError, TaskError
 from tessel_lifecycle.image import Image
+from tessel_lifecycle.lock import LockTimeout, take
 from tessel_lifecycle.task import ENDING, Terminated
 
 _GRACE = 20      # seconds that a worker has to end after it was asked to
+_PATIENCE = 1    # seconds for the lock that tells that the helper lives
 _UNRECORDED = 2  # exit code of a worker that could not record its outcome
 
 
 def run(task, work):
     """Carries out `work(task)`, which returns the task's result or raises, and ends the task. Returns the exit code."""
     signal.pthread_sigmask(signal.SIG_BLOCK, ENDING)
+    sign_of_life = _sign_of_life(task)
     mine, its = socket.socketpair()
     worker = os.fork()
     if worker:
         its.close()
         return _watch(task, worker, mine)
     mine.close()
-    _leave(lambda: _work(task, work, its))
+    _leave(lambda: _work(task, work, its, sign_of_life))
+
+
+def _sign_of_life(task):
+    with contextlib.suppress(OSError, LockTimeout):  # somebody who looks whether it is held holds it for a moment
+        return take(paths.TASK_HELPER + task.id, _PATIENCE)
 
 
 def _leave(function):
@@ -49,8 +58,8 @@ def _leave(function):
         os._exit(code)
 
 
-def _work(task, work, guard):
-    _keep_guarded(task, guard)
+def _work(task, work, guard, sign_of_life):
+    _keep_guarded(task, guard, sign_of_life)
     for number in ENDING:
         signal.signal(number, _terminated)
     try:
@@ -91,7 +100,7 @@ def _report(task, error):
             traceback.print_exception(error)
 
 
-def _keep_guarded(task, guard):
+def _keep_guarded(task, guard, sign_of_life):
     """Has the kernel send SIGIO when the guard's socket closes, and answers it with a new guard."""
     holder = [guard]
 
@@ -105,7 +114,7 @@ def _keep_guarded(task, guard):
         else:
             os.setsid()
             signal.signal(signal.SIGIO, signal.SIG_DFL)
-            _leave(lambda: _watch(task, worker, _only(mine)))
+            _leave(lambda: _watch(task, worker, _only(mine, sign_of_life)))
 
     def arm():
         fcntl.fcntl(holder[0], fcntl.F_SETOWN, os.getpid())
@@ -120,10 +129,13 @@ def _keep_guarded(task, guard):
     arm()
 
 
-def _only(kept):
-    """Closes everything else that was inherited: locks of the worker must end with the worker."""
-    os.closerange(3, kept.fileno())
-    os.closerange(kept.fileno() + 1, os.sysconf("SC_OPEN_MAX"))
+def _only(kept, also_kept):
+    """Closes everything else that was inherited: locks of the worker must end with the worker. Returns `kept`."""
+    start = 3
+    for descriptor in sorted(s.fileno() for s in (kept, also_kept) if s):
+        os.closerange(start, descriptor)
+        start = descriptor + 1
+    os.closerange(start, os.sysconf("SC_OPEN_MAX"))
     return kept
 
 
@@ -152,7 +164,7 @@ def _watch(task, worker, its_end):
     if how in (0, 1):
         return how
     Image(paths.IMAGE).discard_unfinished()
-    if not task.fail_unfinished(ImageError("UnknownError")):
+    if not task.fail(ImageError("UnknownError")):
         syslog.syslog(syslog.LOG_ERR, f"task {task.id}, {task.operation}: its worker ended with {how}")
     return 1
 

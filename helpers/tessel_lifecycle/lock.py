@@ -26,19 +26,24 @@ def lock_name(path):
 @contextlib.contextmanager
 def access_lock(path, patience):
     """Holds the lock of a path, waiting for it at most `patience` seconds. @throws LockTimeout, OSError"""
-    name, end = lock_name(path), time.monotonic() + patience
-    with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as holder:
-        while True:
-            try:
-                holder.bind(name)
-                break
-            except OSError as error:
-                if error.errno != errno.EADDRINUSE:
-                    raise
-            if time.monotonic() >= end:
-                raise LockTimeout(f"the lock of {path} is not given free")
-            time.sleep(_PAUSE)
+    with take(path, patience):
         yield
+
+
+def take(path, patience):
+    """As access_lock, but returns what holds the lock until it is closed, in this process and those forked from it."""
+    name, end = lock_name(path), time.monotonic() + patience
+    holder = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+    while True:
+        try:
+            holder.bind(name)
+            return holder
+        except OSError as error:
+            if error.errno != errno.EADDRINUSE:
+                raise
+        if time.monotonic() >= end:
+            raise LockTimeout(f"the lock of {path} is not given free")
+        time.sleep(_PAUSE)
 
 
 class LockTimeout(Exception):

@@ -6,6 +6,7 @@ TASK_DATABASE = TASK_STATUS + ".db"
 TASK_SYNC = "/var/tessel/lifecycle/lifecycle.task"
 APPLY_PID = "/var/tessel/lifecycle/lifecycle.apply.pid"
 # To each of these belongs the task's identifier.
+TASK_HELPER = TASK_SYNC + "-"  # no file, but a lock is named after it
 TASK_DOCUMENT = "/var/tessel/lifecycle/swspec-"
 DEPOTS_DOCUMENT = "/var/tessel/lifecycle/depots-"
 CONFIGURATION_DOCUMENT = "/var/tessel/lifecycle/config-"

@@ -54,8 +54,10 @@ class Task:
         self._told, self._told_at = 0, 0.0
 
     def start(self):
-        """To RUNNING."""
+        """To RUNNING. A task that was given up before is not begun: @throws Terminated"""
         def edit(record):
+            if record.get("status") in _FINISHED:
+                raise Terminated("it has ended already")
             record.update(status="RUNNING", operation=self.operation, user=_user(),
                           progress={"completed": 0, "total": 100}, startTime=utc_now())
         with uninterrupted():
@@ -90,11 +92,7 @@ class Task:
             status="SUCCEEDED", progress={"completed": 100, "total": 100}, endTime=utc_now(), result=compact(result)))
 
     def fail(self, error):
-        """To FAILED with the identifier and arguments of a TaskError."""
-        self._finish(lambda record: self._fail(record, error))
-
-    def fail_unfinished(self, error):
-        """As `fail`, unless the task has ended. Returns whether it had."""
+        """To FAILED with what a TaskError tells, unless the task has ended. Returns whether it had."""
         finished = []
 
         def edit(record):

@@ -151,6 +151,21 @@ RecordEdit Fail(const std::string& exception) {
   };
 }
 
+RecordEdit FailUnexplained() {
+  return [](Record& record, Allocator& allocator) {
+    if (FindMember(record, "progress") == nullptr) SetCompleted(record, 0, allocator);
+    if (FindMember(record, "startTime") == nullptr)
+      SetText(record, "startTime", UtcNow(), allocator);
+    Fail("")(record, allocator);
+    Record message(rapidjson::kObjectType);
+    message.AddMember("id", rapidjson::StringRef(kUnknownError), allocator);
+    message.AddMember("args", Record(rapidjson::kArrayType), allocator);
+    Record error(rapidjson::kObjectType);
+    error.AddMember("message", std::move(message), allocator);
+    Set(record, "error", std::move(error), allocator);
+  };
+}
+
 void RefuseDuplicate(const std::string& id) { Refuse(id, "Duplicate task detected."); }
 
 void RefuseMissing(const std::string& id) { Refuse(id, "Task does not exists."); }

@@ -48,6 +48,9 @@ enum class OnDuplicate { kReplace, kRefuse };
 [[nodiscard]] RecordEdit Succeed(const std::string& result);
 /// FAILED; notes the time, and the exception unless it is empty.
 [[nodiscard]] RecordEdit Fail(const std::string& exception);
+/// FAILED for a reason that nobody told: with a helper's error that says so, and with what the
+/// record of an end must have when the task never began.
+[[nodiscard]] RecordEdit FailUnexplained();
 
 /// Refuse a change for a reason that lies in the set of records.
 [[noreturn]] void RefuseDuplicate(const std::string& id);

@@ -1,0 +1,98 @@
+#include "lifecycle/helper_end.h"
+
+#include <algorithm>
+#include <exception>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <utility>
+
+#include "lifecycle/access_lock.h"
+#include "lifecycle/paths.h"
+#include "lifecycle/task_file.h"
+#include "software/command/remove_files.h"
+#include "tesselibs/json_document.h"
+#include "tesselibs/log.h"
+
+namespace LifeCycle {
+namespace {
+
+// Looks, a second apart.
+constexpr int kLooksUntilHelperBegins = 5;
+constexpr int kMostLooks = 600;
+
+/// Sees one task to its end after the process that was started for it has ended.
+class HelperEnd {
+ public:
+  explicit HelperEnd(HelperTask task) : task_(std::move(task)) {}
+
+  /// @return whether nothing is left to do
+  bool operator()() {
+    if (HelperLives(task_.id)) return false;
+    ++looks_;
+    try {
+      if (!TryToEnd()) return false;
+      FreeHost();
+      return true;
+    } catch (const std::exception& e) {
+      Log_Level(2, "[%s]: Failed to end task %s: %s\n", "EndOfHelper", task_.id.c_str(), e.what());
+    }
+    if (looks_ > kLooksUntilHelperBegins) FreeHost();
+    return looks_ >= kMostLooks;
+  }
+
+ private:
+  /// @return false when the helper may have yet to begin
+  bool TryToEnd() const {
+    bool waits = false;
+    const auto sweep = [&](const std::string& id, TaskDB::Record& record,
+                           TaskDB::Allocator& allocator) {
+      if (id != task_.id || TaskDB::IsFinished(record)) return false;
+      const bool begun = JsonDocument::FindMember(record, "status") != nullptr;
+      waits = !begun && looks_ <= kLooksUntilHelperBegins;
+      if (waits) return false;
+      Log_Level(2, "[%s]: The helper of task %s is gone without having ended it\n", "EndOfHelper",
+                id.c_str());
+      FreeHost();  // before the end is told: who sees that may start the next task at once
+      TaskDB::FailUnexplained()(record, allocator);
+      return true;
+    };
+    TaskFile(kTaskStatusFile, TaskFile::Initialise::kNever).ChangeAll(sweep, 0);
+    return !waits;
+  }
+
+  void FreeHost() const {
+    if (std::ranges::count(MarkerWords(task_.marker), task_.id) == 0) return;
+    RemoveFiles(task_.documents);
+    RemoveFiles({task_.marker});
+  }
+
+  HelperTask task_;
+  int looks_ = 0;
+};
+
+}  // namespace
+
+std::string HelperLockPath(const std::string& task_id) { return kTaskSyncFile + "-" + task_id; }
+
+bool HelperLives(const std::string& task_id) {
+  try {
+    const AccessLock lock(HelperLockPath(task_id), 0);
+    return false;
+  } catch (const AccessLockError&) {
+    return true;
+  }
+}
+
+std::vector<std::string> MarkerWords(const std::string& marker) {
+  std::string text(4096, '\0');
+  std::ifstream file(marker);
+  file.read(text.data(), static_cast<std::streamsize>(text.size()));
+  text.resize(static_cast<std::size_t>(file.gcount()));
+  std::istringstream words(text);
+  return {std::istream_iterator<std::string>(words), {}};
+}
+
+PcoreCtl::EndObserver EndOfHelper(HelperTask task) { return HelperEnd(std::move(task)); }
+
+}  // namespace LifeCycle

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "pcore/end_observer.h"
+
+/// The end of a task whose helper is gone without having ended it: was killed as a whole, or died
+/// before it could look after itself.
+///
+/// A helper's processes hold the access lock named after HelperLockPath of their task for as long
+/// as one of them lives. Whoever gets that lock once the helper has begun knows that no process is
+/// left that could end the task.
+namespace LifeCycle {
+
+/// What a helper was started with and leaves behind.
+struct HelperTask {
+  std::string id;
+  std::string marker;                  ///< file that keeps other tasks out while it names this one
+  std::vector<std::string> documents;  ///< the helper's own input files
+};
+
+/// The path that the lock of a task's helper is named after. There is no file.
+[[nodiscard]] std::string HelperLockPath(const std::string& task_id);
+
+/// @return whether a process of the task's helper lives, as far as can be told
+[[nodiscard]] bool HelperLives(const std::string& task_id);
+
+/// @return the words in a marker file, of which one is the identifier of the task that it is for
+[[nodiscard]] std::vector<std::string> MarkerWords(const std::string& marker);
+
+/// The observer to start a task's helper with. When no process of the helper is left, the documents
+/// and the marker go if the marker names the task, and a task that has not ended is FAILED with
+/// "com.tessel.pelorus.lifecycle.RyxImage.UnknownError".
+///
+/// A helper that ends without having written to its record may have handed over to a process that
+/// has yet to begin, which it has five seconds for. Records that cannot be written, or are in use,
+/// are tried again for ten minutes.
+[[nodiscard]] PcoreCtl::EndObserver EndOfHelper(HelperTask task);
+
+}  // namespace LifeCycle
