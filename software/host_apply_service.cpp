@@ -9,6 +9,7 @@
 #include "configuration/messages/api_errors.h"
 #include "lifecycle/access_lock.h"
 #include "lifecycle/complete_operation.h"
+#include "lifecycle/helper_end.h"
 #include "lifecycle/paths.h"
 #include "lifecycle/task_errors.h"
 #include "lifecycle/task_file.h"
@@ -61,6 +62,7 @@ class FilesForHelper {
     paths_.push_back(path);
   }
   void HandOver() { paths_.clear(); }
+  [[nodiscard]] const std::vector<std::string>& paths() const { return paths_; }
 
  private:
   std::vector<std::string> paths_;
@@ -132,10 +134,11 @@ void RecordTask(const std::string& id) {
   }
 }
 
-void StartHelper(const std::string& command) {
+void StartHelper(const std::string& command, const HelperTask& task) {
   Log_Level(5, "[%s]: Running task: %s\n", kSet.name, command.c_str());
   try {
-    const int result = PcoreCtl::Util::PcoreCtl_Daemon(command, false, false, true, true);
+    const int result =
+        PcoreCtl::Util::PcoreCtl_Daemon(command, false, false, true, true, EndOfHelper(task));
     if (result != 0)
       throw std::runtime_error("PcoreCtl_Daemon() returned " + std::to_string(result));
   } catch (const std::exception& e) {
@@ -152,9 +155,10 @@ std::string StartApply(const SetInput& input) {
   FilesForHelper pid_file;
   ClaimHost(id, pid_file);
   RecordTask(id);
-  StartHelper(kLifecycleHelper +
-              ::Orbi::Data::FillPlaceholders(kSet.arguments,
-                                             {id, std::to_string(kCleanupInterval), options}));
+  StartHelper(
+      kLifecycleHelper + ::Orbi::Data::FillPlaceholders(
+                             kSet.arguments, {id, std::to_string(kCleanupInterval), options}),
+      {id, kApplyPidFile, documents.paths()});
   pid_file.HandOver();
   documents.HandOver();
   return id;
