@@ -153,24 +153,6 @@ def test_components_and_solutions(host, sample_depot):
     assert json.loads(host.run("ryx --get")[1])["version"] == "8.0.2-1"
 
 
-def test_an_extracted_depot_makes_another_host_the_same(host, sample_depot, tmp_path):
-    spec = FULL | {"components": {}, "solutions": SOLUTION}
-    host.result(APPLY.format(sample_depot), spec)
-    before = host.run("component --list")[1], files_below("image/a/root")
-    location = host.result("depots --extract --task-id ID")["location"]
-    shutil.move(location.removeprefix("file://"), tmp_path / "extracted")
-    for entry in LIFECYCLE.iterdir():
-        shutil.rmtree(entry) if entry.is_dir() else entry.unlink()
-    host.result(APPLY.format(f"file://{tmp_path}/extracted"), spec)
-    assert (host.run("component --list")[1], files_below("image/a/root")) == before
-
-
-def files_below(folder):
-    root = LIFECYCLE / folder
-    return {str(p.relative_to(root)): (p.stat().st_mode, p.is_symlink(), p.read_bytes() if p.is_file() else None)
-            for p in root.rglob("*")}
-
-
 def test_what_has_changed_is_not_extracted(host, sample_depot):
     host.result(APPLY.format(sample_depot), FULL)
     (LIFECYCLE / "image/a/root/etc/ryx/motd").write_text("edited")
