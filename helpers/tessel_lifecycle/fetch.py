@@ -109,37 +109,51 @@ class Source:
         `on_bytes` hears of bytes as they come, and of a negative number when some came in vain.
         @throws FetchError; OSError when the file cannot be written
         """
-        part = path + ".part"
+        part, counted = path + ".part", 0
+
+        def count(number):
+            nonlocal counted
+            counted += number
+            on_bytes(number)
+
+        def attempt():
+            done = False
+            while not done:
+                count(-counted)  # each try counts what it finds
+                done = self._continue(name, part, size, sha256, count)
         try:
-            self._try(name, lambda: self._continue(name, part, size, sha256, on_bytes))
+            self._try(name, attempt)
             os.rename(part, path)
         except _DiskError as error:
             raise error.__cause__
 
     def _continue(self, name, part, size, sha256, on_bytes):
+        """Brings what a part file lacks. Returns False when it was begun earlier and is of no use: it is gone then."""
         with _disk_errors():
             file = open(os.open(part, os.O_RDWR | os.O_CREAT | os.O_CLOEXEC, 0o600), "r+b")
         with file:
-            have = file.seek(0, os.SEEK_END)
+            have = begun = file.seek(0, os.SEEK_END)
             on_bytes(have)
             if have < size:
                 stream, offset = self.open(name, have, self._deadline(size))
                 with stream:
                     if offset != have:
                         on_bytes(-have)
-                        have = file.seek(0)
+                        have = begun = file.seek(0)
                         file.truncate()
                     have += _copy(stream, file, size - have, on_bytes)
             with _disk_errors():
                 file.flush()
                 os.fsync(file.fileno())
-        if have == size and files.sha256(part) == sha256:
-            return
-        on_bytes(-have)
         if have < size:
             raise OSError(f"ended after {have} of {size} bytes")
-        files.remove(part)
-        raise ContentError(self.url(name), "not the announced size and digest")
+        if have == size and files.sha256(part) == sha256:
+            return True
+        with _disk_errors():
+            os.unlink(part)
+        if not begun:
+            raise ContentError(self.url(name), "not the announced size and digest")
+        return False
 
     def _deadline(self, size):
         return time.monotonic() + self.patience.limit + size / self.patience.slowest

@@ -41,13 +41,17 @@ class HttpSource(Source):
         headers = {"User-Agent": "imagemanagerctl", "Accept-Encoding": "identity", "Connection": "close"}
         if offset:
             headers["Range"] = f"bytes={offset}-"
-        connection.request("GET", parts.path or "/", headers=headers)
+        connection.request("GET", (parts.path or "/") + ("?" + parts.query if parts.query else ""), headers=headers)
         return connection.getresponse()
 
     def _accept(self, response, name, offset, deadline):
+        lengths = set(response.headers.get_all("Content-Length", ()))
+        if len(lengths) > 1 or not all(length.isdecimal() for length in lengths):
+            raise OSError(f"Content-Length {', '.join(lengths):.80}")  # RFC 9112, 6.3
         if response.status == 200:
             return response, 0
-        if response.status == 206 and (response.getheader("Content-Range") or "").startswith(f"bytes {offset}-"):
+        content_range = response.getheader("Content-Range") or ""
+        if offset and response.status == 206 and content_range.startswith(f"bytes {offset}-"):
             return response, offset
         response.close()
         if offset and response.status in (206, 416):

@@ -6,7 +6,8 @@ import time
 
 
 class TimedResponse(http.client.HTTPResponse):
-    """Gives up at a deadline, however the server spreads its bytes, those of the head included."""
+    """Gives up at a deadline, however the server spreads its bytes, those of the head included, and tells a body that
+    ends before its announced length."""
 
     def __init__(self, sock, *args, deadline, **kwargs):
         super().__init__(sock, *args, **kwargs)
@@ -15,9 +16,12 @@ class TimedResponse(http.client.HTTPResponse):
 
     def read1(self, length):
         try:
-            return super().read1(length)
+            data = super().read1(length)
         except (http.client.HTTPException, ValueError) as error:
             raise OSError(f"not an answer in HTTP: {error!r:.200}") from error
+        if not data and self.length:
+            raise OSError(f"ended {self.length} bytes early")
+        return data
 
 
 class _TimedInput(io.RawIOBase):

@@ -1,91 +1,15 @@
 """Downloads from real servers that behave, and from ones that do not."""
 
 import hashlib
-import socket
-import threading
+import os
 
 import pytest
+from misbehaving_server import Server, answer, drip, drip_body, endless, hang, redirect
 from tessel_lifecycle.fetch import ContentError, FetchError, Patience, open_source
 
 CONTENT = bytes(range(256)) * 2000
 DIGEST = hashlib.sha256(CONTENT).hexdigest()
 PATIENCE = Patience(attempts=3, timeout=0.3, pause=0, limit=0.6, slowest=10 << 20)
-
-
-class Server:
-    """Answers the n-th connection with the n-th of some scripts, the last one again and again; keeps the requests.
-
-    A script gets the connected socket after the request's head and writes what it likes.
-    """
-
-    def __init__(self, *scripts):
-        self.requests, self._scripts = [], list(scripts)
-        self._listener = socket.create_server(("127.0.0.1", 0))
-        self.url = "http://127.0.0.1:%d" % self._listener.getsockname()[1]
-        self._stopped = threading.Event()
-        threading.Thread(target=self._serve, daemon=True).start()
-
-    def _serve(self):
-        while not self._stopped.is_set():
-            try:
-                connection, _ = self._listener.accept()
-            except OSError:
-                return
-            threading.Thread(target=self._answer, args=(connection,), daemon=True).start()
-
-    def _answer(self, connection):
-        with connection:
-            head = b""
-            while b"\r\n\r\n" not in head and (data := connection.recv(4096)):
-                head += data
-            self.requests.append(head.decode())
-            script = self._scripts.pop(0) if len(self._scripts) > 1 else self._scripts[0]
-            try:
-                script(self, connection)
-            except OSError:
-                pass  # the client has gone, as it should
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
-        self._stopped.set()
-        self._listener.close()
-
-
-def answer(status, body=b"", *headers, length=None):
-    def script(_, connection):
-        lines = [f"HTTP/1.1 {status} x", f"Content-Length: {len(body) if length is None else length}", *headers]
-        connection.sendall("\r\n".join(lines).encode() + b"\r\n\r\n" + body)
-    return script
-
-
-def redirect(target):
-    def script(server, connection):
-        answer(302, b"", "Location: " + target.replace("SELF", server.url))(server, connection)
-    return script
-
-
-def hang(server, _):
-    server._stopped.wait(30)
-
-
-def drip(server, connection):
-    connection.sendall(b"HTTP/1.1 200 OK\r\n")
-    while not server._stopped.wait(0.05):
-        connection.sendall(b"x")
-
-
-def drip_body(server, connection):
-    connection.sendall(b"HTTP/1.1 200 OK\r\n\r\n")
-    drip(server, connection)
-
-
-def endless(server, connection):
-    connection.sendall(b"HTTP/1.1 200 OK\r\n\r\n")
-    while not server._stopped.is_set():
-        connection.sendall(bytes(1 << 16))
-
 
 FULL = answer(200, CONTENT)
 HALF = answer(200, CONTENT[:300000], length=len(CONTENT))
@@ -107,7 +31,9 @@ GOOD = {
     "after hanging": [hang, FULL],
     "after wrong content": [answer(200, CONTENT[::-1]), FULL],
     "after too much": [answer(200, CONTENT + b"x"), FULL],
-    "redirected": [redirect("SELF/other/place"), FULL],
+    "redirected": [redirect("SELF/other/place?token=a%20b"), FULL],
+    "after lengths that contradict": [answer(200, CONTENT, "Content-Length: 5"), FULL],
+    "after a length that is none": [answer(200, CONTENT, length="-5"), FULL],
 }
 
 
@@ -121,6 +47,26 @@ def test_download_ends_well(case, tmp_path):
     assert len(requests) == len(GOOD[case])
     if "half" in case:
         assert "Range: bytes=300000-" in requests[1]
+    if case == "redirected":
+        assert requests[1].startswith("GET /other/place?token=a%20b ")
+
+
+@pytest.mark.parametrize("left, requests", [
+    (CONTENT[:300000], ["Range: bytes=300000-"]), (CONTENT, []), (b"?" * 300000, ["Range: bytes=300000-", ""]),
+    (CONTENT[::-1], [""]), (CONTENT + b"?", [""])], ids=["begun", "whole", "garbage", "full of garbage", "too long"])
+@pytest.mark.parametrize("local", [False, True])
+def test_a_part_file_of_an_earlier_run(left, requests, local, tmp_path):
+    """A server is asked for what is missing; what was left in vain does not count as a try, of which there is one."""
+    (tmp_path / "got.part").write_bytes(left)
+    (tmp_path / "f").write_bytes(CONTENT)
+    heard, once = [], Patience(attempts=1, timeout=2, pause=0, limit=2)
+    with Server(*[rest(300000) if request else FULL for request in requests] or [hang]) as server:
+        source = open_source(str(tmp_path) if local else server.url, once)
+        source.download("f", str(tmp_path / "got"), len(CONTENT), DIGEST, heard.append)
+        asked = server.requests
+    assert (tmp_path / "got").read_bytes() == CONTENT and sum(heard) == len(CONTENT)
+    assert local or ["".join(line for line in r.split("\r\n") if line.startswith("Range")) for r in asked] == requests
+    assert sorted(os.listdir(tmp_path)) == ["f", "got"]
 
 
 BAD = {
@@ -129,7 +75,8 @@ BAD = {
     "always wrong": (answer(200, CONTENT[::-1]), 3), "endless": (endless, 3),
     "redirects in a circle": (redirect("SELF/f"), 6), "redirects to a file": (redirect("file:///etc/passwd"), 1),
     "redirects nowhere": (redirect(""), 6), "redirects to no URL": (redirect("http://[::1"), 1),
-    "endless head": (answer(200, CONTENT, "X: " + "y" * 70000), 3),
+    "endless head": (answer(200, CONTENT, "X: " + "y" * 70000), 3), "empty": (answer(204), 1),
+    "only a part, unasked": (rest(0), 1), "redirects to a word and a password": (redirect("http://a:b@127.0.0.1/"), 1),
 }
 
 
@@ -145,7 +92,10 @@ def test_download_is_given_up(case, tmp_path):
     assert not part.exists() or part.stat().st_size <= len(CONTENT) + 1
 
 
-def test_endless_metadata_is_not_stored():
+def test_an_index_is_whole_or_asked_for_again():
+    """It has no digest: only its announced length tells that a part of it is missing."""
+    with Server(answer(200, b"{}", length=9), FULL) as server:
+        assert open_source(server.url, PATIENCE).read("index.json", 1 << 20) == CONTENT
     with Server(endless) as server:
         with pytest.raises(ContentError):
             open_source(server.url, PATIENCE).read("index.json", 1 << 20)
