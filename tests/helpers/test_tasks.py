@@ -1,5 +1,6 @@
 """Records of tasks: how they begin, go on and end, whatever happens to the processes and files involved."""
 
+import contextlib
 import json
 import os
 import pathlib
@@ -175,8 +176,9 @@ def test_many_writers_lose_no_record(host, sample_depot):
 
 
 def rows():
-    with sqlite3.connect(paths.TASK_DATABASE) as database:
+    with sqlite3.connect(paths.TASK_DATABASE) as database, contextlib.suppress(sqlite3.OperationalError):
         return database.execute("SELECT id, record FROM tasks").fetchall()
+    return []  # the table is only being made
 
 
 def test_records_live_in_the_database_behind_the_switch(host, slow_depot):
