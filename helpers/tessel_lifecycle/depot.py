@@ -3,7 +3,7 @@
 import io
 
 from tessel_lifecycle.archive import ARCHIVE_ERRORS, ZipReader
-from tessel_lifecycle.document import Fields, is_name, list_of, parse, sha256, size, text
+from tessel_lifecycle.document import Fields, list_of, parse, sha256, shallow, size, text
 from tessel_lifecycle.errors import ImageError
 from tessel_lifecycle.fetch import FetchError, open_source
 from tessel_lifecycle.metadata import KINDS, Catalogue, relative_path
@@ -79,12 +79,12 @@ class Depot:
         with ZipReader(io.BytesIO(data)) as archive:
             for member in archive.names():
                 folder, _, name = member.partition("/")
-                if folder not in KINDS or name and not (is_name(name) and name.endswith(".json")):
+                if folder not in KINDS or "/" in name or name and not name.endswith(".json"):
                     raise ValueError(f"{member!r:.200} has no place in metadata")
                 if name and folder in kinds:
                     content = archive.read(member, min(MOST_DOCUMENT, most - read))
                     read += len(content)
-                    unit = KINDS[folder](parse(content))
+                    unit = KINDS[folder](shallow(parse(content)))
                     unit.depot = self
                     catalogue.add(unit)
         return read

@@ -23,7 +23,7 @@ class DepotWriter:
 
     def add(self, unit):
         """Takes a described unit."""
-        name = "-".join(part for part in (getattr(unit, "name", ""), unit.version.text) if part)
+        name = getattr(unit, "name", "base") + "_" + unit.version.text  # a version has no '_', but may follow a '-'
         self._members[f"{unit.folder}/{name}.json"] = unit.document
 
     def add_pax(self, document, root, listed):

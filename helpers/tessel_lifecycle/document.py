@@ -35,6 +35,20 @@ def parse(data):
     return value
 
 
+MOST_DEPTH = 100
+
+
+def shallow(value):
+    """The value, if it is not nested so deeply that something may fail to write it or to read it back."""
+    level = [value]
+    for _ in range(MOST_DEPTH):
+        level = [child for parent in level if isinstance(parent, (dict, list))
+                 for child in (parent.values() if isinstance(parent, dict) else parent)]
+        if not level:
+            return value
+    raise ValueError("nested too deeply")
+
+
 def compact(value):
     """The JSON text of a value on one line, ASCII only."""
     return json.dumps(value, separators=(",", ":"))
@@ -79,16 +93,12 @@ def text(value):
 
 
 def name(value):
-    """A name that is safe in a path and as one word of a command line."""
-    if not is_name(value):
+    """A name that is safe in a path and as one word of a command line: letters, digits, '.', '_' and '-', of which the
+    first is a letter or digit."""
+    if (not isinstance(value, str) or not 0 < len(value) <= 128 or not value.isascii() or not value[0].isalnum()
+            or not all(c.isalnum() or c in "._-" for c in value)):
         raise ValueError(f"not a name: {value!r:.80}")
     return value
-
-
-def is_name(value):
-    """Whether a value is a string of letters, digits, '.', '_' and '-' that starts with a letter or digit."""
-    return (isinstance(value, str) and 0 < len(value) <= 128 and value.isascii() and value[0].isalnum()
-            and all(c.isalnum() or c in "._-" for c in value))
 
 
 def size(value):

@@ -224,7 +224,7 @@ class Descriptor(Unit):
         self.depends = fields.take("depends", list_of(Relation), [])
         self.files = fields.take("files", list_of(PayloadFile, self.MOST_FILES))
         self.installed_size = sum(file.size for file in self.files if file.type == "file")
-        if self.installed_size > self.MOST_INSTALLED:
+        if max(self.installed_size, self.payload_size) > self.MOST_INSTALLED:
             raise ValueError("payload is too large")
         problem = content_problem([self])
         if problem:

@@ -1,6 +1,7 @@
 """PAX files: a zip with `descriptor.json` and one xz-packed tar archive of the files to install."""
 
 import contextlib
+import errno
 import hashlib
 import os
 import stat
@@ -102,7 +103,9 @@ def set_directory_modes(root, listed):
 def _format_errors(descriptor):
     try:
         yield
-    except ARCHIVE_ERRORS as error:
+    except (*ARCHIVE_ERRORS, OSError) as error:
+        if isinstance(error, OSError) and error.errno != errno.EINVAL:  # a zip's directory may lead before it
+            raise
         raise ImageError("PaxFormatError", descriptor.label, detail=error) from error
 
 
@@ -141,7 +144,7 @@ def create(path, document, root, listed):
                 _pack(tar, file, os.path.join(root, file.path))
         document = document | {"payload": {"name": PAYLOAD, "size": os.path.getsize(packed),
                                            "sha256": files.sha256(packed)}}
-        with zipfile.ZipFile(path, "w") as archive:
+        with zipfile.ZipFile(path, "x") as archive:
             add_member(archive, DESCRIPTOR, content=compact(document).encode())
             add_member(archive, PAYLOAD, source=packed)
     finally:

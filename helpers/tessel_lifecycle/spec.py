@@ -1,6 +1,6 @@
 """The software specification: what a host should run."""
 
-from tessel_lifecycle.document import FieldError, Fields, list_of, map_of, name, parse
+from tessel_lifecycle.document import FieldError, Fields, list_of, map_of, name, parse, shallow
 from tessel_lifecycle.errors import ImageError
 from tessel_lifecycle.version import Version
 
@@ -43,7 +43,7 @@ class SoftwareSpec:
 def parse_spec(data):
     """The specification in a JSON text. @throws ImageError"""
     try:
-        return SoftwareSpec(parse(data))
+        return SoftwareSpec(shallow(parse(data)))
     except FieldError as error:
         raise ImageError("SoftwareSpecFormatError", error.field, detail=error) from error
     except ValueError as error:

@@ -3,6 +3,7 @@
 import functools
 import re
 
+MOST_LENGTH = 100  # with a name of the longest, it is still a file's name
 _FORM = re.compile(r"[0-9]{1,9}(\.[0-9]{1,9}){0,15}(-[0-9]{1,9}(\.[0-9]{1,9}){0,15})?")
 
 
@@ -23,7 +24,7 @@ class Version:
     __slots__ = ("text", "_key")
 
     def __init__(self, text):
-        if not isinstance(text, str) or not _FORM.fullmatch(text):
+        if not isinstance(text, str) or len(text) > MOST_LENGTH or not _FORM.fullmatch(text):
             raise ValueError(f"not a version: {text!r:.80}")
         version, _, release = text.partition("-")
         self.text, self._key = text, (_numbers(version), _numbers(release))

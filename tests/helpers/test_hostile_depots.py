@@ -12,14 +12,16 @@ import zipfile
 import zlib
 
 import pytest
-from depot_maker import DATE, tar, write_metadata, write_raw_metadata
-from tessel_lifecycle import pax
+from depot_maker import (DATE, base_image, package, reference, tar, write_depot, write_metadata, write_raw_metadata)
+from misbehaving_server import Server, answer, drip_body, endless, hang, redirect
+from tessel_lifecycle import install, pax
 from tessel_lifecycle.depot import Depot
 from tessel_lifecycle.errors import ImageError
 from tessel_lifecycle.fetch import Patience
+from tessel_lifecycle.image import Image
 from tessel_lifecycle.metadata import Descriptor
 
-ONCE = Patience(attempts=1, timeout=2, pause=0, limit=2)
+ONCE = Patience(attempts=1, timeout=0.3, pause=0, limit=0.6, slowest=10 << 20)
 BASE = {"version": "8.0-1", "release_date": DATE, "components": {}}
 MEMBER = "base_images/b.json"
 
@@ -28,6 +30,15 @@ def read_error(location):
     with pytest.raises(ImageError) as error:
         Depot(str(location), ONCE).catalogue()
     return error.value.name
+
+
+def twice():
+    """A zip file with two members of one name."""
+    buffer = io.BytesIO()
+    with zipfile.ZipFile(buffer, "w") as archive:
+        archive.writestr(MEMBER, json.dumps(BASE))
+        archive.writestr(MEMBER[::-1], json.dumps(BASE | {"vendor": "other"}))
+    return buffer.getvalue().replace(MEMBER[::-1].encode(), MEMBER.encode())
 
 
 def bomb():
@@ -50,8 +61,10 @@ BAD_METADATA = {
     "half a surrogate": {MEMBER: json.dumps(BASE | {"vendor": "\ud800"})[:-1].encode() + b"}"},
     "not a number": {MEMBER: b'{"version": NaN}'},
     "deep nesting": {MEMBER: b"[" * 100000 + b"]" * 100000},
+    "deep nesting where nobody looks": {MEMBER: json.dumps(BASE)[:-1].encode() + b',"x":' + b"[" * 500 + b"]" * 500 + b"}"},
     "version of a wrong type": {MEMBER: BASE | {"version": 8}},
     "component's name climbs": {MEMBER: BASE | {"components": {"../core": "1"}}},
+    "version without end": {MEMBER: BASE | {"version": "1" + ".123456789" * 12}},
     "date that is none": {MEMBER: BASE | {"release_date": "2026-13-02T00:00:00.000Z"}},
     "member climbs out": {"../" + MEMBER: BASE},
     "member is absolute": {"/" + MEMBER: BASE},
@@ -79,6 +92,7 @@ def good_zip():
 
 RAW = {
     "bomb": (bomb(), {}, "MetadataFormatError"),
+    "one name twice": (twice(), {}, "MetadataFormatError"),
     "cut off": (good_zip()[:-30], {}, "MetadataFormatError"),
     "directory of 4 GiB": (good_zip()[:-10] + b"\xff\xff\xff\xff" + good_zip()[-6:], {}, "MetadataFormatError"),
     "wrong digest": (good_zip(), {"sha256": "0" * 64}, "MetadataDownloadError"),
@@ -116,6 +130,32 @@ def test_bad_indexes(index, name, tmp_path):
     "file:///a%00b"])
 def test_places_that_can_be_no_depot(location):
     assert read_error(location) == "DepotConnectError"
+
+
+UNREACHED = ("DepotConnectError", []), ("MetadataDownloadError", ["URL/metadata.zip"]), (
+    "PaxDownloadError", ["URL/paxs/p-1-1.pax"])
+WRONG = *UNREACHED[:2], ("PaxSigDigestError", ["p(1-1)"])
+BAD_SERVERS = {
+    "404": (answer(404), UNREACHED), "hangs": (hang, UNREACHED), "half": (answer(200, b"{", length=500), UNREACHED),
+    "redirected to a file": (redirect("file:///etc/passwd"), UNREACHED), "gigabytes": (endless, WRONG),
+    "redirected in a circle": (redirect("SELF/"), UNREACHED), "drips": (drip_body, UNREACHED),
+    "other content": (answer(200, b"?" * 9999), (("MetadataFormatError", ["URL/index.json"]), *WRONG[1:])),
+}
+
+
+@pytest.mark.parametrize("place", range(3), ids=["index", "metadata", "package"])
+@pytest.mark.parametrize("case", BAD_SERVERS)
+def test_what_a_bad_server_is_told_as(case, place, tmp_path):
+    script, told = BAD_SERVERS[case]
+    files = [tmp_path / "depot" / name for name in ("index.json", "metadata.zip", "paxs/p-1-1.pax")]
+    write_depot(tmp_path / "depot", base_image(paxs=[reference("p")]), package("p", {"etc/x": "x"}))
+    with Server(*[answer(200, file.read_bytes()) for file in files[:place]], script) as server:
+        with pytest.raises(ImageError) as error:
+            (offered,) = Depot(server.url, ONCE).catalogue().paxs.values()
+            install.stage(Image(str(tmp_path / "image")), [offered], lambda percent: None, 0, 1)
+        name, arguments = told[place]
+        assert (error.value.name, error.value.arguments) == (name, [a.replace("URL", server.url) for a in arguments])
+    assert sum(path.stat().st_size for path in (tmp_path / "image").rglob("*.part")) < 9999
 
 
 def descriptor(files, payload=b"", **more):
