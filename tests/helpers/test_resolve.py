@@ -71,6 +71,25 @@ def test_chosen_components(case):
 
 
 REFUSED = {
+    "unknown base image": (spec(), [base_image("8.0-2")], "BaseImageNotFound", ["8.0-1"]),
+    "unknown component at all": (spec({"none": None}), [], "ComponentNotFoundError", ["none"]),
+    "unknown version of a component": (spec({"net": "2-3"}), [], "ComponentNotFoundError", ["net(2-3)"]),
+    "unknown solution": (spec(solutions={"s": []}), [solution("t", {})], "SolutionNotFound", ["s", "1-1"]),
+    "unknown version of a solution": (
+        spec(solutions={"s": []}), [solution("s", {}, "2-1")], "SolutionNotFound", ["s", "1-1"]),
+    "unknown hardware support": (
+        spec(support=["other"]), [manifest("m")], "HardwareSupportPackageNotFound", ["other", "rack", "1-1"]),
+    "two hardware support packages": (
+        spec(support=["hsm", "two"]), [manifest("m"), ("manifests", manifest("n")[1] | {"manager": "two"})],
+        "MultipleManifestError", []),
+    "add-on that removes what is absent": (
+        spec(add_on="oem"), [add_on("oem", removed_components=["extra"])], "AddonValidationError", ["oem"]),
+    "not the solution's component": (
+        spec(solutions={"s": ["extra"]}), [solution("s", {"net": "*"})], "SolutionComponentNotFound", ["extra", "s"]),
+    "no candidates go together": (
+        spec(solutions={"s": []}), [solution("s", {"x": "*", "y": "*"}), component("x", conflicts={"y": "*"}),
+                                    component("x", "2-1", depends={"y": ">1-1"}), component("y")],
+        "IncompatibleSolutionCompsError", ["x, y", "s"]),
     "unknown component": (spec({"none": "1-1"}), [], "ComponentNotFoundError", ["none(1-1)"]),
     "unknown add-on": (spec(add_on="oem"), [], "AddonNotFound", ["oem", "1-1"]),
     "add-on for another base image": (
