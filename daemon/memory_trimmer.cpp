@@ -13,7 +13,7 @@ namespace Host::Settings::SettingsApi {
 namespace {
 
 constexpr std::chrono::seconds kInterval{10};
-constexpr std::size_t kWorthTrimming = std::size_t{32} << 20;
+constexpr std::size_t kWorthTrimming = std::size_t{16} << 20;
 
 /// Physical memory of the process in bytes.
 std::size_t ResidentMemory() {

@@ -9,7 +9,8 @@ namespace Host::Settings::SettingsApi {
 ///
 /// The allocator keeps what is free below a block in use: without this, one answer of fifty
 /// megabytes leaves the process with half a gigabyte for good. It looks every ten seconds, on the
-/// thread that runs the I/O context, and does nothing while less than 32 MiB are to be had.
+/// thread that runs the I/O context, and does nothing while less than 16 MiB beyond what is in use
+/// are resident.
 class MemoryTrimmer {
  public:
   /// @param io  must not run any more when the trimmer is destroyed
