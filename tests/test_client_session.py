@@ -3,6 +3,7 @@
 import contextlib
 import datetime
 import difflib
+import functools
 import json
 import pathlib
 import re
@@ -13,14 +14,12 @@ import textwrap
 import pytest
 
 from sandboxed_host import BINARIES, PORT, served, wait_until
+from orbi_client import envelope
 
 SESSIONS = pathlib.Path(__file__).parent / "sessions"
-NAMES = SESSIONS / "names.let"
 HELPERS = (pathlib.Path("/usr/bin/python"), BINARIES / "lifecyclectl.py")  # the first runs imagemanagerctl.py
-USER_PASS = "com.tessel.orbi.std.security.user_pass"
 UUID = r"[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}"
-VOLATILE = {UUID: "<task>", r"\b[0-9a-f]{64}\b": "<sha256>",
-            r'(?<="completed": )\d\d?\b': "<percent>",
+VOLATILE = {UUID: "<task>", r"\b[0-9a-f]{64}\b": "<sha256>", r'(?<="completed": )\d\d?\b': "<percent>",
             r'((?:payload_size|download_size|downloaded|"size)": )[1-9]\d*': r"\1<bytes>"}
 TIME = r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z"
 
@@ -40,15 +39,11 @@ def parse(text):
 
 def render(steps):
     """The lines of a transcript, none too long to be compared by eye."""
+    wrap = functools.partial(textwrap.wrap, width=120, break_long_words=False, break_on_hyphens=False)
     for line, *rows in steps:
-        yield from wrap(line, "", "    ") or [""]
+        yield from wrap(line, subsequent_indent="    ") or [""]
         for row in rows:
-            yield from wrap(row, "  ", "      ")
-
-
-def wrap(text, first, rest):
-    return textwrap.wrap(text, 120, initial_indent=first, subsequent_indent=rest, break_long_words=False,
-                         break_on_hyphens=False)
+            yield from wrap(row, initial_indent="  ", subsequent_indent="      ")
 
 
 @contextlib.contextmanager
@@ -85,13 +80,13 @@ class Session:
             return self._shell(self._filled(rest))
         elif word and not word.startswith("#"):
             cases = (row.partition("=>")[0].strip() for row in rows)
-            return [f"{case} => {self._case(word, rest, case)}".strip() for case in cases]
+            return [f"{case} => {self._case(word, rest or '{}', case)}".strip() for case in cases]
         return []
 
     def _shell(self, command):
-        ended = subprocess.run(["/bin/bash", "-c", command], stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                               text=True, timeout=60, check=False)
-        return [self._told(line) for line in ended.stdout.split("\n") if line]
+        printed = subprocess.run(["/bin/bash", "-c", command], stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                                 text=True, timeout=60, check=False).stdout
+        return [self._told(line) for line in printed.split("\n") if line]
 
     def _case(self, operation, fields, case):
         """The answer to one call. `case` tells what is special: a helper of its own, a caller, values of a name."""
@@ -101,38 +96,35 @@ class Session:
                 return self._call(operation, fields)
         if kind == "as":
             return self._call(operation, fields, *what.split("/"))
-        if kind.startswith("<"):
-            values = json.loads(self._filled(what.removeprefix("in ")))
-            answers = {v: self._call(operation, fields.replace(kind, json.dumps(v))) for v in values}
-            return " ".join(answers.values() if len(set(answers.values())) > 1 else set(answers.values()))
-        return self._call(operation, fields)
+        if not kind:
+            return self._call(operation, fields)
+        values = json.loads(self._filled(what.removeprefix("in ")))
+        answers = [self._call(operation, fields.replace(kind, json.dumps(value))) for value in values]
+        return answers[0] if len(set(answers)) == 1 else " ".join(f"{v!r}: {a}" for v, a in zip(values, answers))
 
-    def _call(self, operation, fields, user="root", password="kestrel"):
-        result = self._curl(self._service, operation, self._filled(fields or "{}"), user, password)
-        task = result.get("output")
-        if isinstance(task, str) and re.fullmatch(UUID, task):
-            return self._told(json.dumps(wait_until(lambda: self._ended(task), what=f"the end of {operation}")))
-        return self._told(self._error(result["error"]) if "error" in result else json.dumps(task))
+    def _call(self, operation, fields, *credentials):
+        result = self._curl(self._service, operation, json.loads(self._filled(fields)), *credentials)
+        output = result.get("output")
+        if isinstance(output, str) and re.fullmatch(UUID, output):
+            output = wait_until(lambda: self._ended(output), what=f"the end of {operation}")
+        return self._told(self._error(result["error"]) if "error" in result else json.dumps(output))
 
     def _ended(self, task):
         """The record of a task, once it has ended; its error in the form of any other."""
-        record = self._curl("com.tessel.cis.tasks", "get", json.dumps({"task": task}), "root", "kestrel")["output"]
+        record = self._curl("com.tessel.cis.tasks", "get", {"task": task})["output"]
         if "error" in record:
             record["error"] = self._error(record["error"])
         return record["status"] in ("SUCCEEDED", "FAILED") and record
 
-    def _curl(self, service, operation, fields, user, password):
+    @staticmethod
+    def _curl(service, operation, fields, user="root", password="kestrel"):
         """The result of a call, with the member "output" or "error"."""
-        body = ('{"jsonrpc": "2.0", "id": "s", "method": "invoke", "params": {"serviceId": "%s", "operationId": "%s",'
-                '"ctx": {"securityCtx": {"schemeId": "%s", "userName": "%s", "password": "%s"}},'
-                '"input": {"STRUCTURE": {"operation-input": %s}}}}'
-                % (service, operation, USER_PASS, user, password, fields))
+        body = json.dumps(envelope(service, operation, fields, user, password))
         answer = subprocess.run(
             ["/usr/bin/curl", "-sS", "--data-binary", "@-", "-H", "Content-Type: application/json",
              "-H", "Accept: application/vnd.tessel.orbi.cleanjson", "-w", "\n%{http_code} %header{orbi-error}",
              f"http://localhost:{PORT}/api"], input=body, capture_output=True, text=True, check=True)
         document, _, status = answer.stdout.rpartition("\n")
-        assert '"result"' in document, body + "\n" + document
         result = json.loads(document)["result"]
         assert status == "200 " + "".join(result.get("error", ())), answer.stdout
         return result
@@ -167,7 +159,7 @@ class Session:
 @pytest.mark.parametrize("transcript", sorted(SESSIONS.glob("*.txt")), ids=lambda path: path.stem)
 def test_session_goes_as_its_transcript_tells(daemon, sample_depot, tmp_path, transcript):
     shutil.copytree(sample_depot, tmp_path / "depot")
-    steps = parse(NAMES.read_text() + transcript.read_text())
+    steps = parse((SESSIONS / "names.let").read_text() + transcript.read_text())
     with served(tmp_path / "depot") as url:
         replayed = Session({"depot": url, "folder": str(tmp_path / "depot")}).replay(steps)
     difference = list(difflib.unified_diff(*map(list, map(render, (steps, replayed))), "told", "seen", lineterm="", n=5))

@@ -89,28 +89,6 @@ def test_plain_and_clean_answers_say_the_same(root, depot):
     assert fields["name"] == clean["result"]["output"][0]["name"] == "sample"
 
 
-@pytest.mark.parametrize("operation, fields, identifier, message", [
-    ("create", {"spec": {"name": "gone", "url": "http://127.0.0.1:1/"}}, "internal_server_error",
-     "com.tessel.ryx.host_settings.depot.connect.error"),
-    ("delete", {"depot": "unknown"}, "not_found", "com.tessel.ryx.host_settigns.depot.notfound"),
-    ("delete", {"depot": 7}, "invalid_argument", "orbi.data.validate.mismatch"),
-    ("forget", {}, "operation_not_found", "orbi.provider.operation.unknown")])
-def test_bad_depot_calls_are_named(root, operation, fields, identifier, message):
-    with pytest.raises(OrbiError) as refusal:
-        root.call(DEPOTS, operation, **fields)
-    assert refusal.value.identifier.endswith("." + identifier)
-    assert refusal.value.message_ids == [message]
-
-
-def test_second_task_is_refused_while_one_runs(root):
-    (LIFECYCLE / "lifecycle.task").write_text("PRECURSOR: somebody else's")
-    with pytest.raises(OrbiError) as refusal:
-        root.call(SOFTWARE, "stage$task", depots=["http://127.0.0.1:1/"], software_spec=SPECIFICATION)
-    assert refusal.value.identifier.endswith(".not_allowed_in_current_state")
-    assert refusal.value.message_ids == ["com.tessel.ryx.task.contention"]
-    assert not list(LIFECYCLE.glob("swspec-*"))
-
-
 def processes_of(task):
     """The guard and the worker of a running task, once both are there; nothing before and after."""
     guards, workers = processes(f"task-guard {task[:8]}"), processes(f"\0{task}")
