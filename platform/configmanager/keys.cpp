@@ -1,0 +1,213 @@
+#include <algorithm>
+#include <array>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "configmanager/apply_module.h"
+#include "configmanager/config_manager.h"
+#include "configmanager/current_configuration.h"
+#include "configmanager/document_builder.h"
+#include "configmanager/document_check.h"
+#include "configmanager/document_merge.h"
+#include "configmanager/exceptions.h"
+#include "configmanager/host_schema.h"
+#include "configmanager/impact.h"
+#include "configmanager/plan.h"
+#include "configmanager/value_check.h"
+#include "configmanager/violations.h"
+#include "tesselibs/json_document.h"
+
+namespace RyxConfigManager {
+namespace {
+
+using rapidjson::Value;
+using RyxConfigStore::ConfigStoreException;
+using RyxConfigStore::KeyAddress;
+using RyxConfigStore::Layer;
+using RyxConfigStore::Store;
+
+constexpr std::int32_t kUnknownKey = 2021;
+constexpr std::int32_t kNotSingleton = 2022;
+constexpr std::int32_t kNoJson = 2080;
+constexpr std::int32_t kInvalidValue = 2084;
+constexpr std::int32_t kSetFailed = 1051;
+constexpr std::int32_t kDeleteFailed = 1054;
+
+constexpr char kInstances[] = "instances";
+
+/// A key of a module, both of them held.
+struct FoundKey {
+  std::shared_ptr<const ModuleSet> modules;
+  const Module* module;
+  const KeyDefinition* key;
+
+  [[nodiscard]] std::string Name() const {
+    return key->address.component + "/" + key->address.group + "/" + key->address.key;
+  }
+};
+
+FoundKey FindKey(const std::string& component, const std::string& group, const std::string& key) {
+  auto modules = InstalledModules();
+  const Module* module = modules->FindModule(component);
+  const KeyDefinition* definition = modules->FindKey({component, group, key});
+  if (definition == nullptr) {
+    throw InvalidArgumentException(kUnknownKey, {component + "/" + group + "/" + key});
+  }
+  return {std::move(modules), module, definition};
+}
+
+std::string Describe(const ErrorInfo& error) {
+  std::string text = error.id;
+  for (const std::string& argument : error.args) text += " '" + argument + "'";
+  return text;
+}
+
+/// Changes one key.
+class KeyChange {
+ public:
+  /// @param failure  the store's status for a change that fails
+  KeyChange(FoundKey found, std::int32_t failure, const TaskInput* task)
+      : found_(std::move(found)),
+        failure_(failure),
+        progress_(task),
+        store_(Store::FromPath()),
+        current_(*store_, std::array{found_.module}, progress_.Share(0, 40)) {}
+
+  /// @param wanted  nullptr when the key is not to be asked for any more
+  void Make(const Value* wanted) {
+    const ModuleState& state = current_.modules().front();
+    if (state.failure) Fail(*state.failure);
+    Validate(wanted);
+    const auto is_key = [this](const KeyState& key) { return key.key == found_.key; };
+    auto plan = PlanKey(*std::ranges::find_if(state.keys, is_key), wanted);
+    if (!plan) return;
+    ModulePlan module{&state, {}};
+    module.keys.push_back(*std::move(plan));
+    AskModule(module);
+    progress_.Report(70, 100);
+    const auto errors = ApplyModule(module, PlanPart::kAll, *store_, progress_.task());
+    if (!errors.empty()) Fail(errors.front());
+    progress_.Report(100, 100);
+  }
+
+ private:
+  /// Checks the value, then that everything that was asked for is still there for who refers to it.
+  void Validate(const Value* wanted) const {
+    const KeyAddress& address = found_.key->address;
+    const DocumentPath root, component(root, address.component), group(component, address.group);
+    const DocumentPath path(group, address.key);
+    if (wanted != nullptr) {
+      Violations violations;
+      CheckWellFormed(*wanted, path, violations);
+      CheckKey(*wanted, nullptr, *found_.key, Section::kHostSpecific, path, violations);
+      if (!violations.empty()) Refuse(violations.found().front());
+    }
+    // Nothing but references is looked at: what was stored long ago may have become invalid with
+    // another version of its module, and must not stand in the way of this key.
+    for (const ValidationErrorInfo& error : CheckAll(wanted)) {
+      if (error.id == std::string(kValidationPrefix) + "reference.not-found") Refuse(error);
+    }
+  }
+
+  [[nodiscard]] std::vector<ValidationErrorInfo> CheckAll(const Value* wanted) const {
+    DocumentBuilder builder;
+    std::optional<InstanceValues> values;
+    if (wanted != nullptr) values = SplitInstances(*found_.key, *wanted);
+    if (values) builder.Add(*found_.key, *values);
+    for (const auto& module : found_.modules->modules()) {
+      for (const auto& [name, key] : module->keys) {
+        const auto stored = current_.stored().Find(key);
+        if (&key != found_.key && stored) builder.Add(key, *stored);
+      }
+    }
+    if (builder.empty()) return {};
+    const std::string host = GetBIOSUUID();
+    Document document = ConfigStoreDocument::CreateDocument(builder.Finish(host));
+    MergeDocument(DescribeKeys(*found_.modules).root(), host, document);
+    Violations violations;
+    CheckDocument(document, *found_.modules, host, violations);
+    return violations.Take();
+  }
+
+  void AskModule(const ModulePlan& plan) const {
+    const std::vector<Change> changes = plan.Changes();
+    if (changes.empty()) return;
+    const PluginAnswer answer =
+        RunPlugin(*found_.module, PluginOperation::kValidate, changes, progress_.task());
+    if (answer.failure) Fail(*answer.failure);
+    if (!answer.errors.empty()) Refuse(answer.errors.front());
+    const ModuleImpact impact = AssessModule(plan, progress_.task());
+    if (!impact.errors.empty()) Fail(impact.errors.front());
+    if (impact.needsMaintenanceMode) RequireMaintenanceMode();
+  }
+
+  [[noreturn]] void Refuse(const ValidationErrorInfo& error) const {
+    throw InvalidArgumentException(
+        kInvalidValue,
+        {found_.Name() + ": " + Describe(error) + (error.path.empty() ? "" : " at " + error.path)});
+  }
+
+  [[noreturn]] void Fail(const ErrorInfo& error) const {
+    throw ConfigStoreException(failure_, {found_.Name() + ": " + Describe(error)});
+  }
+
+  const FoundKey found_;
+  const std::int32_t failure_;
+  const TaskProgress progress_;
+  const std::shared_ptr<Store> store_;
+  const CurrentConfiguration current_;
+};
+
+Document ParseValue(const std::string& value) {
+  try {
+    return ConfigStoreDocument::CreateDocument(value);
+  } catch (const ConfigStoreException&) {
+    throw InvalidArgumentException(kNoJson);
+  }
+}
+
+}  // namespace
+
+void SetConfig(const std::string& component, const std::string& group, const std::string& key,
+               const std::string& value, const TaskInput* task) {
+  FoundKey found = FindKey(component, group, key);
+  const Document document = ParseValue(value);
+  const Value* wanted = &document.root();
+  if (!found.key->singleton) {
+    wanted = JsonDocument::FindMember(*wanted, kInstances);
+    if (wanted == nullptr || !wanted->IsArray() || document.root().MemberCount() != 1) {
+      throw InvalidArgumentException(kNotSingleton, {found.Name()});
+    }
+  }
+  KeyChange(std::move(found), kSetFailed, task).Make(wanted);
+}
+
+void DeleteConfig(const std::string& component, const std::string& group, const std::string& key,
+                  const TaskInput* task) {
+  FoundKey found = FindKey(component, group, key);
+  if (Store::FromPath()->Get(found.key->address, Layer::kUser).empty()) {
+    const std::string id = std::string(kValidationPrefix) + "invalid.delete.default";
+    throw InvalidArgumentException(kInvalidValue, {found.Name() + ": " + id});
+  }
+  KeyChange(std::move(found), kDeleteFailed, task).Make(nullptr);
+}
+
+std::string GetCurrentConfig(const std::string& component, const std::string& group,
+                             const std::string& key) {
+  const FoundKey found = FindKey(component, group, key);
+  const auto entries = Store::FromPath()->Get(found.key->address, Layer::kUser);
+  if (entries.empty()) return {};
+  if (found.key->singleton) return entries.front().value;
+  std::string instances;
+  for (const RyxConfigStore::Entry& entry : entries) {
+    if (entry.instance == kEmptyListInstance) continue;
+    instances += (instances.empty() ? "" : ",") + entry.value;
+  }
+  return std::string("{\"") + kInstances + "\":[" + instances + "]}";
+}
+
+}  // namespace RyxConfigManager
