@@ -13,6 +13,7 @@ namespace Host::Settings::SettingsApi {
 namespace {
 
 constexpr std::chrono::seconds kInterval{10};
+constexpr int kLargeBlock = 4 << 20;
 constexpr std::size_t kWorthTrimming = std::size_t{16} << 20;
 
 /// Physical memory of the process in bytes.
@@ -30,6 +31,13 @@ void Trim() {
 }
 
 }  // namespace
+
+MemoryTrimmer::MemoryTrimmer(boost::asio::io_context& io) : timer_(io) {
+  // Trimming leaves out what is free above all blocks of a thread's own heap. The allocator gives
+  // that back by itself, but only from a size on that it raises to 64 MiB unless it is fixed.
+  mallopt(M_MMAP_THRESHOLD, kLargeBlock);
+  mallopt(M_TRIM_THRESHOLD, kLargeBlock);
+}
 
 void MemoryTrimmer::Start() {
   timer_.expires_after(kInterval);

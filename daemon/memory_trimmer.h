@@ -14,7 +14,7 @@ namespace Host::Settings::SettingsApi {
 class MemoryTrimmer {
  public:
   /// @param io  must not run any more when the trimmer is destroyed
-  explicit MemoryTrimmer(boost::asio::io_context& io) : timer_(io) {}
+  explicit MemoryTrimmer(boost::asio::io_context& io);
 
   /// Called once, before the I/O context runs.
   void Start();
