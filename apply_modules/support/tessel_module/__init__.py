@@ -1,0 +1,1 @@
+"""What the programs of configuration modules share."""
