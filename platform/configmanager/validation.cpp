@@ -1,0 +1,74 @@
+#include <algorithm>
+#include <cstddef>
+#include <iterator>
+#include <utility>
+#include <vector>
+
+#include "configmanager/config_manager.h"
+#include "configmanager/current_configuration.h"
+#include "configmanager/document_check.h"
+#include "configmanager/module_description.h"
+#include "configmanager/plan.h"
+#include "configmanager/plugin.h"
+#include "configmanager/task_progress.h"
+#include "configmanager/violations.h"
+#include "configstore/store.h"
+#include "tesselibs/log.h"
+
+namespace RyxConfigManager {
+namespace {
+
+ModuleSet ReadKeys(const Document& schema) {
+  try {
+    return ReadHostSchema(schema.root());
+  } catch (const DescriptionError& error) {
+    throw ConfigManagerException(error.code(), {error.what()});
+  }
+}
+
+void AskValidator(const ModulePlan& plan, ValidationResult& result, const TaskInput* task) {
+  const std::vector<Change> changes = plan.Changes();
+  if (changes.empty()) return;
+  PluginAnswer answer = RunPlugin(*plan.state->module, PluginOperation::kValidate, changes, task);
+  std::move(answer.errors.begin(), answer.errors.end(), std::back_inserter(result.errors));
+  if (!answer.failure) return;
+  if (!result.pluginFailure.empty()) result.pluginFailure += "; ";
+  result.pluginFailure += answer.failure->reason;
+  result.pluginErrors.push_back(*std::move(answer.failure));
+}
+
+/// Has the modules judge what would change. What a module cannot read does not matter for that:
+/// what was stored is taken for it.
+void AskValidators(const Document& document, ValidationResult& result,
+                   const TaskProgress& progress) {
+  const auto modules = InstalledModules();
+  std::vector<const Module*> judges = AllModules(*modules);
+  std::erase_if(judges, [](const Module* module) { return module->executables.validate.empty(); });
+  const CurrentConfiguration current(*RyxConfigStore::Store::FromPath(), judges,
+                                     progress.Share(0, 60));
+  const std::vector<ModulePlan> plans = MakePlan(current, document.merged());
+  const TaskProgress asking = progress.Share(60, 100);
+  for (std::size_t done = 0; const ModulePlan& plan : plans) {
+    asking.Report(done++, plans.size());
+    AskValidator(plan, result, progress.task());
+  }
+}
+
+}  // namespace
+
+void Validate(const Document& document, const Document& schema, ValidationResult& result,
+              bool schema_only, const TaskInput* task) {
+  const TaskProgress progress(task);
+  Violations violations;
+  CheckDocument(document, ReadKeys(schema), GetBIOSUUID(), violations);
+  if (violations.uncollected() != 0)
+    Log_Level(3, "A configuration document has %zu more violations than are reported.\n",
+              violations.uncollected());
+  result.errors = violations.Take();
+  progress.Report(1, 10);
+  if (!schema_only && result.errors.empty())
+    AskValidators(document, result, progress.Share(10, 100));
+  progress.Report(1, 1);
+}
+
+}  // namespace RyxConfigManager
