@@ -9,8 +9,8 @@
 #include "apps/lifecycle/orbi/include/verify.h"
 #include "authn/authn_filter.h"
 #include "authn/user_pass_handler.h"
-#include "bindings/com/tessel/ryx/configuration/components/groups/keys.h"
-#include "bindings/com/tessel/ryx/kestrel_daemon/configuration.h"
+#include "configuration/configuration_service.h"
+#include "configuration/keys_service.h"
 #include "configuration/retired_services.h"
 #include "filter/host_input_filter.h"
 #include "lifecycle/tasks_service.h"
@@ -105,11 +105,10 @@ void BindServices(AsyncLocalProvider& provider) {
        Ryx::HostSettings::ConfigSvc::AsyncServiceImpl>(provider);
   Bind<Ryx::HostSettings::Config::Components::KeysSvc::AsyncServiceBinder,
        Ryx::HostSettings::Config::Components::KeysSvc::AsyncServiceImpl>(provider);
-  // Known to clients, not yet done.
   Bind<Ryx::KestrelDaemon::ConfigurationSvc::AsyncServiceBinder,
-       Ryx::KestrelDaemon::ConfigurationSvc::UnsupportedImplementation>(provider);
+       Ryx::KestrelDaemon::ConfigurationSvc::ConfigurationServiceImpl>(provider);
   Bind<Ryx::Configuration::Components::Groups::KeysSvc::AsyncServiceBinder,
-       Ryx::Configuration::Components::Groups::KeysSvc::UnsupportedImplementation>(provider);
+       Ryx::Configuration::Components::Groups::KeysSvc::AsyncServiceImpl>(provider);
 }
 
 void AddMetadataInterfaces(AsyncLocalProvider& provider) {
