@@ -1,6 +1,7 @@
 #include "configmanager/plan.h"
 
 #include <algorithm>
+#include <functional>
 #include <set>
 #include <utility>
 
@@ -69,7 +70,7 @@ std::vector<Change> ModulePlan::Changes() const {
   for (const KeyPlan& key : keys) {
     changes.insert(changes.end(), key.changes.begin(), key.changes.end());
   }
-  std::ranges::stable_partition(changes, std::not_fn(IsDeletion));
+  std::stable_partition(changes.begin(), changes.end(), std::not_fn(IsDeletion));
   return changes;
 }
 
