@@ -62,9 +62,12 @@ class HelperEnd {
   }
 
   void FreeHost() const {
-    if (std::ranges::count(MarkerWords(task_.marker), task_.id) == 0) return;
-    RemoveFiles(task_.documents);
-    RemoveFiles({task_.marker});
+    const bool marked = std::ranges::count(MarkerWords(task_.marker), task_.id) != 0;
+    for (const std::string& document : task_.documents) {
+      // One that is not named after the task may be the next task's already.
+      if (marked || document.ends_with(task_.id)) RemoveFiles({document});
+    }
+    if (marked) RemoveFiles({task_.marker});
   }
 
   HelperTask task_;

@@ -29,9 +29,9 @@ struct HelperTask {
 /// @return the words in a marker file, of which one is the identifier of the task that it is for
 [[nodiscard]] std::vector<std::string> MarkerWords(const std::string& marker);
 
-/// The observer to start a task's helper with. When no process of the helper is left, the documents
-/// and the marker go if the marker names the task, and a task that has not ended is FAILED with
-/// "com.tessel.pelorus.lifecycle.RyxImage.UnknownError".
+/// The observer to start a task's helper with. When no process of the helper is left, documents
+/// named after the task go, and, if the marker names the task, the other ones and the marker; a
+/// task that has not ended is FAILED with "com.tessel.pelorus.lifecycle.RyxImage.UnknownError".
 ///
 /// A helper that ends without having written to its record may have handed over to a process that
 /// has yet to begin, which it has five seconds for. Records that cannot be written, or are in use,
