@@ -9,6 +9,10 @@ import pytest
 from sandboxed_host import REPOSITORY, STATE, Daemon, SystemLog
 
 
+def pytest_addoption(parser):
+    parser.addoption("--every-point", action="store_true", help="break helpers at each of their calls, not at a few")
+
+
 @pytest.fixture(scope="session")
 def sample_depot(tmp_path_factory):
     """Location of the sample depot."""
