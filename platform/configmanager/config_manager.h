@@ -23,7 +23,10 @@ namespace RyxConfigManager {
 
 using ConfigStoreDocument::Document;
 
-/// The schema of every key that this host knows.
+/// The schema of every key that this host knows: {"schema_version": "1.0", "components":
+/// {COMPONENT:
+/// {"version", "description", "groups"}}}, each component as its module.json has it. What a key's
+/// "schema" holds is a subset of JSON Schema, so that a client can check values by it, too.
 /// @param document  whose components it is for; the schema is the host's, whatever they are
 [[nodiscard]] Document GenerateHostDocumentSchema(const Document& document);
 
@@ -33,6 +36,7 @@ void CreateMergedDocument(const Document& schema, Document& document);
 /// Collects every violation in a merged document, then asks the modules' validators unless the
 /// schema has already refused it.
 /// @param schema_only  leaves the modules' validators out
+/// @throws ConfigManagerException  2023: the document names no key, and nothing else is wrong
 void Validate(const Document& document, const Document& schema, ValidationResult& result,
               bool schema_only, const TaskInput* task);
 
