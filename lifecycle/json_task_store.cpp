@@ -67,6 +67,11 @@ std::string ReadWhole(const std::string& path) {
   return text;
 }
 
+std::mutex& ProcessMutex() {
+  static std::mutex mutex;
+  return mutex;
+}
+
 }  // namespace
 
 JsonTaskStore::Tasks::Tasks(const std::string& path) : text(ReadWhole(path)) {
@@ -77,7 +82,7 @@ JsonTaskStore::Tasks::Tasks(const std::string& path) : text(ReadWhole(path)) {
 }
 
 JsonTaskStore::JsonTaskStore(std::string path, int retries)
-    : path_(std::move(path)), lock_(path_, retries) {}
+    : path_(std::move(path)), turn_(ProcessMutex()), lock_(path_, retries) {}
 
 void JsonTaskStore::Initialise() {
   RemoveLeftovers();

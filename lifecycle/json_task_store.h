@@ -2,6 +2,7 @@
 
 #include <rapidjson/document.h>
 
+#include <mutex>
 #include <string>
 #include <string_view>
 
@@ -22,8 +23,8 @@ namespace LifeCycle {
 /// task forbid.
 class JsonTaskStore {
  public:
-  /// Takes the access lock.
-  /// @throws AccessLockError
+  /// Takes the access lock, after waiting for the threads of this process that have it.
+  /// @throws AccessLockError  another process has it
   JsonTaskStore(std::string path, int retries);
 
   /// Makes sure that the file can be read: writes one without records when it is missing, and also
@@ -51,6 +52,8 @@ class JsonTaskStore {
   void RemoveLeftovers();
 
   const std::string path_;
+  /// The lock's own retries come a second apart: too long to wait for a neighbour thread.
+  const std::unique_lock<std::mutex> turn_;
   const AccessLock lock_;
 };
 
