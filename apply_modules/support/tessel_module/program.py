@@ -64,3 +64,4 @@ def serve(*, read, apply, validate=lambda changes: [], impact=lambda changes: []
     except Exception as error:
         sys.exit(f"{type(error).__name__}: {error}")
     json.dump(answer, sys.stdout)
+    print()
