@@ -9,7 +9,7 @@ SECONDS = 20  # within the time limit of a module, with what it does besides
 
 
 def restart(unit):
-    """Restarts a service that runs; one that does not will find its new configuration when it starts. @throws Refusal"""
+    """Restarts a service that runs; another finds its new configuration when it starts. @throws Refusal"""
     if _is(unit, "active"):
         _systemctl(unit, "restart", unit)
 
