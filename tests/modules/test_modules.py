@@ -62,18 +62,21 @@ def nothing_left():
 
 @pytest.fixture
 def systemd(tmp_path):
-    """Has the host look as if systemd ran; gives what sets systemctl's script, which finds its words in $*."""
+    """Has the host look as if systemd ran; gives what sets the commands that systemctl stands for."""
     pathlib.Path("/run/systemd/system").mkdir(parents=True)
-    systemctl, log = pathlib.Path("/usr/bin/systemctl"), tmp_path / "calls"
-    kept = systemctl.read_bytes() if systemctl.exists() else None
+    systemctl, script, log = pathlib.Path("/usr/bin/systemctl"), tmp_path / "systemctl", tmp_path / "calls"
+    if not systemctl.exists():
+        systemctl.touch()
 
-    def behave(script):
+    def behave(commands):
         log.write_text("")
-        systemctl.write_text(f"#!/bin/sh\necho \"$*\" >>{log}\n{script}\n")
-        systemctl.chmod(0o755)
+        script.write_text(f"#!/bin/sh\necho \"$*\" >>{log}\n{commands}\n")
         return log
+    behave("")
+    script.chmod(0o755)
+    subprocess.run(["mount", "--bind", script, systemctl], check=True)
     yield behave
-    systemctl.write_bytes(kept) if kept else systemctl.unlink()
+    subprocess.run(["umount", systemctl], check=True)
     shutil.rmtree("/run/systemd")
 
 
