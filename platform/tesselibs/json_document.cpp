@@ -3,12 +3,14 @@
 #include <rapidjson/reader.h>
 #include <rapidjson/writer.h>
 
+#include <cmath>
 #include <utility>
 
 namespace JsonDocument {
 namespace {
 
-/// Passes a parser's events on to the document and stops the parser at the depth limit.
+/// Passes a parser's events on to the document and stops the parser at the depth limit, and at a
+/// number beyond all numbers, which the parser takes for infinity and no writer can write.
 class DepthLimit {
  public:
   using Ch = char;
@@ -22,7 +24,10 @@ class DepthLimit {
   bool Uint(unsigned i) { return document_.Uint(i); }
   bool Int64(std::int64_t i) { return document_.Int64(i); }
   bool Uint64(std::uint64_t i) { return document_.Uint64(i); }
-  bool Double(double d) { return document_.Double(d); }
+  bool Double(double d) {
+    overflowed_ = !std::isfinite(d);
+    return !overflowed_ && document_.Double(d);
+  }
   bool RawNumber(const char* text, rapidjson::SizeType length, bool copy) {
     return document_.RawNumber(text, length, copy);
   }
@@ -37,6 +42,8 @@ class DepthLimit {
   bool StartArray() { return Enter() && document_.StartArray(); }
   bool EndArray(rapidjson::SizeType count) { return Leave() && document_.EndArray(count); }
 
+  [[nodiscard]] bool overflowed() const { return overflowed_; }
+
  private:
   bool Enter() { return ++depth_ <= max_depth_; }
   bool Leave() { return depth_-- > 0; }
@@ -44,6 +51,7 @@ class DepthLimit {
   rapidjson::Document& document_;
   const unsigned max_depth_;
   unsigned depth_ = 0;
+  bool overflowed_ = false;
 };
 
 }  // namespace
@@ -56,6 +64,7 @@ rapidjson::ParseResult ParseInPlace(std::string& text, rapidjson::Document& docu
     rapidjson::Reader reader;
     DepthLimit handler(target, max_depth);
     result = reader.Parse<rapidjson::kParseInsituFlag>(stream, handler);
+    if (handler.overflowed()) result.Set(rapidjson::kParseErrorNumberTooBig, result.Offset());
     if (!result.IsError() && stream.Tell() != text.size())
       result.Set(rapidjson::kParseErrorDocumentRootNotSingular, stream.Tell());
     return !result.IsError();
