@@ -4,6 +4,8 @@
 #include <rapidjson/writer.h>
 
 #include <algorithm>
+#include <cmath>
+#include <limits>
 #include <vector>
 
 #include "configmanager/member_index.h"
@@ -39,6 +41,13 @@ void WriteCanonically(Writer& writer, const Value& value) {
   } else {
     value.Accept(writer);
   }
+}
+
+/// The reader of JSON may be a few units off in a double's last place, so that one that was written
+/// and read again need not be the same.
+bool AreClose(double a, double b) {
+  constexpr double kRelativeError = 8 * std::numeric_limits<double>::epsilon();
+  return a == b || std::abs(a - b) <= kRelativeError * std::max(std::abs(a), std::abs(b));
 }
 
 }  // namespace
@@ -92,6 +101,7 @@ bool AreEqual(const Value* a, const Value* b) {
     return std::equal(a->Begin(), a->End(), b->Begin(), b->End(),
                       [](const Value& x, const Value& y) { return AreEqual(&x, &y); });
   }
+  if (a->IsDouble() && b->IsDouble()) return AreClose(a->GetDouble(), b->GetDouble());
   if (!a->IsObject() || !b->IsObject()) return *a == *b;
   const MemberIndex others = IndexMembers(b);
   return a->MemberCount() == b->MemberCount() &&

@@ -39,7 +39,7 @@ struct SettingComparison {
 /// asked for it before.
 [[nodiscard]] bool IsInForce(const SettingComparison& setting);
 
-/// Whether two values are equal, or both missing.
+/// Whether two values are equal, as far as numbers can be read exactly, or both missing.
 [[nodiscard]] bool AreEqual(const rapidjson::Value* a, const rapidjson::Value* b);
 
 /// The value as JSON text; empty for nullptr.
