@@ -2,14 +2,11 @@
 
 #include <rapidjson/document.h>
 
-#include <memory>
-#include <optional>
 #include <span>
 #include <string>
-#include <vector>
 
 #include "configmanager/module.h"
-#include "configmanager/results.h"
+#include "configmanager/plugin_answer.h"
 #include "configmanager/task_input.h"
 
 /// Asking a module's programs.
@@ -28,21 +25,6 @@ struct Change {
 };
 
 enum class PluginOperation { kValidate, kImpact, kRead, kApply };
-
-/// Why a program of a module gave no answer.
-struct PluginFailure : ErrorInfo {
-  std::string reason;  ///< one line for the log
-};
-
-/// What a program of a module answered.
-struct PluginAnswer {
-  std::optional<PluginFailure> failure;  ///< nothing else is set when there is one
-  std::vector<ValidationErrorInfo> errors;
-  bool needsReboot = false;
-  bool needsMaintenanceMode = false;
-  rapidjson::Document values;         ///< an object: "GROUP/KEY" to what is in force there
-  std::unique_ptr<std::string> text;  ///< what the values' texts lie in
-};
 
 /// Runs the module's program for an operation and waits for its answer; a module that has none
 /// answers nothing.

@@ -1,0 +1,105 @@
+#include "configmanager/plugin_answer.h"
+
+#include <rapidjson/error/en.h>
+#include <rapidjson/memorystream.h>
+#include <rapidjson/reader.h>
+
+#include <span>
+#include <string_view>
+#include <utility>
+
+#include "configmanager/program.h"
+#include "configstore/document.h"
+#include "tesselibs/json_document.h"
+
+namespace RyxConfigManager {
+namespace {
+
+using JsonDocument::FindMember;
+using JsonDocument::TextOf;
+using rapidjson::Value;
+
+/// An answer holds values, which are as deep as documents, a few containers down.
+constexpr unsigned kMaxAnswerDepth = ConfigStoreDocument::kMaxDepth + 8;
+
+/// Stops the parser at an escaped surrogate without its partner, which is no character (RFC 3629,
+/// section 3) and which the parser lets pass.
+struct TextCheck : rapidjson::BaseReaderHandler<rapidjson::UTF8<>, TextCheck> {
+  bool String(const char* text, rapidjson::SizeType length, bool) {
+    const std::string_view rest(text, length);
+    for (auto at = rest.find('\xed'); at != rest.npos; at = rest.find('\xed', at + 1)) {
+      if (at + 1 < rest.size() && static_cast<unsigned char>(rest[at + 1]) >= 0xa0) return false;
+    }
+    return true;
+  }
+  bool Key(const char* text, rapidjson::SizeType length, bool copy) {
+    return String(text, length, copy);
+  }
+};
+
+void Require(bool condition, const char* what) {
+  if (!condition) {
+    throw ProgramFailure(ProgramFailure::Kind::kUnexpected, std::string("bad answer: ") + what);
+  }
+}
+
+/// The elements of a list that may be missing.
+std::span<const Value> Elements(const Value* list, const char* what) {
+  if (list == nullptr) return {};
+  Require(list->IsArray(), what);
+  return {list->Begin(), list->Size()};
+}
+
+ValidationErrorInfo ReadError(const Value& error) {
+  ValidationErrorInfo read;
+  read.id = TextOf(FindMember(error, "id"));
+  read.path = TextOf(FindMember(error, "path"));
+  Require(!read.id.empty(), "an error without an id");
+  for (const Value& argument : Elements(FindMember(error, "args"), "\"args\" is no list")) {
+    Require(argument.IsString(), "an argument is no text");
+    read.args.emplace_back(TextOf(&argument));
+  }
+  return read;
+}
+
+void ReadImpact(const Value& impact, PluginAnswer& answer) {
+  const std::string_view name = TextOf(&impact);
+  Require(name == "reboot" || name == "maintenance-mode", "an unknown impact");
+  (name == "reboot" ? answer.needsReboot : answer.needsMaintenanceMode) = true;
+}
+
+void Require(const rapidjson::ParseResult& result) {
+  Require(!result.IsError(), rapidjson::GetParseError_En(result.Code()));
+}
+
+}  // namespace
+
+PluginAnswer ReadPluginAnswer(std::string text) {
+  // What a module writes ends in records and answers to clients: it has to be UTF-8.
+  // A character cut off at the end would lead a stream without an end beyond it.
+  rapidjson::MemoryStream stream(text.data(), text.size());
+  TextCheck check;
+  Require(rapidjson::Reader()
+              .Parse<rapidjson::kParseIterativeFlag | rapidjson::kParseValidateEncodingFlag>(
+                  stream, check));
+  PluginAnswer answer;
+  answer.text = std::make_unique<std::string>(std::move(text));
+  rapidjson::Document& document = answer.values;
+  Require(JsonDocument::ParseInPlace(*answer.text, document, kMaxAnswerDepth));
+  Require(document.IsObject(), "no object");
+  for (const Value& error : Elements(FindMember(document, "errors"), "\"errors\" is no list")) {
+    answer.errors.push_back(ReadError(error));
+  }
+  for (const Value& impact : Elements(FindMember(document, "impact"), "\"impact\" is no list")) {
+    ReadImpact(impact, answer);
+  }
+  Value values(rapidjson::kObjectType);
+  if (Value* found = FindMember(document, "values")) {
+    Require(found->IsObject(), "\"values\" is no object");
+    values.Swap(*found);
+  }
+  static_cast<Value&>(document).Swap(values);
+  return answer;
+}
+
+}  // namespace RyxConfigManager

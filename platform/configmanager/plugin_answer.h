@@ -1,0 +1,35 @@
+#pragma once
+
+#include <rapidjson/document.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "configmanager/results.h"
+
+namespace RyxConfigManager {
+
+/// Why a program of a module gave no answer.
+struct PluginFailure : ErrorInfo {
+  std::string reason;  ///< one line for the log
+};
+
+/// What a program of a module answered.
+struct PluginAnswer {
+  std::optional<PluginFailure> failure;  ///< nothing else is set when there is one
+  std::vector<ValidationErrorInfo> errors;
+  bool needsReboot = false;
+  bool needsMaintenanceMode = false;
+  rapidjson::Document values;         ///< an object: "GROUP/KEY" to what is in force there
+  std::unique_ptr<std::string> text;  ///< what the values' texts lie in
+};
+
+/// Reads what a program wrote: a JSON object with the members "errors", "impact" and "values", each
+/// of which may be missing. Others are left alone.
+/// @param text  anything
+/// @throws ProgramFailure  it is no answer, or not UTF-8
+[[nodiscard]] PluginAnswer ReadPluginAnswer(std::string text);
+
+}  // namespace RyxConfigManager
