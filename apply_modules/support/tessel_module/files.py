@@ -9,7 +9,7 @@ from tessel_module.program import Refusal, note
 
 NEW, OLD, ORIGINAL = ".kestreld-new", ".kestreld-old", ".before-kestreld"
 NOTHING = "/nonexistent"  # what the link leads to that stands for an original that was not there
-MOST = 1 << 20  # bytes; nothing that modules write comes near it
+MOST = 1 << 24  # bytes; nothing that modules write comes near it
 
 
 def read_text(path):
@@ -18,10 +18,11 @@ def read_text(path):
         descriptor = os.open(path, os.O_RDONLY | os.O_NONBLOCK | os.O_CLOEXEC)  # a pipe would stall the reader
     except FileNotFoundError:
         return None
+    if not stat.S_ISREG(os.fstat(descriptor).st_mode):
+        os.close(descriptor)
+        note(f"{path} is not a plain file")
+        return None
     with open(descriptor, "rb") as file:
-        if not stat.S_ISREG(os.fstat(descriptor).st_mode):
-            note(f"{path} is not a plain file")
-            return None
         content = file.read(MOST + 1)
     try:
         if len(content) > MOST:
