@@ -11,7 +11,6 @@ import time
 import pytest
 
 from sandboxed_host import BINARIES, LIFECYCLE, PORT, wait_until
-from orbi_client import OrbiError
 
 SYNC_FILE = LIFECYCLE / "lifecycle.task"
 STATUS_FILE = LIFECYCLE / "task-status.json"
@@ -134,9 +133,3 @@ def test_open_connections_do_not_hold_up_the_end(daemon):
             connection = connections.enter_context(socket.create_connection(("127.0.0.1", PORT)))
             connection.sendall(b"POST /api HTTP/1.1\r\nContent-Length: 100\r\n")
         assert daemon.stop() == 0
-
-
-def test_unfinished_services_say_unsupported(root):
-    with pytest.raises(OrbiError) as refusal:
-        root.call("com.tessel.ryx.kestrel_daemon.configuration", "export")
-    assert refusal.value.identifier == "com.tessel.orbi.std.errors.unsupported"
