@@ -8,9 +8,9 @@
 #include <memory>
 #include <utility>
 
-#include "orbi/data/utf8.h"
 #include "tesselibs/log.h"
 #include "tesselibs/preference.h"
+#include "tesselibs/utf8.h"
 
 namespace Host::Settings::SettingsApi::Authn {
 namespace {
@@ -115,7 +115,7 @@ class Transaction {
 };
 
 bool CanBeTold(const std::string& text, const char* what) {
-  if (!Orbi::Data::IsUtf8(text)) {
+  if (!Utf8::IsValid(text)) {
     Log_Level(kFailure, "%s not in UTF-8\n", what);
     return false;
   }

@@ -1,8 +1,6 @@
 #include "configmanager/plugin_answer.h"
 
 #include <rapidjson/error/en.h>
-#include <rapidjson/memorystream.h>
-#include <rapidjson/reader.h>
 
 #include <span>
 #include <string_view>
@@ -21,21 +19,6 @@ using rapidjson::Value;
 
 /// An answer holds values, which are as deep as documents, a few containers down.
 constexpr unsigned kMaxAnswerDepth = ConfigStoreDocument::kMaxDepth + 8;
-
-/// Stops the parser at an escaped surrogate without its partner, which is no character (RFC 3629,
-/// section 3) and which the parser lets pass.
-struct TextCheck : rapidjson::BaseReaderHandler<rapidjson::UTF8<>, TextCheck> {
-  bool String(const char* text, rapidjson::SizeType length, bool) {
-    const std::string_view rest(text, length);
-    for (auto at = rest.find('\xed'); at != rest.npos; at = rest.find('\xed', at + 1)) {
-      if (at + 1 < rest.size() && static_cast<unsigned char>(rest[at + 1]) >= 0xa0) return false;
-    }
-    return true;
-  }
-  bool Key(const char* text, rapidjson::SizeType length, bool copy) {
-    return String(text, length, copy);
-  }
-};
 
 void Require(bool condition, const char* what) {
   if (!condition) {
@@ -75,17 +58,12 @@ void Require(const rapidjson::ParseResult& result) {
 }  // namespace
 
 PluginAnswer ReadPluginAnswer(std::string text) {
-  // What a module writes ends in records and answers to clients: it has to be UTF-8.
-  // A character cut off at the end would lead a stream without an end beyond it.
-  rapidjson::MemoryStream stream(text.data(), text.size());
-  TextCheck check;
-  Require(rapidjson::Reader()
-              .Parse<rapidjson::kParseIterativeFlag | rapidjson::kParseValidateEncodingFlag>(
-                  stream, check));
   PluginAnswer answer;
   answer.text = std::make_unique<std::string>(std::move(text));
   rapidjson::Document& document = answer.values;
-  Require(JsonDocument::ParseInPlace(*answer.text, document, kMaxAnswerDepth));
+  // What a module writes ends in records and answers to clients: it has to be UTF-8.
+  Require(JsonDocument::ParseInPlace(*answer.text, document, kMaxAnswerDepth,
+                                     JsonDocument::Strings::kUtf8));
   Require(document.IsObject(), "no object");
   for (const Value& error : Elements(FindMember(document, "errors"), "\"errors\" is no list")) {
     answer.errors.push_back(ReadError(error));

@@ -128,7 +128,8 @@ TEST(DocumentTest, AreJsonOfBoundedDepth) {
   EXPECT_EQ(ConfigStoreDocument::CreateDocument(" {\"a\": [1, {}]} ").ToText(), "{\"a\":[1,{}]}");
   for (const std::string& text :
        {std::string(), std::string("{"), std::string("{} x"), std::string("{}\0", 3),
-        std::string(500, '['), "{\"a\":" + std::string(100, '[') + std::string(100, ']') + "}"})
+        std::string(500, '['), std::string("[\"\\udcff\"]"), std::string("{\"\xff\": 1}"),
+        "{\"a\":" + std::string(100, '[') + std::string(100, ']') + "}"})
     EXPECT_EQ(CodeOf([&] { ConfigStoreDocument::CreateDocument(text); }), 1080) << text;
 }
 

@@ -18,7 +18,8 @@ std::string Document::ToText() const {
 Document CreateDocument(const std::string& text) {
   Document document;
   document.text_ = std::make_unique<std::string>(text);
-  const auto result = JsonDocument::ParseInPlace(*document.text_, document.root_, kMaxDepth);
+  const auto result = JsonDocument::ParseInPlace(*document.text_, document.root_, kMaxDepth,
+                                                 JsonDocument::Strings::kUtf8);
   if (result.IsError()) {
     const bool too_deep = result.Code() == rapidjson::kParseErrorTermination;
     Log_Level(3, "[ConfigStoreDocument]: %s (at byte %zu)\n",

@@ -6,17 +6,20 @@
 #include <cmath>
 #include <utility>
 
+#include "tesselibs/utf8.h"
+
 namespace JsonDocument {
 namespace {
 
-/// Passes a parser's events on to the document and stops the parser at the depth limit, and at a
-/// number beyond all numbers, which the parser takes for infinity and no writer can write.
-class DepthLimit {
+/// Passes a parser's events on to the document and stops the parser at what it would let pass:
+/// nesting beyond the limit, a number beyond all numbers, which it takes for infinity and no writer
+/// can write, and strings that are not UTF-8.
+class StrictHandler {
  public:
   using Ch = char;
 
-  DepthLimit(rapidjson::Document& document, unsigned max_depth)
-      : document_(document), max_depth_(max_depth) {}
+  StrictHandler(rapidjson::Document& document, unsigned max_depth, Strings strings)
+      : document_(document), max_depth_(max_depth), strings_(strings) {}
 
   bool Null() { return document_.Null(); }
   bool Bool(bool b) { return document_.Bool(b); }
@@ -25,46 +28,56 @@ class DepthLimit {
   bool Int64(std::int64_t i) { return document_.Int64(i); }
   bool Uint64(std::uint64_t i) { return document_.Uint64(i); }
   bool Double(double d) {
-    overflowed_ = !std::isfinite(d);
-    return !overflowed_ && document_.Double(d);
+    return Check(std::isfinite(d), rapidjson::kParseErrorNumberTooBig) && document_.Double(d);
   }
   bool RawNumber(const char* text, rapidjson::SizeType length, bool copy) {
     return document_.RawNumber(text, length, copy);
   }
   bool String(const char* text, rapidjson::SizeType length, bool copy) {
-    return document_.String(text, length, copy);
+    return CheckText(text, length) && document_.String(text, length, copy);
   }
   bool Key(const char* text, rapidjson::SizeType length, bool copy) {
-    return document_.Key(text, length, copy);
+    return CheckText(text, length) && document_.Key(text, length, copy);
   }
   bool StartObject() { return Enter() && document_.StartObject(); }
   bool EndObject(rapidjson::SizeType count) { return Leave() && document_.EndObject(count); }
   bool StartArray() { return Enter() && document_.StartArray(); }
   bool EndArray(rapidjson::SizeType count) { return Leave() && document_.EndArray(count); }
 
-  [[nodiscard]] bool overflowed() const { return overflowed_; }
+  /// Why the parser was stopped.
+  [[nodiscard]] rapidjson::ParseErrorCode objection() const { return objection_; }
 
  private:
   bool Enter() { return ++depth_ <= max_depth_; }
   bool Leave() { return depth_-- > 0; }
+  bool Check(bool condition, rapidjson::ParseErrorCode objection) {
+    if (!condition) objection_ = objection;
+    return condition;
+  }
+  bool CheckText(const char* text, rapidjson::SizeType length) {
+    return strings_ == Strings::kAnyBytes ||
+           Check(Utf8::IsValid({text, length}), rapidjson::kParseErrorStringInvalidEncoding);
+  }
 
   rapidjson::Document& document_;
   const unsigned max_depth_;
+  const Strings strings_;
   unsigned depth_ = 0;
-  bool overflowed_ = false;
+  rapidjson::ParseErrorCode objection_ = rapidjson::kParseErrorTermination;
 };
 
 }  // namespace
 
 rapidjson::ParseResult ParseInPlace(std::string& text, rapidjson::Document& document,
-                                    unsigned max_depth) {
+                                    unsigned max_depth, Strings strings) {
   rapidjson::ParseResult result;
   const auto generate = [&](rapidjson::Document& target) {
     rapidjson::InsituStringStream stream(text.data());
     rapidjson::Reader reader;
-    DepthLimit handler(target, max_depth);
+    StrictHandler handler(target, max_depth, strings);
     result = reader.Parse<rapidjson::kParseInsituFlag>(stream, handler);
-    if (handler.overflowed()) result.Set(rapidjson::kParseErrorNumberTooBig, result.Offset());
+    if (result.Code() == rapidjson::kParseErrorTermination)
+      result.Set(handler.objection(), result.Offset());
     if (!result.IsError() && stream.Tell() != text.size())
       result.Set(rapidjson::kParseErrorDocumentRootNotSingular, stream.Tell());
     return !result.IsError();

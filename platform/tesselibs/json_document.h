@@ -21,13 +21,20 @@ inline constexpr std::size_t kMaxDocumentSize = std::size_t{64} << 20;
 /// Nesting beyond this is refused: readers and writers of JSON recurse.
 inline constexpr unsigned kMaxDocumentDepth = 1000;
 
+/// What strings of a document may hold. What is handed on to others has to be UTF-8; what only
+/// stays where it is need not be refused for it.
+enum class Strings { kAnyBytes, kUtf8 };
+
 /// Parses a document in place, strictly as RFC 8259 has it. Members of one name are all kept.
 /// @param text  must outlive the document, which refers to it; its content is destroyed
 /// @param max_depth  containers within containers, the outermost counted as one
-/// @return the first error: the parser's own, kParseErrorTermination for nesting too deep, or
+/// @return the first error: the parser's own, kParseErrorTermination for nesting too deep,
+/// kParseErrorStringInvalidEncoding
+///         for a string that is not UTF-8, or
 ///         kParseErrorDocumentRootNotSingular for a NUL byte with anything behind it
 [[nodiscard]] rapidjson::ParseResult ParseInPlace(std::string& text, rapidjson::Document& document,
-                                                  unsigned max_depth = kMaxDocumentDepth);
+                                                  unsigned max_depth = kMaxDocumentDepth,
+                                                  Strings strings = Strings::kAnyBytes);
 
 /// @return the value as compact JSON
 /// @param expected_size  of the text, in bytes

@@ -9,7 +9,7 @@
 #include <cstdlib>
 #include <system_error>
 
-#include "orbi/data/utf8.h"
+#include "tesselibs/utf8.h"
 
 namespace Orbi::Protocol::Json {
 namespace {
@@ -104,7 +104,7 @@ std::optional<ParseFailure> ParseInPlace(std::string& text, std::size_t max_nest
   // The parser's own validation reads on behind the end of a text that is cut off within a
   // character, so the encoding is checked first, and the parser stops at the fault.
   constexpr unsigned kFlags = rapidjson::kParseInsituFlag | rapidjson::kParseNumbersAsStringsFlag;
-  const std::size_t not_utf8 = Data::FindNotUtf8(text);
+  const std::size_t not_utf8 = Utf8::FindInvalid(text);
   if (not_utf8 != std::string::npos) text[not_utf8] = '\0';
   // The stream ends at the first zero byte, of which a JSON text has none.
   const std::size_t zero = text.find('\0');

@@ -8,8 +8,8 @@
 #include <utility>
 #include <variant>
 
-#include "orbi/data/utf8.h"
 #include "orbi/json/base64.h"
+#include "tesselibs/utf8.h"
 
 namespace Orbi::Protocol::Json {
 namespace {
@@ -57,7 +57,7 @@ void AppendCharacters(std::string_view& text, std::string& out, std::size_t limi
     if (static_cast<unsigned char>(text[0]) < 0x80) {
       AppendEscape(text[0], out);
       text.remove_prefix(1);
-    } else if (const std::size_t length = Data::Utf8Length(text); length > 0) {
+    } else if (const std::size_t length = Utf8::Length(text); length > 0) {
       out.append(text.substr(0, length));
       text.remove_prefix(length);
     } else {

@@ -7,8 +7,8 @@
 #include <boost/property_tree/ini_parser.hpp>
 #include <boost/property_tree/ptree.hpp>
 
-#include "orbi/data/utf8.h"
 #include "orbi/l10n/errors.h"
+#include "tesselibs/utf8.h"
 
 namespace Orbi::L10n {
 namespace {
@@ -68,7 +68,7 @@ LocalizationBundle::Texts LocalizationBundle::LoadIniFile(std::istream& stream,
                                                           boost::system::error_code& ec) {
   ec.clear();
   const std::string catalogue = ReadBounded(stream);
-  if (!stream.bad() && catalogue.size() <= kMaxCatalogueBytes && Data::IsUtf8(catalogue)) {
+  if (!stream.bad() && catalogue.size() <= kMaxCatalogueBytes && Utf8::IsValid(catalogue)) {
     try {
       if (auto texts = Parse(catalogue)) return std::move(*texts);
     } catch (const boost::property_tree::ini_parser_error&) {

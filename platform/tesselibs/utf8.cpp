@@ -1,10 +1,10 @@
-#include "orbi/data/utf8.h"
+#include "tesselibs/utf8.h"
 
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
 
-namespace Orbi::Data {
+namespace Utf8 {
 namespace {
 
 /// The characters whose first byte lies in a range: their length, and the second byte's range.
@@ -27,7 +27,7 @@ constexpr bool Within(char c, unsigned char first, unsigned char last) {
 
 }  // namespace
 
-std::size_t Utf8Length(std::string_view text) {
+std::size_t Length(std::string_view text) {
   if (text.empty()) return 0;
   const auto* const row =
       std::ranges::find_if(kRows, [&](const Row& r) { return Within(text[0], r.first, r.last); });
@@ -38,7 +38,7 @@ std::size_t Utf8Length(std::string_view text) {
   return std::ranges::all_of(rest, [](char c) { return Within(c, 0x80, 0xBF); }) ? row->length : 0;
 }
 
-std::size_t FindNotUtf8(std::string_view text) {
+std::size_t FindInvalid(std::string_view text) {
   std::size_t at = 0;
   while (at < text.size()) {
     // Most texts are ASCII: eight bytes at a time while no top bit is set.
@@ -50,11 +50,11 @@ std::size_t FindNotUtf8(std::string_view text) {
         continue;
       }
     }
-    const std::size_t length = Utf8Length(text.substr(at));
+    const std::size_t length = Length(text.substr(at));
     if (length == 0) return at;
     at += length;
   }
   return std::string_view::npos;
 }
 
-}  // namespace Orbi::Data
+}  // namespace Utf8
