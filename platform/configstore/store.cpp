@@ -56,8 +56,9 @@ void Prepare(SQLite::Database& database) {
   database.exec("PRAGMA synchronous = FULL");
   const std::string verdict = database.execAndGet("PRAGMA quick_check(1)").getString();
   if (verdict != "ok") throw SQLite::Exception(verdict, SQLITE_CORRUPT);
-  if (database.execAndGet("PRAGMA user_version").getInt64() > kFormat)
-    throw ConfigStoreException(1018);
+  const std::int64_t format = database.execAndGet("PRAGMA user_version").getInt64();
+  if (format > kFormat) throw ConfigStoreException(1018);
+  if (format == kFormat) return;  // one that can only be read is not written to
   database.exec(
       "CREATE TABLE IF NOT EXISTS entries ("
       "component TEXT NOT NULL, category TEXT NOT NULL, key TEXT NOT NULL, layer INTEGER NOT NULL,"
