@@ -32,12 +32,22 @@ def wipe(folder):
             shutil.rmtree(entry) if entry.is_dir() and not entry.is_symlink() else entry.unlink()
 
 
+def give_back(folder):
+    """Takes back what configuration modules have changed."""
+    for left in folder.rglob("*-kestreld*"):
+        if left.name.endswith(".before-kestreld"):
+            left.replace(left.with_suffix(""))
+        else:
+            left.unlink()
+
+
 @pytest.fixture
 def fresh_host(system_log):
     """A host without any state of other tests."""
     yield system_log
     wipe(STATE)
     wipe(pathlib.Path("/run/tessel"))
+    give_back(pathlib.Path("/etc"))
 
 
 @pytest.fixture

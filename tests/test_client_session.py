@@ -17,9 +17,10 @@ from sandboxed_host import BINARIES, PORT, served, wait_until
 from orbi_client import envelope
 
 SESSIONS = pathlib.Path(__file__).parent / "sessions"
+MODULES = pathlib.Path("/usr/lib/tessel/configmanager/apply_modules")
 HELPERS = (pathlib.Path("/usr/bin/python"), BINARIES / "lifecyclectl.py")  # the first runs imagemanagerctl.py
 UUID = r"[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}"
-VOLATILE = {UUID: "<task>", r"\b[0-9a-f]{64}\b": "<sha256>", r'(?<="completed": )\d\d?\b': "<percent>",
+VOLATILE = {f'(?<="spec_id": "){UUID}': "<spec>", UUID: "<task>", r"\b[0-9a-f]{64}\b": "<sha256>", r'(?<="completed": )\d\d?\b': "<percent>",
             r'((?:payload_size|download_size|downloaded|"size)": )[1-9]\d*': r"\1<bytes>"}
 TIME = r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z"
 
@@ -59,11 +60,20 @@ def replaced_helpers(script):
         yield
 
 
+@contextlib.contextmanager
+def behaving(code):
+    """Has the programs of the probe, a module that is installed, run some Python before they do their work."""
+    path = MODULES / "probe/behaviour"
+    path.write_text(code)
+    yield
+    path.unlink()
+
+
 class Session:
     """Replays a transcript: takes the calls from it, and tells what was answered in the same form."""
 
-    def __init__(self, names):
-        self._names, self._service = dict(names), ""
+    def __init__(self, names, log):
+        self._names, self._log, self._service, self._mark = dict(names), log, "", log.mark()
         self._start = datetime.datetime.now(datetime.timezone.utc).isoformat()
 
     def replay(self, steps):
@@ -78,6 +88,8 @@ class Session:
             self._names[name] = self._filled(text)
         elif word == "$":
             return self._shell(self._filled(rest))
+        elif word == "log":
+            return self._logged(self._filled(rest), len(rows))
         elif word and not word.startswith("#"):
             cases = (row.partition("=>")[0].strip() for row in rows)
             return [f"{case} => {self._case(word, rest or '{}', case)}".strip() for case in cases]
@@ -88,11 +100,24 @@ class Session:
                                  text=True, timeout=60, check=False).stdout
         return [self._told(line) for line in printed.split("\n") if line]
 
+    def _logged(self, text, count):
+        """The daemon's lines with a text since the last time, once there are as many as are told of."""
+        def lines():
+            return [line.partition("]: ")[2] for line in self._log.lines[self._mark:] if text in line]
+
+        with contextlib.suppress(AssertionError):
+            wait_until(lambda: len(lines()) >= count, seconds=5)
+        seen, self._mark = lines(), self._log.mark()
+        return [self._told(line) for line in seen]
+
     def _case(self, operation, fields, case):
         """The answer to one call. `case` tells what is special: a helper of its own, a caller, values of a name."""
         kind, _, what = case.partition(" ")
         if kind == "helper":
             with replaced_helpers(self._filled(what)):
+                return self._call(operation, fields)
+        if kind == "behaving":
+            with behaving(self._filled(what)):
                 return self._call(operation, fields)
         if kind == "as":
             return self._call(operation, fields, *what.split("/"))
@@ -114,6 +139,8 @@ class Session:
         record = self._curl("com.tessel.cis.tasks", "get", {"task": task})["output"]
         if "error" in record:
             record["error"] = self._error(record["error"])
+        if (record.get("result") or {}).get("spec_id"):
+            self._names["spec"] = record["result"]["spec_id"]
         return record["status"] in ("SUCCEEDED", "FAILED") and record
 
     @staticmethod
@@ -143,7 +170,7 @@ class Session:
 
     def _filled(self, text):
         for name, value in self._names.items():
-            text = text.replace(f"<{name}>", value)
+            text = text.replace(f'"<{name}>"', json.dumps(value)).replace(f"<{name}>", value)
         return text
 
     def _told(self, text):
@@ -156,11 +183,18 @@ class Session:
         return text
 
 
+def host_of(daemon):
+    """How configuration documents name this host."""
+    document = daemon.client().call("com.tessel.ryx.kestrel_daemon.configuration", "export")["document"]
+    return json.loads(document)["metadata"]["reference_host"]
+
+
 @pytest.mark.parametrize("transcript", sorted(SESSIONS.glob("*.txt")), ids=lambda path: path.stem)
 def test_session_goes_as_its_transcript_tells(daemon, sample_depot, tmp_path, transcript):
     shutil.copytree(sample_depot, tmp_path / "depot")
     steps = parse((SESSIONS / "names.let").read_text() + transcript.read_text())
     with served(tmp_path / "depot") as url:
-        replayed = Session({"depot": url, "folder": str(tmp_path / "depot")}).replay(steps)
+        names = {"depot": url, "folder": str(tmp_path / "depot"), "tests": str(SESSIONS.parent), "host": host_of(daemon)}
+        replayed = Session(names, daemon.log).replay(steps)
     difference = list(difflib.unified_diff(*map(list, map(render, (steps, replayed))), "told", "seen", lineterm="", n=5))
     assert not difference, "\n".join(difference)
