@@ -33,6 +33,17 @@ std::string SocketName(const std::string& path) {
   return name;
 }
 
+/// Abstract namespace: the name follows a NUL byte and vanishes with the socket. Everything up to
+/// the given length belongs to the name, so that every process must give the same length.
+bool BindTo(int descriptor, const std::string& name) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  const std::size_t length = std::min(name.size(), sizeof address.sun_path - 1);
+  std::memcpy(address.sun_path + 1, name.data(), length);
+  const auto size = static_cast<socklen_t>(sizeof address.sun_family + 1 + length);
+  return bind(descriptor, reinterpret_cast<const sockaddr*>(&address), size) == 0;
+}
+
 }  // namespace
 
 AccessLockError::AccessLockError(int error_number)
@@ -74,6 +85,14 @@ AccessLock::~AccessLock() noexcept(false) {  // NOLINT(bugprone-exception-escape
   }
 }
 
+bool AccessLock::IsHeld(const std::string& path) {
+  const int descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (descriptor == -1) return true;
+  const bool held = !BindTo(descriptor, SocketName(path));
+  close(descriptor);
+  return held;
+}
+
 /// Makes the socket and binds it to the name.
 void AccessLock::Bind() {
   socket_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -82,14 +101,7 @@ void AccessLock::Bind() {
     syslog(LOG_ERR, "[AccessLock]: Failed to create socket{%s}: {%s}", name_.c_str(), error.what());
     throw error;
   }
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  // Abstract namespace: the name follows a NUL byte and vanishes with the socket. Everything up to
-  // the given length belongs to the name, so that every process must give the same length.
-  const std::size_t length = std::min(name_.size(), sizeof address.sun_path - 1);
-  std::memcpy(address.sun_path + 1, name_.data(), length);
-  const auto size = static_cast<socklen_t>(sizeof address.sun_family + 1 + length);
-  if (bind(socket_, reinterpret_cast<const sockaddr*>(&address), size) == -1) {
+  if (!BindTo(socket_, name_)) {
     const AccessLockError error(errno);
     syslog(LOG_ERR, "[AccessLock]: Failed to bind socket{%s}: {%s}", name_.c_str(), error.what());
     throw error;

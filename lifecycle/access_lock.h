@@ -51,6 +51,11 @@ class AccessLock {
   ///         way already
   ~AccessLock() noexcept(false);  // NOLINT(bugprone-exception-escape): told to the lock's user
 
+  /// Whether somebody holds the lock of a path. Logs nothing, as nobody waits for it. To tell, it
+  /// takes the lock for a moment, in which others find it held.
+  /// @return true also when that cannot be told
+  [[nodiscard]] static bool IsHeld(const std::string& path);
+
   AccessLock(const AccessLock&) = delete;
   AccessLock& operator=(const AccessLock&) = delete;
 

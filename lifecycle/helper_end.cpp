@@ -78,14 +78,7 @@ class HelperEnd {
 
 std::string HelperLockPath(const std::string& task_id) { return kTaskSyncFile + "-" + task_id; }
 
-bool HelperLives(const std::string& task_id) {
-  try {
-    const AccessLock lock(HelperLockPath(task_id), 0);
-    return false;
-  } catch (const AccessLockError&) {
-    return true;
-  }
-}
+bool HelperLives(const std::string& task_id) { return AccessLock::IsHeld(HelperLockPath(task_id)); }
 
 std::vector<std::string> MarkerWords(const std::string& marker) {
   std::string text(4096, '\0');
