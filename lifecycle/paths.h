@@ -15,4 +15,13 @@ inline const std::string kTaskSyncFile = "/var/tessel/lifecycle/lifecycle.task";
 /// may start meanwhile. Leaves the task sync file alone.
 inline const std::string kApplyPidFile = "/var/tessel/lifecycle/lifecycle.apply.pid";
 
+/// Documents for helpers; behind each of these stands the identifier of its task.
+inline const std::string kSpecDocument = "/var/tessel/lifecycle/swspec-";
+inline const std::string kDepotsDocument = "/var/tessel/lifecycle/depots-";
+inline const std::string kConfigurationDocument = "/var/tessel/lifecycle/config-";
+inline const std::string kImageDocument = "/var/tessel/lifecycle/image-";
+
+/// The document of a scan. There is one for all: that only one task can run keeps them apart.
+inline const std::string kScanDocument = "/var/run/lifecycle.scan.swspec";
+
 }  // namespace LifeCycle

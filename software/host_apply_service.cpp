@@ -79,16 +79,16 @@ void CheckInput(const SetInput& input) {
 std::string WriteDocuments(const SetInput& input, const std::string& id, FilesForHelper& files) {
   std::string options;
   const auto write = [&]<typename T>(const std::optional<T>& document, const char* option,
-                                     const char* path_before_id) {
+                                     const std::string& path_before_id) {
     if (!document) return;
     const std::string path = path_before_id + id;
     files.Write(path, ValueToJson(::Orbi::Bindings::Adapter<T>::ToValue(*document)));
     options.append(option).append(path);
   };
   try {
-    write(input.depots, " --depot-doc ", "/var/tessel/lifecycle/depots-");
-    write(input.configuration, " --config-doc ", "/var/tessel/lifecycle/config-");
-    write(input.image, " --image-doc ", "/var/tessel/lifecycle/image-");
+    write(input.depots, " --depot-doc ", kDepotsDocument);
+    write(input.configuration, " --config-doc ", kConfigurationDocument);
+    write(input.image, " --image-doc ", kImageDocument);
   } catch (const std::exception&) {
     throw UnknownFailure();
   }

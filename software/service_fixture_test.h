@@ -15,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "lifecycle/paths.h"
 #include "lifecycle/testing/call_operation.h"
 #include "orbi/core/local_provider.h"
 #include "software/depots_service.h"
@@ -28,7 +29,6 @@
 namespace LifeCycle {
 
 inline const std::string kTaskDirectory = "/var/tessel/lifecycle";
-inline const std::string kScanDocument = "/var/run/lifecycle.scan.swspec";
 
 /// What the fake interpreter does when it is started.
 struct Behaviour {

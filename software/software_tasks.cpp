@@ -5,6 +5,7 @@
 
 #include "configuration/messages/api_errors.h"
 #include "lifecycle/complete_operation.h"
+#include "lifecycle/paths.h"
 #include "lifecycle/task_errors.h"
 #include "orbi/std/errors.h"
 #include "software/command/remove_files.h"
@@ -24,7 +25,7 @@ namespace Errors = ::Com::Tessel::Orbi::Std::Errors;
 /// Where the specification for a task is written.
 enum class SpecFile {
   kPerTask,
-  kOfScans,  ///< one fixed path: that only one task can run keeps scans from overlapping
+  kOfScans,  ///< one fixed path
 };
 
 /// A task on a software specification: "{2}" in its arguments stands for the depots, "{3}" for the
@@ -63,8 +64,8 @@ std::string Repeat(const char* option, const std::vector<std::string>& values) {
 }
 
 std::string SpecPath(const SpecOperation& operation, const std::string& id) {
-  if (operation.file == SpecFile::kOfScans) return "/var/run/lifecycle.scan.swspec";
-  return "/var/tessel/lifecycle/swspec-" + id;
+  if (operation.file == SpecFile::kOfScans) return kScanDocument;
+  return kSpecDocument + id;
 }
 
 void WriteSpec(const SpecOperation& operation, const std::string& path, const SoftwareSpec& spec) {
