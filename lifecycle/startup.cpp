@@ -1,11 +1,11 @@
 #include "lifecycle/startup.h"
 
 #include <algorithm>
+#include <exception>
 #include <string>
 #include <string_view>
-#include <vector>
 
-#include "lifecycle/helper_end.h"
+#include "lifecycle/earlier_helpers.h"
 #include "lifecycle/paths.h"
 #include "lifecycle/task_errors.h"
 #include "software/command/remove_files.h"
@@ -35,15 +35,13 @@ bool RanInProcess(const TaskDB::Record& record) {
 void FailAbandonedTasks(TaskFile& file) {
   const TaskError aborted = MakeError("com.tessel.ryx.task.aborted", ErrorKind::kError);
   const TaskDB::RecordEdit fail = TaskDB::Fail(ValueToTypedJson(*aborted));
-  const std::vector<std::string> holder = MarkerWords(kTaskSyncFile);
+  EarlierHelpers helpers;
   RemoveFiles({kTaskSyncFile});
-  const auto helper_is_gone = [&holder](const std::string& id) {
-    return std::ranges::count(holder, id) != 0 && !HelperLives(id);
-  };
   const auto sweep = [&](const std::string& id, TaskDB::Record& record,
                          TaskDB::Allocator& allocator) {
+    if (TaskDB::IsFinished(record)) return false;
     const bool in_process = RanInProcess(record);
-    if (TaskDB::IsFinished(record) || !(in_process || helper_is_gone(id))) return false;
+    if (!in_process && !helpers.HasGone(id, record)) return false;
     Log_Level(3, "[%s]: Task %s did not outlive the daemon\n", "FailAbandonedTasks", id.c_str());
     if (!in_process) {
       TaskDB::FailUnexplained()(record, allocator);
@@ -55,7 +53,14 @@ void FailAbandonedTasks(TaskFile& file) {
     fail(record, allocator);
     return true;
   };
-  file.ChangeAll(sweep, kLockRetries);
+  try {
+    file.ChangeAll(sweep, kLockRetries);
+  } catch (const std::exception& e) {
+    // A full disk is no reason not to serve: whoever makes room may need that.
+    Log_Level(2, "[%s]: Failed to end tasks: %s\n", "FailAbandonedTasks", e.what());
+    helpers.ExpectEnds();
+  }
+  helpers.FreeHost();
 }
 
 }  // namespace LifeCycle

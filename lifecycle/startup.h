@@ -4,13 +4,14 @@
 
 namespace LifeCycle {
 
-/// Fails the tasks that an earlier run of this process left unfinished, with
-/// "com.tessel.ryx.task.aborted": no thread will ever finish them. Tasks of helper processes are
-/// left alone, since a helper outlives the daemon and ends its own record; but the one that holds
-/// the host fails when its helper is gone. The task sync file is removed, whoever it names.
+/// Fails the tasks that an earlier run of this process left unfinished and that nobody will ever
+/// finish: those of its own threads with "com.tessel.ryx.task.aborted", and those of helpers that
+/// are gone, which EarlierHelpers tells from those that outlived it and end their own records. The
+/// task sync file is removed, whoever it names; the apply pid file unless its helper lives.
 ///
-/// Called once at start-up, before requests are served.
-/// @throws what TaskFile's operations throw
+/// Called once at start-up, before requests are served. Records that cannot be written are logged;
+/// of those the helpers' are tried again later.
+/// @throws HostCtl::Lib::HostCtlException when a helper cannot be watched
 void FailAbandonedTasks(TaskFile& file);
 
 }  // namespace LifeCycle

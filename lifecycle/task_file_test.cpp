@@ -18,8 +18,6 @@
 #include <vector>
 
 #include "lifecycle/access_lock.h"
-#include "lifecycle/helper_end.h"
-#include "lifecycle/paths.h"
 #include "lifecycle/startup.h"
 #include "lifecycle/task_file_errors.h"
 #include "orbi/date_time.h"
@@ -229,25 +227,25 @@ TEST_P(TaskFileTest, UnreadableIsToldUntilStartUpMakesItAnew) {
 
 TEST_P(TaskFileTest, StartUpFailsWhatNoThreadWillFinish) {
   TaskFile file(path_, Initialise::kAlways);
-  const std::pair<const char*, const char*> operations[] = {
+  const std::string gone = "00000000-0000-4000-8000-00000000000";
+  const std::pair<std::string, const char*> operations[] = {
+      {gone + "1", "com.tessel.ryx.kestrel_daemon.software.scan$task"},
+      {gone + "2", "com.tessel.ryx.kestrel_daemon.configurations.apply$task"},
       {"document", "com.tessel.ryx.kestrel_daemon.configuration.apply$task"},
       {"ended", "com.tessel.ryx.kestrel_daemon.configuration.apply$task"},
-      {"helper", "com.tessel.ryx.kestrel_daemon.software.scan$task"},
-      {"key", "com.tessel.ryx.configuration.components.groups.keys.set$task"},
-      {"similar", "com.tessel.ryx.kestrel_daemon.configurations.apply$task"}};
+      {"foreign", "com.tessel.ryx.kestrel_daemon.software.scan$task"},
+      {"key", "com.tessel.ryx.configuration.components.groups.keys.set$task"}};
   for (const auto& [id, operation] : operations) {
     file.AddTask(id, operation, 0);
     file.StartTask(id, 0);
   }
   file.SucceedTask("ended", "", 0);
-  file.AddEmptyTask("empty", 0);
-  WriteToFile(kTaskSyncFile, "PRECURSOR: helper similar");
-  const AccessLock alive(HelperLockPath("helper"), 0);
+  file.AddEmptyTask(gone + "3", 0);  // it could not be started
   FailAbandonedTasks(file);
   std::string statuses;
   for (const auto& [id, task] : file.GetTasks(0)) statuses += id + "=" + task.status + " ";
-  EXPECT_EQ(statuses,
-            "document=FAILED empty= ended=SUCCEEDED helper=RUNNING key=FAILED similar=FAILED ");
+  EXPECT_EQ(statuses, gone + "1=FAILED " + gone + "2=FAILED " + gone +
+                          "3= document=FAILED ended=SUCCEEDED foreign=RUNNING key=FAILED ");
   EXPECT_THAT(file.GetTasks(0).at("key").exception, HasSubstr("\"com.tessel.ryx.task.aborted\""));
 }
 

@@ -4,6 +4,7 @@
 
 #include <utility>
 
+#include "pcore/reaper.h"
 #include "pcore/spawn.h"
 
 namespace PcoreCtl::Util {
@@ -17,6 +18,10 @@ int PcoreCtl_Daemon(const std::string& command, bool changeToRoot, bool discardS
                  .logUsage = logUsage},
                 std::move(onEnd));
   return 0;
+}
+
+void PcoreCtl_Watch(EndObserver onEnd) {
+  Reaper::Instance().Adopt({0, {}, {}, Reaper::Kind::kDetached, std::move(onEnd)});
 }
 
 int PcoreCtl_Exec(const std::string& command, bool discardStreams, bool honourGroup,

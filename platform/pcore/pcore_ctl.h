@@ -22,6 +22,11 @@ namespace PcoreCtl::Util {
 int PcoreCtl_Daemon(const std::string& command, bool changeToRoot, bool discardStreams,
                     bool honourGroup, bool logUsage, EndObserver onEnd = {});
 
+/// Has an observer asked as at the end of a detached process: for processes that an earlier run of
+/// this program started, whose end can only be looked for.
+/// @throws HostCtl::Lib::HostCtlException when that cannot be set up
+void PcoreCtl_Watch(EndObserver onEnd);
+
 /// Runs the command to its end.
 /// @return its exit status, or the raw wait status when a signal ended it
 /// @throws HostCtl::Lib::HostCtlException when it cannot be started or waited for

@@ -25,7 +25,8 @@ class Reaper {
 
   struct Process {
     pid_t pid;
-    UniqueFd handle;             ///< pid descriptor; none once a detached process has ended
+    UniqueFd handle;             ///< pid descriptor; none once a detached process has ended, or
+                                 ///< when there is only an observer
     std::optional<Usage> usage;  ///< what to log at its end
     Kind kind;
     EndObserver onEnd = {};  ///< of a detached process
