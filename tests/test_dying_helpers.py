@@ -15,6 +15,7 @@ import signal
 import socket
 import struct
 import subprocess
+import uuid
 
 import pytest
 
@@ -24,6 +25,7 @@ from orbi_client import OrbiError
 TASKS = "com.tessel.cis.tasks"
 DAEMON = "com.tessel.ryx.kestrel_daemon."
 INSTALLED = "com.tessel.ryx.software.installed_image"
+MOTD = pathlib.Path("/etc/motd")
 UNKNOWN = "com.tessel.pelorus.lifecycle.RyxImage.UnknownError"
 SOLUTION = {"solutions": {"tidemark-backup": {"version": "2.5.0-1", "components": []}}}
 OLD = {"base_image": {"version": "8.0.1-1"}, "components": {}, **SOLUTION}
@@ -35,6 +37,8 @@ OPERATIONS = {  # DEPOTS stands for the depots
                    {"depots": "DEPOTS", "components": {"fabric-tuning": "1.0.0-1"}}),
     "remove": (DAEMON + "solutions", "remove$task", {"solutions": ["tidemark-backup"]}),
     "extract": (INSTALLED, "extract_depot$task", {}),
+    "set": ("com.tessel.ryx.hosts.settings", "set$task", {"depots": "DEPOTS", "image": NEW, "configuration": {
+        "metadata": {"schema_version": "1.0"}, "profile": {"system": {"banner": {"motd": {"text": "new\n"}}}}}}),
 }
 NOTHING, KILL_WORKER, KILL_GUARD, KILL_BOTH, FAIL, KILL_AT_START, EXIT_AT_START = range(7)
 BREAKAGES = {"worker": (KILL_WORKER, 0), "guard": (KILL_GUARD, 0), "both": (KILL_BOTH, 0),
@@ -67,11 +71,13 @@ class Image:
         self.client, self._depot, self._kept = client, depot, f"{LIFECYCLE}-kept"
         assert self.run(DAEMON + "software", "apply$task", {"depots": "DEPOTS", "software_spec": OLD}) == "SUCCEEDED"
         shutil.copytree(LIFECYCLE / "image", self._kept, symlinks=True)
+        MOTD.write_text("old\n")
         self.old = self.content()
 
     def restore(self):
         shutil.rmtree(LIFECYCLE / "image")
         shutil.copytree(self._kept, LIFECYCLE / "image", symlinks=True)
+        MOTD.write_text("old\n")
 
     def run(self, service, operation, fields):
         """Runs a task to its end, at which the host has to be free. Returns its status."""
@@ -80,8 +86,8 @@ class Image:
         # Not by calls: to check a password takes longer than many a task.
         wait_until(lambda: "endTime" in json.loads((LIFECYCLE / "task-status.json").read_text())[task], what="an end")
         self.last = self.client.call(TASKS, "get", task=task)
-        wait_until(lambda: not (LIFECYCLE / "lifecycle.task").exists() and not list(LIFECYCLE.glob(f"swspec-{task}")),
-                   what="a free host without the task's document")
+        wait_until(lambda: not [path for pattern in ("lifecycle.task", "*.pid", f"*{task}")
+                                for path in LIFECYCLE.glob(pattern)], what="a free host without the task's documents")
         return self.last["status"]
 
     def content(self):
@@ -125,7 +131,7 @@ def test_a_helper_broken_at_any_call_leaves_a_whole_image_and_a_free_host(breake
     image.restore()
     breaker.plan(NOTHING)
     assert image.run(*OPERATIONS[name]) == "SUCCEEDED"
-    count, done = breaker.calls()[0], image.content()
+    count, done = breaker.calls()[0], (image.content(), MOTD.read_text())
     plans = {how: [(*what, point, 0) for point in points(count, 4 if name == "apply" else 2)]
              for how, what in BREAKAGES.items()}
     plans["guard at its work"] = [(KILL_WORKER, 0, count // 2, point) for point in points(8, 2)]
@@ -140,7 +146,8 @@ def broken(breaker, image, plan, name, done):
     image.restore()
     breaker.plan(*plan)
     status = image.run(*OPERATIONS[name])
-    assert image.content() in ([done] if status == "SUCCEEDED" else [image.old, done]), plan
+    steps = [(image.old, "old\n"), (done[0], "old\n"), done]
+    assert (image.content(), MOTD.read_text()) in (steps[2:] if status == "SUCCEEDED" else steps), plan
     assert status == "SUCCEEDED" or plan[0] != KILL_GUARD and image.last["error"], plan
     if status == "FAILED" and plan[0] != FAIL:
         assert UNKNOWN in json.dumps(image.last["error"]), (plan, image.last)
@@ -150,11 +157,31 @@ def broken(breaker, image, plan, name, done):
 
 
 @pytest.mark.parametrize("action", [KILL_AT_START, EXIT_AT_START])
-def test_a_helper_that_dies_before_it_begins_ends_its_task(breaker, image, action):
+@pytest.mark.parametrize("name", ["apply", "set"])
+def test_a_helper_that_dies_before_it_begins_ends_its_task(breaker, image, action, name):
     breaker.plan(action)
-    assert image.run(*OPERATIONS["apply"]) == "FAILED" and UNKNOWN in json.dumps(image.last["error"])
+    assert image.run(*OPERATIONS[name]) == "FAILED" and UNKNOWN in json.dumps(image.last["error"])
     breaker.plan(NOTHING)
-    assert image.run(*OPERATIONS["apply"]) == "SUCCEEDED"
+    assert image.run(*OPERATIONS[name]) == "SUCCEEDED"
+
+
+@pytest.mark.parametrize("pid_file, record", [
+    ("", None), ("PRECURSOR: ID", None), ("PRECURSOR: ID", {}),
+    ("7 ID", {"status": "RUNNING", "operation": "com.tessel.ryx.hosts.settings.set$task"})])
+def test_a_daemon_ends_what_died_before_it(start_daemon, sample_depot, pid_file, record):
+    """At each step at which an apply can die together with the daemon."""
+    task = str(uuid.uuid4())
+    LIFECYCLE.mkdir(parents=True)
+    (LIFECYCLE / "lifecycle.apply.pid").write_text(pid_file.replace("ID", task))
+    (LIFECYCLE / "task-status.json").write_text(json.dumps({} if record is None else {task: record}))
+    for document in ("depots-", "config-", "image-", "swspec-"):
+        (LIFECYCLE / (document + task)).write_text("[]")
+    client = start_daemon().client()
+    wait_until(lambda: not [*LIFECYCLE.glob("*.pid"), *LIFECYCLE.glob(f"*{task}")], what="a free host")
+    found = wait_until(lambda: [info for info in client.call(TASKS, "list").values() if info["status"] == "FAILED"]
+                       or record is None, what="an end")
+    assert record is None or UNKNOWN in json.dumps(found[0]["error"])
+    assert Image(client, sample_depot).run(*OPERATIONS["set"]) == "SUCCEEDED"
 
 
 @pytest.fixture
@@ -206,4 +233,7 @@ def test_a_helper_of_the_daemon_before_keeps_a_second_from_the_image(start_daemo
         for found in (*processes(f"task-guard {first[:8]}"), *processes(f"--task-id\0{first}")):
             os.kill(found, signal.SIGKILL)
         wait_until(lambda: not processes(first), what="the end of the first")
+        info = wait_until(lambda: (info := image.client.call(TASKS, "get", task=first))["status"] == "FAILED" and info,
+                          what="an end told by the daemon that did not start it")
+        assert UNKNOWN in json.dumps(info["error"])
     assert image.run(*OPERATIONS["apply"]) == "SUCCEEDED" and image.content() != image.old
