@@ -15,7 +15,6 @@
 namespace {
 
 namespace fs = std::filesystem;
-using RyxConfigStore::Layer;
 using RyxConfigStore::Store;
 
 constexpr int kMostKeys = 1000;
@@ -121,10 +120,10 @@ void GetOneKey(benchmark::State& state) {
     const RyxConfigStore::KeyAddress rows{"table", "group", "rows"};
     for (int i = 0; i < kMostInstances; ++i)
       if (i < state.range(0))
-        change.Set(rows, std::to_string(i), R"({"text":"one of many"})", Layer::kUser);
+        change.Set(rows, std::to_string(i), R"({"text":"one of many"})");
       else
-        change.Delete(rows, std::to_string(i), Layer::kUser);
-    change.Set({"bench", "group", "key0"}, "", R"({"text":"the one"})", Layer::kUser);
+        change.Delete(rows, std::to_string(i));
+    change.Set({"bench", "group", "key0"}, "", R"({"text":"the one"})");
   });
   for (auto _ : state)
     benchmark::DoNotOptimize(RyxConfigManager::GetCurrentConfig("bench", "group", "key0"));

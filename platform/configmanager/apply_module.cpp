@@ -10,7 +10,6 @@
 namespace RyxConfigManager {
 namespace {
 
-using RyxConfigStore::Layer;
 using RyxConfigStore::Store;
 
 bool IsIn(PlanPart part, const Change& change) {
@@ -34,11 +33,11 @@ void RecordValues(Store::Transaction& transaction, const KeyPlan& plan) {
   if (!plan.isAskedFor) return;
   const KeyState& state = *plan.state;
   for (const auto& [instance, value] : plan.target) {
-    transaction.Set(state.key->address, instance, ToText(value), Layer::kUser);
+    transaction.Set(state.key->address, instance, ToText(value));
   }
   // Only where the default is another list does an empty one have to be remembered.
   if (plan.target.empty() && !state.defaults.empty()) {
-    transaction.Set(state.key->address, kEmptyListInstance, kEmptyListValue, Layer::kUser);
+    transaction.Set(state.key->address, kEmptyListInstance, kEmptyListValue);
   }
 }
 
@@ -46,11 +45,11 @@ void RecordDeletions(Store::Transaction& transaction, const KeyPlan& plan) {
   const KeyState& state = *plan.state;
   for (const auto& [instance, value] : state.stored) {
     if (plan.isAskedFor && plan.target.contains(instance)) continue;
-    transaction.Delete(state.key->address, instance, Layer::kUser);
+    transaction.Delete(state.key->address, instance);
   }
   const bool keeps_marker = plan.isAskedFor && plan.target.empty() && !state.defaults.empty();
   if (!state.key->singleton && !keeps_marker) {
-    transaction.Delete(state.key->address, kEmptyListInstance, Layer::kUser);
+    transaction.Delete(state.key->address, kEmptyListInstance);
   }
 }
 

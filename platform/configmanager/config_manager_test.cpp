@@ -16,7 +16,6 @@
 namespace RyxConfigManager {
 namespace {
 
-using RyxConfigStore::Layer;
 using RyxConfigStore::Store;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -31,8 +30,8 @@ class ConfigManagerTest : public testing::Test {
  protected:
   void SetUp() override {
     std::filesystem::create_directories("/var/run/tessel");
-    store_->Change([entries = store_->GetAll(Layer::kUser)](Store::Transaction& transaction) {
-      for (const auto& e : entries) transaction.Delete(e.address, e.instance, e.layer);
+    store_->Change([entries = store_->GetAll()](Store::Transaction& transaction) {
+      for (const auto& e : entries) transaction.Delete(e.address, e.instance);
     });
   }
   void TearDown() override { std::filesystem::remove(kMaintenanceMode); }
@@ -75,7 +74,7 @@ class ConfigManagerTest : public testing::Test {
   /// The stored values, a line for each.
   [[nodiscard]] std::string Stored() const {
     std::string text;
-    for (const auto& e : store_->GetAll(Layer::kUser)) {
+    for (const auto& e : store_->GetAll()) {
       text += e.address.key + (e.instance.empty() ? " " : " " + e.instance + " ") + e.value + "\n";
     }
     return text;

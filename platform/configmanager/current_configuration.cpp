@@ -94,7 +94,7 @@ std::string Sha256(const std::string& text) {
 }  // namespace
 
 StoredConfiguration::StoredConfiguration(RyxConfigStore::Store& store) {
-  for (RyxConfigStore::Entry& entry : store.GetAll(RyxConfigStore::Layer::kUser)) {
+  for (RyxConfigStore::Entry& entry : store.GetAll()) {
     const KeyAddress& address = entry.address;
     const rapidjson::Value* value = pool_.Parse(std::move(entry.value));
     if (value == nullptr) {

@@ -27,7 +27,6 @@ namespace {
 using rapidjson::Value;
 using RyxConfigStore::ConfigStoreException;
 using RyxConfigStore::KeyAddress;
-using RyxConfigStore::Layer;
 using RyxConfigStore::Store;
 
 constexpr std::int32_t kUnknownKey = 2021;
@@ -189,7 +188,7 @@ void SetConfig(const std::string& component, const std::string& group, const std
 void DeleteConfig(const std::string& component, const std::string& group, const std::string& key,
                   const TaskInput* task) {
   FoundKey found = FindKey(component, group, key);
-  if (Store::FromPath()->Get(found.key->address, Layer::kUser).empty()) {
+  if (Store::FromPath()->Get(found.key->address).empty()) {
     const std::string id = std::string(kValidationPrefix) + "invalid.delete.default";
     throw InvalidArgumentException(kInvalidValue, {found.Name() + ": " + id});
   }
@@ -199,7 +198,7 @@ void DeleteConfig(const std::string& component, const std::string& group, const 
 std::string GetCurrentConfig(const std::string& component, const std::string& group,
                              const std::string& key) {
   const FoundKey found = FindKey(component, group, key);
-  const auto entries = Store::FromPath()->Get(found.key->address, Layer::kUser);
+  const auto entries = Store::FromPath()->Get(found.key->address);
   if (entries.empty()) return {};
   if (found.key->singleton) return entries.front().value;
   std::string instances;

@@ -40,9 +40,8 @@ class StoreTest : public testing::Test {
   StoreTest() { fs::remove_all(folder_); }
   ~StoreTest() override { fs::remove_all(folder_); }
 
-  void Set(const KeyAddress& address, const std::string& instance, const std::string& value,
-           Layer layer = Layer::kUser) {
-    store().Change([&](auto& change) { change.Set(address, instance, value, layer); });
+  void Set(const KeyAddress& address, const std::string& instance, const std::string& value) {
+    store().Change([&](auto& change) { change.Set(address, instance, value); });
   }
   [[nodiscard]] Store& store() const { return *Store::FromPath(path_); }
 
@@ -50,30 +49,28 @@ class StoreTest : public testing::Test {
   const std::string path_ = folder_ / "below" / "store.db";
 };
 
-TEST_F(StoreTest, KeepsValuesByKeyLayerAndInstance) {
+TEST_F(StoreTest, KeepsValuesByKeyAndInstance) {
   Set(kPeers, "b", "{\"n\":2}");
   Set(kPeers, "a", "{\"n\":1}");
-  Set(kServers, "", "{}", Layer::kDefault);
-  EXPECT_THAT(store().Get(kPeers, Layer::kUser),
+  EXPECT_THAT(store().Get(kPeers),
               ElementsAre(Field(&Entry::instance, "a"), Field(&Entry::value, "{\"n\":2}")));
-  EXPECT_THAT(store().Get(kServers, Layer::kUser), IsEmpty());
-  EXPECT_THAT(store().GetAll(Layer::kDefault), ElementsAre(Field(&Entry::address, kServers)));
+  EXPECT_THAT(store().Get(kServers), IsEmpty());
   store().Change([](auto& change) {
-    change.Delete(kPeers, "a", Layer::kUser);
-    change.Delete(kPeers, "not there", Layer::kUser);
-    change.Set(kPeers, "b", "{\"n\":3}", Layer::kUser);
+    change.Delete(kPeers, "a");
+    change.Delete(kPeers, "not there");
+    change.Set(kPeers, "b", "{\"n\":3}");
   });
-  EXPECT_THAT(store().GetAll(Layer::kUser), ElementsAre(Field(&Entry::value, "{\"n\":3}")));
+  EXPECT_THAT(store().GetAll(), ElementsAre(Field(&Entry::value, "{\"n\":3}")));
 }
 
 TEST_F(StoreTest, ATransactionThatFailsHasChangedNothing) {
   Set(kServers, "", "{\"n\":1}");
   const auto failing = [](Store::Transaction& change) {
-    change.Set(kServers, "", "{\"n\":2}", Layer::kUser);
+    change.Set(kServers, "", "{\"n\":2}");
     throw std::runtime_error("second thoughts");
   };
   EXPECT_THROW(store().Change(failing), std::runtime_error);
-  EXPECT_THAT(store().Get(kServers, Layer::kUser), ElementsAre(Field(&Entry::value, "{\"n\":1}")));
+  EXPECT_THAT(store().Get(kServers), ElementsAre(Field(&Entry::value, "{\"n\":1}")));
 }
 
 TEST_F(StoreTest, ADamagedStoreIsSetAsideAndAnotherBegun) {
@@ -94,9 +91,9 @@ TEST_F(StoreTest, ADamagedStoreIsSetAsideAndAnotherBegun) {
     fs::copy_file(kept, path_);
     fs::remove(kept);
     damage();
-    EXPECT_THAT(store().GetAll(Layer::kUser), IsEmpty());
+    EXPECT_THAT(store().GetAll(), IsEmpty());
     Set(kServers, "", "{}");
-    EXPECT_THAT(store().GetAll(Layer::kUser), SizeIs(1));
+    EXPECT_THAT(store().GetAll(), SizeIs(1));
     int set_aside = 0;
     for (const auto& file : fs::directory_iterator(fs::path(path_).parent_path()))
       set_aside += file.path().filename().string().starts_with("store.db.damaged-2") ? 1 : 0;
@@ -112,7 +109,7 @@ TEST_F(StoreTest, TellsWhichStepFailed) {
     fs::rename(path_, path_ + "-newer");
     fs::copy_file(path_ + "-newer", path_);
   }
-  EXPECT_EQ(CodeOf([this] { (void)store().GetAll(Layer::kUser); }), 1018);
+  EXPECT_EQ(CodeOf([this] { (void)store().GetAll(); }), 1018);
   fs::remove_all(folder_);
   std::ofstream(folder_) << "a file where the folder should be";
   EXPECT_EQ(CodeOf([this] { Set(kServers, "", "{}"); }), 1001);
@@ -121,7 +118,7 @@ TEST_F(StoreTest, TellsWhichStepFailed) {
   SQLite::Database other(path_, SQLite::OPEN_READWRITE);
   other.exec("BEGIN IMMEDIATE");
   EXPECT_EQ(CodeOf([this] { Set(kServers, "", "{\"n\":1}"); }), 1011);
-  EXPECT_THAT(store().Get(kServers, Layer::kUser), ElementsAre(Field(&Entry::value, "{}")));
+  EXPECT_THAT(store().Get(kServers), ElementsAre(Field(&Entry::value, "{}")));
 }
 
 TEST(DocumentTest, AreJsonOfBoundedDepth) {

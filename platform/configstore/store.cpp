@@ -17,7 +17,7 @@
 namespace RyxConfigStore {
 namespace {
 
-constexpr std::int64_t kFormat = 1;  ///< of the database, as its user_version
+constexpr std::int64_t kFormat = 1;  // the database's user_version
 
 const std::string kSelect =
     "SELECT component, category, key, instance, value, changed_at FROM entries ";
@@ -61,24 +61,23 @@ void Prepare(SQLite::Database& database) {
   if (format == kFormat) return;  // one that can only be read is not written to
   database.exec(
       "CREATE TABLE IF NOT EXISTS entries ("
-      "component TEXT NOT NULL, category TEXT NOT NULL, key TEXT NOT NULL, layer INTEGER NOT NULL,"
+      "component TEXT NOT NULL, category TEXT NOT NULL, key TEXT NOT NULL,"
       "instance TEXT NOT NULL, value TEXT NOT NULL, changed_at TEXT NOT NULL,"
-      "PRIMARY KEY (component, category, key, layer, instance)) WITHOUT ROWID;"
+      "PRIMARY KEY (component, category, key, instance)) WITHOUT ROWID;"
       "PRAGMA user_version = 1");
 }
 
-void BindAddress(SQLite::Statement& statement, const KeyAddress& address, Layer layer) {
+void BindAddress(SQLite::Statement& statement, const KeyAddress& address) {
   statement.bindNoCopy(1, address.component);
   statement.bindNoCopy(2, address.group);
   statement.bindNoCopy(3, address.key);
-  statement.bind(4, static_cast<int>(layer));
 }
 
-std::vector<Entry> ReadEntries(SQLite::Statement& rows, Layer layer) {
+std::vector<Entry> ReadEntries(SQLite::Statement& rows) {
   std::vector<Entry> entries;
   while (rows.executeStep()) {
     const auto text = [&rows](int column) { return rows.getColumn(column).getString(); };
-    entries.push_back({{text(0), text(1), text(2)}, text(3), text(4), layer, text(5)});
+    entries.push_back({{text(0), text(1), text(2)}, text(3), text(4), text(5)});
   }
   return entries;
 }
@@ -126,26 +125,23 @@ decltype(auto) Store::Run(const Work& work) {
   }
 }
 
-std::vector<Entry> Store::Get(const KeyAddress& address, Layer layer) {
+std::vector<Entry> Store::Get(const KeyAddress& address) {
   return Run([&](SQLite::Database& database) {
     return Guarded(1004, {}, [&] {
       SQLite::Statement rows(database, kSelect +
                                            "WHERE component = ? AND category = ? AND "
-                                           "key = ? AND layer = ? ORDER BY instance");
-      BindAddress(rows, address, layer);
-      return ReadEntries(rows, layer);
+                                           "key = ? ORDER BY instance");
+      BindAddress(rows, address);
+      return ReadEntries(rows);
     });
   });
 }
 
-std::vector<Entry> Store::GetAll(Layer layer) {
+std::vector<Entry> Store::GetAll() {
   return Run([&](SQLite::Database& database) {
     return Guarded(1004, {}, [&] {
-      SQLite::Statement rows(database, kSelect +
-                                           "WHERE layer = ? "
-                                           "ORDER BY component, category, key, instance");
-      rows.bind(1, static_cast<int>(layer));
-      return ReadEntries(rows, layer);
+      SQLite::Statement rows(database, kSelect + "ORDER BY component, category, key, instance");
+      return ReadEntries(rows);
     });
   });
 }
@@ -163,28 +159,27 @@ void Store::Change(const std::function<void(Transaction&)>& changes) {
 }
 
 void Store::Transaction::Set(const KeyAddress& address, const std::string& instance,
-                             const std::string& value, Layer layer) {
+                             const std::string& value) {
   Guarded(1005, {}, [&] {
     SQLite::Statement row(database_,
-                          "INSERT INTO entries VALUES (?, ?, ?, ?, ?, ?, ?) "
+                          "INSERT INTO entries VALUES (?, ?, ?, ?, ?, ?) "
                           "ON CONFLICT DO UPDATE SET value = excluded.value, "
                           "changed_at = excluded.changed_at WHERE value != excluded.value");
-    BindAddress(row, address, layer);
-    row.bindNoCopy(5, instance);
-    row.bindNoCopy(6, value);
-    row.bind(7, UtcNow("%Y-%m-%dT%H:%M:%SZ"));
+    BindAddress(row, address);
+    row.bindNoCopy(4, instance);
+    row.bindNoCopy(5, value);
+    row.bind(6, UtcNow("%Y-%m-%dT%H:%M:%SZ"));
     row.exec();
   });
 }
 
-void Store::Transaction::Delete(const KeyAddress& address, const std::string& instance,
-                                Layer layer) {
+void Store::Transaction::Delete(const KeyAddress& address, const std::string& instance) {
   Guarded(1007, {}, [&] {
     SQLite::Statement row(database_,
                           "DELETE FROM entries WHERE component = ? AND category = ? AND key = ? "
-                          "AND layer = ? AND instance = ?");
-    BindAddress(row, address, layer);
-    row.bindNoCopy(5, instance);
+                          "AND instance = ?");
+    BindAddress(row, address);
+    row.bindNoCopy(4, instance);
     row.exec();
   });
 }

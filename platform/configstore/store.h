@@ -26,19 +26,15 @@ struct KeyAddress {
   auto operator<=>(const KeyAddress&) const = default;
 };
 
-/// What a value is: what the module that owns the key starts from, or what a user asked for.
-enum class Layer { kDefault, kUser };
-
-/// One value of one key.
+/// One value of one key, as a user asked for it.
 struct Entry {
   KeyAddress address;
-  std::string instance;  ///< the instance's id; empty for a singleton
-  std::string value;     ///< JSON text, an object
-  Layer layer = Layer::kUser;
+  std::string instance;   ///< the instance's id; empty for a singleton
+  std::string value;      ///< JSON text, an object
   std::string changedAt;  ///< UTC, ISO 8601; the store's, not taken from the caller
 };
 
-/// The host's configuration: an SQLite database with one row per key and instance and layer.
+/// The host's configuration: an SQLite database with one row per key and instance.
 ///
 /// One handle per path is shared by the process and may be used from any thread; other processes
 /// may have the same store open. A database that is damaged is set aside under a dated name beside
@@ -56,19 +52,18 @@ class Store {
   Store& operator=(const Store&) = delete;
   ~Store();
 
-  /// The key's values of one layer, ordered by instance.
-  [[nodiscard]] std::vector<Entry> Get(const KeyAddress& address, Layer layer);
-  /// All values of one layer, ordered by address and instance.
-  [[nodiscard]] std::vector<Entry> GetAll(Layer layer);
+  /// The key's values, ordered by instance.
+  [[nodiscard]] std::vector<Entry> Get(const KeyAddress& address);
+  /// All values, ordered by address and instance.
+  [[nodiscard]] std::vector<Entry> GetAll();
 
   /// Changes that happen together or not at all.
   class Transaction {
    public:
     /// Adds the value or replaces it. One that is the same stays untouched, change time included.
-    void Set(const KeyAddress& address, const std::string& instance, const std::string& value,
-             Layer layer);
+    void Set(const KeyAddress& address, const std::string& instance, const std::string& value);
     /// Does nothing when there is no such value.
-    void Delete(const KeyAddress& address, const std::string& instance, Layer layer);
+    void Delete(const KeyAddress& address, const std::string& instance);
 
    private:
     friend class Store;
