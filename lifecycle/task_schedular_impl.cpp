@@ -34,13 +34,17 @@ TaskSchedularImpl::~TaskSchedularImpl() {
 
 int TaskSchedularImpl::initialise() {
   Lock lock(mutex_);
-  if (state_ == State::kNotStarted && !scheduler_.joinable()) {
+  bool running = !stop_requested_;
+  if (running && state_ == State::kNotStarted && !scheduler_.joinable()) {
     try {
       scheduler_ = StartThread([this] { Schedule(); });
     } catch (const std::system_error&) {
-      Log_Level(2, "TaskSchedular failed to initialize.\n");
-      return 1;
+      running = false;
     }
+  }
+  if (!running) {
+    Log_Level(2, "TaskSchedular failed to initialize.\n");
+    return 1;
   }
   // A task that comes right after this finds the scheduler idle.
   changed_.wait(lock, [this] { return state_ != State::kNotStarted; });

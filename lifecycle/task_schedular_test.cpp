@@ -125,6 +125,7 @@ TEST_F(TaskSchedularTest, RunsOneTaskAtATime) {
   EXPECT_EQ(Submit(), 0);  // a task that is gone has made room
   schedular_.abort();
   EXPECT_EQ(Submit(), 2);
+  EXPECT_EQ(schedular_.initialise(), 1);
   EXPECT_EQ(refused->Phases(), "");
   EXPECT_THAT(
       log_.TakeLines(),
