@@ -41,6 +41,7 @@ ConfigManagerTaskImpl::~ConfigManagerTaskImpl() {
 
 void ConfigManagerTaskImpl::preRun() {
   task_file_.StartTask(task_id_, kLockRetries);
+  started_ = true;
   SetProgress(5);
   Log_Level(5, "ConfigManagerTask[%s]: preRun completed.\n", label().c_str());
 }
@@ -64,21 +65,7 @@ void ConfigManagerTaskImpl::run() {
 
 void ConfigManagerTaskImpl::postRun() {
   try {
-    if (error_) {
-      RecordFailure(*error_);
-    } else if (result_) {
-      std::optional<std::string> result;
-      try {
-        result = ValueToTypedJson(*result_);
-      } catch (const OrbiJsonSerializationError&) {
-        RecordFailure(ApiError(Errors::Error,
-                               "com.tessel.ryx.kestrel_daemon.configuration.create.result.error"));
-      }
-      if (result) task_file_.SucceedTask(task_id_, *result, kLockRetries);
-    } else {
-      // Its preparation failed: the log tells why.
-      RecordFailure(ApiError(Errors::Error, "com.tessel.ryx.task.exec.error"));
-    }
+    RecordOutcome();
     Log_Level(5, "ConfigManagerTask[%s]: postRun completed.\n", label().c_str());
   } catch (const std::exception& e) {
     Log_Level(2, "ConfigManagerTask[%s]: postRun failed: %s\n", label().c_str(), e.what());
@@ -93,7 +80,27 @@ void ConfigManagerTaskImpl::abort() {
   }
 }
 
+void ConfigManagerTaskImpl::RecordOutcome() {
+  if (error_) return RecordFailure(*error_);
+  // Its preparation failed: the log tells why.
+  if (!result_) return RecordFailure(ApiError(Errors::Error, "com.tessel.ryx.task.exec.error"));
+  std::string result;
+  try {
+    result = ValueToTypedJson(*result_);
+  } catch (const OrbiJsonSerializationError&) {
+    return RecordFailure(
+        ApiError(Errors::Error, "com.tessel.ryx.kestrel_daemon.configuration.create.result.error"));
+  }
+  task_file_.SucceedTask(task_id_, result, kLockRetries);
+}
+
 void ConfigManagerTaskImpl::RecordFailure(const Orbi::Data::ErrorValue& error) {
+  try {
+    // Clients are told of an ended task only when its start is known, too.
+    if (!started_) task_file_.StartTask(task_id_, kLockRetries);
+  } catch (const std::exception&) {
+    // What kept it from starting: the log tells why.
+  }
   task_file_.FailTask(task_id_, ValueToTypedJson(error), kLockRetries);
 }
 

@@ -67,9 +67,11 @@ class ConfigManagerTaskImpl : public Task {
   void SetProgress(unsigned percent);
 
  private:
+  void RecordOutcome();
   void RecordFailure(const Orbi::Data::ErrorValue& error);
 
   std::atomic<bool> abort_requested_ = false;
+  std::atomic<bool> started_ = false;  ///< its record is no longer PENDING
   const std::string operation_;
   TaskFile task_file_;
   const std::string task_id_;
