@@ -76,9 +76,15 @@ ComplianceStatus ToStatus(RyxConfigManager::ComplianceStatus status) {
   return ComplianceStatus::UNAVAILABLE;
 }
 
+/// A value that a module reads may be one that values cannot hold, such as an integer beyond 64
+/// bits: it is told as its JSON text, and the other settings as ever.
 std::optional<Value> ToValue(const std::string& json) {
   if (json.empty()) return std::nullopt;
-  return *JsonToValue(json);
+  try {
+    return *JsonToValue(json);
+  } catch (const OrbiJsonSerializationError&) {
+    return Value(json);
+  }
 }
 
 std::optional<std::string> UnlessEmpty(const std::string& text) {
