@@ -5,6 +5,7 @@
 #include "configmanager/config_manager.h"
 #include "configuration/messages/api_errors.h"
 #include "lifecycle/task_errors.h"
+#include "orbi/json/writer.h"
 #include "orbi/std/errors.h"
 #include "tesselibs/log.h"
 
@@ -14,11 +15,17 @@ namespace {
 namespace Errors = Com::Tessel::Orbi::Std::Errors;
 using Orbi::Data::ErrorValue;
 using Orbi::Data::Value;
+using Orbi::Protocol::Json::JsonDirectDataSerializer;
+using Orbi::Protocol::Json::Secrets;
 
 constexpr char kInvalidArgument[] =
     "com.tessel.ryx.configuration.components.groups.keys.invalidargument.error";
 
 Value Nothing() { return {}; }
+
+[[noreturn]] void RefuseValue() {
+  throw OperationError(ApiError(Errors::InvalidArgument, kInvalidArgument));
+}
 
 }  // namespace
 
@@ -38,7 +45,12 @@ ConfigManagerTaskImpl::Conversion SetTask::Work() {
   const std::string value = ValueToJson(value_);
   if (value == "{}") {
     Log_Level(2, "[%s] Empty configuration cannot be set\n", "Run");
-    throw OperationError(ApiError(Errors::InvalidArgument, kInvalidArgument));
+    RefuseValue();
+  }
+  // Secrets are blanked in the text: an empty one would be set in the place of what was asked for.
+  if (JsonDirectDataSerializer(Secrets::kWritten).Serialize(value_) != value) {
+    Log_Level(2, "[%s] Secrets cannot be set\n", "Run");
+    RefuseValue();
   }
   const auto task = MakeTaskInput();
   RyxConfigManager::SetConfig(address_.component, address_.group, address_.key, value, &task);
