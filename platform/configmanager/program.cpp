@@ -150,6 +150,8 @@ class RunningProgram {
     options.standardOutput = output_.WriteEnd();
     options.standardError = errors_.WriteEnd();
     options.newSession = true;
+    // One that goes on alone could overwrite what the next daemon applies.
+    options.endsWithThread = true;
     try {
       return PcoreCtl::Spawn(PcoreCtl::QuoteWord(name_), options);
     } catch (const HostCtl::Lib::HostCtlException& error) {

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <sched.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -57,6 +58,7 @@ struct Launch {
   rlimit dataLimit{};
   bool changeToRoot = false;
   bool newSession = false;
+  pid_t endsWith = 0;  ///< the parent that the child is not to outlive
 
   ChildStack stack;
   ChildStack detacherStack;
@@ -106,9 +108,17 @@ PCORE_IN_CHILD void ResetSignals() {
   syscall(SYS_rt_sigprocmask, SIG_SETMASK, zeros, nullptr, kKernelMaskSize);
 }
 
+PCORE_IN_CHILD bool TieToParent(const Launch& launch) {
+  if (launch.endsWith == 0) return true;
+  // The parent may have ended before it could be said.
+  return syscall(SYS_prctl, PR_SET_PDEATHSIG, SIGTERM, 0, 0, 0) == 0 &&
+         syscall(SYS_getppid) == launch.endsWith;
+}
+
 PCORE_IN_CHILD int RunChild(void* argument) {
   Launch& launch = *static_cast<Launch*>(argument);
-  if (EnterGroup(launch) && (!launch.newSession || syscall(SYS_setsid) >= 0) &&
+  if (EnterGroup(launch) && TieToParent(launch) &&
+      (!launch.newSession || syscall(SYS_setsid) >= 0) &&
       (!launch.changeToRoot || syscall(SYS_chdir, "/") == 0) && PlaceStreams(launch)) {
     CloseOtherDescriptors();
     ResetSignals();
@@ -205,6 +215,7 @@ Preparation::Preparation(const std::string& commandLine, const SpawnOptions& opt
   PrepareStreams(options);
   launch.changeToRoot = options.changeToRoot;
   launch.newSession = options.newSession;
+  if (options.endsWithThread) launch.endsWith = getpid();
   if (group && options.honourGroup) PrepareGroup(*group);
   if (group && group->logUsage && options.logUsage) usage_.emplace(group->name);
 }

@@ -14,6 +14,8 @@ struct SpawnOptions {
   int standardOutput = -1;  ///< descriptor that becomes the child's standard output
   int standardError = -1;   ///< descriptor that becomes the child's standard error
   bool newSession = false;  ///< starts it in a session and process group of its own
+  /// Ends it with SIGTERM should the thread that calls Spawn end, as when this process is killed.
+  bool endsWithThread = false;
   bool discardStreams = false;
   bool changeToRoot = false;
   bool honourGroup = true;
