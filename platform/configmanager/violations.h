@@ -18,9 +18,9 @@ inline constexpr std::string_view kValidationPrefix = "com.tessel.ryx.settings.v
 class Violations {
  public:
   /// A document can be made of nothing but violations, each with names of any length: once this
-  /// many bytes are collected, some 15,000 violations, further ones are only counted. A task keeps
-  /// them in its record.
-  static constexpr std::size_t kMaxText = std::size_t{1} << 20;
+  /// many bytes are collected, some 2,500 violations, further ones are only counted. A task keeps
+  /// them in its record, as more than a megabyte that is read and written with every other record.
+  static constexpr std::size_t kMaxText = std::size_t{1} << 18;
 
   /// @param id         what follows kValidationPrefix
   /// @param arguments  fill the placeholders of the message's text, {1} first
