@@ -6,6 +6,7 @@ import subprocess
 
 import pytest
 
+from fault_injection import Breaker
 from sandboxed_host import REPOSITORY, STATE, Daemon, SystemLog
 
 
@@ -73,3 +74,19 @@ def daemon(start_daemon):
 def root(daemon):
     """A client of the running daemon that calls as root."""
     return daemon.client()
+
+
+@pytest.fixture
+def breaker(tmp_path, monkeypatch):
+    made = Breaker(tmp_path)
+    monkeypatch.setenv("LD_PRELOAD", str(made.library))
+    monkeypatch.setenv("FAULT_PLAN", str(made.path))
+    return made
+
+
+@pytest.fixture
+def points(request):
+    """Picks the calls to break, of so many."""
+    if request.config.getoption("--every-point"):
+        return lambda count, few: range(1, count + 1)
+    return lambda count, few: [1 + count * (2 * number + 1) // (2 * few) for number in range(few)]

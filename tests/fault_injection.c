@@ -1,7 +1,9 @@
-/* Breaks the worker of a helper task at a chosen one of its calls that change the file system; preloaded into it.
+/* Breaks the worker of a helper task, or the daemon, at a chosen one of its calls that change the file system;
+ * preloaded into it.
  *
  * The file named by FAULT_PLAN is shared memory: what to do, and how many such calls there were. Calls are counted in
- * the forked worker and, once that has made one, in the guard. Processes without --task-id are left alone. */
+ * the forked worker and, once that has made one, in the guard; for the daemon, when it is to be broken, in the daemon
+ * in the worker's place. Other processes are left alone. */
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
@@ -15,22 +17,32 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
-enum { NOTHING, KILL_WORKER, KILL_GUARD, KILL_BOTH, FAIL, KILL_AT_START, EXIT_AT_START };
+enum { NOTHING, KILL_WORKER, KILL_GUARD, KILL_BOTH, FAIL, KILL_AT_START, EXIT_AT_START, KILL_DAEMON };
 
 static struct plan { int action, error, worker_at, guard_at, worker_calls, guard_calls; } *plan;
 static pid_t first, worker;
+
+static int is_run(const char *line, size_t length, const char *program) {
+  return memmem(line, length, program, strlen(program)) != NULL;
+}
 
 __attribute__((constructor)) static void begin(void) {
   char line[4096];
   int file = open("/proc/self/cmdline", O_RDONLY);
   ssize_t length = read(file, line, sizeof line);
   close(file);
-  if (length <= 0 || !memmem(line, length, "--task-id", 9)) return;
+  if (length <= 0) return;
+  const int is_daemon = is_run(line, length, "/kestreld");
+  if (!is_daemon && !is_run(line, length, "--task-id")) return;
   file = open(getenv("FAULT_PLAN"), O_RDWR);
   void *memory = mmap(NULL, sizeof *plan, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
   close(file);
   if (memory == MAP_FAILED) abort();
   plan = memory;
+  if (is_daemon) {
+    worker = getpid();
+    return;
+  }
   first = getpid();
   if (plan->action == KILL_AT_START) raise(SIGKILL);
   if (plan->action == EXIT_AT_START) _exit(0);
@@ -45,8 +57,9 @@ static int broken(int grows) {
     return 0;
   }
   if (!worker) worker = self;
-  if (self != worker || ++plan->worker_calls != plan->worker_at) return 0;
-  if (plan->action == KILL_WORKER) raise(SIGKILL);
+  if (self != worker || (first == 0) != (plan->action == KILL_DAEMON)) return 0;
+  if (++plan->worker_calls != plan->worker_at) return 0;
+  if (plan->action == KILL_WORKER || plan->action == KILL_DAEMON) kill(self, SIGKILL);
   if (plan->action == KILL_GUARD) kill(first, SIGKILL);
   if (plan->action == KILL_BOTH) kill(0, SIGKILL);
   if (plan->action != FAIL || (plan->error == ENOSPC && !grows)) return 0;
@@ -91,4 +104,5 @@ CALL(int, chmod, (const char *path, mode_t mode), (path, mode), 1, 0)
 CALL(int, fchmod, (int d, mode_t mode), (d, mode), 1, 0)
 CALL(int, ftruncate64, (int d, off64_t size), (d, size), 1, 1)
 CALL(int, fsync, (int d), (d), 1, 1)
+CALL(int, fdatasync, (int d), (d), 1, 1)
 CALL(int, syncfs, (int d), (d), 1, 1)

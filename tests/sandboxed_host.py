@@ -17,6 +17,7 @@ from orbi_client import Client  # noqa: E402
 BINARIES = pathlib.Path("/usr/lib/tessel/lifecycle/bin")
 STATE = pathlib.Path("/var/tessel")
 LIFECYCLE = STATE / "lifecycle"
+MODULES = pathlib.Path("/usr/lib/tessel/configmanager/apply_modules")
 PORT = socket.getservbyname("kestreld") if os.path.exists(BINARIES / "kestreld") else 0
 
 

@@ -13,14 +13,14 @@ import textwrap
 
 import pytest
 
-from sandboxed_host import BINARIES, PORT, served, wait_until
+from sandboxed_host import BINARIES, MODULES, PORT, served, wait_until
 from orbi_client import envelope
 
 SESSIONS = pathlib.Path(__file__).parent / "sessions"
-MODULES = pathlib.Path("/usr/lib/tessel/configmanager/apply_modules")
 HELPERS = (pathlib.Path("/usr/bin/python"), BINARIES / "lifecyclectl.py")  # the first runs imagemanagerctl.py
 UUID = r"[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}"
-VOLATILE = {f'(?<="spec_id": "){UUID}': "<spec>", UUID: "<task>", r"\b[0-9a-f]{64}\b": "<sha256>", r'(?<="completed": )\d\d?\b': "<percent>",
+VOLATILE = {f'(?<="spec_id": "){UUID}': "<spec>", UUID: "<task>", r"\b[0-9a-f]{64}\b": "<sha256>",
+            r'(?<="completed": )\d\d?\b': "<percent>",
             r'((?:payload_size|download_size|downloaded|"size)": )[1-9]\d*': r"\1<bytes>"}
 TIME = r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z"
 

@@ -7,18 +7,17 @@ A few calls of each operation are broken here; `--every-point` breaks each of th
 import errno
 import hashlib
 import json
-import mmap
 import os
 import pathlib
 import shutil
 import signal
 import socket
-import struct
 import subprocess
 import uuid
 
 import pytest
 
+from fault_injection import EXIT_AT_START, FAIL, KILL_AT_START, KILL_BOTH, KILL_GUARD, KILL_WORKER, NOTHING
 from sandboxed_host import LIFECYCLE, processes, wait_until
 from orbi_client import OrbiError
 
@@ -40,28 +39,8 @@ OPERATIONS = {  # DEPOTS stands for the depots
     "set": ("com.tessel.ryx.hosts.settings", "set$task", {"depots": "DEPOTS", "image": NEW, "configuration": {
         "metadata": {"schema_version": "1.0"}, "profile": {"system": {"banner": {"motd": {"text": "new\n"}}}}}}),
 }
-NOTHING, KILL_WORKER, KILL_GUARD, KILL_BOTH, FAIL, KILL_AT_START, EXIT_AT_START = range(7)
 BREAKAGES = {"worker": (KILL_WORKER, 0), "guard": (KILL_GUARD, 0), "both": (KILL_BOTH, 0),
              "full disk": (FAIL, errno.ENOSPC), "read-only disk": (FAIL, errno.EROFS)}
-
-
-class Breaker:
-    """Tells the preloaded library what to do, and what it counted."""
-
-    def __init__(self, folder):
-        self.library, self.path = folder / "fault_injection.so", folder / "plan"
-        source = pathlib.Path(__file__).with_name("fault_injection.c")
-        subprocess.run(["cc", "-shared", "-fPIC", "-O1", "-o", self.library, source, "-ldl"], check=True)
-        self.path.write_bytes(bytes(24))
-        with open(self.path, "r+b") as file:
-            self._memory = mmap.mmap(file.fileno(), 24)
-
-    def plan(self, action, error=0, worker_at=0, guard_at=0):
-        self._memory[:] = struct.pack("6i", action, error, worker_at, guard_at, 0, 0)
-
-    def calls(self):
-        """Calls that were counted: in the worker, in the guard."""
-        return struct.unpack("6i", self._memory[:])[4:]
 
 
 class Image:
@@ -102,26 +81,10 @@ class Image:
 
 
 @pytest.fixture
-def breaker(tmp_path, monkeypatch):
-    made = Breaker(tmp_path)
-    monkeypatch.setenv("LD_PRELOAD", str(made.library))
-    monkeypatch.setenv("FAULT_PLAN", str(made.path))
-    return made
-
-
-@pytest.fixture
 def image(breaker, start_daemon, sample_depot, monkeypatch):
     daemon = start_daemon()
     monkeypatch.delenv("LD_PRELOAD")
     yield Image(daemon.client(), sample_depot)
-
-
-@pytest.fixture
-def points(request):
-    """Picks the calls to break, of so many."""
-    if request.config.getoption("--every-point"):
-        return lambda count, few: range(1, count + 1)
-    return lambda count, few: [1 + count * (2 * number + 1) // (2 * few) for number in range(few)]
 
 
 @pytest.mark.parametrize("name", OPERATIONS)
