@@ -11,6 +11,7 @@
 #include "lifecycle/helper_end.h"
 #include "lifecycle/paths.h"
 #include "lifecycle/task_file.h"
+#include "lifecycle/task_schedular.h"
 #include "orbi/std/errors.h"
 #include "pcore/pcore_ctl.h"
 #include "software/command/remove_files.h"
@@ -110,6 +111,7 @@ std::string GetTaskId(TaskError& error, ErrorKind kind) {
 
 bool CheckTaskContention(const std::string& task_id, TaskError& error, int retries) {
   for (; retries >= 0; --retries) {
+    TaskSchedular::Instance().awaitEnding();
     if (TryToWinHost(task_id, retries)) return false;
     sleep(1);
   }

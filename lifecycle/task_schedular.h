@@ -23,6 +23,9 @@ class TaskSchedular {
   /// Hands over a task.
   /// @return 0, or 2 when there already is one or the scheduler ends
   virtual int submit(std::shared_ptr<Task> task) = 0;
+  /// Waits while a task records its outcome and goes, for at most a second: a client that has seen
+  /// the end of its task finds the host free for the next one.
+  virtual void awaitEnding() = 0;
 
  protected:
   virtual ~TaskSchedular() = default;

@@ -14,6 +14,9 @@ namespace {
 /// How long a running task has to answer a request to end.
 constexpr std::chrono::nanoseconds kAbortWait{5'000'000'000};
 
+/// How long a task may take to record its outcome and go before others do not wait for it.
+constexpr std::chrono::seconds kEndingWait{1};
+
 /// Starts a thread that no signal of the process is delivered to.
 template <typename Work>
 std::thread StartThread(Work work) {
@@ -75,6 +78,11 @@ int TaskSchedularImpl::submit(std::shared_ptr<Task> task) {
   return 0;
 }
 
+void TaskSchedularImpl::awaitEnding() {
+  Lock lock(mutex_);
+  (void)changed_.wait_for(lock, kEndingWait, [this] { return !ending_; });
+}
+
 void TaskSchedularImpl::Schedule() {
   Lock lock(mutex_);
   state_ = State::kIdle;
@@ -111,6 +119,8 @@ void TaskSchedularImpl::Complete() {
   Log_Level(5, "Task completed: %s\n", task_->label().c_str());
   task_.reset();
   state_ = State::kIdle;
+  ending_ = false;
+  changed_.notify_all();
 }
 
 void TaskSchedularImpl::EndTask(Lock& lock) {
@@ -151,6 +161,7 @@ void TaskSchedularImpl::Work(Task& task) {
     Log_Level(2, "Worker aborting task after Run(): %s\n", task.label().c_str());
     return;
   }
+  SetEnding();
   try {
     task.postRun();
   } catch (const std::exception& e) {
@@ -169,6 +180,11 @@ bool TaskSchedularImpl::AbortIfStopping(Task& task) {
   if (!recorded) task.abort();
   SetState(State::kFinished);
   return true;
+}
+
+void TaskSchedularImpl::SetEnding() {
+  const Lock lock(mutex_);
+  ending_ = true;
 }
 
 void TaskSchedularImpl::SetState(State state) {

@@ -21,6 +21,7 @@ class TaskSchedularImpl final : public TaskSchedular {
   int initialise() override;
   void abort() override;
   int submit(std::shared_ptr<Task> task) override;
+  void awaitEnding() override;
 
  private:
   enum class State : std::int32_t { kNotStarted, kIdle, kSubmitted, kDispatched, kFinished };
@@ -36,6 +37,7 @@ class TaskSchedularImpl final : public TaskSchedular {
   void Work(Task& task);
   [[nodiscard]] bool AbortIfStopping(Task& task);
   void SetState(State state);
+  void SetEnding();
 
   std::shared_ptr<Task> task_;  ///< empty while idle
   std::thread worker_;
@@ -44,6 +46,7 @@ class TaskSchedularImpl final : public TaskSchedular {
   std::condition_variable changed_;
   State state_ = State::kNotStarted;
   bool stop_requested_ = false;
+  bool ending_ = false;   ///< the task is about to record its outcome, or has
   bool aborted_ = false;  ///< the scheduler recorded the task as aborted, nobody else is to
 };
 

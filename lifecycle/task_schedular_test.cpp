@@ -136,6 +136,18 @@ TEST_F(TaskSchedularTest, RunsOneTaskAtATime) {
                              "5 Task completed: T:1", "5 TaskSchedular abort requested."}));
 }
 
+TEST_F(TaskSchedularTest, WhoSawATaskEndFindsItGone) {
+  schedular_.initialise();
+  for (int round = 0; round < 200; ++round) {
+    Event recorded;
+    fate_ = std::make_shared<Fate>();
+    Submit(FakeTask::Nothing, FakeTask::Nothing, [&](FakeTask&) { recorded.Announce(); });
+    recorded.Await();
+    schedular_.awaitEnding();
+    ASSERT_EQ(fate_.use_count(), 1);
+  }
+}
+
 TEST_F(TaskSchedularTest, GoesOnAfterWhatTasksThrow) {
   const FakeTask::Work fail = [](FakeTask&) { throw std::runtime_error("no luck"); };
   schedular_.initialise();
