@@ -94,6 +94,8 @@ TEST_F(DocumentCheckTest, TellsEveryViolationInTheProfile) {
       {R"("link": [{"name": "a"}])", {"/link/0 missing.required.property mtu"}},
       {R"("link": [{"name": "a", "mtu": 67}, {"name": "b", "mtu": 18446744073709551615}])",
        {"/link/0/mtu min.length 67 68", "/link/1/mtu max.length 18446744073709551615 9000"}},
+      {R"("link": [{"name": "a", "mtu": 68, "weight": 9223372036854775808}])",
+       {"/link/0/weight max.length 9223372036854775808 9223372036854775807"}},
       {R"("link": [{"name": "a", "mtu": 68.5, "weight": "1"}])",
        {"/link/0/mtu type.check.failure integer", "/link/0/weight type.check.failure number"}},
       {R"("link": [{"name": "a", "mtu": 68, "uplinks": []},

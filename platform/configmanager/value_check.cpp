@@ -1,6 +1,8 @@
 #include "configmanager/value_check.h"
 
 #include <algorithm>
+#include <cstdint>
+#include <limits>
 #include <string>
 #include <string_view>
 #include <unordered_set>
@@ -40,6 +42,9 @@ void CheckNumber(const Value& value, const Schema& schema, const DocumentPath& p
     violations.Add(path, "min.length", {NumberText(value), NumberText(*schema.minimum)});
   if (schema.maximum != nullptr && IsLess(*schema.maximum, value))
     violations.Add(path, "max.length", {NumberText(value), NumberText(*schema.maximum)});
+  else if (value.IsUint64() && !value.IsInt64())  // no client could read it back
+    violations.Add(path, "max.length",
+                   {NumberText(value), std::to_string(std::numeric_limits<std::int64_t>::max())});
 }
 
 void CheckString(const Value& value, const Schema& schema, const DocumentPath& path,
