@@ -7,8 +7,10 @@
 #include <utility>
 
 #include "configmanager/program.h"
+#include "configmanager/violations.h"
 #include "configstore/document.h"
 #include "tesselibs/json_document.h"
+#include "tesselibs/log.h"
 
 namespace RyxConfigManager {
 namespace {
@@ -45,6 +47,16 @@ ValidationErrorInfo ReadError(const Value& error) {
   return read;
 }
 
+void ReadErrors(const Value& document, PluginAnswer& answer) {
+  Violations errors;
+  for (const Value& error : Elements(FindMember(document, "errors"), "\"errors\" is no list")) {
+    errors.Add(ReadError(error));
+  }
+  if (errors.uncollected() != 0)
+    Log_Level(3, "A module has %zu more errors than are reported.\n", errors.uncollected());
+  answer.errors = errors.Take();
+}
+
 void ReadImpact(const Value& impact, PluginAnswer& answer) {
   const std::string_view name = TextOf(&impact);
   Require(name == "reboot" || name == "maintenance-mode", "an unknown impact");
@@ -65,9 +77,7 @@ PluginAnswer ReadPluginAnswer(std::string text) {
   Require(JsonDocument::ParseInPlace(*answer.text, document, kMaxAnswerDepth,
                                      JsonDocument::Strings::kUtf8));
   Require(document.IsObject(), "no object");
-  for (const Value& error : Elements(FindMember(document, "errors"), "\"errors\" is no list")) {
-    answer.errors.push_back(ReadError(error));
-  }
+  ReadErrors(document, answer);
   for (const Value& impact : Elements(FindMember(document, "impact"), "\"impact\" is no list")) {
     ReadImpact(impact, answer);
   }
