@@ -84,14 +84,15 @@ void ConfigManagerTaskImpl::RecordOutcome() {
   if (error_) return RecordFailure(*error_);
   // Its preparation failed: the log tells why.
   if (!result_) return RecordFailure(ApiError(Errors::Error, "com.tessel.ryx.task.exec.error"));
-  std::string result;
   try {
-    result = ValueToTypedJson(*result_);
-  } catch (const OrbiJsonSerializationError&) {
-    return RecordFailure(
+    task_file_.SucceedTask(task_id_, ValueToTypedJson(*result_), kLockRetries);
+  } catch (const std::exception& e) {
+    // It cannot be written, or the task file has no room for it; the task must not run for ever.
+    Log_Level(2, "ConfigManagerTask[%s]: Failed to record the result: %s\n", label().c_str(),
+              e.what());
+    RecordFailure(
         ApiError(Errors::Error, "com.tessel.ryx.kestrel_daemon.configuration.create.result.error"));
   }
-  task_file_.SucceedTask(task_id_, result, kLockRetries);
 }
 
 void ConfigManagerTaskImpl::RecordFailure(const Orbi::Data::ErrorValue& error) {

@@ -27,6 +27,9 @@ namespace {
 /// that waited for the lock in vain must not write into the same file as the one that holds it.
 constexpr char kNewSuffix[] = ".new-";
 
+/// New tasks leave this much of the largest file free, in bytes, so that those that run can end.
+constexpr std::size_t kRoomToEnd = std::size_t{1} << 20;
+
 /// An open file descriptor.
 class File {
  public:
@@ -114,7 +117,7 @@ void JsonTaskStore::Add(const std::string& id, const TaskDB::RecordMaker& make,
     *present = make(allocator);
   else
     tasks.document.AddMember(TaskDB::Record(id, allocator), make(allocator), allocator);
-  Write(tasks);
+  Write(tasks, JsonDocument::kMaxDocumentSize - kRoomToEnd);
 }
 
 void JsonTaskStore::Change(const std::string& id, const TaskDB::RecordEdit& edit) {
@@ -142,10 +145,9 @@ void JsonTaskStore::ForEach(const TaskDB::RecordVisit& visit) {
   }
 }
 
-void JsonTaskStore::Write(const Tasks& tasks) {
+void JsonTaskStore::Write(const Tasks& tasks, std::size_t limit) {
   const auto text = JsonDocument::Print(tasks.document, tasks.text.size() + 1024);
-  if (text.GetSize() > JsonDocument::kMaxDocumentSize)
-    throw std::runtime_error("Task file is full.");
+  if (text.GetSize() > limit) throw std::runtime_error("Task file is full.");
   Replace({text.GetString(), text.GetSize()});
 }
 

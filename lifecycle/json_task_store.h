@@ -8,6 +8,7 @@
 
 #include "lifecycle/access_lock.h"
 #include "taskdb/task_record.h"
+#include "tesselibs/json_document.h"
 
 namespace LifeCycle {
 
@@ -47,7 +48,7 @@ class JsonTaskStore {
     rapidjson::Document document;
   };
 
-  void Write(const Tasks& tasks);
+  void Write(const Tasks& tasks, std::size_t limit = JsonDocument::kMaxDocumentSize);
   void Replace(std::string_view text);
   void RemoveLeftovers();
 

@@ -300,6 +300,18 @@ TEST_F(JsonTaskFileTest, FullDiskLosesNothing) {
   EXPECT_THAT(Files(), ElementsAre("task-status.json"));
 }
 
+TEST_F(JsonTaskFileTest, TaskThatWasTakenCanEndHoweverFullTheFile) {
+  constexpr std::size_t kMiB = std::size_t{1} << 20;
+  TaskFile file(path_, Initialise::kWhenMissing);
+  file.AddTask("old", "op", 0);
+  file.AddTask("id", "op", 0);
+  file.SucceedTask("old", '"' + std::string(64 * kMiB - 10'000, 'x') + '"', 0);
+  EXPECT_THROW(file.SucceedTask("id", '"' + std::string(kMiB, 'x') + '"', 0), std::runtime_error);
+  EXPECT_THROW(file.AddTask("new", "op", 0), std::runtime_error);
+  file.FailTask("id", "{}", 0);
+  EXPECT_EQ(file.GetTasks(0).at("id").status, "FAILED");
+}
+
 /// Runs a process that changes the records over and over, and kills it after some changes.
 void KillWriter(const std::string& path, int changes) {
   int progress[2];
