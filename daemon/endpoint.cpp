@@ -84,9 +84,10 @@ void Endpoint::Start() {
   // decision.
   (void)server_.Listen();
   if (worker_.joinable()) std::terminate();
-  worker_ = std::thread([&io = io_] { io.run(); });
+  // The first request may bring a task: it must find a scheduler that takes it.
   if (FeatureState_IsEnabled(Feature::kTaskScheduler))
     (void)LifeCycle::TaskSchedular::Instance().initialise();
+  worker_ = std::thread([&io = io_] { io.run(); });
   Log_Level(5, "HTTP endpoint listening on TCP port %d\n", port_);
 }
 
