@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <future>
 #include <memory>
 
 #include "apps/lifecycle/orbi/include/verify.h"
@@ -85,9 +86,14 @@ void Endpoint::Start() {
   (void)server_.Listen();
   if (worker_.joinable()) std::terminate();
   // The first request may bring a task: it must find a scheduler that takes it.
+  std::promise<void> ready;
+  worker_ = std::thread([&io = io_, begin = ready.get_future()] {
+    begin.wait();
+    io.run();
+  });
   if (FeatureState_IsEnabled(Feature::kTaskScheduler))
     (void)LifeCycle::TaskSchedular::Instance().initialise();
-  worker_ = std::thread([&io = io_] { io.run(); });
+  ready.set_value();
   Log_Level(5, "HTTP endpoint listening on TCP port %d\n", port_);
 }
 
