@@ -59,6 +59,7 @@ void Impact(const Document& document, ImpactResult& result, const TaskInput* tas
 void CheckCompliance(const Document& document, ComplianceResult& result, const TaskInput* task);
 
 /// The host's configuration as a document, JSON text.
+/// @throws Aborted  the modules took more than 30 seconds to tell it
 [[nodiscard]] std::string ExportDocument();
 
 /// One key, with the same checks and modules as a document.

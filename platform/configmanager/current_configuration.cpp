@@ -10,6 +10,7 @@
 
 #include "configmanager/member_index.h"
 #include "configstore/status_error.h"
+#include "tesselibs/log.h"
 
 namespace RyxConfigManager {
 namespace {
@@ -98,8 +99,11 @@ StoredConfiguration::StoredConfiguration(RyxConfigStore::Store& store) {
     const KeyAddress& address = entry.address;
     const rapidjson::Value* value = pool_.Parse(std::move(entry.value));
     if (value == nullptr) {
-      throw RyxConfigStore::ConfigStoreException(
+      // As an empty value it is replaced by the next apply and goes with the next delete.
+      const RyxConfigStore::ConfigStoreException damage(
           1035, {address.component + "/" + address.group + "/" + address.key});
+      Log_Level(2, "[ConfigStore]: %s\n", damage.what());
+      value = pool_.Parse("{}");
     }
     values_[address].emplace(std::move(entry.instance), value);
   }

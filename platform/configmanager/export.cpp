@@ -1,3 +1,5 @@
+#include <chrono>
+
 #include "configmanager/config_manager.h"
 #include "configmanager/current_configuration.h"
 #include "configmanager/document_builder.h"
@@ -5,10 +7,20 @@
 
 namespace RyxConfigManager {
 
+namespace {
+
+/// A client waits for the document, and others behind it.
+constexpr std::chrono::seconds kTimeLimit{30};
+
+}  // namespace
+
 std::string ExportDocument() {
+  const auto deadline = std::chrono::steady_clock::now() + kTimeLimit;
+  TaskInput limit;
+  limit.isAbortRequested = [deadline] { return std::chrono::steady_clock::now() > deadline; };
   const auto modules = InstalledModules();
   const CurrentConfiguration current(*RyxConfigStore::Store::FromPath(), AllModules(*modules),
-                                     TaskProgress(nullptr));
+                                     TaskProgress(&limit));
   DocumentBuilder document;
   for (const ModuleState& module : current.modules()) {
     for (const KeyState& key : module.keys) {
