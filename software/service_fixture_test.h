@@ -32,9 +32,7 @@ inline const std::string kTaskDirectory = "/var/tessel/lifecycle";
 
 /// What the fake interpreter does when it is started.
 struct Behaviour {
-  int exit_code = 0;
   std::string output = "";
-  int signal = 0;            ///< it ends itself with this signal instead
   bool reads_input = false;  ///< to its end, before it exits
 };
 
@@ -107,8 +105,6 @@ class ServiceFixture : public testing::Test {
     script << "#!/bin/sh -e\ncd " << records_ << "\n"
            << (behaviour.reads_input ? "cat >input\n" : "")
            << "cat output\nprintf '[%s]' \"$@\" >words.new\nmv words.new words\n";
-    if (behaviour.signal != 0) script << "kill -" << behaviour.signal << " $$\n";
-    script << "exit " << behaviour.exit_code << "\n";
     script.close();
     std::filesystem::permissions(interpreter_, std::filesystem::perms::owner_all);
   }
@@ -124,15 +120,13 @@ class ServiceFixture : public testing::Test {
     return CallOperation(provider_, "com.tessel.ryx." + call, input);
   }
 
-  [[nodiscard]] bool HelperWasStarted() const {
-    return std::filesystem::exists(records_ + "/words");
-  }
   /// The words that the interpreter got, each in brackets; waits for a detached helper.
   [[nodiscard]] std::string HelperWords() const {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (!HelperWasStarted() && std::chrono::steady_clock::now() < deadline)
+    const std::string words = records_ + "/words";
+    while (!std::filesystem::exists(words) && std::chrono::steady_clock::now() < deadline)
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    return ReadFile(records_ + "/words");
+    return ReadFile(words);
   }
   [[nodiscard]] std::string HelperInput() const { return ReadFile(records_ + "/input"); }
 

@@ -3,8 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
 #include <iterator>
 #include <sstream>
 #include <tuple>
@@ -16,10 +14,7 @@
 namespace LifeCycle {
 namespace {
 
-namespace fs = std::filesystem;
 using testing::Contains;
-using testing::HasSubstr;
-using testing::Not;
 
 const std::string kTaskDocument = "/var/tessel/lifecycle/swspec-{1}";
 
@@ -27,9 +22,8 @@ const std::string kSpec = R"({"base_image":{"version":"8.0-1"},"components":{"ne
 const std::string kOneDepot = R"({"depots":["d"],"software_spec":)" + kSpec + "}";
 const std::string kTwoDepots =
     R"({"depots":["http://h/{3};x","/e"],"software_spec":)" + kSpec + "}";
-const std::string kNoDepot = R"({"depots":[],"software_spec":)" + kSpec + "}";
 
-class SoftwareTasks : public ServiceFixture {};
+using SoftwareTasks = ServiceFixture;
 
 TEST_F(SoftwareTasks, HelperIsStartedOnTheRecordedTaskAndItsDocument) {
   const std::string spec_option = " --software-spec ";
@@ -75,48 +69,6 @@ TEST_F(SoftwareTasks, HelperIsStartedOnTheRecordedTaskAndItsDocument) {
       EXPECT_EQ(ReadFile(*std::istream_iterator<std::string>(path)), kSpec);
     }
   }
-}
-
-TEST_F(SoftwareTasks, NothingIsStartedWithoutDepotsOrNames) {
-  const std::pair<const char*, std::string> calls[] = {
-      {"kestrel_daemon.software apply$task", kNoDepot},
-      {"kestrel_daemon.software stage$task", kNoDepot},
-      {"kestrel_daemon.software scan$task", kNoDepot},
-      {"kestrel_daemon.components apply$task", R"({"depots":[],"components":{"x":"1"}})"},
-      {"kestrel_daemon.components apply$task", R"({"depots":["d"],"components":{}})"},
-      {"kestrel_daemon.solutions apply$task", kNoDepot},
-      {"kestrel_daemon.solutions stage$task", kNoDepot},
-      {"kestrel_daemon.solutions remove$task", R"({"solutions":[]})"},
-  };
-  Behave({});
-  for (const auto& [call, input] : calls)
-    EXPECT_EQ(Call(call, input), "invalid_argument orbi.invalidinput") << call;
-  EXPECT_FALSE(HelperWasStarted());
-  EXPECT_FALSE(fs::exists(kTaskDirectory));
-  EXPECT_THAT(log_.TakeLines(), Not(Contains(HasSubstr("Generated task uuid"))));
-}
-
-TEST_F(SoftwareTasks, NoTaskIsRecordedForADocumentThatCannotBeWritten) {
-  const std::string kFailure = "internal_server_error softwarespec.write.error";
-  fs::create_directories(kScanDocument + "/in the way");
-  Behave({});
-  EXPECT_EQ(Call("kestrel_daemon.software scan$task", kOneDepot), kFailure);
-  EXPECT_THAT(log_.TakeLines(), Contains("2 [Scan]: Failed to write software spec to file."));
-  EXPECT_FALSE(fs::exists(kTaskDirectory));
-
-  std::ofstream(kTaskDirectory) << "a file where the folder should be";
-  EXPECT_EQ(Call("kestrel_daemon.software apply$task", kOneDepot), kFailure);
-  EXPECT_EQ(Call("kestrel_daemon.solutions stage$task", kOneDepot), kFailure);
-  EXPECT_FALSE(HelperWasStarted());
-}
-
-TEST_F(SoftwareTasks, HelperThatCannotBeStartedLeavesTheHostFree) {
-  Vanish();
-  EXPECT_EQ(Call("kestrel_daemon.software scan$task", kOneDepot),
-            "internal_server_error task.exec.error");
-  EXPECT_EQ(Call("kestrel_daemon.solutions apply$task", kOneDepot), "error task.exec.error");
-  EXPECT_EQ(std::ranges::count(TaskFiles(), '\n'), 1) << "the records, and " << TaskFiles();
-  EXPECT_FALSE(fs::exists(kScanDocument));
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-"""The host's software from registering a depot to the applied image, and what happens when something dies on the way."""
+"""Tasks of the host's software where they are kept, and what happens when something dies on the way."""
 
 import json
 import os
@@ -9,10 +9,9 @@ import subprocess
 import pytest
 
 from sandboxed_host import LIFECYCLE, processes, served, wait_until
-from orbi_client import OrbiError
+from orbi_client import envelope
 
 DEPOTS = "com.tessel.ryx.host_settings.depots"
-DESIRED = "com.tessel.ryx.host_settings.software"
 SOFTWARE = "com.tessel.ryx.kestrel_daemon.software"
 TASKS = "com.tessel.cis.tasks"
 SPECIFICATION = {"base_image": {"version": "8.0.1-1"}, "components": {}}
@@ -25,54 +24,34 @@ def depot(sample_depot):
         yield url
 
 
-@pytest.fixture(params=["false", "true"], ids=["json-file", "database"])
-def either_store(request, start_daemon):
-    """A daemon for each of the two places where tasks are kept."""
+@pytest.fixture
+def database(start_daemon):
+    """A client of a daemon that keeps its tasks in the database."""
     switches = pathlib.Path("/etc/tessel/feature-states")
-    switches.write_text(f"task_database = {request.param}\n")
-    yield start_daemon()
+    switches.write_text("task_database = true\n")
+    yield start_daemon().client()
     switches.unlink()
 
 
-def run_task(client, operation, depot_url, specification=None):
-    task = client.call(SOFTWARE, operation, depots=[depot_url], software_spec=specification or SPECIFICATION)
-    return client.wait_for_task(task)
+def run_task(client, operation, depot_url, *on_progress):
+    task = client.call(SOFTWARE, operation, depots=[depot_url], software_spec=SPECIFICATION)
+    return client.wait_for_task(task, *on_progress, interval=0.01)
 
 
-def test_main_job(either_store, depot):
-    client = either_store.client()
-    client.call(DEPOTS, "create", spec={"name": "sample", "url": depot})
-    assert [(d["name"], d["url"]) for d in client.call(DEPOTS, "list")] == [("sample", depot)]
-    with pytest.raises(OrbiError) as unset:
-        client.call(DESIRED, "get")
-    assert unset.value.message_ids == ["com.tessel.ryx.host_settings.software.notfound"]
-    client.call(DESIRED, "set", spec=SPECIFICATION)
-    desired = client.call(DESIRED, "get")
-    assert desired["base_image"]["version"] == "8.0.1-1"
-
-    scan = run_task(client, "scan$task", depot, desired)
-    assert (scan["status"], scan["result"]["status"]) == ("SUCCEEDED", "NON_COMPLIANT")
+def test_tasks_in_the_database(database, depot):
     seen = []
-    task = client.call(SOFTWARE, "apply$task", depots=[depot], software_spec=desired)
-    applied = client.wait_for_task(task, lambda info: seen.append((info.get("progress") or {}).get("completed", 0)),
-                                   interval=0.01)
-    assert applied["status"] == "SUCCEEDED", applied
-    assert applied["result"]["changed"] and seen == sorted(seen) and seen[-1] == 100
-    assert client.call("com.tessel.ryx.software.installed_image", "get")["base_image"]["version"] == "8.0.1-1"
-    assert client.call("com.tessel.ryx.software.installed_components", "list")
-    assert run_task(client, "scan$task", depot, desired)["result"]["status"] == "COMPLIANT"
-
-    tasks = client.call(TASKS, "list")
-    assert len(tasks) == 3 and {info["service"] for info in tasks.values()} == {"kestreld"}
-    assert list(tasks) == sorted(tasks)
-    assert not (LIFECYCLE / "lifecycle.task").exists()
-    client.call(DEPOTS, "delete", depot="sample")
-    assert client.call(DEPOTS, "list") == []
+    applied = run_task(database, "apply$task", depot,
+                       lambda info: seen.append((info.get("progress") or {}).get("completed", 0)))
+    assert applied["status"] == "SUCCEEDED" and applied["result"]["changed"], applied
+    assert seen == sorted(seen) and seen[-1] == 100
+    assert run_task(database, "scan$task", depot)["result"]["status"] == "COMPLIANT"
+    tasks = database.call(TASKS, "list")
+    assert len(tasks) == 2 and list(tasks) == sorted(tasks)
+    assert os.listdir(LIFECYCLE / "image") and not (LIFECYCLE / "task-status.json").exists()
 
 
 def test_plain_and_clean_answers_say_the_same(root, depot):
     root.call(DEPOTS, "create", spec={"name": "sample", "url": depot})
-    from orbi_client import envelope
     call = envelope(DEPOTS, "list", {}, "root", "kestrel")
     bodies = {}
     for accept in ("application/json", "application/vnd.tessel.orbi.stream.json",

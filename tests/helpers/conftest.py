@@ -78,7 +78,7 @@ class Host:
         record = self.task(line, document)
         assert record["status"] == "SUCCEEDED", record
         result = json.loads(record["result"])
-        check(result, next(kind for word, kind in RESULTS.items() if word in line), plain=True)
+        check(result, next(kind for word, kind in RESULTS.items() if word in line))
         ((_, fields),) = result["STRUCTURE"].items()
         return fields
 

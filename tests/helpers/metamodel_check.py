@@ -12,24 +12,20 @@ ENUMERATIONS = {name: e["values"] for model in _MODELS for name, e in model.get(
 _DATE_TIME = re.compile(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z")
 
 
-def check(value, kind, plain, place="value"):
-    """Asserts that a value is of a type of the metamodel, in plain or in clean JSON."""
+def check(value, kind, place="value"):
+    """Asserts that a value in plain JSON is of a type of the metamodel."""
     outer, _, inner = kind.rstrip(">").partition("<") if kind.endswith(">") else (kind, "", "")
     inner = kind[len(outer) + 1:-1]
     if outer == "optional":
-        if plain:
-            assert list(value) == ["OPTIONAL"], place
-            value = value["OPTIONAL"]
-        return value is None or check(value, inner, plain, place)
+        assert list(value) == ["OPTIONAL"], place
+        return value["OPTIONAL"] is None or check(value["OPTIONAL"], inner, place)
     if outer == "list":
-        return [check(element, inner, plain, f"{place}[]") for element in value]
+        return [check(element, inner, f"{place}[]") for element in value]
     if outer == "map":
-        if plain:
-            entries = [entry["STRUCTURE"]["map-entry"] for entry in value]
-            value = {entry["key"]: entry["value"] for entry in entries}
-        return [check(v, inner.partition(", ")[2], plain, f"{place}[{k}]") for k, v in value.items()]
+        entries = [entry["STRUCTURE"]["map-entry"] for entry in value]
+        return [check(entry["value"], inner.partition(", ")[2], f"{place}[{entry['key']}]") for entry in entries]
     if kind in STRUCTURES:
-        return _structure(value, kind, plain, place)
+        return _structure(value, kind, place)
     if kind in ENUMERATIONS:
         assert value in ENUMERATIONS[kind], place
     elif kind == "date_time":
@@ -38,14 +34,10 @@ def check(value, kind, plain, place="value"):
         assert type(value) is {"string": str, "integer": int, "boolean": bool}[kind], (place, kind, value)
 
 
-def _structure(value, kind, plain, place):
-    if plain:
-        ((name, value),) = value["STRUCTURE"].items()
-        assert name == kind, place
+def _structure(value, kind, place):
+    ((name, value),) = value["STRUCTURE"].items()
+    assert name == kind, place
     fields = STRUCTURES[kind]
-    assert value.keys() <= fields.keys(), (place, value.keys() - fields.keys())
+    assert value.keys() == fields.keys(), (place, value.keys() ^ fields.keys())
     for name, field in fields.items():
-        if name in value:
-            check(value[name], field["type"], plain, f"{place}.{name}")
-        else:
-            assert not plain and field["type"].startswith("optional<"), f"{place}.{name} is missing"
+        check(value[name], field["type"], f"{place}.{name}")

@@ -124,7 +124,7 @@ def halves(record):
     """Which halves a record says are done."""
     if "result" not in record:
         return set()
-    check(result := json.loads(record["result"]), "com.tessel.ryx.hosts.settings.apply_result", plain=True)
+    check(result := json.loads(record["result"]), "com.tessel.ryx.hosts.settings.apply_result")
     return {name for name, half in opened(result)[1].value.items() if half["OPTIONAL"]}
 
 
