@@ -91,7 +91,7 @@ def _apply(task, document, image, depots):
     if image:
         done["image"] = optional(software_tasks.apply_spec(_Part(task, checked, changed), image, depots))
     if image and document:
-        task.tell(_result(done))  # whatever becomes of the configuration, the image is another one now
+        task.tell(_result(done), changed)  # whatever becomes of the configuration, the image is another one now
         task.reopen()
     if document:
         done["configuration"] = optional(configuration.apply(_Part(task, max(checked, changed), 100).progress))

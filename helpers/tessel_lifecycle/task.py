@@ -59,7 +59,7 @@ class Task:
             if record.get("status") in _FINISHED:
                 raise Terminated("it has ended already")
             record.update(status="RUNNING", operation=self.operation, user=_user(),
-                          progress={"completed": 0, "total": 100}, startTime=utc_now())
+                          progress=_progress(0), startTime=utc_now())
         with uninterrupted():
             self._records.change_at_last(self.id, edit, _PATIENCE)
 
@@ -69,8 +69,7 @@ class Task:
         if percent <= self._told or time.monotonic() < self._told_at + _LEAST_INTERVAL:
             return
         with contextlib.suppress(LockTimeout, OSError), uninterrupted():
-            self._records.change(self.id, lambda record: record.update(progress={"completed": percent, "total": 100}),
-                                 _SHORT_PATIENCE)
+            self._records.change(self.id, lambda record: record.update(progress=_progress(percent)), _SHORT_PATIENCE)
         self._told, self._told_at = percent, time.monotonic()
 
     def commit(self):
@@ -81,15 +80,17 @@ class Task:
         """Takes back `commit`: there is more to do, which can be ended."""
         signal.pthread_sigmask(signal.SIG_UNBLOCK, ENDING)
 
-    def tell(self, result):
-        """Records what is done so far, a value in plain JSON, that stays told however the task ends."""
+    def tell(self, result, percent):
+        """Records how far the task is, and a value in plain JSON that stays told however the task ends."""
         with uninterrupted():
-            self._records.change_at_last(self.id, lambda record: record.update(result=compact(result)), _PATIENCE)
+            self._records.change_at_last(self.id, lambda record: record.update(
+                result=compact(result), progress=_progress(percent)), _PATIENCE)
+        self._told = percent
 
     def succeed(self, result):
         """To SUCCEEDED with a value in plain JSON."""
         self._finish(lambda record: record.update(
-            status="SUCCEEDED", progress={"completed": 100, "total": 100}, endTime=utc_now(), result=compact(result)))
+            status="SUCCEEDED", progress=_progress(100), endTime=utc_now(), result=compact(result)))
 
     def fail(self, error):
         """To FAILED with what a TaskError tells, unless the task has ended. Returns whether it had."""
@@ -105,7 +106,7 @@ class Task:
     def _fail(self, record, error):
         record.setdefault("operation", self.operation)
         record.setdefault("user", _user())
-        record.setdefault("progress", {"completed": 0, "total": 100})
+        record.setdefault("progress", _progress(0))
         record.setdefault("startTime", utc_now())  # a record of an end without a start is not readable
         record.update(status="FAILED", endTime=utc_now(), **error.recorded())
 
@@ -144,6 +145,10 @@ def task_named_by(marker, candidates):
 def is_task_id(word):
     """Whether a word can be a task's identifier, and so part of a path."""
     return len(word) == 36 and all(c in "0123456789abcdefABCDEF-" for c in word)
+
+
+def _progress(percent):
+    return {"completed": percent, "total": 100}
 
 
 def _user():
