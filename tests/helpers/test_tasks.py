@@ -14,7 +14,6 @@ import pytest
 from conftest import COMMAND
 from sandboxed_host import LIFECYCLE, processes, served, wait_until
 from tessel_lifecycle import paths
-from tessel_lifecycle.image import Image
 from tessel_lifecycle.lock import LockTimeout, access_lock, lock_name
 
 SPEC = {"base_image": {"version": "8.0.1-1"}, "components": {}}
@@ -195,14 +194,6 @@ def test_records_live_in_the_database_behind_the_switch(host, slow_depot):
         os.unlink(paths.FEATURE_STATES)
 
 
-def test_two_changing_tasks_exclude_each_other(host, sample_depot):
-    with Image(paths.IMAGE).locked():
-        assert host.error(APPLY.format(sample_depot), SPEC) == ("LockingError", [])
-        assert host.error("depots --extract --task-id ID") == ("LockingError", [])
-        assert host.result(SCAN.format(sample_depot), SPEC)["status"] == "NON_COMPLIANT"
-    host.result(APPLY.format(sample_depot), SPEC)
-
-
 def test_an_apply_killed_while_it_writes_leaves_no_half_bank(host, sample_depot):
     task, process = host.start(APPLY.format(sample_depot), SPEC)
     wait_until(lambda: (LIFECYCLE / "image/a/root").exists())
@@ -211,12 +202,6 @@ def test_an_apply_killed_while_it_writes_leaves_no_half_bank(host, sample_depot)
     assert_failed(ended(host, task))
     assert host.run("ryx --get")[1] == "null" and not (LIFECYCLE / "image/a").exists()
     assert not list(LIFECYCLE.glob("swspec-*"))
-
-
-@pytest.mark.parametrize("document, wrong", [
-    ({}, "base_image"), ({"base_image": {}}, "version"), ({"base_image": {"version": "x"}}, "version"), ([], "")])
-def test_bad_specifications_name_what_is_wrong(host, sample_depot, document, wrong):
-    assert host.error(SCAN.format(sample_depot), document) == ("SoftwareSpecFormatError", [wrong])
 
 
 def test_a_depot_that_is_not_there_fails_the_scan(host):
