@@ -134,7 +134,7 @@ def _fill(image, bank, plan, task):
 
 def _put(image, bank, plan, descriptor, meter):
     """Puts one PAX into a bank: from the running bank while its files there are as installed, else from the depot."""
-    root, present, offered = image.path(bank, "root"), plan.installed.paxs.get(descriptor.name), None
+    root, present = image.path(bank, "root"), plan.installed.paxs.get(descriptor.name)
     if present and present.key == descriptor.key:
         if pax.copy_installed(plan.installed.root, root, descriptor, meter.add):
             return present
