@@ -43,14 +43,15 @@ void RecordValues(Store::Transaction& transaction, const KeyPlan& plan) {
 
 void RecordDeletions(Store::Transaction& transaction, const KeyPlan& plan) {
   const KeyState& state = *plan.state;
-  for (const auto& [instance, value] : state.stored) {
-    if (plan.isAskedFor && plan.target.contains(instance)) continue;
-    transaction.Delete(state.key->address, instance);
-  }
   const bool keeps_marker = plan.isAskedFor && plan.target.empty() && !state.defaults.empty();
-  if (!state.key->singleton && !keeps_marker) {
-    transaction.Delete(state.key->address, kEmptyListInstance);
-  }
+  const auto remove = [&](const std::string& instance) {
+    if (plan.isAskedFor && plan.target.contains(instance)) return;
+    if (keeps_marker && instance == kEmptyListInstance) return;
+    transaction.Delete(state.key->address, instance);
+  };
+  for (const auto& [instance, value] : state.stored) remove(instance);
+  std::ranges::for_each(state.unfit, remove);
+  remove(kEmptyListInstance);
 }
 
 void Record(const ModulePlan& plan, PlanPart part, Store& store) {

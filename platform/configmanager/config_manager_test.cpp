@@ -20,6 +20,7 @@ using RyxConfigStore::Store;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 
 constexpr char kMaintenanceMode[] = "/var/run/tessel/maintenance-mode";
 constexpr char kServers[] = R"({"time":{"ntp":{"servers":{"server":["a"]}}}})";
@@ -377,6 +378,38 @@ TEST_F(ConfigManagerTest, KeysAreSetReadAndDeletedAlone) {
   }
   EXPECT_EQ(Stored(), "");
   EXPECT_EQ(modules_.State("zone"), R"({"id/links": [{"name": "d"}]})");
+}
+
+TEST_F(ConfigManagerTest, WhatAnotherVersionOfAModuleHadInAnotherFormDoesNotCount) {
+  const auto file = std::filesystem::path(kModulesDirectory) / "net/module.json";
+  const struct {
+    const char* version;  // what becomes of the module's description
+    const char* value;
+    const char* call;
+    const char* stored;
+  } cases[] = {
+      {"s/\"name\"/\"id\"/g", R"([{"id":"p"}])", "net profiles add p {\"id\": \"p\"}\n",
+       "profiles p {\"id\":\"p\"}\n"},
+      {"s/\"id_property\": \"name\", //", R"({"name":"p"})",
+       "net profiles add - {\"name\": \"p\"}\n", "profiles {\"name\":\"p\"}\n"},
+  };
+  for (const auto& c : cases) {
+    SetConfig("net", "lan", "profiles",
+              R"({"instances":[{"name":"p","address":"::1"},{"name":"q"}]})", nullptr);
+    modules_.SetState("net", "{}");
+    (void)modules_.TakeCalls();
+    ASSERT_EQ(std::system(("sed -i.old '" + std::string(c.version) + "' " + file.string()).c_str()),
+              0);
+    EXPECT_EQ(GetCurrentConfig("net", "lan", "profiles"), "");
+    EXPECT_THAT(ExportDocument(), Not(HasSubstr("::1")));
+    EXPECT_THAT(
+        ApplyDocument(Profile(R"({"net":{"lan":{"profiles":)" + std::string(c.value) + "}}}")),
+        IsEmpty());
+    EXPECT_EQ(modules_.TakeCalls(), c.call);
+    EXPECT_EQ(Stored(), c.stored);
+    std::filesystem::rename(file.string() + ".old", file);
+    modules_.SetState("net", "{}");
+  }
 }
 
 }  // namespace

@@ -47,11 +47,12 @@ ModuleState ReadModule(const Module& module, const StoredConfiguration& stored,
                        const TaskInput* task) {
   ModuleState state{&module, {}, {}, {}};
   for (const auto& [name, key] : module.keys) {
-    KeyState& added = state.keys.emplace_back(KeyState{&key, DefaultsOf(key), false, {}, {}});
+    KeyState& added = state.keys.emplace_back(KeyState{&key, DefaultsOf(key), false, {}, {}, {}});
     if (auto values = stored.Find(key)) {
       added.isStored = true;
       added.stored = *std::move(values);
     }
+    added.unfit = stored.FindUnfit(key);
     TakeStoredValues(added);
   }
   state.answer = RunPlugin(module, PluginOperation::kRead, {}, task);
@@ -92,10 +93,18 @@ std::string Sha256(const std::string& text) {
   return hex;
 }
 
+/// Whether an entry is of the form that its key has now: another version of the module may have had
+/// instances where this one has none, or have told them apart by another property.
+bool Fits(const KeyDefinition& key, const std::string& instance, const rapidjson::Value& value) {
+  if (!value.IsObject()) return false;
+  if (key.singleton) return instance.empty();
+  return instance == kEmptyListInstance ? value.ObjectEmpty() : InstanceId(key, value) == instance;
+}
+
 }  // namespace
 
-StoredConfiguration::StoredConfiguration(RyxConfigStore::Store& store) {
-  for (RyxConfigStore::Entry& entry : store.GetAll()) {
+StoredConfiguration::StoredConfiguration(std::vector<RyxConfigStore::Entry> entries) {
+  for (RyxConfigStore::Entry& entry : entries) {
     const KeyAddress& address = entry.address;
     const rapidjson::Value* value = pool_.Parse(std::move(entry.value));
     if (value == nullptr) {
@@ -113,14 +122,26 @@ std::optional<InstanceValues> StoredConfiguration::Find(const KeyDefinition& key
   const auto found = values_.find(key.address);
   if (found == values_.end()) return {};
   InstanceValues values = found->second;
+  std::erase_if(values, [&](const auto& e) { return !Fits(key, e.first, *e.second); });
+  if (values.empty()) return {};
   if (!key.singleton) values.erase(kEmptyListInstance);
   return values;
+}
+
+std::vector<std::string> StoredConfiguration::FindUnfit(const KeyDefinition& key) const {
+  std::vector<std::string> unfit;
+  const auto found = values_.find(key.address);
+  if (found == values_.end()) return unfit;
+  for (const auto& [instance, value] : found->second) {
+    if (!Fits(key, instance, *value)) unfit.push_back(instance);
+  }
+  return unfit;
 }
 
 CurrentConfiguration::CurrentConfiguration(RyxConfigStore::Store& store,
                                            std::span<const Module* const> modules,
                                            const TaskProgress& progress)
-    : stored_(store) {
+    : stored_(store.GetAll()) {
   for (const Module* module : modules) {
     progress.Report(modules_.size(), modules.size());
     modules_.push_back(ReadModule(*module, stored_, progress.task()));

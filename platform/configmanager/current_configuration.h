@@ -15,14 +15,17 @@
 
 namespace RyxConfigManager {
 
-/// What a user asked for so far: the store's user layer.
+/// What a user asked for so far, as entries of the store have it.
 class StoredConfiguration {
  public:
-  /// @throws RyxConfigStore::ConfigStoreException
-  explicit StoredConfiguration(RyxConfigStore::Store& store);
+  /// @throws RyxConfigStore::ConfigStoreException 1035  a value is no JSON
+  explicit StoredConfiguration(std::vector<RyxConfigStore::Entry> entries);
 
-  /// @return nothing when the user asked for nothing; an empty list when the user asked for that
+  /// @return nothing when the user asked for nothing, or with another version of the module for
+  ///         something of another form; an empty list when the user asked for that
   [[nodiscard]] std::optional<InstanceValues> Find(const KeyDefinition& key) const;
+  /// The instances of the key's entries that are of another form.
+  [[nodiscard]] std::vector<std::string> FindUnfit(const KeyDefinition& key) const;
 
  private:
   ValuePool pool_;
@@ -39,6 +42,7 @@ struct KeyState {
   InstanceValues defaults;
   bool isStored = false;
   InstanceValues stored;
+  std::vector<std::string> unfit;  ///< instances that were stored in another form
   InstanceValues effective;
 };
 

@@ -198,13 +198,17 @@ void DeleteConfig(const std::string& component, const std::string& group, const 
 std::string GetCurrentConfig(const std::string& component, const std::string& group,
                              const std::string& key) {
   const FoundKey found = FindKey(component, group, key);
-  const auto entries = Store::FromPath()->Get(found.key->address);
-  if (entries.empty()) return {};
-  if (found.key->singleton) return entries.front().value;
+  auto entries = Store::FromPath()->Get(found.key->address);
+  if (found.key->singleton) {
+    const bool is_set = !entries.empty() && entries.front().instance.empty();
+    return is_set ? std::move(entries.front().value) : std::string();
+  }
+  const StoredConfiguration stored(std::move(entries));
+  const auto values = stored.Find(*found.key);
+  if (!values) return {};
   std::string instances;
-  for (const RyxConfigStore::Entry& entry : entries) {
-    if (entry.instance == kEmptyListInstance) continue;
-    instances += (instances.empty() ? "" : ",") + entry.value;
+  for (const auto& [instance, value] : *values) {
+    instances += (instances.empty() ? "" : ",") + ToText(value);
   }
   return std::string("{\"") + kInstances + "\":[" + instances + "]}";
 }

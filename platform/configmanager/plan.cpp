@@ -22,6 +22,7 @@ struct Setting {
 
 bool IsRecorded(const KeyPlan& plan) {
   const KeyState& state = *plan.state;
+  if (!state.unfit.empty()) return false;
   if (plan.isAskedFor != state.isStored) {
     // An empty list is recorded only where it says something.
     return plan.isAskedFor && plan.target.empty() && state.defaults.empty();
