@@ -174,6 +174,8 @@ TEST_F(ConfigManagerTest, AModuleThatFailsKeepsItsOldValuesAndTheOthersAreApplie
        "com.tessel.ryx.settings.impact.plugin.failed time"},
       {"if operation == 'read': answer['values'] = {'ntp/servers': []}",
        "com.tessel.ryx.settings.impact.plugin.unexpected.error time"},
+      {"if operation == 'read': answer = {'values': {}, 'errors': [{'id': 'x.y', 'args': ['b']}]}",
+       "x.y b"},
   };
   for (const auto& c : cases) {
     modules_.SetBehaviour("time", c.behaviour);

@@ -57,6 +57,10 @@ ModuleState ReadModule(const Module& module, const StoredConfiguration& stored,
   }
   state.answer = RunPlugin(module, PluginOperation::kRead, {}, task);
   state.failure = state.answer.failure;
+  if (!state.answer.errors.empty()) {
+    state.failure = state.answer.errors.front();
+    Log_Level(2, "%s cannot be read: %s\n", module.component.c_str(), state.failure->id.c_str());
+  }
   if (!state.failure) TakeEffectiveValues(state);
   return state;
 }

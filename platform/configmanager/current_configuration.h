@@ -50,7 +50,7 @@ struct ModuleState {
   const Module* module;
   std::vector<KeyState> keys;  ///< in the order of the module's keys
   /// Why what is in force cannot be told; what was stored is taken for it then.
-  std::optional<PluginFailure> failure;
+  std::optional<ErrorInfo> failure;
   PluginAnswer answer;  ///< what effective values lie in
 };
 
