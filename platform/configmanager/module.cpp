@@ -74,7 +74,8 @@ std::string ReadDescription(const std::filesystem::path& path) {
 
 void LogLeftOut(const std::filesystem::path& folder, std::int32_t code, const std::string& detail) {
   std::string reason = ConfigManagerException(code, {detail}).what();
-  if (reason.find(detail) == std::string::npos) reason += ": " + detail;
+  if (reason.find(detail) == std::string::npos)
+    reason += (reason.back() == '.' ? " " : ": ") + detail;
   Log_Level(2, "Configuration module %s is left out: %s\n", folder.c_str(), reason.c_str());
 }
 

@@ -78,8 +78,7 @@ TEST(ModuleTest, BrokenModulesAreLeftOutAndTold) {
       {Description("a", Key(R"({"type": "object"})", R"(, "singleton": false)")), "id_property"},
       {Description("a", Key(R"({"type": "object"})", R"(, "id_property": "i")")), "'i' is not a"},
       {Description("a", Referring("a/g")), "'a/g' is not COMPONENT/GROUP/KEY"},
-      {Description("a", Referring("a/g/user")),
-       "dependency graph from plugin JSON files.: 'p' ref"},
+      {Description("a", Referring("a/g/user")), "dependency graph from plugin JSON files. 'p' ref"},
       {Description("sound"), "component 'sound' is that of "},
   };
   for (const auto& [description, reason] : cases) {
