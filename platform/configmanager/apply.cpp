@@ -64,7 +64,8 @@ class PlanRun {
       const std::string& component = step.plan->state->module->component;
       if (failed_.contains(component)) continue;
       std::vector<ErrorInfo> errors;
-      if (step.part == PlanPart::kDeletions && IsStillReferredTo(component)) {
+      const bool is_deletion = step.part == PlanPart::kDeletions;
+      if (is_deletion ? IsStillReferredTo(component) : NeedsWhatFailed(*step.plan)) {
         errors.push_back({"com.tessel.ryx.settings.apply.plugin.failed", {component}});
       } else {
         errors = ApplyModule(*step.plan, step.part, store, progress.task());
@@ -88,6 +89,20 @@ class PlanRun {
     };
     if (std::ranges::none_of(failed_, refers)) return false;
     Log_Level(3, "%s deletes nothing: what refers to it could not be applied\n", component.c_str());
+    return true;
+  }
+
+  /// What a key would refer to may not be there.
+  bool NeedsWhatFailed(const ModulePlan& plan) const {
+    const auto has_failed = [this](const Reference& reference) {
+      return failed_.contains(reference.target.component);
+    };
+    const auto needs = [&](const KeyPlan& key) {
+      return key.isAskedFor && std::ranges::any_of(key.state->key->references, has_failed);
+    };
+    if (std::ranges::none_of(plan.keys, needs)) return false;
+    Log_Level(3, "%s is not applied: what it refers to could not be applied\n",
+              plan.state->module->component.c_str());
     return true;
   }
 

@@ -46,7 +46,8 @@ void Validate(const Document& document, const Document& schema, ValidationResult
                                                            const TaskInput* task);
 
 /// Applies what was checked, module by module. A module that fails is reported, keeps its old
-/// configuration, and does not keep the others from being applied.
+/// configuration, and does not keep the others from being applied, but for those that are to refer
+/// to it: they fail, too.
 /// @throws InvalidImpact  the impact is no longer what was checked
 /// @throws HostNotInMM    it needs maintenance mode and the host is not in it
 [[nodiscard]] ApplyResult Apply(const std::shared_ptr<CheckApplyResult>& checked,

@@ -213,6 +213,14 @@ TEST_F(ConfigManagerTest, ModulesAreToldWhatTheyReferToBeforeAndLoseItAfter) {
       ElementsAre("com.tessel.ryx.settings.apply.plugin.failed time",
                   "com.tessel.ryx.settings.apply.plugin.failed net"));
   EXPECT_EQ(modules_.State("net"), R"({"lan/profiles": [{"name": "q"}]})");
+  // What is not there is not referred to.
+  modules_.SetBehaviour("time", "");
+  modules_.SetBehaviour("net", "if operation == 'apply': sys.exit(1)");
+  EXPECT_THAT(ApplyDocument(Profile(kThree)),
+              ElementsAre("com.tessel.ryx.settings.apply.plugin.failed net",
+                          "com.tessel.ryx.settings.apply.plugin.failed time"));
+  EXPECT_THAT(modules_.State("time"), HasSubstr(R"("profile": "q")"));
+  EXPECT_THAT(Stored(), HasSubstr("links l "));
 }
 
 TEST_F(ConfigManagerTest, WhatWasCheckedIsAppliedOnlyToTheHostThatItWasCheckedOn) {
