@@ -208,7 +208,7 @@ std::string GetCurrentConfig(const std::string& component, const std::string& gr
   if (!values) return {};
   std::string instances;
   for (const auto& [instance, value] : *values) {
-    instances += (instances.empty() ? "" : ",") + ToText(value);
+    instances.append(instances.empty() ? "" : ",").append(ToText(value));
   }
   return std::string("{\"") + kInstances + "\":[" + instances + "]}";
 }
