@@ -33,7 +33,10 @@ if request["operation"] == "apply":
 json.dump({"values": values} if request["operation"] == "read" else {}, sys.stdout)
 )";
 
-std::string KeyName(int number) { return "key" + std::to_string(number); }
+/// The start of a key's member in JSON.
+std::string Key(int number) {
+  return std::string(R"("key)").append(std::to_string(number)).append(R"(": )");
+}
 
 void WriteModule(const std::string& name, const std::string& keys, bool with_program) {
   const fs::path folder = fs::path("/usr/lib/tessel/configmanager/apply_modules") / name;
@@ -51,23 +54,20 @@ void WriteModule(const std::string& name, const std::string& keys, bool with_pro
 }
 
 void InstallModules() {
-  static const bool installed = [] {
-    const std::string schema =
-        R"("schema": {"type": "object", "required": ["text"], "additionalProperties": false,)"
-        R"( "properties": {"name": {"type": "string"}, "text": {"type": "string", "maxLength": 64}}}})";
-    std::string keys;
-    for (int i = 0; i < kMostKeys; ++i)
-      keys.append(i ? ", " : "")
-          .append("\"" + KeyName(i) + R"(": {"description": "A text", "singleton": true, )")
-          .append(schema);
-    WriteModule("bench", keys, true);
-    WriteModule(
-        "table",
-        R"("rows": {"description": "Texts", "singleton": false, "id_property": "name", )" + schema,
-        false);
-    return true;
-  }();
-  (void)installed;
+  const std::string schema =
+      R"("schema": {"type": "object", "required": ["text"], "additionalProperties": false,)"
+      R"( "properties": {"name": {"type": "string"}, "text": {"type": "string", "maxLength": 64}}}})";
+  std::string keys;
+  for (int i = 0; i < kMostKeys; ++i)
+    keys.append(i ? ", " : "")
+        .append(Key(i))
+        .append(R"({"description": "A text", "singleton": true, )")
+        .append(schema);
+  WriteModule("bench", keys, true);
+  WriteModule(
+      "table",
+      R"("rows": {"description": "Texts", "singleton": false, "id_property": "name", )" + schema,
+      false);
 }
 
 /// A document of so many keys, each of whose values tells `version`.
@@ -75,7 +75,10 @@ ConfigStoreDocument::Document MakeDocument(std::int64_t keys, const std::string&
   std::string text = R"({"metadata": {"schema_version": "1.0"}, "profile": {"bench": {"group": {)";
   for (int i = 0; i < keys; ++i)
     text.append(i ? ", " : "")
-        .append("\"" + KeyName(i) + R"(": {"text": "value )" + version + "\"}");
+        .append(Key(i))
+        .append(R"({"text": "value )")
+        .append(version)
+        .append(R"("})");
   auto document = ConfigStoreDocument::CreateDocument(text + "}}}}");
   RyxConfigManager::CreateMergedDocument(RyxConfigManager::GenerateHostDocumentSchema(document),
                                          document);
@@ -83,7 +86,6 @@ ConfigStoreDocument::Document MakeDocument(std::int64_t keys, const std::string&
 }
 
 void Validate(benchmark::State& state) {
-  InstallModules();
   const auto document = MakeDocument(state.range(0), "1");
   const auto schema = RyxConfigManager::GenerateHostDocumentSchema(document);
   for (auto _ : state) {
@@ -94,7 +96,6 @@ void Validate(benchmark::State& state) {
 }
 
 void Impact(benchmark::State& state) {
-  InstallModules();
   const auto document = MakeDocument(state.range(0), "1");
   for (auto _ : state) {
     RyxConfigManager::ImpactResult result;
@@ -105,7 +106,6 @@ void Impact(benchmark::State& state) {
 
 /// Every round changes every key.
 void CheckAndApply(benchmark::State& state) {
-  InstallModules();
   int version = 0;
   for (auto _ : state) {
     auto document = MakeDocument(state.range(0), std::to_string(++version));
@@ -115,7 +115,6 @@ void CheckAndApply(benchmark::State& state) {
 }
 
 void GetOneKey(benchmark::State& state) {
-  InstallModules();
   Store::FromPath()->Change([&](Store::Transaction& change) {
     const RyxConfigStore::KeyAddress rows{"table", "group", "rows"};
     for (int i = 0; i < kMostInstances; ++i)
@@ -141,4 +140,8 @@ BENCHMARK(GetOneKey)->Arg(10)->Arg(10000)->Unit(benchmark::kMicrosecond)->UseRea
 
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+  InstallModules();
+  benchmark::Initialize(&argc, argv);
+  benchmark::RunSpecifiedBenchmarks();
+}
