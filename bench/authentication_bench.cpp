@@ -1,4 +1,4 @@
-// An authenticated call to a running daemon beside a bare PAM loop for the same account and
+// An authenticated call that does nothing else beside a bare PAM loop for the same account and
 // service. Runs inside a sandboxed host in which kestreld serves.
 
 #include <arpa/inet.h>
@@ -70,8 +70,8 @@ class Connection {
 void AuthenticatedCall(benchmark::State& state) {
   const std::string body =
       std::string(
-          R"({"jsonrpc":"2.0","id":"1","method":"invoke","params":{"serviceId":"com.tessel.ryx.kestrel_daemon.configuration",)") +
-      R"("operationId":"export","input":{"STRUCTURE":{"operation-input":{}}},"ctx":{"securityCtx":{"schemeId":"com.tessel.orbi.std.security.user_pass","userName":")" +
+          R"({"jsonrpc":"2.0","id":"1","method":"invoke","params":{"serviceId":"com.tessel.ryx.host_settings.config",)") +
+      R"("operationId":"get","input":{"STRUCTURE":{"operation-input":{}}},"ctx":{"securityCtx":{"schemeId":"com.tessel.orbi.std.security.user_pass","userName":")" +
       kUser + R"(","password":")" + kPassword + R"("}}}})";
   const std::string request =
       "POST /api HTTP/1.1\r\nContent-Type: application/json\r\nContent-Length: " +
