@@ -80,6 +80,7 @@ def root(daemon):
 def breaker(tmp_path, monkeypatch):
     made = Breaker(tmp_path)
     monkeypatch.setenv("LD_PRELOAD", str(made.library))
+    monkeypatch.setenv("ASAN_OPTIONS", "verify_asan_link_order=0")  # in that build, the sanitizer comes second
     monkeypatch.setenv("FAULT_PLAN", str(made.path))
     return made
 
