@@ -8,7 +8,7 @@
 
 #include "fuzz/target.h"
 #include "lib/ticket/ticket.h"
-#include "pcore/unique_fd.h"
+#include "tesselibs/unique_fd.h"
 
 void Check(const std::string& input) {
   if (Ticket::IsWellFormed(input)) {

@@ -10,8 +10,8 @@
 #include <array>
 #include <string_view>
 
-#include "pcore/unique_fd.h"
 #include "tesselibs/log.h"
+#include "tesselibs/unique_fd.h"
 
 namespace Ticket {
 namespace {

@@ -18,8 +18,8 @@
 #include "pcore/command_line.h"
 #include "pcore/host_ctl_exception.h"
 #include "pcore/spawn.h"
-#include "pcore/unique_fd.h"
 #include "tesselibs/log.h"
+#include "tesselibs/unique_fd.h"
 
 namespace RyxConfigManager {
 namespace {

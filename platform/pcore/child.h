@@ -4,8 +4,8 @@
 
 #include <optional>
 
-#include "pcore/unique_fd.h"
 #include "pcore/usage.h"
+#include "tesselibs/unique_fd.h"
 
 namespace PcoreCtl {
 

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "pcore/child.h"
-#include "pcore/unique_fd.h"
+#include "tesselibs/unique_fd.h"
 
 /// Pipes to and from commands; see PcoreCtl::Spawn for what a command line and its child are.
 ///

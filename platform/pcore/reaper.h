@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "pcore/end_observer.h"
-#include "pcore/unique_fd.h"
 #include "pcore/usage.h"
+#include "tesselibs/unique_fd.h"
 
 namespace PcoreCtl {
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "pcore/unique_fd.h"
+#include "tesselibs/unique_fd.h"
 
 namespace PcoreCtl {
 

@@ -2,8 +2,8 @@
 
 #include <charconv>
 
+#include "tesselibs/ascii.h"
 #include "transport/errors.h"
-#include "transport/http/ascii.h"
 
 namespace Orbi::Transport::PicoHttp {
 

@@ -4,7 +4,7 @@
 #include <exception>
 #include <stdexcept>
 
-#include "transport/http/ascii.h"
+#include "tesselibs/ascii.h"
 
 namespace Orbi::Transport::PicoHttp {
 namespace {
