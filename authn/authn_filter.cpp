@@ -10,8 +10,6 @@
 namespace Host::Settings::SettingsApi::Authn {
 namespace {
 
-constexpr int kFailure = 2;
-
 /// Says nothing about why: whoever guesses learns no more than that it was wrong.
 Orbi::Data::ErrorValue Unauthenticated() {
   return Com::Tessel::Orbi::Std::Errors::Unauthenticated(
@@ -50,7 +48,7 @@ void AsyncAuthnFilter::Invoke(const Orbi::Core::MethodIdentifier& method, Orbi::
     context->authentication.reset();
     passes = needs_no_credentials_(method) || IsAuthenticated(*context);
   } catch (const std::exception& error) {
-    Log_Level(kFailure, "Authentication failed for method: %s. Error: %s\n",
+    Log_Level(LogLevel::kCritical, "Authentication failed for method: %s. Error: %s\n",
               method.ToText().c_str(), error.what());
   }
   if (!passes) {

@@ -15,9 +15,6 @@
 namespace Host::Settings::SettingsApi::Authn {
 namespace {
 
-constexpr int kFailure = 2;
-constexpr int kNotice = 5;
-
 struct Credentials {
   const std::string& user;
   const std::string& password;
@@ -116,11 +113,11 @@ class Transaction {
 
 bool CanBeTold(const std::string& text, const char* what) {
   if (!Utf8::IsValid(text)) {
-    Log_Level(kFailure, "%s not in UTF-8\n", what);
+    Log_Level(LogLevel::kCritical, "%s not in UTF-8\n", what);
     return false;
   }
   if (text.find('\0') != std::string::npos) {
-    Log_Level(kFailure, "%s contains a NUL character\n", what);
+    Log_Level(LogLevel::kCritical, "%s contains a NUL character\n", what);
     return false;
   }
   return true;
@@ -138,13 +135,13 @@ Library OpenLibrary(const std::string& name) {
   const std::string directory = Preference_GetString("libdir", "/usr/lib/tessel");
   const std::string path = directory + "/lib/" + name + "/" + name;
   if (access(path.c_str(), F_OK) != 0) {
-    Log_Level(kFailure, "System PAM library unusable and bundled one not found.\n");
+    Log_Level(LogLevel::kCritical, "System PAM library unusable and bundled one not found.\n");
     return nullptr;
   }
   Library bundled{dlopen(path.c_str(), kBinding)};
   if (!bundled) {
-    Log_Level(kFailure, "Neither system nor bundled (%s) PAM libraries usable: %s\n", path.c_str(),
-              dlerror());
+    Log_Level(LogLevel::kCritical, "Neither system nor bundled (%s) PAM libraries usable: %s\n",
+              path.c_str(), dlerror());
   }
   return bundled;
 }
@@ -153,7 +150,7 @@ template <typename Function>
 bool Resolve(void* library, const char* name, Function& function) {
   function = reinterpret_cast<Function>(dlsym(library, name));
   if (!function) {
-    Log_Level(kFailure, "PAM library does not contain required function: %s\n", name);
+    Log_Level(LogLevel::kCritical, "PAM library does not contain required function: %s\n", name);
   }
   return function != nullptr;
 }
@@ -176,7 +173,7 @@ const PamFunctions* PamAuthenticator::Load() {
     return nullptr;
   }
   static_cast<void>(library.release());
-  Log_Level(kNotice, "PAM up and running.\n");
+  Log_Level(LogLevel::kNotice, "PAM up and running.\n");
   return &functions_.emplace(pam);
 }
 
@@ -189,7 +186,7 @@ bool PamAuthenticator::AuthenticateUser(const std::string& user, const std::stri
   const Credentials credentials{user, password};
   Transaction transaction(*pam, service, credentials);
   if (transaction.status() != PAM_SUCCESS) {
-    Log_Level(kFailure, "Failed to start PAM (error = %d).\n", transaction.status());
+    Log_Level(LogLevel::kCritical, "Failed to start PAM (error = %d).\n", transaction.status());
     return false;
   }
   const struct {
@@ -203,8 +200,8 @@ bool PamAuthenticator::AuthenticateUser(const std::string& user, const std::stri
   };
   for (const auto& step : steps) {
     if (transaction.Do(step.function, step.flags)) continue;
-    Log_Level(kFailure, "%s:%d: PAM failure - %s (%d)\n", "Auth_AuthenticateUserPAM", step.line,
-              transaction.StatusText(), transaction.status());
+    Log_Level(LogLevel::kCritical, "%s:%d: PAM failure - %s (%d)\n", "Auth_AuthenticateUserPAM",
+              step.line, transaction.StatusText(), transaction.status());
     return false;
   }
   return true;

@@ -10,8 +10,6 @@
 namespace Host::Settings::SettingsApi::Authn {
 namespace {
 
-constexpr int kFailure = 2;
-
 constexpr std::string_view kScheme = "com.tessel.orbi.std.security.user_pass";
 constexpr const char* kPamService = "kestreld";
 constexpr std::string_view kTicketService = "Lifecycle";
@@ -19,13 +17,13 @@ constexpr std::string_view kTicketService = "Lifecycle";
 bool UseTicket(const std::string& text) {
   const std::optional<Ticket::Content> ticket = Ticket::Find(text);
   if (ticket && ticket->service != kTicketService) {
-    Log_Level(kFailure, "Ticket's service name invalid, ticket: %s, service: %s\n", text.c_str(),
-              ticket->service.c_str());
+    Log_Level(LogLevel::kCritical, "Ticket's service name invalid, ticket: %s, service: %s\n",
+              text.c_str(), ticket->service.c_str());
     return false;
   }
   // Only whoever deletes the file has the ticket: of two that found it, one comes too late.
   if (!ticket || !Ticket::Consume(text)) {
-    Log_Level(kFailure, "Ticket authentication failed for ticket: %s\n", text.c_str());
+    Log_Level(LogLevel::kCritical, "Ticket authentication failed for ticket: %s\n", text.c_str());
     return false;
   }
   return true;
@@ -49,7 +47,7 @@ Orbi::Authn::Verdict UserPassHandler::Authenticate(Orbi::Core::ExecutionContext&
 
 bool UserPassHandler::CheckAccount(const std::string& user, const std::string& password) {
   if (pam_.AuthenticateUser(user, password, kPamService)) return true;
-  Log_Level(kFailure, "UserPass authentication failed for user: %s\n", user.c_str());
+  Log_Level(LogLevel::kCritical, "UserPass authentication failed for user: %s\n", user.c_str());
   return false;
 }
 

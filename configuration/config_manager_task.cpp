@@ -32,10 +32,11 @@ ConfigManagerTaskImpl::ConfigManagerTaskImpl(std::string operation, std::string 
 ConfigManagerTaskImpl::~ConfigManagerTaskImpl() {
   const int failure = unlink(kTaskSyncFile.c_str()) == 0 ? 0 : errno;
   if (failure == 0)
-    Log_Level(5, "ConfigManagerTask[%s]: Cleaned up task tracking file %s\n",
+    Log_Level(LogLevel::kNotice, "ConfigManagerTask[%s]: Cleaned up task tracking file %s\n",
               ConfigManagerTaskImpl::label().c_str(), kTaskSyncFile.c_str());
   else
-    Log_Level(2, "ConfigManagerTask[%s]: Failed to cleanup tracking file=%s, errno=%s\n",
+    Log_Level(LogLevel::kCritical,
+              "ConfigManagerTask[%s]: Failed to cleanup tracking file=%s, errno=%s\n",
               ConfigManagerTaskImpl::label().c_str(), kTaskSyncFile.c_str(), strerror(failure));
 }
 
@@ -43,11 +44,11 @@ void ConfigManagerTaskImpl::preRun() {
   task_file_.StartTask(task_id_, kLockRetries);
   started_ = true;
   SetProgress(5);
-  Log_Level(5, "ConfigManagerTask[%s]: preRun completed.\n", label().c_str());
+  Log_Level(LogLevel::kNotice, "ConfigManagerTask[%s]: preRun completed.\n", label().c_str());
 }
 
 void ConfigManagerTaskImpl::run() {
-  Log_Level(5, "ConfigManagerTask[%s]: Run started.\n", label().c_str());
+  Log_Level(LogLevel::kNotice, "ConfigManagerTask[%s]: Run started.\n", label().c_str());
   try {
     Prepare();
     SetUpTranslator();
@@ -55,7 +56,7 @@ void ConfigManagerTaskImpl::run() {
     const Conversion convert = Work();
     SetProgress(95);
     result_ = convert();
-    Log_Level(5, "ConfigManagerTask[%s]: Run completed.\n", label().c_str());
+    Log_Level(LogLevel::kNotice, "ConfigManagerTask[%s]: Run completed.\n", label().c_str());
   } catch (const OperationError& e) {
     error_ = e.error();
   } catch (const std::exception& e) {
@@ -66,9 +67,10 @@ void ConfigManagerTaskImpl::run() {
 void ConfigManagerTaskImpl::postRun() {
   try {
     RecordOutcome();
-    Log_Level(5, "ConfigManagerTask[%s]: postRun completed.\n", label().c_str());
+    Log_Level(LogLevel::kNotice, "ConfigManagerTask[%s]: postRun completed.\n", label().c_str());
   } catch (const std::exception& e) {
-    Log_Level(2, "ConfigManagerTask[%s]: postRun failed: %s\n", label().c_str(), e.what());
+    Log_Level(LogLevel::kCritical, "ConfigManagerTask[%s]: postRun failed: %s\n", label().c_str(),
+              e.what());
   }
 }
 
@@ -76,7 +78,8 @@ void ConfigManagerTaskImpl::abort() {
   try {
     RecordFailure(ApiError(Errors::Error, "com.tessel.ryx.task.aborted"));
   } catch (const std::exception& e) {
-    Log_Level(2, "ConfigManagerTask[%s]: abort failed. %s\n", label().c_str(), e.what());
+    Log_Level(LogLevel::kCritical, "ConfigManagerTask[%s]: abort failed. %s\n", label().c_str(),
+              e.what());
   }
 }
 
@@ -88,8 +91,8 @@ void ConfigManagerTaskImpl::RecordOutcome() {
     task_file_.SucceedTask(task_id_, ValueToTypedJson(*result_), kLockRetries);
   } catch (const std::exception& e) {
     // It cannot be written, or the task file has no room for it; the task must not run for ever.
-    Log_Level(2, "ConfigManagerTask[%s]: Failed to record the result: %s\n", label().c_str(),
-              e.what());
+    Log_Level(LogLevel::kCritical, "ConfigManagerTask[%s]: Failed to record the result: %s\n",
+              label().c_str(), e.what());
     RecordFailure(
         ApiError(Errors::Error, "com.tessel.ryx.kestrel_daemon.configuration.create.result.error"));
   }
@@ -111,8 +114,8 @@ void ConfigManagerTaskImpl::SetProgress(unsigned percent) {
   try {
     task_file_.SetProgress(task_id_, percent, kLockRetries);
   } catch (const std::exception& e) {
-    Log_Level(2, "ConfigManagerTask[%s]: Failed to record progress: %s\n", label().c_str(),
-              e.what());
+    Log_Level(LogLevel::kCritical, "ConfigManagerTask[%s]: Failed to record progress: %s\n",
+              label().c_str(), e.what());
   }
 }
 

@@ -49,7 +49,7 @@ void ConfigurationServiceImpl::Export(const ExecutionContextPtr&, const ExportIn
     try {
       return ExportResult{RyxConfigManager::ExportDocument()};
     } catch (const std::exception& e) {
-      Log_Level(2, "[%s] Failed to export document: %s\n", "Export", e.what());
+      Log_Level(LogLevel::kCritical, "[%s] Failed to export document: %s\n", "Export", e.what());
       throw ::LifeCycle::OperationError(
           ::LifeCycle::ApiError(::Com::Tessel::Orbi::Std::Errors::InternalServerError,
                                 "com.tessel.ryx.kestrel_daemon.configuration.export.doc.error"));

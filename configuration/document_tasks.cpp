@@ -116,18 +116,19 @@ DocumentTask::DocumentTask(std::string operation, std::string task_id, std::stri
 
 ErrorValue DocumentTask::Failed(const char* what, const char* id,
                                 const std::exception& failure) const {
-  Log_Level(2, "ConfigManagerTask[%s]: %s: %s\n", label().c_str(), what, failure.what());
+  Log_Level(LogLevel::kCritical, "ConfigManagerTask[%s]: %s: %s\n", label().c_str(), what,
+            failure.what());
   return ApiError(Errors::Error, id);
 }
 
 DocumentTask::Validated DocumentTask::Validate(bool schema_only, Range range) {
-  Log_Level(6, "ConfigManagerTask[%s]: Received document: %s\n", label().c_str(),
-            document_.c_str());
+  Log_Level(LogLevel::kInformation, "ConfigManagerTask[%s]: Received document: %s\n",
+            label().c_str(), document_.c_str());
   Validated validated;
   try {
     validated.document = ConfigStoreDocument::CreateDocument(document_);
   } catch (const std::exception&) {
-    Log_Level(2, "ConfigManagerTask[%s]: JSON parse error\n", label().c_str());
+    Log_Level(LogLevel::kCritical, "ConfigManagerTask[%s]: JSON parse error\n", label().c_str());
     throw OperationError(
         ApiError(Errors::Error, "com.tessel.ryx.kestrel_daemon.configuration.parse.error"));
   }
@@ -139,7 +140,8 @@ DocumentTask::Validated DocumentTask::Validate(bool schema_only, Range range) {
     const auto task = MakeTaskInput(range);
     RyxConfigManager::Validate(validated.document, schema, result, schema_only, &task);
     if (!result.pluginFailure.empty())
-      Log_Level(2, "ConfigManagerTask[%s]: Validate failed: plugin failure\n", label().c_str());
+      Log_Level(LogLevel::kCritical, "ConfigManagerTask[%s]: Validate failed: plugin failure\n",
+                label().c_str());
     validated.messages = ToMessages(result.pluginErrors);
     for (const auto& error : result.errors)
       validated.errors.push_back({validated.host, UnlessEmpty(error.path), {ToMessage(error)}});
@@ -210,7 +212,8 @@ void ApplyTask::Prepare() {
     checked_ = std::exchange(slot, nullptr);
     return;
   }
-  Log_Level(2, "ConfigManagerTask[%s]: Failed find desired document with id: %s\n", label().c_str(),
+  Log_Level(LogLevel::kCritical,
+            "ConfigManagerTask[%s]: Failed find desired document with id: %s\n", label().c_str(),
             spec_id_.c_str());
   throw OperationError(
       ApiError(Errors::InvalidArgument,
@@ -224,7 +227,8 @@ ConfigManagerTaskImpl::Conversion ApplyTask::Work() {
 }
 
 ErrorValue ApplyTask::Translate(const std::exception& failure) const {
-  Log_Level(2, "ConfigManagerTask[%s]: Apply failed: %s\n", label().c_str(), failure.what());
+  Log_Level(LogLevel::kCritical, "ConfigManagerTask[%s]: Apply failed: %s\n", label().c_str(),
+            failure.what());
   const char* id = "com.tessel.ryx.kestrel_daemon.configuration.apply.generic.error";
   if (dynamic_cast<const RyxConfigManager::InvalidImpact*>(&failure) != nullptr)
     id = "com.tessel.ryx.kestrel_daemon.configuration.apply.invalid_impact.error";

@@ -44,12 +44,12 @@ SetTask::SetTask(std::string task_id, RyxConfigStore::KeyAddress address,
 ConfigManagerTaskImpl::Conversion SetTask::Work() {
   const std::string value = ValueToJson(value_);
   if (value == "{}") {
-    Log_Level(2, "[%s] Empty configuration cannot be set\n", "Run");
+    Log_Level(LogLevel::kCritical, "[%s] Empty configuration cannot be set\n", "Run");
     RefuseValue();
   }
   // Secrets are blanked in the text: an empty one would be set in the place of what was asked for.
   if (JsonDirectDataSerializer(Secrets::kWritten).Serialize(value_) != value) {
-    Log_Level(2, "[%s] Secrets cannot be set\n", "Run");
+    Log_Level(LogLevel::kCritical, "[%s] Secrets cannot be set\n", "Run");
     RefuseValue();
   }
   const auto task = MakeTaskInput();
@@ -58,7 +58,7 @@ ConfigManagerTaskImpl::Conversion SetTask::Work() {
 }
 
 ErrorValue SetTask::Translate(const std::exception& failure) const {
-  Log_Level(2, "[%s] Failed to set configuration: %s\n", "Run", failure.what());
+  Log_Level(LogLevel::kCritical, "[%s] Failed to set configuration: %s\n", "Run", failure.what());
   return KeyError(failure, "com.tessel.ryx.configuration.components.groups.keys.set.config.error");
 }
 
@@ -72,7 +72,8 @@ ConfigManagerTaskImpl::Conversion DeleteTask::Work() {
 }
 
 ErrorValue DeleteTask::Translate(const std::exception& failure) const {
-  Log_Level(2, "[%s] Failed to Delete configuration: %s\n", "Run", failure.what());
+  Log_Level(LogLevel::kCritical, "[%s] Failed to Delete configuration: %s\n", "Run",
+            failure.what());
   return KeyError(failure,
                   "com.tessel.ryx.configuration.components.groups.keys.delete.config.error");
 }

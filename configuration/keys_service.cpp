@@ -25,7 +25,7 @@ std::string ReadKey(const GetInput& input) {
   try {
     return RyxConfigManager::GetCurrentConfig(input.component, input.group, input.key);
   } catch (const std::exception& e) {
-    Log_Level(2, "[%s] Failed to fetch configuration: %s\n", "Get", e.what());
+    Log_Level(LogLevel::kCritical, "[%s] Failed to fetch configuration: %s\n", "Get", e.what());
     throw OperationError(::LifeCycle::KeyError(e, kGetError));
   }
 }
@@ -34,7 +34,7 @@ std::shared_ptr<const ::Orbi::Data::Value> Parse(const std::string& json) {
   try {
     return ::LifeCycle::JsonToValue(json);
   } catch (const ::LifeCycle::OrbiJsonSerializationError&) {
-    Log_Level(2, "[%s] Couldn't de-serialize results.\n", "Get");
+    Log_Level(LogLevel::kCritical, "[%s] Couldn't de-serialize results.\n", "Get");
     throw OperationError(::LifeCycle::ApiError(Errors::Error, kGetError));
   }
 }
@@ -42,13 +42,13 @@ std::shared_ptr<const ::Orbi::Data::Value> Parse(const std::string& json) {
 std::optional<DynamicStructure> Get(const GetInput& input) {
   const std::string json = ReadKey(input);
   if (json.empty()) {
-    Log_Level(5, "[%s] User config not found.\n", "Get");
+    Log_Level(LogLevel::kNotice, "[%s] User config not found.\n", "Get");
     return std::nullopt;
   }
   const auto value = Parse(json);
   const auto* fields = value->As<::Orbi::Data::Structure>();
   if (fields == nullptr) {
-    Log_Level(2, "[%s] Failed to return the configuration\n", "Get");
+    Log_Level(LogLevel::kCritical, "[%s] Failed to return the configuration\n", "Get");
     throw OperationError(::LifeCycle::ApiError(Errors::Error, kGetError));
   }
   DynamicStructure structure = *fields;

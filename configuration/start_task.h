@@ -23,7 +23,7 @@ void StartTask(const char* operation, const char* method,
   TaskError error;
   const std::string id = InitTask(method, error, ErrorKind::kError);
   if (error) {
-    Log_Level(2, "[%s] Failed to get TaskId\n", operation);
+    Log_Level(LogLevel::kCritical, "[%s] Failed to get TaskId\n", operation);
     return result.SetError(*error);
   }
   (void)TaskSchedular::Instance().submit(

@@ -31,7 +31,7 @@ AddressList FindService() {
   if (code != 0) {
     const bool system = code == EAI_SYSTEM;
     const int error = errno;
-    Log_Level(2, "getaddrinfo failed. Error: %s%s%s\n", gai_strerror(code),
+    Log_Level(LogLevel::kCritical, "getaddrinfo failed. Error: %s%s%s\n", gai_strerror(code),
               system ? " system error: " : "", system ? strerror(error) : "");
     found = nullptr;
   }
@@ -94,7 +94,7 @@ void Endpoint::Start() {
   if (FeatureState_IsEnabled(Feature::kTaskScheduler))
     (void)LifeCycle::TaskSchedular::Instance().initialise();
   ready.set_value();
-  Log_Level(5, "HTTP endpoint listening on TCP port %d\n", port_);
+  Log_Level(LogLevel::kNotice, "HTTP endpoint listening on TCP port %d\n", port_);
 }
 
 void Endpoint::Stop() {

@@ -43,7 +43,7 @@ void OpenStandardStreams() {
 
 void StartSystemLog() {
   auto output = Log_NewSyslogOutput("kestreld", "syslog", Log_CfgInterface());
-  Log_SetOutputLevel(*output, 7);
+  Log_SetOutputLevel(*output, LogLevel::kDebug);
   if (!Log_AddOutput(output)) Log_FreeOutput(std::move(output));
 }
 
@@ -52,7 +52,7 @@ void InstallSignalHandlers() {
   sigemptyset(&action.sa_mask);
   action.sa_handler = [](int) { stopRequested = 1; };
   if (sigaction(SIGTERM, &action, nullptr) != 0)
-    Log_Level(3, "Error in registering sigterm handler\n");
+    Log_Level(LogLevel::kError, "Error in registering sigterm handler\n");
   // A client or a helper that has gone is an ordinary error of the write that met it.
   signal(SIGPIPE, SIG_IGN);
   // A parent that ignored it leaves it ignored: the kernel would then throw away how helpers ended.
@@ -87,7 +87,7 @@ int Serve() {
     trimmer.Start();
     endpoint.Start();
   } catch (const std::exception& e) {
-    Log_Level(2, "Failed to start HTTP service. Aborting. Error:%s\n", e.what());
+    Log_Level(LogLevel::kCritical, "Failed to start HTTP service. Aborting. Error:%s\n", e.what());
     return kFailedToStart;
   }
   Poll_Loop(true, &stopRequested);
@@ -110,8 +110,8 @@ int main() {
     taskFile = OpenTaskFile();
     LifeCycle::FailAbandonedTasks(*taskFile);
   } catch (const std::exception& e) {
-    Log_Level(2, "Failed to open the task status file %s: %s\n", LifeCycle::kTaskStatusFile.c_str(),
-              e.what());
+    Log_Level(LogLevel::kCritical, "Failed to open the task status file %s: %s\n",
+              LifeCycle::kTaskStatusFile.c_str(), e.what());
     return kFailedToStart;
   }
   return Serve();

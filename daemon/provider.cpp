@@ -60,9 +60,9 @@ constexpr MetadataFile kMetadataFiles[] = {
 
 void LoadMetadata() {
   for (const MetadataFile& file : kMetadataFiles) {
-    Log_Level(5, "Loading %s metadata file: %s\n", file.kind, file.path);
+    Log_Level(LogLevel::kNotice, "Loading %s metadata file: %s\n", file.kind, file.path);
     const auto error = file.load(file.component, file.path);
-    if (error) Log_Level(2, "Error loading file: %s\n", error->ToText().c_str());
+    if (error) Log_Level(LogLevel::kCritical, "Error loading file: %s\n", error->ToText().c_str());
     Verify(!error, "apps/lifecycle/orbi/orbicpp/provider", file.line);
   }
 }

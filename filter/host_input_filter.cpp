@@ -11,9 +11,6 @@
 namespace Host::Settings::SettingsApi::Filter {
 namespace {
 
-constexpr int kRefusal = 2;
-constexpr int kNotice = 5;
-
 constexpr const char* kLocalHost = "localhost";
 
 /// What the value is when it is set, through however many optionals; nullptr when it is not.
@@ -47,11 +44,11 @@ void HostInputFilter::Invoke(const Orbi::Core::MethodIdentifier& method, Orbi::D
                              Orbi::Core::ExecutionContextPtr context,
                              Orbi::Core::MethodCompletion completion) {
   if (methods_.contains(method)) {
-    Log_Level(kNotice, "Checking the host parameter value for method:%s and service:%s\n",
+    Log_Level(LogLevel::kNotice, "Checking the host parameter value for method:%s and service:%s\n",
               method.ToText().c_str(), method.service.c_str());
     const std::optional<std::string> host = FindHost(input);
     if (host && *host != kLocalHost) {
-      Log_Level(kRefusal, "Host parameter value is:%s. It should be:%s\n", host->c_str(),
+      Log_Level(LogLevel::kCritical, "Host parameter value is:%s. It should be:%s\n", host->c_str(),
                 kLocalHost);
       completion(Orbi::Core::MethodResult::Error(
           LifeCycle::ApiError(Com::Tessel::Orbi::Std::Errors::InvalidArgument,

@@ -16,7 +16,7 @@ std::optional<Orbi::Data::ErrorValue> Attempt(const char* operation,
   } catch (const OrbiJsonSerializationError&) {
     return Com::Tessel::Orbi::Std::Errors::InternalServerError();  // the log tells why already
   } catch (const std::exception& e) {
-    Log_Level(2, "[%s]: %s\n", operation, e.what());
+    Log_Level(LogLevel::kCritical, "[%s]: %s\n", operation, e.what());
     return Com::Tessel::Orbi::Std::Errors::InternalServerError();
   }
 }

@@ -35,7 +35,8 @@ class HelperEnd {
       FreeHost();
       return true;
     } catch (const std::exception& e) {
-      Log_Level(2, "[%s]: Failed to end task %s: %s\n", "EndOfHelper", task_.id.c_str(), e.what());
+      Log_Level(LogLevel::kCritical, "[%s]: Failed to end task %s: %s\n", "EndOfHelper",
+                task_.id.c_str(), e.what());
     }
     if (looks_ > kLooksUntilHelperBegins) FreeHost();
     return looks_ >= kMostLooks;
@@ -51,7 +52,8 @@ class HelperEnd {
       const bool begun = JsonDocument::FindMember(record, "status") != nullptr;
       waits = !begun && looks_ <= kLooksUntilHelperBegins;
       if (waits) return false;
-      Log_Level(2, "[%s]: The helper of task %s is gone without having ended it\n", "EndOfHelper",
+      Log_Level(LogLevel::kCritical,
+                "[%s]: The helper of task %s is gone without having ended it\n", "EndOfHelper",
                 id.c_str());
       FreeHost();  // before the end is told: who sees that may start the next task at once
       TaskDB::FailUnexplained()(record, allocator);

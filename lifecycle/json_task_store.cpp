@@ -95,13 +95,14 @@ void JsonTaskStore::Initialise() {
   } catch (const TaskFileNotFoundError&) {
     // Told to nobody: the first start of a host.
   } catch (const JsonParseError& e) {
-    Log_Level(3, "Failed to parse task file %s: %s, re-creating the file...\n", path_.c_str(),
-              e.what());
+    Log_Level(LogLevel::kError, "Failed to parse task file %s: %s, re-creating the file...\n",
+              path_.c_str(), e.what());
   }
   try {
     Replace("{}");
   } catch (const std::exception& e) {
-    Log_Level(2, "Failed to initiate task file %s: %s\n", path_.c_str(), e.what());
+    Log_Level(LogLevel::kCritical, "Failed to initiate task file %s: %s\n", path_.c_str(),
+              e.what());
     throw;
   }
 }

@@ -42,7 +42,8 @@ void FailAbandonedTasks(TaskFile& file) {
     if (TaskDB::IsFinished(record)) return false;
     const bool in_process = RanInProcess(record);
     if (!in_process && !helpers.HasGone(id, record)) return false;
-    Log_Level(3, "[%s]: Task %s did not outlive the daemon\n", "FailAbandonedTasks", id.c_str());
+    Log_Level(LogLevel::kError, "[%s]: Task %s did not outlive the daemon\n", "FailAbandonedTasks",
+              id.c_str());
     if (!in_process) {
       TaskDB::FailUnexplained()(record, allocator);
       return true;
@@ -57,7 +58,8 @@ void FailAbandonedTasks(TaskFile& file) {
     file.ChangeAll(sweep, kLockRetries);
   } catch (const std::exception& e) {
     // A full disk is no reason not to serve: whoever makes room may need that.
-    Log_Level(2, "[%s]: Failed to end tasks: %s\n", "FailAbandonedTasks", e.what());
+    Log_Level(LogLevel::kCritical, "[%s]: Failed to end tasks: %s\n", "FailAbandonedTasks",
+              e.what());
     helpers.ExpectEnds();
   }
   helpers.FreeHost();

@@ -33,17 +33,20 @@ bool TryToWinHost(const std::string& task_id, int retries) {
     // before the sync file is looked at, in the order that every starter keeps.
     const AccessLock lock(kTaskSyncFile, 0);
   } catch (const AccessLockError&) {
-    Log_Level(2, "[%s]: Lock contention in task %s, another task is starting, %d retries left\n",
+    Log_Level(LogLevel::kCritical,
+              "[%s]: Lock contention in task %s, another task is starting, %d retries left\n",
               kName, task_id.c_str(), retries);
     return false;
   }
   if (access(kTaskSyncFile.c_str(), F_OK) == 0) {
-    Log_Level(2, "[%s]: Task sync file exists, another task is progress, %d retries left\n", kName,
+    Log_Level(LogLevel::kCritical,
+              "[%s]: Task sync file exists, another task is progress, %d retries left\n", kName,
               retries);
     return false;
   }
   if (const int error = errno; error != ENOENT) {
-    Log_Level(2, "[%s]: Failed to determine if the task sync file exists: %s, %d retries left\n",
+    Log_Level(LogLevel::kCritical,
+              "[%s]: Failed to determine if the task sync file exists: %s, %d retries left\n",
               kName, std::strerror(error), retries);
     return false;
   }
@@ -51,7 +54,8 @@ bool TryToWinHost(const std::string& task_id, int retries) {
     WriteToFile(kTaskSyncFile, "PRECURSOR: " + task_id);
     return true;
   } catch (const std::exception& e) {
-    Log_Level(2, "[%s]: Failed to write to the task sync file in task %s: %s, %d retries left\n",
+    Log_Level(LogLevel::kCritical,
+              "[%s]: Failed to write to the task sync file in task %s: %s, %d retries left\n",
               kName, task_id.c_str(), e.what(), retries);
     return false;
   }
@@ -64,13 +68,14 @@ bool TryToWinHost(const std::string& task_id, int retries) {
 template <typename Add>
 bool RecordTask(const char* name, const std::string& task_id, TaskError& error, ErrorKind kind,
                 const Add& add) {
-  Log_Level(5, "[%s]: Creating task: %s\n", name, task_id.c_str());
+  Log_Level(LogLevel::kNotice, "[%s]: Creating task: %s\n", name, task_id.c_str());
   try {
     TaskFile file(kTaskStatusFile, TaskFile::Initialise::kWhenMissing);
     add(file);
     return true;
   } catch (const std::exception& e) {
-    Log_Level(2, "[%s]: Failed to create task %s: %s\n", name, task_id.c_str(), e.what());
+    Log_Level(LogLevel::kCritical, "[%s]: Failed to create task %s: %s\n", name, task_id.c_str(),
+              e.what());
     RemoveFiles({kTaskSyncFile});
     error = MakeError("com.tessel.ryx.task.create.error", kind);
     return false;
@@ -80,17 +85,18 @@ bool RecordTask(const char* name, const std::string& task_id, TaskError& error, 
 /// One attempt to start a task's command. Why it failed is logged.
 bool StartCommand(const std::string& command, const HelperTask& task, int retries) {
   static constexpr char kName[] = "RunTask";
-  Log_Level(5, "[%s]: Executing command: %s\n", kName, command.c_str());
+  Log_Level(LogLevel::kNotice, "[%s]: Executing command: %s\n", kName, command.c_str());
   try {
     const int result =
         PcoreCtl::Util::PcoreCtl_Daemon(command, false, false, true, true, EndOfHelper(task));
     if (result == 0) return true;
-    Log_Level(2,
+    Log_Level(LogLevel::kCritical,
               "[%s]: Failed to exec command for task %s: PcoreCtl_Daemon() returned %d, "
               "%d retries left\n",
               kName, task.id.c_str(), result, retries);
   } catch (const HostCtl::Lib::HostCtlException& e) {
-    Log_Level(2, "[%s]: Failed to exec command for task %s: %s, %d retries left\n", kName,
+    Log_Level(LogLevel::kCritical,
+              "[%s]: Failed to exec command for task %s: %s, %d retries left\n", kName,
               task.id.c_str(), e.what(), retries);
   }
   return false;
@@ -105,7 +111,7 @@ std::string GetTaskId(TaskError& error, ErrorKind kind) {
     error = MakeError("com.tessel.ryx.task.uuid.error", kind);
     return "";
   }
-  Log_Level(6, "[%s]: Generated task uuid %s\n", "GetTaskId", id->c_str());
+  Log_Level(LogLevel::kInformation, "[%s]: Generated task uuid %s\n", "GetTaskId", id->c_str());
   return *id;
 }
 

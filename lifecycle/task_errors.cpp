@@ -16,7 +16,7 @@ std::string Write(const Orbi::Data::Value& value) {
   try {
     return Serializer(Json::Secrets::kBlanked).Serialize(value);
   } catch (const Json::JsonSerializationError& e) {
-    Log_Level(2, "Serialize to JSON failed: %s\n", e.what());
+    Log_Level(LogLevel::kCritical, "Serialize to JSON failed: %s\n", e.what());
     throw OrbiJsonSerializationError();
   }
 }

@@ -72,13 +72,14 @@ void TaskFile::InitialiseDatabase() const {
     database_->Create();
     return;
   } catch (const TaskDB::CorruptError& e) {
-    Log_Level(3, "Failed to parse task file %s: %s, re-creating the file...\n",
+    Log_Level(LogLevel::kError, "Failed to parse task file %s: %s, re-creating the file...\n",
               database_->path().c_str(), e.what());
   }
   try {
     database_->Recreate();
   } catch (const std::exception& e) {
-    Log_Level(2, "Failed to initiate task file %s: %s\n", database_->path().c_str(), e.what());
+    Log_Level(LogLevel::kCritical, "Failed to initiate task file %s: %s\n",
+              database_->path().c_str(), e.what());
     throw;
   }
 }
@@ -147,11 +148,11 @@ void TaskFile::ChangeAll(const TaskDB::RecordSweep& sweep, int retries) {
 std::map<std::string, TaskDB::TaskInfo> TaskFile::GetTasks(int retries) const {
   std::deque<TaskDB::TaskInfo> tasks;
   const auto copy = [&](const std::string& id, const TaskDB::Record& record) {
-    Log_Level(5, "Process task %s\n", id.c_str());
+    Log_Level(LogLevel::kNotice, "Process task %s\n", id.c_str());
     try {
       TaskDB::ReadRecord(id, record, tasks.emplace_back());
     } catch (const std::exception& e) {
-      Log_Level(2, "[%s]: %s\n", "GetTasks", e.what());
+      Log_Level(LogLevel::kCritical, "[%s]: %s\n", "GetTasks", e.what());
       throw;
     }
   };

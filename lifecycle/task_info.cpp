@@ -33,7 +33,7 @@ constexpr StatusName kStatusNames[] = {{"PENDING", Task::Status::PENDING},
 
 Task::Status StatusOf(const TaskDB::TaskInfo& record) {
   if (record.status.empty()) {
-    Log_Level(6, "Task has no status, use pending\n");
+    Log_Level(LogLevel::kInformation, "Task has no status, use pending\n");
     return Task::Status::PENDING;
   }
   const auto known = std::ranges::find(kStatusNames, record.status, &StatusName::name);
@@ -53,11 +53,11 @@ Orbi::DateTime TimeOf(const TaskDB::TaskInfo& record, const std::string& text,
 
 std::optional<Orbi::Data::Value> ResultOf(const TaskDB::TaskInfo& record) {
   if (record.result.empty()) return std::nullopt;
-  Log_Level(5, "Result %s\n", record.result.c_str());
+  Log_Level(LogLevel::kNotice, "Result %s\n", record.result.c_str());
   try {
     return *TypedJsonToValue(record.result);
   } catch (const OrbiJsonSerializationError& e) {
-    Log_Level(2, "Error de-serializing task result: %s\n", e.what());
+    Log_Level(LogLevel::kCritical, "Error de-serializing task result: %s\n", e.what());
   }
   Fail("Result of task ", record, " cannot be de-serialized");
 }
@@ -67,9 +67,9 @@ std::optional<Orbi::Data::ErrorValue> ExceptionOf(const TaskDB::TaskInfo& record
   try {
     const auto value = TypedJsonToValue(record.exception);
     if (const auto* error = value->As<Orbi::Data::ErrorValue>()) return *error;
-    Log_Level(2, "Error de-serializing task exception: %s\n", "it is no error");
+    Log_Level(LogLevel::kCritical, "Error de-serializing task exception: %s\n", "it is no error");
   } catch (const OrbiJsonSerializationError& e) {
-    Log_Level(2, "Error de-serializing task exception: %s\n", e.what());
+    Log_Level(LogLevel::kCritical, "Error de-serializing task exception: %s\n", e.what());
   }
   return std::nullopt;
 }
@@ -78,7 +78,7 @@ std::optional<Orbi::Data::ErrorValue> ErrorOf(const TaskDB::TaskInfo& record) {
   if (!record.errorId.empty())
     return ApiError(Com::Tessel::Orbi::Std::Errors::Error, record.errorId, record.errorArgs);
   if (!record.exception.empty()) return ExceptionOf(record);
-  Log_Level(3, "Task %s failed without any error details.\n", record.id.c_str());
+  Log_Level(LogLevel::kError, "Task %s failed without any error details.\n", record.id.c_str());
   return std::nullopt;
 }
 

@@ -46,7 +46,7 @@ int TaskSchedularImpl::initialise() {
     }
   }
   if (!running) {
-    Log_Level(2, "TaskSchedular failed to initialize.\n");
+    Log_Level(LogLevel::kCritical, "TaskSchedular failed to initialize.\n");
     return 1;
   }
   // A task that comes right after this finds the scheduler idle.
@@ -55,7 +55,7 @@ int TaskSchedularImpl::initialise() {
 }
 
 void TaskSchedularImpl::abort() {
-  Log_Level(5, "TaskSchedular abort requested.\n");
+  Log_Level(LogLevel::kNotice, "TaskSchedular abort requested.\n");
   {
     const Lock lock(mutex_);
     stop_requested_ = true;
@@ -65,10 +65,11 @@ void TaskSchedularImpl::abort() {
 }
 
 int TaskSchedularImpl::submit(std::shared_ptr<Task> task) {
-  Log_Level(5, "TaskSchedular received new task: %s\n", task->label().c_str());
+  Log_Level(LogLevel::kNotice, "TaskSchedular received new task: %s\n", task->label().c_str());
   const Lock lock(mutex_);
   if (state_ != State::kIdle || stop_requested_) {
-    Log_Level(2, "TaskSchedular in state=%d, stopped=%d, doesn't accept requests\n",
+    Log_Level(LogLevel::kCritical,
+              "TaskSchedular in state=%d, stopped=%d, doesn't accept requests\n",
               static_cast<int>(state_), static_cast<int>(stop_requested_));
     return 2;
   }
@@ -87,7 +88,7 @@ void TaskSchedularImpl::Schedule() {
   Lock lock(mutex_);
   state_ = State::kIdle;
   changed_.notify_all();
-  Log_Level(5, "TaskSchedular started.\n");
+  Log_Level(LogLevel::kNotice, "TaskSchedular started.\n");
   while (true) {
     changed_.wait(lock, [this] {
       return state_ == State::kFinished || state_ == State::kSubmitted || stop_requested_;
@@ -96,7 +97,7 @@ void TaskSchedularImpl::Schedule() {
     if (stop_requested_) break;
     if (state_ == State::kSubmitted) Dispatch();
   }
-  Log_Level(5, "TaskSchedular stopped.\n");
+  Log_Level(LogLevel::kNotice, "TaskSchedular stopped.\n");
   EndTask(lock);
 }
 
@@ -104,19 +105,20 @@ void TaskSchedularImpl::Dispatch() {
   try {
     worker_ = StartThread([this, task = task_] { Work(*task); });
   } catch (const std::system_error& e) {
-    Log_Level(2, "Task: %s failed to run: %s\n", task_->label().c_str(), e.what());
+    Log_Level(LogLevel::kCritical, "Task: %s failed to run: %s\n", task_->label().c_str(),
+              e.what());
     task_->abort();
     task_.reset();
     state_ = State::kIdle;
     return;
   }
   state_ = State::kDispatched;
-  Log_Level(5, "Task dispatched: %s\n", task_->label().c_str());
+  Log_Level(LogLevel::kNotice, "Task dispatched: %s\n", task_->label().c_str());
 }
 
 void TaskSchedularImpl::Complete() {
   worker_.join();
-  Log_Level(5, "Task completed: %s\n", task_->label().c_str());
+  Log_Level(LogLevel::kNotice, "Task completed: %s\n", task_->label().c_str());
   task_.reset();
   state_ = State::kIdle;
   ending_ = false;
@@ -127,16 +129,17 @@ void TaskSchedularImpl::EndTask(Lock& lock) {
   if (state_ == State::kIdle) return;
   const std::string label = task_->label();
   if (state_ == State::kSubmitted)
-    Log_Level(5, "Skip task=%s in state=%d\n", label.c_str(), static_cast<int>(state_));
+    Log_Level(LogLevel::kNotice, "Skip task=%s in state=%d\n", label.c_str(),
+              static_cast<int>(state_));
   if (state_ == State::kDispatched) {
-    Log_Level(5, "Abort task requested: %s\n", label.c_str());
+    Log_Level(LogLevel::kNotice, "Abort task requested: %s\n", label.c_str());
     task_->requestAbort();
     const auto deadline = std::chrono::system_clock::now() + kAbortWait;
     if (!changed_.wait_until(lock, deadline, [this] { return state_ == State::kFinished; })) {
-      Log_Level(2, "Task did not respond to abort request: %s\n", label.c_str());
+      Log_Level(LogLevel::kCritical, "Task did not respond to abort request: %s\n", label.c_str());
       aborted_ = true;
       task_->abort();
-      Log_Level(2, "Task aborted: %s\n", label.c_str());
+      Log_Level(LogLevel::kCritical, "Task aborted: %s\n", label.c_str());
     }
   }
   // The worker may still be at work in what this process is about to take down.
@@ -150,22 +153,23 @@ void TaskSchedularImpl::Work(Task& task) {
   try {
     task.preRun();
     if (AbortIfStopping(task)) {
-      Log_Level(2, "Worker aborting task before Run(): %s\n", task.label().c_str());
+      Log_Level(LogLevel::kCritical, "Worker aborting task before Run(): %s\n",
+                task.label().c_str());
       return;
     }
     task.run();
   } catch (const std::exception& e) {
-    Log_Level(2, "Task: %s failed to run: %s\n", task.label().c_str(), e.what());
+    Log_Level(LogLevel::kCritical, "Task: %s failed to run: %s\n", task.label().c_str(), e.what());
   }
   if (AbortIfStopping(task)) {
-    Log_Level(2, "Worker aborting task after Run(): %s\n", task.label().c_str());
+    Log_Level(LogLevel::kCritical, "Worker aborting task after Run(): %s\n", task.label().c_str());
     return;
   }
   SetEnding();
   try {
     task.postRun();
   } catch (const std::exception& e) {
-    Log_Level(2, "PostRun script failed to run: %s\n", e.what());
+    Log_Level(LogLevel::kCritical, "PostRun script failed to run: %s\n", e.what());
   }
   SetState(State::kFinished);
 }

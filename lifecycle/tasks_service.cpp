@@ -48,13 +48,13 @@ std::map<std::string, TaskDB::TaskInfo> ReadTasks(const Operation& operation) {
   } catch (const ::LifeCycle::TaskFileNotFoundError&) {
     throw;
   } catch (const ::LifeCycle::AccessLockError& e) {
-    Log_Level(2, "[%s]: Failed to acquire lock: %s\n", operation.name, e.what());
+    Log_Level(LogLevel::kCritical, "[%s]: Failed to acquire lock: %s\n", operation.name, e.what());
     throw ReadFailure{ApiError(Errors::ResourceInaccessible, "com.tessel.ryx.task.lock.error")};
   } catch (const ::LifeCycle::JsonParseError& e) {
-    Log_Level(2, "[%s] :  %s\n", operation.name, e.what());
+    Log_Level(LogLevel::kCritical, "[%s] :  %s\n", operation.name, e.what());
     throw ReadFailure{ApiError(operation.unreadable, "com.tessel.ryx.task.parse.error")};
   } catch (...) {
-    Log_Level(2, "[%s]: Unknown error\n", operation.name);
+    Log_Level(LogLevel::kCritical, "[%s]: Unknown error\n", operation.name);
     throw ReadFailure{ApiError(operation.unknown, kUnknownError)};
   }
 }
@@ -64,7 +64,7 @@ std::map<std::string, TaskDB::TaskInfo> ReadTasksForList() {
   try {
     return ReadTasks(kList);
   } catch (const ::LifeCycle::TaskFileNotFoundError& e) {
-    Log_Level(2, "[%s]: Returning empty list.: %s\n", kList.name, e.what());
+    Log_Level(LogLevel::kCritical, "[%s]: Returning empty list.: %s\n", kList.name, e.what());
     return {};
   }
 }
@@ -74,13 +74,13 @@ std::map<std::string, TaskDB::TaskInfo> ReadTasksForGet() {
   try {
     return ReadTasks(kGet);
   } catch (const ::LifeCycle::TaskFileNotFoundError& e) {
-    Log_Level(2, "[%s] %s\n", kGet.name, e.what());
+    Log_Level(LogLevel::kCritical, "[%s] %s\n", kGet.name, e.what());
     throw ReadFailure{ApiError(Errors::NotFound, "com.tessel.ryx.task.file.notfound.error")};
   }
 }
 
 ErrorValue ConversionFailed(const std::string& id) {
-  Log_Level(2, "Failed to convert task info for %s\n", id.c_str());
+  Log_Level(LogLevel::kCritical, "Failed to convert task info for %s\n", id.c_str());
   return ApiError(Errors::Error, kUnknownError);
 }
 
@@ -89,13 +89,14 @@ ErrorValue ConversionFailed(const std::string& id) {
 void AsyncServiceImpl::Get(const ::Orbi::Core::ExecutionContextPtr&, const GetInput& input,
                            ::Orbi::Core::AsyncResult<Task::Info> result) {
   const std::string& id = input.task;
-  Log_Level(5, "[%s]: Getting the task with id:'%s'\n", kGet.name, id.c_str());
+  Log_Level(LogLevel::kNotice, "[%s]: Getting the task with id:'%s'\n", kGet.name, id.c_str());
   std::optional<Task::Info> info;
   try {
     const auto tasks = ReadTasksForGet();
     const auto task = tasks.find(id);
     if (task == tasks.end()) {
-      Log_Level(5, "[%s]: Task with identifier '%s' not found.\n", kGet.name, id.c_str());
+      Log_Level(LogLevel::kNotice, "[%s]: Task with identifier '%s' not found.\n", kGet.name,
+                id.c_str());
       return result.SetError(
           ApiError(Errors::NotFound, "com.tessel.ryx.task.notfound.error", {id}));
     }
@@ -118,7 +119,7 @@ void AsyncServiceImpl::List(const ::Orbi::Core::ExecutionContextPtr&, const List
       try {
         infos.emplace_hint(infos.end(), id, ::LifeCycle::ToTaskInfo(task));
       } catch (const ::LifeCycle::TaskInfoError& e) {
-        Log_Level(3, "[%s] :  %s, skipping task\n", kList.name, e.what());
+        Log_Level(LogLevel::kError, "[%s] :  %s, skipping task\n", kList.name, e.what());
       }
     }
   } catch (ReadFailure& failure) {

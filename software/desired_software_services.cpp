@@ -24,7 +24,7 @@ std::string WriteSpec(const ::Orbi::Data::Value& spec) {
   try {
     return ValueToJson(spec);
   } catch (const OrbiJsonSerializationError&) {
-    Log_Level(2, "[%s] Could not serialize data.\n", kSetDesiredSoftware.name);
+    Log_Level(LogLevel::kCritical, "[%s] Could not serialize data.\n", kSetDesiredSoftware.name);
     throw;
   }
 }
@@ -96,7 +96,8 @@ void AsyncServiceImpl::Set(const ExecutionContextPtr&, const SetInput& input,
   CompleteOperation(kSetDesiredComponent.name, result, [&input] {
     RequireValidName(kSetDesiredComponent, input.component, kComponentName);
     if (!input.version || input.version->empty()) {
-      Log_Level(2, "[%s] No value for version supplied.\n", kSetDesiredComponent.name);
+      Log_Level(LogLevel::kCritical, "[%s] No value for version supplied.\n",
+                kSetDesiredComponent.name);
       throw OperationError(Com::Tessel::Orbi::Std::Errors::InvalidArgument());
     }
     // Clients rely on versions being passed on whatever characters they hold.

@@ -44,7 +44,7 @@ void OrderHelper(const HelperOperation& operation, const std::string& argument) 
 void RequireValidName(const HelperOperation& operation, const std::string& name,
                       const NameRefusal& refusal) {
   if (IsValidName(name)) return;
-  Log_Level(2, "[%s] %s\n", operation.name, refusal.log);
+  Log_Level(LogLevel::kCritical, "[%s] %s\n", operation.name, refusal.log);
   throw OperationError(ApiError(Com::Tessel::Orbi::Std::Errors::InvalidArgument, refusal.message));
 }
 
@@ -52,14 +52,14 @@ ValuePtr ReadResults(const HelperOperation& operation, const std::string& output
   try {
     return JsonToValue(output);
   } catch (const OrbiJsonSerializationError&) {
-    Log_Level(2, "[%s] Couldn't de-serialize results.\n", operation.name);
+    Log_Level(LogLevel::kCritical, "[%s] Couldn't de-serialize results.\n", operation.name);
     throw OperationError(Com::Tessel::Orbi::Std::Errors::InternalServerError());
   }
 }
 
 void FailAdapting(const HelperOperation& operation, const Orbi::Bindings::AdaptErrors& errors,
                   MisfitError misfit) {
-  Log_Level(2, "[%s] Could not adapt to native types : %s\n", operation.name,
+  Log_Level(LogLevel::kCritical, "[%s] Could not adapt to native types : %s\n", operation.name,
             errors.ToText().c_str());
   using Com::Tessel::Orbi::Std::Errors::InternalServerError;
   throw OperationError(misfit == MisfitError::kWithMessages ? InternalServerError(errors.messages())

@@ -40,19 +40,21 @@ constexpr OutcomeRule Logged(OutcomeRule rule, void (*log)(const EndedHelper& en
 }
 
 void LogSoftwareNotFound(const EndedHelper& end) {
-  Log_Level(2, "[%s] Could not find SoftwareSpec\n", end.operation);
+  Log_Level(LogLevel::kCritical, "[%s] Could not find SoftwareSpec\n", end.operation);
 }
 
 void LogComponentsNotAsked(const EndedHelper& end) {
-  Log_Level(2, "Failed to POPEN while running command: %s\n", end.command.c_str());
+  Log_Level(LogLevel::kCritical, "Failed to POPEN while running command: %s\n",
+            end.command.c_str());
 }
 
 void LogComponentsNotFetched(const EndedHelper& end) {
-  Log_Level(2, "[%s]: Failed to fetch components list\n", end.operation);
+  Log_Level(LogLevel::kCritical, "[%s]: Failed to fetch components list\n", end.operation);
 }
 
 void LogImageCommandFailed(const EndedHelper& end) {
-  Log_Level(2, "RunCommand failed with error code [%d / %s]\n", static_cast<int>(end.result.kind),
+  Log_Level(LogLevel::kCritical, "RunCommand failed with error code [%d / %s]\n",
+            static_cast<int>(end.result.kind),
             std::generic_category().message(end.result.code).c_str());
 }
 

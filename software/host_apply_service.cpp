@@ -102,7 +102,7 @@ bool TryToClaimHost(const std::string& id, FilesForHelper& files) {
     // sync file: it is given up before the apply pid file is looked at.
     const AccessLock lock(kApplyPidFile, 0);
   } catch (const AccessLockError&) {
-    Log_Level(2, "[%s]: Lock contention; another task in progress\n", kSet.name);
+    Log_Level(LogLevel::kCritical, "[%s]: Lock contention; another task in progress\n", kSet.name);
     return false;
   }
   if (access(kApplyPidFile.c_str(), F_OK) == 0) return false;
@@ -111,38 +111,38 @@ bool TryToClaimHost(const std::string& id, FilesForHelper& files) {
     return true;
   } catch (const std::exception&) {
     // Told to the client as if another apply had the host, on purpose: it is to come again later.
-    Log_Level(2, "[%s]: Failed to write to the pid file\n", kSet.name);
+    Log_Level(LogLevel::kCritical, "[%s]: Failed to write to the pid file\n", kSet.name);
     return false;
   }
 }
 
 void ClaimHost(const std::string& id, FilesForHelper& files) {
   if (TryToClaimHost(id, files)) return;
-  Log_Level(2, "[%s]: Another apply task possibly in progress.\n", kSet.name);
+  Log_Level(LogLevel::kCritical, "[%s]: Another apply task possibly in progress.\n", kSet.name);
   throw Failure(Errors::NotAllowedInCurrentState, "com.tessel.ryx.lifecycle.task.contention");
 }
 
 /// Records the task, without members: the helper fills them in.
 void RecordTask(const std::string& id) {
-  Log_Level(5, "[%s]: Creating task: %s\n", kSet.name, id.c_str());
+  Log_Level(LogLevel::kNotice, "[%s]: Creating task: %s\n", kSet.name, id.c_str());
   try {
     TaskFile(kTaskStatusFile, TaskFile::Initialise::kWhenMissing)
         .AddEmptyTask(id, kStatusFileRetries);
   } catch (const std::exception& e) {
-    Log_Level(2, "[%s]: %s\n", kSet.name, e.what());
+    Log_Level(LogLevel::kCritical, "[%s]: %s\n", kSet.name, e.what());
     throw UnknownFailure();
   }
 }
 
 void StartHelper(const std::string& command, const HelperTask& task) {
-  Log_Level(5, "[%s]: Running task: %s\n", kSet.name, command.c_str());
+  Log_Level(LogLevel::kNotice, "[%s]: Running task: %s\n", kSet.name, command.c_str());
   try {
     const int result =
         PcoreCtl::Util::PcoreCtl_Daemon(command, false, false, true, true, EndOfHelper(task));
     if (result != 0)
       throw std::runtime_error("PcoreCtl_Daemon() returned " + std::to_string(result));
   } catch (const std::exception& e) {
-    Log_Level(2, "[%s] Failed to exec updater: %s\n", kSet.name, e.what());
+    Log_Level(LogLevel::kCritical, "[%s] Failed to exec updater: %s\n", kSet.name, e.what());
     throw UnknownFailure();
   }
 }

@@ -15,7 +15,7 @@ namespace {
 /// Reads output that is "null" when there is nothing to tell.
 ValuePtr ReadFound(const HelperOperation& operation, const std::string& output) {
   if (output == "null") {
-    Log_Level(2, "[%s] Result is null \n", operation.name);
+    Log_Level(LogLevel::kCritical, "[%s] Result is null \n", operation.name);
     throw OperationError(Com::Tessel::Orbi::Std::Errors::NotFound());
   }
   return JsonToValue(output);

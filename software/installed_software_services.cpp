@@ -16,7 +16,9 @@ using ::Orbi::Core::ExecutionContextPtr;
 
 namespace {
 
-void LogCall(const char* operation) { Log_Level(5, "Calling function: %s\n", operation); }
+void LogCall(const char* operation) {
+  Log_Level(LogLevel::kNotice, "Calling function: %s\n", operation);
+}
 
 /// The error for output of a helper that ended well and yet did not print what it should have.
 OperationError UselessOutput() { return OperationError(CommandFailed("0")); }
@@ -35,7 +37,8 @@ std::string Member(const rapidjson::Value& element, const char* name) {
     if (member != element.MemberEnd() && member->value.IsString())
       return {member->value.GetString(), member->value.GetStringLength()};
   }
-  Log_Level(2, "[%s]: A component has no text \"%s\"\n", kListInstalledComponents.name, name);
+  Log_Level(LogLevel::kCritical, "[%s]: A component has no text \"%s\"\n",
+            kListInstalledComponents.name, name);
   throw UselessOutput();
 }
 
@@ -44,7 +47,8 @@ Components ReadComponents(const std::string& output) {
   // Iterative, so that no nesting of brackets can exhaust the stack.
   document.Parse<rapidjson::kParseIterativeFlag>(output.data(), output.size());
   if (document.HasParseError() || !document.IsArray()) {
-    Log_Level(2, "[%s]: The components are not a JSON array\n", kListInstalledComponents.name);
+    Log_Level(LogLevel::kCritical, "[%s]: The components are not a JSON array\n",
+              kListInstalledComponents.name);
     throw UselessOutput();
   }
   Components components;
@@ -75,12 +79,12 @@ namespace {
 constexpr TaskOperation kExtractDepot{"ExtractDepot", "depots --extract --task-id {1}"};
 
 ValuePtr ReadImage(const std::string& output) {
-  Log_Level(5, "Serialized string : %s\n", output.c_str());
+  Log_Level(LogLevel::kNotice, "Serialized string : %s\n", output.c_str());
   try {
     return JsonToValue(output);
   } catch (const OrbiJsonSerializationError& e) {
-    Log_Level(2, "[%s]: Can't deserialize json. Exception : %s\n", kGetInstalledImage.name,
-              e.what());
+    Log_Level(LogLevel::kCritical, "[%s]: Can't deserialize json. Exception : %s\n",
+              kGetInstalledImage.name, e.what());
     throw UselessOutput();
   }
 }
@@ -114,8 +118,8 @@ ValuePtr ReadPaxs(const HelperOperation& operation, const std::string& output) {
   try {
     return JsonToValue(output);
   } catch (const OrbiJsonSerializationError& e) {
-    Log_Level(2, "[%s]: %s\n", operation.name, e.what());
-    Log_Level(2, "[%s]: Can't deserialize json\n", operation.name);
+    Log_Level(LogLevel::kCritical, "[%s]: %s\n", operation.name, e.what());
+    Log_Level(LogLevel::kCritical, "[%s]: Can't deserialize json\n", operation.name);
     throw UselessOutput();
   }
 }

@@ -73,7 +73,8 @@ void WriteSpec(const SpecOperation& operation, const std::string& path, const So
     WriteToFile(path, ValueToJson(::Orbi::Bindings::Adapter<SoftwareSpec>::ToValue(spec)));
   } catch (const std::exception&) {
     if (operation.file == SpecFile::kOfScans)
-      Log_Level(2, "[%s]: Failed to write software spec to file.\n", operation.task.name);
+      Log_Level(LogLevel::kCritical, "[%s]: Failed to write software spec to file.\n",
+                operation.task.name);
     RemoveFiles({path});
     throw OperationError(
         ApiError(Errors::InternalServerError, "com.tessel.ryx.softwarespec.write.error"));

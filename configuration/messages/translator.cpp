@@ -38,8 +38,8 @@ std::vector<std::string> FindCatalogues() {
       catalogues.push_back(entry->path().string());
   }
   if (error)
-    Log_Level(2, "ExtractZmsgFiles: failed to iterate over \"%s\" : \"%s\"\n", kCatalogueRoot,
-              error.message().c_str());
+    Log_Level(LogLevel::kCritical, "ExtractZmsgFiles: failed to iterate over \"%s\" : \"%s\"\n",
+              kCatalogueRoot, error.message().c_str());
   return catalogues;
 }
 
@@ -51,11 +51,11 @@ std::shared_ptr<Orbi::L10n::LocalizationBundle> GetTranslator() {
 }
 
 void SetUpTranslator() {
-  Log_Level(5, "Running translator setup...\n");
+  Log_Level(LogLevel::kNotice, "Running translator setup...\n");
   boost::system::error_code error;
   boost::filesystem::status(kCatalogueRoot, error);
   if (error) {
-    Log_Level(5, "Cannot open dir \"%s\", error message: \"%s\"\n", kCatalogueRoot,
+    Log_Level(LogLevel::kNotice, "Cannot open dir \"%s\", error message: \"%s\"\n", kCatalogueRoot,
               error.message().c_str());
     return;
   }
@@ -63,28 +63,30 @@ void SetUpTranslator() {
   const auto catalogues = FindCatalogues();
   for (const auto& path : catalogues) {
     if (AddCatalogueFile(loaded, "en", path))
-      Log_Level(5, "File \"%s\" successfully added to the translator\n", path.c_str());
+      Log_Level(LogLevel::kNotice, "File \"%s\" successfully added to the translator\n",
+                path.c_str());
   }
   GetTranslator()->Replace(loaded);
-  Log_Level(5, "The translator found %d .zmsg files in directory \"%s\"\n",
+  Log_Level(LogLevel::kNotice, "The translator found %d .zmsg files in directory \"%s\"\n",
             static_cast<int>(catalogues.size()), kCatalogueRoot);
 }
 
 bool AddCatalogueFile(Orbi::L10n::LocalizationBundle& bundle, const std::string& language,
                       const std::string& path) {
   if (!IsSupported(language)) {
-    Log_Level(2, "Adding file \"%s\" failed : Language \"%s\" is not supported\n", path.c_str(),
-              language.c_str());
+    Log_Level(LogLevel::kCritical, "Adding file \"%s\" failed : Language \"%s\" is not supported\n",
+              path.c_str(), language.c_str());
     return false;
   }
   errno = 0;
   std::ifstream file(path);
   if (!file) {
-    Log_Level(2, "Opening file \"%s\" failed : \"%s\"\n", path.c_str(), std::strerror(errno));
+    Log_Level(LogLevel::kCritical, "Opening file \"%s\" failed : \"%s\"\n", path.c_str(),
+              std::strerror(errno));
     return false;
   }
   if (!AddCatalogue(bundle, language, file)) {
-    Log_Level(2, "Loading the file \"%s\" failed\n", path.c_str());
+    Log_Level(LogLevel::kCritical, "Loading the file \"%s\" failed\n", path.c_str());
     return false;
   }
   return true;
@@ -93,13 +95,14 @@ bool AddCatalogueFile(Orbi::L10n::LocalizationBundle& bundle, const std::string&
 bool AddCatalogue(Orbi::L10n::LocalizationBundle& bundle, const std::string& language,
                   std::istream& catalogue) {
   if (!IsSupported(language)) {
-    Log_Level(2, "Language \"%s\" is not supported\n", language.c_str());
+    Log_Level(LogLevel::kCritical, "Language \"%s\" is not supported\n", language.c_str());
     return false;
   }
   boost::system::error_code error;
   auto texts = Orbi::L10n::LocalizationBundle::LoadIniFile(catalogue, error);
   if (error) {
-    Log_Level(2, "LoadIniFile failed - ec = \"%s\", returning...\n", error.message().c_str());
+    Log_Level(LogLevel::kCritical, "LoadIniFile failed - ec = \"%s\", returning...\n",
+              error.message().c_str());
     return false;
   }
   bundle.AddLocale(language, std::move(texts));

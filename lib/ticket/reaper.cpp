@@ -16,9 +16,6 @@
 namespace Ticket {
 namespace {
 
-constexpr int kFault = 3;
-constexpr int kInformation = 6;
-
 struct CloseDirectory {
   void operator()(DIR* directory) const { closedir(directory); }
 };
@@ -33,14 +30,15 @@ void ReapTicket(const std::string& path) {
   struct stat status = {};
   if (lstat(path.c_str(), &status) != 0) {
     if (errno != ENOENT) {
-      Log_Level(kFault, "[Ticket] Failed to stat ticket %s: %s\n", path.c_str(), strerror(errno));
+      Log_Level(LogLevel::kError, "[Ticket] Failed to stat ticket %s: %s\n", path.c_str(),
+                strerror(errno));
     }
     return;
   }
   if (!IsStale(status)) return;
-  Log_Level(kInformation, "[Ticket] Reaping stale ticket %s\n", path.c_str());
+  Log_Level(LogLevel::kInformation, "[Ticket] Reaping stale ticket %s\n", path.c_str());
   if (unlink(path.c_str()) != 0 && errno != ENOENT) {
-    Log_Level(kFault, "[Ticket] Failed to remove stale ticket %s: %s\n", path.c_str(),
+    Log_Level(LogLevel::kError, "[Ticket] Failed to remove stale ticket %s: %s\n", path.c_str(),
               strerror(errno));
   }
 }
@@ -48,7 +46,7 @@ void ReapTicket(const std::string& path) {
 void ReapDirectory(const char* path) {
   const std::unique_ptr<DIR, CloseDirectory> directory(opendir(path));
   if (!directory) {
-    Log_Level(kFault, "[Ticket] Unable to open dir %s\n", path);
+    Log_Level(LogLevel::kError, "[Ticket] Unable to open dir %s\n", path);
     return;
   }
   while (const dirent* const entry = readdir(directory.get())) {
@@ -64,12 +62,12 @@ void ReapStaleTickets() {
   if (SetUpDirectory(kDirectory)) {
     ReapDirectory(kDirectory);
   } else {
-    Log_Level(kInformation, "[Ticket] Failed to get ticket dir in reap.\n");
+    Log_Level(LogLevel::kInformation, "[Ticket] Failed to get ticket dir in reap.\n");
   }
   if (SetUpDirectory(kRemoteDeviceDirectory)) {
     ReapDirectory(kRemoteDeviceDirectory);
   } else {
-    Log_Level(kInformation, "[Ticket] Failed to get remoteDevice ticket dir in reap.\n");
+    Log_Level(LogLevel::kInformation, "[Ticket] Failed to get remoteDevice ticket dir in reap.\n");
   }
 }
 

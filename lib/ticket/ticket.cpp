@@ -16,9 +16,6 @@
 namespace Ticket {
 namespace {
 
-constexpr int kRefusal = 3;
-constexpr int kInformation = 6;
-
 constexpr std::size_t kShortestText = 16;
 constexpr std::size_t kLongestText = 255;
 constexpr std::size_t kNameBufferSize = 128;
@@ -28,8 +25,8 @@ std::string PathOf(const std::string& text) { return std::string(kDirectory) + k
 bool LimitFileAccess(const char* path, mode_t mode) {
   if (chmod(path, mode) == 0) return true;
   const int error = errno;
-  Log_Level(kRefusal, "[Ticket] LimitFileAccess: chmod(%s, %oo) failed: %d/%s\n", path, mode, error,
-            strerror(error));
+  Log_Level(LogLevel::kError, "[Ticket] LimitFileAccess: chmod(%s, %oo) failed: %d/%s\n", path,
+            mode, error, strerror(error));
   return false;
 }
 
@@ -51,11 +48,11 @@ bool HasText(int fd, const std::string& text) {
   const ssize_t length = pread(fd, line.data(), line.size(), 0);
   const bool whole = length == static_cast<ssize_t>(line.size());
   if (whole && line.back() != '\n') {
-    Log_Level(kRefusal, "[Ticket] Invalid ticket - too long.\n");
+    Log_Level(LogLevel::kError, "[Ticket] Invalid ticket - too long.\n");
     return false;
   }
   if (!whole || !line.starts_with(text)) {
-    Log_Level(kRefusal, "[Ticket] Invalid ticket.\n");
+    Log_Level(LogLevel::kError, "[Ticket] Invalid ticket.\n");
     return false;
   }
   return true;
@@ -64,27 +61,29 @@ bool HasText(int fd, const std::string& text) {
 /// Reads the name that begins at `offset` and ends with a NUL.
 std::optional<std::string> ReadName(int fd, std::size_t offset, const char* what) {
   if (lseek(fd, static_cast<off_t>(offset), SEEK_SET) < 0) {
-    Log_Level(kRefusal, "[Ticket] Cannot seek to the beginning of %s.\n", what);
+    Log_Level(LogLevel::kError, "[Ticket] Cannot seek to the beginning of %s.\n", what);
     return std::nullopt;
   }
   std::array<char, kNameBufferSize> buffer;
   // One read is enough: a regular file gives less than was asked for only at its end.
   const ssize_t length = read(fd, buffer.data(), buffer.size());
   if (length < 0) {
-    Log_Level(kRefusal, "[Ticket] Cannot read %s: %s.\n", what, strerror(errno));
+    Log_Level(LogLevel::kError, "[Ticket] Cannot read %s: %s.\n", what, strerror(errno));
     return std::nullopt;
   }
   if (length == 0) {
-    Log_Level(kRefusal, "[Ticket] Cannot read %s: ticket on disk is truncated.\n", what);
+    Log_Level(LogLevel::kError, "[Ticket] Cannot read %s: ticket on disk is truncated.\n", what);
     return std::nullopt;
   }
   const auto end = buffer.begin() + length;
   const auto nul = std::find(buffer.begin(), end, '\0');
   if (nul != end) return std::string(buffer.begin(), nul);
   if (end == buffer.end()) {
-    Log_Level(kRefusal, "[Ticket] Cannot find end of %s: %s.\n", what, strerror(ENAMETOOLONG));
+    Log_Level(LogLevel::kError, "[Ticket] Cannot find end of %s: %s.\n", what,
+              strerror(ENAMETOOLONG));
   } else {
-    Log_Level(kRefusal, "[Ticket] Cannot find end of %s: ticket on disk is truncated.\n", what);
+    Log_Level(LogLevel::kError, "[Ticket] Cannot find end of %s: ticket on disk is truncated.\n",
+              what);
   }
   return std::nullopt;
 }
@@ -95,21 +94,21 @@ bool IsWellFormed(const std::string& text) {
   for (const char c : text) {
     const auto byte = static_cast<unsigned char>(c);
     if (byte >= 128 || c == '/' || c == '\\') {
-      Log_Level(kRefusal, "[Ticket] Illegal character in the ticket.\n");
+      Log_Level(LogLevel::kError, "[Ticket] Illegal character in the ticket.\n");
       return false;
     }
     if (byte <= ' ' || byte == 0x7F) {
-      Log_Level(kRefusal, "[Ticket] Non-graphic character in the ticket.\n");
+      Log_Level(LogLevel::kError, "[Ticket] Non-graphic character in the ticket.\n");
       return false;
     }
   }
   if (text.size() < kShortestText) {
-    Log_Level(kRefusal, "[Ticket] Ticket is too short. Actual %zu, expected at least %d\n",
+    Log_Level(LogLevel::kError, "[Ticket] Ticket is too short. Actual %zu, expected at least %d\n",
               text.size(), static_cast<int>(kShortestText));
     return false;
   }
   if (text.size() > kLongestText) {
-    Log_Level(kRefusal, "[Ticket] Ticket too long.\n");
+    Log_Level(LogLevel::kError, "[Ticket] Ticket too long.\n");
     return false;
   }
   return true;
@@ -118,14 +117,14 @@ bool IsWellFormed(const std::string& text) {
 std::optional<Content> Find(const std::string& text) {
   if (!IsWellFormed(text)) return std::nullopt;
   if (!SetUpDirectory(kDirectory)) {
-    Log_Level(kRefusal, "[Ticket] Failed to setup ticket dir (service: %s).\n", "none");
+    Log_Level(LogLevel::kError, "[Ticket] Failed to setup ticket dir (service: %s).\n", "none");
     return std::nullopt;
   }
   const std::string path = PathOf(text);
   // Without O_NONBLOCK a FIFO in place of a ticket would hold up every other caller.
   const PcoreCtl::UniqueFd file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   if (!file || !IsTicketFile(file.Get(), path)) {
-    Log_Level(kRefusal, "[Ticket] Ticket not found: %s\n", text.c_str());
+    Log_Level(LogLevel::kError, "[Ticket] Ticket not found: %s\n", text.c_str());
     return std::nullopt;
   }
   return ReadContent(file.Get(), text);
@@ -133,10 +132,11 @@ std::optional<Content> Find(const std::string& text) {
 
 bool Consume(const std::string& text) {
   if (unlink(PathOf(text).c_str()) != 0) {
-    Log_Level(kRefusal, "[Ticket] Failed to delete ticket %s: %s\n", text.c_str(), strerror(errno));
+    Log_Level(LogLevel::kError, "[Ticket] Failed to delete ticket %s: %s\n", text.c_str(),
+              strerror(errno));
     return false;
   }
-  Log_Level(kInformation, "[Ticket] Deleted ticket %s\n", text.c_str());
+  Log_Level(LogLevel::kInformation, "[Ticket] Deleted ticket %s\n", text.c_str());
   return true;
 }
 

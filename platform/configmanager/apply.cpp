@@ -88,7 +88,8 @@ class PlanRun {
       return references_.at(failed).contains(component);
     };
     if (std::ranges::none_of(failed_, refers)) return false;
-    Log_Level(3, "%s deletes nothing: what refers to it could not be applied\n", component.c_str());
+    Log_Level(LogLevel::kError, "%s deletes nothing: what refers to it could not be applied\n",
+              component.c_str());
     return true;
   }
 
@@ -101,7 +102,7 @@ class PlanRun {
       return key.isAskedFor && std::ranges::any_of(key.state->key->references, has_failed);
     };
     if (std::ranges::none_of(plan.keys, needs)) return false;
-    Log_Level(3, "%s is not applied: what it refers to could not be applied\n",
+    Log_Level(LogLevel::kError, "%s is not applied: what it refers to could not be applied\n",
               plan.state->module->component.c_str());
     return true;
   }

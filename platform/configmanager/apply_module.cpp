@@ -77,12 +77,13 @@ std::vector<Change> Reverse(const std::vector<Change>& changes) {
 /// Whoever asked is told that nothing was recorded; so nothing should have happened, either. The
 /// task cannot stop this.
 void BringBack(const Module& module, const std::vector<Change>& changes) {
-  Log_Level(2, "%s was applied but cannot be recorded; bringing back what was in force\n",
+  Log_Level(LogLevel::kCritical,
+            "%s was applied but cannot be recorded; bringing back what was in force\n",
             module.component.c_str());
   const std::vector<Change> reverse = Reverse(changes);
   const PluginAnswer answer = RunPlugin(module, PluginOperation::kApply, reverse, nullptr);
   if (answer.failure || !answer.errors.empty()) {
-    Log_Level(2, "%s could not be brought back\n", module.component.c_str());
+    Log_Level(LogLevel::kCritical, "%s could not be brought back\n", module.component.c_str());
   }
 }
 

@@ -59,7 +59,8 @@ ModuleState ReadModule(const Module& module, const StoredConfiguration& stored,
   state.failure = state.answer.failure;
   if (!state.answer.errors.empty()) {
     state.failure = state.answer.errors.front();
-    Log_Level(2, "%s cannot be read: %s\n", module.component.c_str(), state.failure->id.c_str());
+    Log_Level(LogLevel::kCritical, "%s cannot be read: %s\n", module.component.c_str(),
+              state.failure->id.c_str());
   }
   if (!state.failure) TakeEffectiveValues(state);
   return state;
@@ -115,7 +116,7 @@ StoredConfiguration::StoredConfiguration(std::vector<RyxConfigStore::Entry> entr
       // As an empty value it is replaced by the next apply and goes with the next delete.
       const RyxConfigStore::ConfigStoreException damage(
           1035, {address.component + "/" + address.group + "/" + address.key});
-      Log_Level(2, "[ConfigStore]: %s\n", damage.what());
+      Log_Level(LogLevel::kCritical, "[ConfigStore]: %s\n", damage.what());
       value = pool_.Parse("{}");
     }
     values_[address].emplace(std::move(entry.instance), value);

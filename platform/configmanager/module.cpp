@@ -54,8 +54,8 @@ std::vector<Stamp> FindModules(const std::filesystem::path& directory) {
                      Nanoseconds(file.st_mtim), Nanoseconds(file.st_ctim)});
   }
   if (error && error != std::errc::no_such_file_or_directory)
-    Log_Level(2, "Cannot read the configuration modules in %s: %s\n", directory.c_str(),
-              error.message().c_str());
+    Log_Level(LogLevel::kCritical, "Cannot read the configuration modules in %s: %s\n",
+              directory.c_str(), error.message().c_str());
   std::sort(found.begin(), found.end());
   return found;
 }
@@ -76,7 +76,8 @@ void LogLeftOut(const std::filesystem::path& folder, std::int32_t code, const st
   std::string reason = ConfigManagerException(code, {detail}).what();
   if (reason.find(detail) == std::string::npos)
     reason += (reason.back() == '.' ? " " : ": ") + detail;
-  Log_Level(2, "Configuration module %s is left out: %s\n", folder.c_str(), reason.c_str());
+  Log_Level(LogLevel::kCritical, "Configuration module %s is left out: %s\n", folder.c_str(),
+            reason.c_str());
 }
 
 void AddModule(const std::filesystem::path& folder, Modules& modules) {

@@ -82,7 +82,7 @@ PluginFailure MakeFailure(const Module& module, PluginOperation operation,
                           ProgramFailure::Kind kind, const std::string& reason) {
   const OperationTraits& traits = kOperations.at(static_cast<std::size_t>(operation));
   const std::string line = module.component + ": the program for \"" + traits.name + "\" " + reason;
-  Log_Level(2, "%s\n", line.c_str());
+  Log_Level(LogLevel::kCritical, "%s\n", line.c_str());
   const char* ending = kind == ProgramFailure::Kind::kSaidSo ? "failed" : "unexpected.error";
   return {{std::string(traits.messages) + ending, {module.component}}, line};
 }

@@ -53,7 +53,8 @@ void ReadErrors(const Value& document, PluginAnswer& answer) {
     errors.Add(ReadError(error));
   }
   if (errors.uncollected() != 0)
-    Log_Level(3, "A module has %zu more errors than are reported.\n", errors.uncollected());
+    Log_Level(LogLevel::kError, "A module has %zu more errors than are reported.\n",
+              errors.uncollected());
   answer.errors = errors.Take();
 }
 

@@ -179,9 +179,10 @@ class RunningProgram {
   void LogErrors() const {
     std::istringstream lines(errors_.text);
     for (std::string line; std::getline(lines, line);) {
-      Log_Level(3, "[%s] %s\n", name_.c_str(), line.c_str());
+      Log_Level(LogLevel::kError, "[%s] %s\n", name_.c_str(), line.c_str());
     }
-    if (errors_.overflowed) Log_Level(3, "[%s] (more is not logged)\n", name_.c_str());
+    if (errors_.overflowed)
+      Log_Level(LogLevel::kError, "[%s] (more is not logged)\n", name_.c_str());
   }
 
   const std::string name_;

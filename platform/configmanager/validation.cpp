@@ -62,7 +62,8 @@ void Validate(const Document& document, const Document& schema, ValidationResult
   Violations violations;
   CheckDocument(document, ReadKeys(schema), GetBIOSUUID(), violations);
   if (violations.uncollected() != 0)
-    Log_Level(3, "A configuration document has %zu more violations than are reported.\n",
+    Log_Level(LogLevel::kError,
+              "A configuration document has %zu more violations than are reported.\n",
               violations.uncollected());
   result.errors = violations.Take();
   progress.Report(1, 10);

@@ -22,7 +22,7 @@ Document CreateDocument(const std::string& text) {
                                                  JsonDocument::Strings::kUtf8);
   if (result.IsError()) {
     const bool too_deep = result.Code() == rapidjson::kParseErrorTermination;
-    Log_Level(3, "[ConfigStoreDocument]: %s (at byte %zu)\n",
+    Log_Level(LogLevel::kError, "[ConfigStoreDocument]: %s (at byte %zu)\n",
               too_deep ? "Nested too deep." : rapidjson::GetParseError_En(result.Code()),
               result.Offset());
     throw RyxConfigStore::ConfigStoreException(1080);

@@ -37,7 +37,7 @@ decltype(auto) Guarded(std::int32_t code, std::initializer_list<std::string> arg
   } catch (const SQLite::Exception& e) {
     if (IsDamage(e)) throw;
     const ConfigStoreException failure(code, arguments);
-    Log_Level(2, "[ConfigStore]: %s: %s\n", failure.what(), e.what());
+    Log_Level(LogLevel::kCritical, "[ConfigStore]: %s: %s\n", failure.what(), e.what());
     throw failure;
   }
 }
@@ -106,8 +106,8 @@ SQLite::Database& Store::Open() {
   } catch (const SQLite::Exception& damage) {
     const std::string aside = file_.path() + ".damaged-" + UtcNow("%Y%m%dT%H%M%SZ");
     if (!file_.SetAside(aside)) throw;
-    Log_Level(2, "[ConfigStore]: %s is damaged (%s); it is kept as %s\n", file_.path().c_str(),
-              damage.what(), aside.c_str());
+    Log_Level(LogLevel::kCritical, "[ConfigStore]: %s is damaged (%s); it is kept as %s\n",
+              file_.path().c_str(), damage.what(), aside.c_str());
     return Guarded(1001, {file_.path()}, connect);
   }
 }
@@ -120,7 +120,7 @@ decltype(auto) Store::Run(const Work& work) {
   } catch (const SQLite::Exception& damage) {
     file_.Disconnect();  // the next operation sets it aside
     const ConfigStoreException failure(1010);
-    Log_Level(2, "[ConfigStore]: %s: %s\n", failure.what(), damage.what());
+    Log_Level(LogLevel::kCritical, "[ConfigStore]: %s: %s\n", failure.what(), damage.what());
     throw failure;
   }
 }

@@ -70,7 +70,7 @@ void Reaper::StartThread() {
     thread_ = std::thread(&Reaper::Run, this);
   } catch (const std::system_error& error) {
     // The next process that comes tries again.
-    Log_Level(3, "Cannot start the reaper: %s\n", error.what());
+    Log_Level(LogLevel::kError, "Cannot start the reaper: %s\n", error.what());
   }
 }
 

@@ -55,7 +55,8 @@ void Usage::Sample(pid_t pid) {
 
 void Usage::Log(pid_t pid) const {
   const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start_;
-  Log_Level(6, "[%s]: process %d ended after %.3f s, CPU time %.3f s, peak memory %ld KiB\n",
+  Log_Level(LogLevel::kInformation,
+            "[%s]: process %d ended after %.3f s, CPU time %.3f s, peak memory %ld KiB\n",
             group_.c_str(), static_cast<int>(pid), elapsed.count(), cpuSeconds_, peakKibibytes_);
 }
 

@@ -20,7 +20,7 @@ using JsonDocument::TextOf;
 std::string UtcNow() { return Orbi::DateTime::GetUtcDateTime().ToText(); }
 
 [[noreturn]] void Refuse(const std::string& id, const char* reason) {
-  Log_Level(2, "[%s]: %s\n", id.c_str(), reason);
+  Log_Level(LogLevel::kCritical, "[%s]: %s\n", id.c_str(), reason);
   throw std::runtime_error(reason);
 }
 
@@ -80,17 +80,17 @@ void ReadError(const Record& error, TaskInfo& info) {
   info.errorId = kUnknownError;
   const Record* message = FindMember(error, "message");
   if (message == nullptr || !message->IsObject()) {
-    Log_Level(2, "Notification does not contain a message structure.\n");
+    Log_Level(LogLevel::kCritical, "Notification does not contain a message structure.\n");
     return;
   }
   const Record* id = FindMember(*message, "id");
   const Record* args = FindMember(*message, "args");
   if (id == nullptr || args == nullptr) {
-    Log_Level(2, "Notification message does not have id or args.\n");
+    Log_Level(LogLevel::kCritical, "Notification message does not have id or args.\n");
     return;
   }
   if (!id->IsString() || !args->IsArray()) {
-    Log_Level(2, "Message id and args are of invalid types.\n");
+    Log_Level(LogLevel::kCritical, "Message id and args are of invalid types.\n");
     return;
   }
   info.errorId = TextOf(id);
@@ -98,7 +98,7 @@ void ReadError(const Record& error, TaskInfo& info) {
     if (auto text = ArgumentText((*args)[i]))
       info.errorArgs.push_back(*std::move(text));
     else
-      Log_Level(2, "Ignoring arg %d of unexpected type.\n", static_cast<int>(i));
+      Log_Level(LogLevel::kCritical, "Ignoring arg %d of unexpected type.\n", static_cast<int>(i));
   }
 }
 
@@ -180,7 +180,8 @@ void ReadRecord(const std::string& id, const Record& record, TaskInfo& info) {
   info.operation = TextOf(FindMember(record, "operation"));
   info.user = TextOf(FindMember(record, "user"));
   const Record* status = FindMember(record, "status");
-  if (status == nullptr || !status->IsString()) Log_Level(2, "Task has no status\n");
+  if (status == nullptr || !status->IsString())
+    Log_Level(LogLevel::kCritical, "Task has no status\n");
   info.status = TextOf(status);
   info.startTime = TextOf(FindMember(record, "startTime"));
   info.endTime = TextOf(FindMember(record, "endTime"));
@@ -190,7 +191,7 @@ void ReadRecord(const std::string& id, const Record& record, TaskInfo& info) {
     info.total = IntegerOf(FindMember(*progress, "total"));
   }
   if (const Record* result = FindMember(record, "result")) {
-    if (!result->IsString()) Log_Level(2, "Result field is not a string\n");
+    if (!result->IsString()) Log_Level(LogLevel::kCritical, "Result field is not a string\n");
     info.result = TextOf(result);
   }
   if (const Record* error = FindMember(record, "error")) ReadError(*error, info);

@@ -33,7 +33,7 @@ void FeatureState_InitSilentMode(const std::string& path) {
     if (setting->second == "true" || setting->second == "false") {
       state.enabled = setting->second == "true";
     } else {
-      Log_Level(3, "%s: %s is neither true nor false\n", path.c_str(), state.name);
+      Log_Level(LogLevel::kError, "%s: %s is neither true nor false\n", path.c_str(), state.name);
     }
   }
 }

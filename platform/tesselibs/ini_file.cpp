@@ -15,7 +15,8 @@ std::map<std::string, std::string> ReadIniFile(const std::string& path) {
   std::ifstream file(path);
   if (!file) {
     const int error = errno;
-    if (error != ENOENT) Log_Level(3, "Cannot read %s: %s\n", path.c_str(), strerror(error));
+    if (error != ENOENT)
+      Log_Level(LogLevel::kError, "Cannot read %s: %s\n", path.c_str(), strerror(error));
     return {};
   }
 
@@ -27,7 +28,7 @@ std::map<std::string, std::string> ReadIniFile(const std::string& path) {
       if (node.empty()) settings.emplace(key, node.data());
     }
   } catch (const boost::property_tree::ini_parser_error& error) {
-    Log_Level(3, "Ignoring %s: line %lu: %s\n", path.c_str(), error.line(),
+    Log_Level(LogLevel::kError, "Ignoring %s: line %lu: %s\n", path.c_str(), error.line(),
               error.message().c_str());
     return {};
   }

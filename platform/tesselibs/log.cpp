@@ -15,7 +15,6 @@
 namespace {
 
 constexpr int kNothingEnabled = -1;
-constexpr int kHighestLevel = 7;
 constexpr std::size_t kLongestText = 8192;
 
 std::atomic<int> enabledLevel{kNothingEnabled};
@@ -59,10 +58,10 @@ std::unique_ptr<LogOutput> Log_NewSyslogOutput(const std::string& ident, const s
   return std::make_unique<SyslogOutput>(ident, config.socketPath);
 }
 
-void Log_SetOutputLevel(LogOutput& output, int level) { output.SetLevel(level); }
+void Log_SetOutputLevel(LogOutput& output, LogLevel level) { output.SetLevel(level); }
 
 bool Log_AddOutput(std::unique_ptr<LogOutput>& output) {
-  const int level = output ? output->Level() : kNothingEnabled;
+  const int level = output ? static_cast<int>(output->Level()) : kNothingEnabled;
   if (!Writer().Add(output)) return false;
   enabledLevel = level;
   return true;
@@ -75,11 +74,11 @@ std::unique_ptr<LogOutput> Log_RemoveOutput() {
   return Writer().Remove();
 }
 
-bool Log_IsEnabled(int level) {
-  return std::min(level, kHighestLevel) <= enabledLevel.load(std::memory_order_relaxed);
+bool Log_IsEnabled(LogLevel level) {
+  return static_cast<int>(level) <= enabledLevel.load(std::memory_order_relaxed);
 }
 
-void Log_Level(int level, const char* format, ...) {
+void Log_Level(LogLevel level, const char* format, ...) {
   if (!Log_IsEnabled(level)) return;
   const int callersErrno = errno;
   char buffer[1024];

@@ -3,6 +3,7 @@
 #include <memory>
 #include <string>
 
+#include "tesselibs/log_level.h"
 #include "tesselibs/log_output.h"
 
 /// The host's log facility.
@@ -16,10 +17,6 @@
 ///   in vain, the system log counts as stuck and lines that find no room are dropped without
 ///   waiting, until the writer moves again.
 /// - How many lines were lost is told in the log itself as soon as it takes lines again.
-///
-/// Levels are the severities of syslog (RFC 5424, section 6.2.1): 0 emergency, 1 alert, 2 critical,
-/// 3 error, 4 warning, 5 notice, 6 informational, 7 debug. Others are taken as the nearest of
-/// these.
 ///
 /// All functions may be called from any thread except an output's own Write. None throws.
 
@@ -38,7 +35,7 @@ std::unique_ptr<LogOutput> Log_NewSyslogOutput(const std::string& ident, const s
                                                const Log_Config& config);
 
 /// Sets the most verbose level the output takes; takes effect when the output is added.
-void Log_SetOutputLevel(LogOutput& output, int level);
+void Log_SetOutputLevel(LogOutput& output, LogLevel level);
 
 /// Makes the output the one where lines go, and takes ownership of it. Lines logged while there is
 /// no output go nowhere.
@@ -55,10 +52,10 @@ std::unique_ptr<LogOutput> Log_RemoveOutput();
 
 /// Logs one line. The format ends in "\n" by custom; one such line end is trimmed. A text of more
 /// than 8192 bytes is cut, and the cut is told in the line. Leaves errno as it was.
-void Log_Level(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
+void Log_Level(LogLevel level, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 /// @return whether a line of this level would go anywhere. Costs one atomic read.
-[[nodiscard]] bool Log_IsEnabled(int level);
+[[nodiscard]] bool Log_IsEnabled(LogLevel level);
 
 /// Waits until what was logged so far is written, for at most two seconds.
 /// @return whether it is

@@ -3,10 +3,12 @@
 #include <ctime>
 #include <string_view>
 
+#include "tesselibs/log_level.h"
+
 /// One line on its way to an output, without its line end.
 struct LogLine {
   std::time_t when;
-  int level;
+  LogLevel level;
   std::string_view text;
 };
 
@@ -29,9 +31,9 @@ class LogOutput {
   virtual Result Write(const LogLine& line) = 0;
 
   /// The most verbose level that the output takes; set before the output is added to the log.
-  void SetLevel(int level) { level_ = level; }
-  [[nodiscard]] int Level() const { return level_; }
+  void SetLevel(LogLevel level) { level_ = level; }
+  [[nodiscard]] LogLevel Level() const { return level_; }
 
  private:
-  int level_ = 6;
+  LogLevel level_ = LogLevel::kInformation;
 };

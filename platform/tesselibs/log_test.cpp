@@ -22,7 +22,7 @@ const std::string kLogPath = testing::TempDir() + "log_test." + std::to_string(g
 
 std::unique_ptr<LogOutput> NewOutput() {
   auto output = Log_NewSyslogOutput("kestreld", "syslog", {kLogPath});
-  Log_SetOutputLevel(*output, 7);
+  Log_SetOutputLevel(*output, LogLevel::kDebug);
   return output;
 }
 
@@ -39,8 +39,8 @@ class LogTest : public testing::Test {
 
 TEST_F(LogTest, EachLineIsOneDatagramWithPriorityStampAndIdent) {
   errno = ERANGE;
-  Log_Level(2, "[%s] code %d\n", "RunCommand", 3);
-  Log_Level(9, "beyond the most verbose level");
+  Log_Level(LogLevel::kCritical, "[%s] code %d\n", "RunCommand", 3);
+  Log_Level(LogLevel::kDebug, "beyond the most verbose level");
   EXPECT_EQ(errno, ERANGE);
   const std::string form =
       "[A-Z][a-z][a-z] [ 1-3][0-9] [0-9]+:[0-9]+:[0-9]+ kestreld\\[" + std::to_string(getpid());
@@ -58,17 +58,17 @@ TEST_F(LogTest, TextFromOutsideCannotForgeALine) {
       {std::string(8191, 'x') + "\xc3\xa4yz", std::string(8191, 'x') + "... (4 more bytes)"},
   };
   for (const auto& [text, expected] : cases) {
-    Log_Level(6, "%s", text.c_str());
+    Log_Level(LogLevel::kInformation, "%s", text.c_str());
     EXPECT_EQ(log_.ReceiveText(), expected);
   }
 }
 
 TEST_F(LogTest, ARestartedSystemLogIsFoundAgain) {
-  Log_Level(6, "before");
+  Log_Level(LogLevel::kInformation, "before");
   EXPECT_EQ(log_.ReceiveText(), "before");
   log_.Stop();
   log_.Start();
-  Log_Level(6, "after");
+  Log_Level(LogLevel::kInformation, "after");
   EXPECT_EQ(log_.ReceiveText(), "after");
 }
 
@@ -77,7 +77,7 @@ TEST(LogEndTest, PanicAndExitWriteWhatIsQueued) {
   const auto addOutput = [] {
     auto output = NewOutput();
     if (!Log_AddOutput(output)) abort();
-    Log_Level(7, "queued");
+    Log_Level(LogLevel::kDebug, "queued");
   };
   EXPECT_EXIT(
       {
@@ -118,7 +118,7 @@ int DrainUntil(const SystemLog& log, int count) {
 // Were every line to wait in vain, these tests would run into their time limit.
 TEST(StuckLogTest, LosesLinesInsteadOfStallingAndTellsHowMany) {
   constexpr int kLines = 2000;
-  for (const int level : {2, 6, 7}) {
+  for (const LogLevel level : {LogLevel::kCritical, LogLevel::kInformation, LogLevel::kDebug}) {
     const SystemLog log(kLogPath);
     LogWriter writer({.queuedBytes = 10000, .patience = std::chrono::milliseconds(500)});
     auto output = NewOutput();
@@ -137,7 +137,7 @@ TEST(StuckLogTest, ErrorsWaitForALogThatIsSlow) {
   auto output = NewOutput();
   ASSERT_TRUE(writer.Add(output));
   std::thread producer([&] {
-    for (int i = 0; i < kLines; ++i) writer.Push(5, std::to_string(i));
+    for (int i = 0; i < kLines; ++i) writer.Push(LogLevel::kNotice, std::to_string(i));
   });
   for (int i = 0; i < kLines; ++i) ASSERT_EQ(log.ReceiveText(), std::to_string(i));
   producer.join();
@@ -149,7 +149,7 @@ TEST(StuckLogTest, EndsInBoundedTimeAndHandsTheOutputBack) {
   LogWriter writer({.flushTime = std::chrono::milliseconds(50)});
   auto output = NewOutput();
   ASSERT_TRUE(writer.Add(output));
-  for (int i = 0; i < 5000; ++i) writer.Push(6, "x");
+  for (int i = 0; i < 5000; ++i) writer.Push(LogLevel::kInformation, "x");
   EXPECT_FALSE(writer.Flush());
   EXPECT_TRUE(writer.Remove());
 }

@@ -8,10 +8,10 @@
 namespace {
 
 // Up to this level lines tell of faults, and are written at once.
-constexpr int kLastUrgentLevel = 3;
+constexpr LogLevel kLastUrgentLevel = LogLevel::kError;
 // From this level on lines are for following what goes on, not for learning of faults.
-constexpr int kFirstDroppableLevel = 6;
-constexpr int kLostLinesLevel = 3;
+constexpr LogLevel kFirstDroppableLevel = LogLevel::kInformation;
+constexpr LogLevel kLostLinesLevel = LogLevel::kError;
 
 }  // namespace
 
@@ -47,7 +47,7 @@ std::unique_ptr<LogOutput> LogWriter::Remove() {
   return std::move(output_);
 }
 
-void LogWriter::Push(int level, std::string_view text) {
+void LogWriter::Push(LogLevel level, std::string_view text) {
   const std::time_t now = std::time(nullptr);
   std::unique_lock lock(mutex_);
   if (!running_) return;

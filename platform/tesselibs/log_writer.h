@@ -42,7 +42,7 @@ class LogWriter {
   std::unique_ptr<LogOutput> Remove();
 
   /// Queues a line, or counts it as lost; without an output does nothing.
-  void Push(int level, std::string_view text);
+  void Push(LogLevel level, std::string_view text);
 
   /// @return whether everything that was pushed before the call is written
   bool Flush();
@@ -52,7 +52,7 @@ class LogWriter {
   struct Batch {
     struct Entry {
       std::time_t when;
-      int level;
+      LogLevel level;
       std::size_t length;
     };
     std::string text;

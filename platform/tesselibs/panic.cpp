@@ -14,7 +14,7 @@ void Panic(const char* format, ...) {
   va_end(arguments);
 
   std::fputs(text, stderr);
-  Log_Level(0, "%s", text);
+  Log_Level(LogLevel::kEmergency, "%s", text);
   Log_Flush();
   std::abort();
 }

@@ -88,7 +88,7 @@ void SyslogOutput::Format(const LogLine& line) {
     stamp_ = TimeStamp(line.when);
     stampTime_ = line.when;
   }
-  const int severity = std::clamp(line.level, LOG_EMERG, LOG_DEBUG);
+  const int severity = static_cast<int>(line.level);
   datagram_ = '<' + std::to_string(LOG_DAEMON | severity) + '>';
   datagram_.append(stamp_).append(" ").append(ident_);
   datagram_.append("[").append(std::to_string(getpid())).append("]: ");

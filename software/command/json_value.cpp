@@ -14,7 +14,7 @@ ValuePtr Read(const std::string& json) {
   Orbi::Data::ErrorValue error;
   auto value = Deserializer().Deserialize(json, error);
   if (!value) {
-    Log_Level(2, "Deserialize from JSON failed: %s\n", error.ToText().c_str());
+    Log_Level(LogLevel::kCritical, "Deserialize from JSON failed: %s\n", error.ToText().c_str());
     throw OrbiJsonSerializationError();
   }
   return std::make_shared<const Orbi::Data::Value>(*std::move(value));

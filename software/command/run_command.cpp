@@ -22,16 +22,18 @@ const auto kPageSize = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
 CommandResult NotStarted(const std::string& command, int status) {
   char text[256];
   PcoreuserStatus_CodeToString(status, text, sizeof text);
-  Log_Level(2, "[%s] Could not start command: %s, error: %s\n", kFunction, command.c_str(), text);
+  Log_Level(LogLevel::kCritical, "[%s] Could not start command: %s, error: %s\n", kFunction,
+            command.c_str(), text);
   return {CommandResult::kNotStarted, status};
 }
 
 /// @return 0 or the system's error number
 int WriteInput(const PcoreuserCompat_Handle& pipe, const std::string& input) {
-  Log_Level(6, "[%s]: Writing to command: %s.\n", kFunction, input.c_str());
+  Log_Level(LogLevel::kInformation, "[%s]: Writing to command: %s.\n", kFunction, input.c_str());
   if (write(pipe.Descriptor(), input.data(), input.size()) >= 0) return 0;
   const int error = errno;
-  Log_Level(2, "[%s]: Failed to write %lu bytes to pipe.\n", kFunction, input.size());
+  Log_Level(LogLevel::kCritical, "[%s]: Failed to write %lu bytes to pipe.\n", kFunction,
+            input.size());
   return error;
 }
 
@@ -57,9 +59,10 @@ int CollectOutput(const PcoreuserCompat_Handle& pipe, std::string& output) {
 int ReadOutput(const PcoreuserCompat_Handle& pipe, std::string& output) {
   const int error = CollectOutput(pipe, output);
   if (error == 0) {
-    Log_Level(6, "[%s] Got result : %s\n", kFunction, output.c_str());
+    Log_Level(LogLevel::kInformation, "[%s] Got result : %s\n", kFunction, output.c_str());
   } else {
-    Log_Level(6, "[%s] Error reading from pipe: %s\n", kFunction, strerror(error));
+    Log_Level(LogLevel::kInformation, "[%s] Error reading from pipe: %s\n", kFunction,
+              strerror(error));
   }
   return error;
 }
@@ -67,14 +70,14 @@ int ReadOutput(const PcoreuserCompat_Handle& pipe, std::string& output) {
 CommandResult Close(PcoreuserCompat_Handle& pipe) {
   int waitStatus = 0;
   const int status = PcoreuserCompat_PClose(pipe, waitStatus);
-  Log_Level(6, "[%s] Status from pclose %d\n", kFunction, status);
+  Log_Level(LogLevel::kInformation, "[%s] Status from pclose %d\n", kFunction, status);
   const int code = status == 0 && WIFEXITED(waitStatus) ? WEXITSTATUS(waitStatus) : waitStatus;
-  Log_Level(6, "[%s] Command return code %d\n", kFunction, code);
+  Log_Level(LogLevel::kInformation, "[%s] Command return code %d\n", kFunction, code);
   return {code == 0 ? CommandResult::kSuccess : CommandResult::kFailed, code};
 }
 
 CommandResult NotExecuted(int error) {
-  Log_Level(2, "[%s] Got exception from exec\n", kFunction);
+  Log_Level(LogLevel::kCritical, "[%s] Got exception from exec\n", kFunction);
   return {CommandResult::kNotStarted, error};
 }
 
@@ -82,7 +85,7 @@ CommandResult NotExecuted(int error) {
 
 CommandResult RunCommand(const std::string& command, const std::string* input,
                          std::string* output) {
-  Log_Level(6, "[%s] About to run command %s\n", kFunction, command.c_str());
+  Log_Level(LogLevel::kInformation, "[%s] About to run command %s\n", kFunction, command.c_str());
   if (input != nullptr && output != nullptr) return NotStarted(command, EINVAL);
 
   errno = 0;
@@ -103,7 +106,7 @@ CommandResult RunCommand(const std::string& command) {
   errno = 0;
   try {
     const int code = PcoreCtl::Util::PcoreCtl_Exec(command, false, true, true);
-    Log_Level(6, "[%s] Got returnCode from exec: %d\n", kFunction, code);
+    Log_Level(LogLevel::kInformation, "[%s] Got returnCode from exec: %d\n", kFunction, code);
     return {code == 0 ? CommandResult::kSuccess : CommandResult::kFailed, code};
   } catch (const HostCtl::Lib::HostCtlException& failure) {
     // What unwound the stack may have changed errno.

@@ -19,12 +19,12 @@ void EnsureDirectory(const fs::path& directory) {
   boost::system::error_code ignored;
   const fs::file_type type = fs::status(directory, ignored).type();
   if (type != fs::file_not_found && type != fs::status_error) return;
-  Log_Level(5, "[%s] Creating directory %s\n", kFunction, directory.c_str());
+  Log_Level(LogLevel::kNotice, "[%s] Creating directory %s\n", kFunction, directory.c_str());
   try {
     fs::create_directories(directory);
   } catch (const std::exception& error) {
-    Log_Level(2, "[%s] Failed to create directory %s: %s\n", kFunction, directory.c_str(),
-              error.what());
+    Log_Level(LogLevel::kCritical, "[%s] Failed to create directory %s: %s\n", kFunction,
+              directory.c_str(), error.what());
     throw FileIOError();
   }
 }
@@ -37,7 +37,7 @@ void WriteToFile(const std::string& path, std::string_view content) {
   std::ofstream file(path, std::ios::binary | std::ios::trunc);
   if (!file) {
     std::remove(path.c_str());
-    Log_Level(2, "[%s] Unable to open file: %s\n", kFunction, path.c_str());
+    Log_Level(LogLevel::kCritical, "[%s] Unable to open file: %s\n", kFunction, path.c_str());
     throw FileIOError();
   }
   file.write(content.data(), static_cast<std::streamsize>(content.size()));
@@ -46,7 +46,7 @@ void WriteToFile(const std::string& path, std::string_view content) {
   if (!file) {
     // Removed before anything else: nobody ever finds half a document.
     std::remove(path.c_str());
-    Log_Level(2, "[%s] Failed to write to file: %s\n", kFunction, path.c_str());
+    Log_Level(LogLevel::kCritical, "[%s] Failed to write to file: %s\n", kFunction, path.c_str());
     throw FileIOError();
   }
 }

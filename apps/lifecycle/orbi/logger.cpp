@@ -10,15 +10,16 @@ namespace Host::Settings::SettingsApi {
 
 namespace {
 
-// Indexed by framework level. Platform level 4 has no counterpart.
-constexpr std::array kPlatformLevels = {7, 6, 5, 3, 2, 1};
+// Indexed by framework level. The platform's warnings have no counterpart.
+constexpr std::array kPlatformLevels = {LogLevel::kDebug, LogLevel::kInformation, LogLevel::kNotice,
+                                        LogLevel::kError, LogLevel::kCritical,    LogLevel::kAlert};
 
 /// The stream of the thread's last record, for its next: making one costs more than most lines.
 thread_local std::unique_ptr<std::stringstream> spareStream;
 
 }  // namespace
 
-OrbiLoggerWrapper::Record::Record(LogFunction log, int platformLevel)
+OrbiLoggerWrapper::Record::Record(LogFunction log, LogLevel platformLevel)
     : log_(log),
       platformLevel_(platformLevel),
       stream_(spareStream ? std::move(spareStream) : std::make_unique<std::stringstream>()) {}
@@ -35,7 +36,7 @@ std::unique_ptr<Orbi::Log::LogRecord> OrbiLoggerWrapper::CreateRecord(int level)
   if (level < 0 || level >= static_cast<int>(kPlatformLevels.size())) {
     NotReached("apps/lifecycle/orbi/include/logger", 94);
   }
-  const int platformLevel = kPlatformLevels[static_cast<std::size_t>(level)];
+  const LogLevel platformLevel = kPlatformLevels[static_cast<std::size_t>(level)];
   if (!Log_IsEnabled(platformLevel)) return nullptr;
   return std::make_unique<Record>(log_, platformLevel);
 }

@@ -15,7 +15,7 @@ class CapturedLog {
  public:
   CapturedLog() {
     std::unique_ptr<LogOutput> output = std::make_unique<Output>(lines_);
-    output->SetLevel(7);
+    output->SetLevel(LogLevel::kDebug);
     EXPECT_TRUE(Log_AddOutput(output));
   }
   CapturedLog(const CapturedLog&) = delete;
@@ -40,7 +40,8 @@ class CapturedLog {
     explicit Output(std::shared_ptr<Lines> lines) : lines_(std::move(lines)) {}
     Result Write(const LogLine& line) override {
       const std::lock_guard lock(lines_->mutex);
-      lines_->texts.push_back(std::to_string(line.level) + " " + std::string(line.text));
+      lines_->texts.push_back(std::to_string(static_cast<int>(line.level)) + " " +
+                              std::string(line.text));
       return Result::kWritten;
     }
 

@@ -4,6 +4,7 @@
 #include <sstream>
 
 #include "orbi/log/logger.h"
+#include "tesselibs/log_level.h"
 
 namespace Host::Settings::SettingsApi {
 
@@ -15,7 +16,7 @@ namespace Host::Settings::SettingsApi {
 /// | platform level | 7 | 6 | 5 | 3 | 2 | 1 |
 class OrbiLoggerWrapper : public Orbi::Log::Logger {
  public:
-  using LogFunction = void (*)(int level, const char* format, ...);
+  using LogFunction = void (*)(LogLevel level, const char* format, ...);
 
   /// @param log  where records go: the platform's Log_Level
   explicit OrbiLoggerWrapper(LogFunction log) : log_(log) {}
@@ -32,14 +33,14 @@ class OrbiLoggerWrapper : public Orbi::Log::Logger {
 /// One line; the text that its stream holds is logged when the record is destroyed.
 class OrbiLoggerWrapper::Record : public Orbi::Log::LogRecord {
  public:
-  Record(LogFunction log, int platformLevel);
+  Record(LogFunction log, LogLevel platformLevel);
   ~Record() override;
 
   std::ostream& Stream() override { return *stream_; }
 
  private:
   const LogFunction log_;
-  const int platformLevel_;
+  const LogLevel platformLevel_;
   std::unique_ptr<std::stringstream> stream_;
 };
 
