@@ -33,10 +33,10 @@ class PasswordEraser {
 }  // namespace
 
 AsyncAuthnFilter::AsyncAuthnFilter(Orbi::Core::AsyncApiProviderPtr next,
-                                   NeedsNoCredentials needs_no_credentials,
+                                   NeedsNoCredentials needsNoCredentials,
                                    std::vector<Orbi::Authn::AuthnHandlerPtr> handlers)
     : next_(std::move(next)),
-      needs_no_credentials_(std::move(needs_no_credentials)),
+      needsNoCredentials_(std::move(needsNoCredentials)),
       handlers_(std::move(handlers)) {}
 
 void AsyncAuthnFilter::Invoke(const Orbi::Core::MethodIdentifier& method, Orbi::Data::Value input,
@@ -46,7 +46,7 @@ void AsyncAuthnFilter::Invoke(const Orbi::Core::MethodIdentifier& method, Orbi::
   try {
     const PasswordEraser eraser(*context);
     context->authentication.reset();
-    passes = needs_no_credentials_(method) || IsAuthenticated(*context);
+    passes = needsNoCredentials_(method) || IsAuthenticated(*context);
   } catch (const std::exception& error) {
     Log_Level(LogLevel::kCritical, "Authentication failed for method: %s. Error: %s\n",
               method.ToText().c_str(), error.what());

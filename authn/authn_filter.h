@@ -19,7 +19,7 @@ class AsyncAuthnFilter : public Orbi::Core::AsyncApiProvider {
   /// Whether the method may be called without credentials.
   using NeedsNoCredentials = std::function<bool(const Orbi::Core::MethodIdentifier&)>;
 
-  AsyncAuthnFilter(Orbi::Core::AsyncApiProviderPtr next, NeedsNoCredentials needs_no_credentials,
+  AsyncAuthnFilter(Orbi::Core::AsyncApiProviderPtr next, NeedsNoCredentials needsNoCredentials,
                    std::vector<Orbi::Authn::AuthnHandlerPtr> handlers);
 
   [[nodiscard]] std::string_view Name() const override { return "AsyncAuthnFilter"; }
@@ -31,7 +31,7 @@ class AsyncAuthnFilter : public Orbi::Core::AsyncApiProvider {
   [[nodiscard]] bool IsAuthenticated(Orbi::Core::ExecutionContext& context) const;
 
   const Orbi::Core::AsyncApiProviderPtr next_;
-  const NeedsNoCredentials needs_no_credentials_;
+  const NeedsNoCredentials needsNoCredentials_;
   const std::vector<Orbi::Authn::AuthnHandlerPtr> handlers_;
 };
 

@@ -13,9 +13,9 @@ using Orbi::Core::MethodIdentifier;
 
 /// Takes its own scheme only, and the password "good".
 struct Handler : Orbi::Authn::AuthnHandler {
-  explicit Handler(std::string own_scheme) : scheme(std::move(own_scheme)) {}
+  explicit Handler(std::string ownScheme) : scheme(std::move(ownScheme)) {}
   Verdict Authenticate(Orbi::Core::ExecutionContext& context) override {
-    if (!context.security || context.security->scheme_id != scheme) return Verdict::kNotMine;
+    if (!context.security || context.security->schemeId != scheme) return Verdict::kNotMine;
     if (context.security->password == "throw") throw std::runtime_error("broken");
     if (context.security->password != "good") return Verdict::kRefused;
     context.authentication = {scheme, "user", {}};
@@ -44,7 +44,7 @@ TEST(AsyncAuthnFilterTest, OnlyWhatAHandlerAcceptsOrNeedsNoCredentialsReachesThe
     context->authentication = {"forged", "root", {}};
     if (*c.scheme) {
       context->security = std::make_unique<Orbi::Core::SecurityContext>();
-      context->security->scheme_id = c.scheme;
+      context->security->schemeId = c.scheme;
       context->security->password = c.password;
     }
     const auto result = Call(filter, {c.service, "get"}, "input", context);

@@ -137,7 +137,7 @@ TEST_F(PamTest, HandlerTakesEqualNameAndPasswordForATicketAndAsksPamForAllOthers
   const struct {
     std::string scheme, user, password;
     Verdict verdict;
-    std::string last_line, issued_for = "";  // the service of a ticket issued before the call
+    std::string lastLine, issuedFor = "";  // the service of a ticket issued before the call
   } cases[] = {
       {"com.tessel.orbi.std.security.session_id", "user", "pw", Verdict::kNotMine, ""},
       {scheme, "user", "pw", Verdict::kAccepted, "5 PAM up and running."},
@@ -153,26 +153,26 @@ TEST_F(PamTest, HandlerTakesEqualNameAndPasswordForATicketAndAsksPamForAllOthers
   };
   Host::Settings::SettingsApi::Authn::UserPassHandler handler{PamAuthenticator(kFakePam)};
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.last_line);
+    SCOPED_TRACE(c.lastLine);
     *fake_ = {};
-    if (!c.issued_for.empty()) {
-      std::ofstream(path) << ticket << "\nconfig" << '\0' << c.issued_for << '\0';
+    if (!c.issuedFor.empty()) {
+      std::ofstream(path) << ticket << "\nconfig" << '\0' << c.issuedFor << '\0';
     }
     Orbi::Core::ExecutionContext context;
     context.localization.language = "de_DE";
     context.security = std::make_unique<Orbi::Core::SecurityContext>();
-    if (!c.scheme.empty()) context.security->scheme_id = c.scheme;
-    context.security->user_name = c.user;
+    if (!c.scheme.empty()) context.security->schemeId = c.scheme;
+    context.security->userName = c.user;
     context.security->password = c.password;
     ASSERT_EQ(handler.Authenticate(context), c.verdict);
-    const bool by_pam = c.verdict == Verdict::kAccepted && c.user != c.password;
-    EXPECT_EQ(fake_->calls.substr(0, 20), by_pam ? "start(kestreld,user)" : "");
+    const bool byPam = c.verdict == Verdict::kAccepted && c.user != c.password;
+    EXPECT_EQ(fake_->calls.substr(0, 20), byPam ? "start(kestreld,user)" : "");
     const auto lines = log_.TakeLines();
-    EXPECT_EQ(lines.empty() ? "" : lines.back(), c.last_line);
+    EXPECT_EQ(lines.empty() ? "" : lines.back(), c.lastLine);
     ASSERT_EQ(context.authentication.has_value(), c.verdict == Verdict::kAccepted);
     if (!context.authentication) continue;
     EXPECT_EQ(context.authentication->type, "UserPassAuthentication");
-    EXPECT_EQ(context.authentication->user_name, c.user);
+    EXPECT_EQ(context.authentication->userName, c.user);
     EXPECT_EQ(context.localization.language, "de_DE") << "the client's own wish";
   }
   EXPECT_TRUE(fs::remove(path)) << "a ticket for another service is not ours to use up";

@@ -35,8 +35,8 @@ UserPassHandler::UserPassHandler(PamAuthenticator pam) : pam_(std::move(pam)) {}
 
 Orbi::Authn::Verdict UserPassHandler::Authenticate(Orbi::Core::ExecutionContext& context) {
   using Orbi::Authn::Verdict;
-  if (!context.security || context.security->scheme_id != kScheme) return Verdict::kNotMine;
-  const std::string& user = context.security->user_name;
+  if (!context.security || context.security->schemeId != kScheme) return Verdict::kNotMine;
+  const std::string& user = context.security->userName;
   const std::string& password = context.security->password;
   if (!(user == password ? UseTicket(password) : CheckAccount(user, password))) {
     return Verdict::kRefused;

@@ -38,12 +38,11 @@ std::string Key(int number) {
   return std::string(R"("key)").append(std::to_string(number)).append(R"(": )");
 }
 
-void WriteModule(const std::string& name, const std::string& keys, bool with_program) {
+void WriteModule(const std::string& name, const std::string& keys, bool withProgram) {
   const fs::path folder = fs::path("/usr/lib/tessel/configmanager/apply_modules") / name;
   fs::create_directories(folder);
-  const std::string executables =
-      with_program ? R"({"read": "program", "apply": "program"})" : "{}";
-  if (with_program) {
+  const std::string executables = withProgram ? R"({"read": "program", "apply": "program"})" : "{}";
+  if (withProgram) {
     std::ofstream(folder / "program") << kProgram;
     fs::permissions(folder / "program", fs::perms::owner_all);
   }

@@ -24,10 +24,10 @@ constexpr int kLockRetries = 5;
 
 }  // namespace
 
-ConfigManagerTaskImpl::ConfigManagerTaskImpl(std::string operation, std::string task_id)
+ConfigManagerTaskImpl::ConfigManagerTaskImpl(std::string operation, std::string taskId)
     : operation_(std::move(operation)),
-      task_file_(kTaskStatusFile, TaskFile::Initialise::kNever),
-      task_id_(std::move(task_id)) {}
+      taskFile_(kTaskStatusFile, TaskFile::Initialise::kNever),
+      taskId_(std::move(taskId)) {}
 
 ConfigManagerTaskImpl::~ConfigManagerTaskImpl() {
   const int failure = unlink(kTaskSyncFile.c_str()) == 0 ? 0 : errno;
@@ -41,7 +41,7 @@ ConfigManagerTaskImpl::~ConfigManagerTaskImpl() {
 }
 
 void ConfigManagerTaskImpl::preRun() {
-  task_file_.StartTask(task_id_, kLockRetries);
+  taskFile_.StartTask(taskId_, kLockRetries);
   started_ = true;
   SetProgress(5);
   Log_Level(LogLevel::kNotice, "ConfigManagerTask[%s]: preRun completed.\n", label().c_str());
@@ -88,7 +88,7 @@ void ConfigManagerTaskImpl::RecordOutcome() {
   // Its preparation failed: the log tells why.
   if (!result_) return RecordFailure(ApiError(Errors::Error, "com.tessel.ryx.task.exec.error"));
   try {
-    task_file_.SucceedTask(task_id_, ValueToTypedJson(*result_), kLockRetries);
+    taskFile_.SucceedTask(taskId_, ValueToTypedJson(*result_), kLockRetries);
   } catch (const std::exception& e) {
     // It cannot be written, or the task file has no room for it; the task must not run for ever.
     Log_Level(LogLevel::kCritical, "ConfigManagerTask[%s]: Failed to record the result: %s\n",
@@ -101,18 +101,18 @@ void ConfigManagerTaskImpl::RecordOutcome() {
 void ConfigManagerTaskImpl::RecordFailure(const Orbi::Data::ErrorValue& error) {
   try {
     // Clients are told of an ended task only when its start is known, too.
-    if (!started_) task_file_.StartTask(task_id_, kLockRetries);
+    if (!started_) taskFile_.StartTask(taskId_, kLockRetries);
   } catch (const std::exception&) {
     // What kept it from starting: the log tells why.
   }
-  task_file_.FailTask(task_id_, ValueToTypedJson(error), kLockRetries);
+  taskFile_.FailTask(taskId_, ValueToTypedJson(error), kLockRetries);
 }
 
 void ConfigManagerTaskImpl::SetProgress(unsigned percent) {
   if (percent <= progress_) return;
   progress_ = percent;
   try {
-    task_file_.SetProgress(task_id_, percent, kLockRetries);
+    taskFile_.SetProgress(taskId_, percent, kLockRetries);
   } catch (const std::exception& e) {
     Log_Level(LogLevel::kCritical, "ConfigManagerTask[%s]: Failed to record progress: %s\n",
               label().c_str(), e.what());
@@ -120,7 +120,7 @@ void ConfigManagerTaskImpl::SetProgress(unsigned percent) {
 }
 
 RyxConfigManager::TaskInput ConfigManagerTaskImpl::MakeTaskInput(Range range) {
-  return {task_id_, range.from, range.to, [this](unsigned percent) { SetProgress(percent); },
+  return {taskId_, range.from, range.to, [this](unsigned percent) { SetProgress(percent); },
           [this] { return isAbortRequested(); }};
 }
 

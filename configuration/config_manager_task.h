@@ -29,10 +29,10 @@ class ConfigManagerTaskImpl : public Task {
   /// Never throws: a failure is the task's outcome.
   void run() final;
   void postRun() override;
-  [[nodiscard]] bool isAbortRequested() const override { return abort_requested_; }
-  void requestAbort() override { abort_requested_ = true; }
+  [[nodiscard]] bool isAbortRequested() const override { return abortRequested_; }
+  void requestAbort() override { abortRequested_ = true; }
   void abort() override;
-  [[nodiscard]] std::string label() const override { return operation_ + ":" + task_id_; }
+  [[nodiscard]] std::string label() const override { return operation_ + ":" + taskId_; }
 
  protected:
   /// The part of a task's percents that a call of the library has.
@@ -46,8 +46,8 @@ class ConfigManagerTaskImpl : public Task {
   using Conversion = std::function<Orbi::Data::Value()>;
 
   /// @param operation  its name in log lines
-  /// @param task_id    of a PENDING record (InitTask)
-  ConfigManagerTaskImpl(std::string operation, std::string task_id);
+  /// @param taskId    of a PENDING record (InitTask)
+  ConfigManagerTaskImpl(std::string operation, std::string taskId);
 
   /// What has to be had before the work begins.
   /// @throws OperationError  the task's error
@@ -70,11 +70,11 @@ class ConfigManagerTaskImpl : public Task {
   void RecordOutcome();
   void RecordFailure(const Orbi::Data::ErrorValue& error);
 
-  std::atomic<bool> abort_requested_ = false;
+  std::atomic<bool> abortRequested_ = false;
   std::atomic<bool> started_ = false;  ///< its record is no longer PENDING
   const std::string operation_;
-  TaskFile task_file_;
-  const std::string task_id_;
+  TaskFile taskFile_;
+  const std::string taskId_;
   unsigned progress_ = 0;
   std::optional<Orbi::Data::ErrorValue> error_;
   std::optional<Orbi::Data::Value> result_;

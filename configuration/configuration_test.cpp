@@ -150,8 +150,8 @@ class ConfigurationTest : public testing::Test {
     if (command == "export") return Call(document, "{}");
     if (command == "apply$task") return Call(document, R"({"spec_id":)" + Quoted(line) + "}");
     if (command.ends_with("$task")) {
-      const bool is_profile = line.starts_with("{\"");
-      if (is_profile) line = R"({"metadata":{"schema_version":"1.0"},"profile":)" + line + "}";
+      const bool isProfile = line.starts_with("{\"");
+      if (isProfile) line = R"({"metadata":{"schema_version":"1.0"},"profile":)" + line + "}";
       return Call(document, R"({"document":)" + Quoted(line) + "}");
     }
     if (command == "log") verbose_ = line == "all";
@@ -188,20 +188,20 @@ class ConfigurationTest : public testing::Test {
 TEST_F(ConfigurationTest, ASessionGoesAsTold) {
   std::ifstream file(SESSION);
   std::string told, happened;
-  const auto name_checks = [this](std::string& text, bool by_number) {
+  const auto nameChecks = [this](std::string& text, bool byNumber) {
     for (std::size_t i = 0; i < checks_.size(); ++i) {
       const std::string number = "CHECK" + std::to_string(i + 1);
-      ReplaceAll(text, by_number ? checks_[i] : number, by_number ? number : checks_[i]);
+      ReplaceAll(text, byNumber ? checks_[i] : number, byNumber ? number : checks_[i]);
     }
   };
   for (std::string line; std::getline(file, line);) {
     told += line + "\n";
     if (line.starts_with("  ")) continue;
     happened += line + "\n";
-    name_checks(line, false);
+    nameChecks(line, false);
     std::string output = Execute(line);
     output = (output.empty() ? "" : "  = " + output + "\n") + TakeLog();
-    name_checks(output, true);
+    nameChecks(output, true);
     ReplaceAll(output, RyxConfigManager::GetBIOSUUID(), "HOST");
     happened += output;
   }
@@ -269,16 +269,16 @@ TEST_F(ConfigurationTest, AnAbortedTaskEndsItsModulesAndIsRecorded) {
 }
 
 TEST_F(ConfigurationTest, ATaskThatIsRefusedIsFailedByTheNextStart) {
-  std::promise<void> may_end;
+  std::promise<void> mayEnd;
   TaskError error;
   const std::string running = InitTask(kOperation, error, ErrorKind::kError);
   TaskSchedular::Instance().submit(std::make_shared<FakeTask>(running, [&] {
-    may_end.get_future().wait();
+    mayEnd.get_future().wait();
     return Orbi::Data::Value();
   }));
   fs::remove(kTaskSyncFile);
   EXPECT_EQ(CallOnKey("delete$task", "time ntp leap"), "PENDING 0 without times");
-  may_end.set_value();
+  mayEnd.set_value();
   Await([&] { return Record(running).status == "SUCCEEDED"; });
   TaskFile file(kTaskStatusFile, TaskFile::Initialise::kNever);
   FailAbandonedTasks(file);

@@ -110,8 +110,8 @@ Value Adapt(const T& native) {
 
 }  // namespace
 
-DocumentTask::DocumentTask(std::string operation, std::string task_id, std::string document)
-    : ConfigManagerTaskImpl(std::move(operation), std::move(task_id)),
+DocumentTask::DocumentTask(std::string operation, std::string taskId, std::string document)
+    : ConfigManagerTaskImpl(std::move(operation), std::move(taskId)),
       document_(std::move(document)) {}
 
 ErrorValue DocumentTask::Failed(const char* what, const char* id,
@@ -121,7 +121,7 @@ ErrorValue DocumentTask::Failed(const char* what, const char* id,
   return ApiError(Errors::Error, id);
 }
 
-DocumentTask::Validated DocumentTask::Validate(bool schema_only, Range range) {
+DocumentTask::Validated DocumentTask::Validate(bool schemaOnly, Range range) {
   Log_Level(LogLevel::kInformation, "ConfigManagerTask[%s]: Received document: %s\n",
             label().c_str(), document_.c_str());
   Validated validated;
@@ -138,7 +138,7 @@ DocumentTask::Validated DocumentTask::Validate(bool schema_only, Range range) {
     RyxConfigManager::CreateMergedDocument(schema, validated.document);
     RyxConfigManager::ValidationResult result;
     const auto task = MakeTaskInput(range);
-    RyxConfigManager::Validate(validated.document, schema, result, schema_only, &task);
+    RyxConfigManager::Validate(validated.document, schema, result, schemaOnly, &task);
     if (!result.pluginFailure.empty())
       Log_Level(LogLevel::kCritical, "ConfigManagerTask[%s]: Validate failed: plugin failure\n",
                 label().c_str());
@@ -162,13 +162,11 @@ DocumentTask::Validated DocumentTask::ValidateOrFail() {
   throw OperationError(Errors::Error(messages));
 }
 
-ValidateTask::ValidateTask(std::string task_id, std::string document,
-                           std::optional<bool> schema_only)
-    : DocumentTask("Validate", std::move(task_id), std::move(document)),
-      schema_only_(schema_only) {}
+ValidateTask::ValidateTask(std::string taskId, std::string document, std::optional<bool> schemaOnly)
+    : DocumentTask("Validate", std::move(taskId), std::move(document)), schemaOnly_(schemaOnly) {}
 
 ConfigManagerTaskImpl::Conversion ValidateTask::Work() {
-  Validated validated = Validate(schema_only_.value_or(false), kWhole);
+  Validated validated = Validate(schemaOnly_.value_or(false), kWhole);
   return [result = Svc::ValidationResult{std::move(validated.errors),
                                          std::move(validated.messages)}] { return Adapt(result); };
 }
@@ -177,8 +175,8 @@ ErrorValue ValidateTask::Translate(const std::exception& failure) const {
   return Failed("Validate failed", kValidationError, failure);
 }
 
-CheckApplyTask::CheckApplyTask(std::string task_id, std::string document)
-    : DocumentTask("CheckApply", std::move(task_id), std::move(document)) {}
+CheckApplyTask::CheckApplyTask(std::string taskId, std::string document)
+    : DocumentTask("CheckApply", std::move(taskId), std::move(document)) {}
 
 ConfigManagerTaskImpl::Conversion CheckApplyTask::Work() {
   Validated validated = Validate(false, kValidation);
@@ -203,18 +201,18 @@ ErrorValue CheckApplyTask::Translate(const std::exception& failure) const {
                 "com.tessel.ryx.kestrel_daemon.configuration.check_apply.error", failure);
 }
 
-ApplyTask::ApplyTask(std::string task_id, std::string spec_id)
-    : ConfigManagerTaskImpl("Apply", std::move(task_id)), spec_id_(std::move(spec_id)) {}
+ApplyTask::ApplyTask(std::string taskId, std::string specId)
+    : ConfigManagerTaskImpl("Apply", std::move(taskId)), specId_(std::move(specId)) {}
 
 void ApplyTask::Prepare() {
   auto& slot = CheckedDocument();
-  if (slot && slot->specId == spec_id_) {
+  if (slot && slot->specId == specId_) {
     checked_ = std::exchange(slot, nullptr);
     return;
   }
   Log_Level(LogLevel::kCritical,
             "ConfigManagerTask[%s]: Failed find desired document with id: %s\n", label().c_str(),
-            spec_id_.c_str());
+            specId_.c_str());
   throw OperationError(
       ApiError(Errors::InvalidArgument,
                "com.tessel.ryx.kestrel_daemon.configuration.apply.invalid_specid.error"));
@@ -237,8 +235,8 @@ ErrorValue ApplyTask::Translate(const std::exception& failure) const {
   return ApiError(Errors::Error, id);
 }
 
-ImpactTask::ImpactTask(std::string task_id, std::string document)
-    : DocumentTask("Impact", std::move(task_id), std::move(document)) {}
+ImpactTask::ImpactTask(std::string taskId, std::string document)
+    : DocumentTask("Impact", std::move(taskId), std::move(document)) {}
 
 ConfigManagerTaskImpl::Conversion ImpactTask::Work() {
   const Validated validated = ValidateOrFail();
@@ -255,8 +253,8 @@ ErrorValue ImpactTask::Translate(const std::exception& failure) const {
                 "com.tessel.ryx.kestrel_daemon.configuration.impact.error", failure);
 }
 
-CheckComplianceTask::CheckComplianceTask(std::string task_id, std::string document)
-    : DocumentTask("CheckCompliance", std::move(task_id), std::move(document)) {}
+CheckComplianceTask::CheckComplianceTask(std::string taskId, std::string document)
+    : DocumentTask("CheckCompliance", std::move(taskId), std::move(document)) {}
 
 ConfigManagerTaskImpl::Conversion CheckComplianceTask::Work() {
   const Validated validated = ValidateOrFail();

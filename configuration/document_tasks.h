@@ -29,10 +29,10 @@ class DocumentTask : public ConfigManagerTaskImpl {
   static constexpr Range kValidation{10, 30};
   static constexpr Range kAfterValidation{30, 90};
 
-  DocumentTask(std::string operation, std::string task_id, std::string document);
+  DocumentTask(std::string operation, std::string taskId, std::string document);
 
   /// @throws OperationError  the document is no JSON, or cannot be checked
-  [[nodiscard]] Validated Validate(bool schema_only, Range range);
+  [[nodiscard]] Validated Validate(bool schemaOnly, Range range);
 
   /// Checks the document for a task that has no use for one with violations.
   /// @throws OperationError  with the violations as further messages
@@ -48,20 +48,20 @@ class DocumentTask : public ConfigManagerTaskImpl {
 
 class ValidateTask final : public DocumentTask {
  public:
-  ValidateTask(std::string task_id, std::string document, std::optional<bool> schema_only);
+  ValidateTask(std::string taskId, std::string document, std::optional<bool> schemaOnly);
 
  protected:
   [[nodiscard]] Conversion Work() override;
   [[nodiscard]] Orbi::Data::ErrorValue Translate(const std::exception& failure) const override;
 
  private:
-  const std::optional<bool> schema_only_;
+  const std::optional<bool> schemaOnly_;
 };
 
 /// Leaves what it found to be applied, in place of what an earlier one left.
 class CheckApplyTask final : public DocumentTask {
  public:
-  CheckApplyTask(std::string task_id, std::string document);
+  CheckApplyTask(std::string taskId, std::string document);
 
  protected:
   [[nodiscard]] Conversion Work() override;
@@ -71,7 +71,7 @@ class CheckApplyTask final : public DocumentTask {
 /// Applies what the last check left, which it takes: a check can be applied once.
 class ApplyTask final : public ConfigManagerTaskImpl {
  public:
-  ApplyTask(std::string task_id, std::string spec_id);
+  ApplyTask(std::string taskId, std::string specId);
 
  protected:
   void Prepare() override;
@@ -79,13 +79,13 @@ class ApplyTask final : public ConfigManagerTaskImpl {
   [[nodiscard]] Orbi::Data::ErrorValue Translate(const std::exception& failure) const override;
 
  private:
-  const std::string spec_id_;
+  const std::string specId_;
   std::shared_ptr<RyxConfigManager::CheckApplyResult> checked_;
 };
 
 class ImpactTask final : public DocumentTask {
  public:
-  ImpactTask(std::string task_id, std::string document);
+  ImpactTask(std::string taskId, std::string document);
 
  protected:
   [[nodiscard]] Conversion Work() override;
@@ -94,7 +94,7 @@ class ImpactTask final : public DocumentTask {
 
 class CheckComplianceTask final : public DocumentTask {
  public:
-  CheckComplianceTask(std::string task_id, std::string document);
+  CheckComplianceTask(std::string taskId, std::string document);
 
  protected:
   [[nodiscard]] Conversion Work() override;

@@ -35,9 +35,9 @@ ErrorValue KeyError(const std::exception& failure, const char* id) {
   return ApiError(Errors::Error, id);
 }
 
-SetTask::SetTask(std::string task_id, RyxConfigStore::KeyAddress address,
+SetTask::SetTask(std::string taskId, RyxConfigStore::KeyAddress address,
                  Orbi::Data::Structure value)
-    : ConfigManagerTaskImpl("Set", std::move(task_id)),
+    : ConfigManagerTaskImpl("Set", std::move(taskId)),
       address_(std::move(address)),
       value_(std::move(value)) {}
 
@@ -62,8 +62,8 @@ ErrorValue SetTask::Translate(const std::exception& failure) const {
   return KeyError(failure, "com.tessel.ryx.configuration.components.groups.keys.set.config.error");
 }
 
-DeleteTask::DeleteTask(std::string task_id, RyxConfigStore::KeyAddress address)
-    : ConfigManagerTaskImpl("Delete", std::move(task_id)), address_(std::move(address)) {}
+DeleteTask::DeleteTask(std::string taskId, RyxConfigStore::KeyAddress address)
+    : ConfigManagerTaskImpl("Delete", std::move(taskId)), address_(std::move(address)) {}
 
 ConfigManagerTaskImpl::Conversion DeleteTask::Work() {
   const auto task = MakeTaskInput();

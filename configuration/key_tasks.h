@@ -11,7 +11,7 @@ namespace LifeCycle {
 /// Sets one key of the host's configuration.
 class SetTask final : public ConfigManagerTaskImpl {
  public:
-  SetTask(std::string task_id, RyxConfigStore::KeyAddress address, Orbi::Data::Structure value);
+  SetTask(std::string taskId, RyxConfigStore::KeyAddress address, Orbi::Data::Structure value);
 
  protected:
   [[nodiscard]] Conversion Work() override;
@@ -25,7 +25,7 @@ class SetTask final : public ConfigManagerTaskImpl {
 /// Takes back what was set for one key.
 class DeleteTask final : public ConfigManagerTaskImpl {
  public:
-  DeleteTask(std::string task_id, RyxConfigStore::KeyAddress address);
+  DeleteTask(std::string taskId, RyxConfigStore::KeyAddress address);
 
  protected:
   [[nodiscard]] Conversion Work() override;

@@ -142,10 +142,10 @@ Orbi::Core::AsyncApiProviderPtr BuildProvider(const std::shared_ptr<OrbiLoggerWr
   BindServices(*local);
   AddMetadataInterfaces(*local);
 
-  const auto host_filter = std::make_shared<Filter::HostInputFilter>(
+  const auto hostFilter = std::make_shared<Filter::HostInputFilter>(
       local, Metadata::Metamodel::MetadataContainer::Instance().OperationsWithField("host"));
   const auto authorised = std::make_shared<Orbi::Authz::Filter::RequireUserAuthz>(
-      host_filter, InterfacesThatNeedAUser());
+      hostFilter, InterfacesThatNeedAUser());
   return std::make_shared<Authn::AsyncAuthnFilter>(
       authorised,
       [](const Orbi::Core::MethodIdentifier& method) {

@@ -50,11 +50,11 @@ bool MergeAndCheck(Document& document) {
   RyxConfigManager::Violations violations;
   RyxConfigManager::CheckDocument(document, RyxConfigManager::ReadHostSchema(Schema().root()),
                                   kHost, violations);
-  const bool has_duplicates = std::any_of(
+  const bool hasDuplicates = std::any_of(
       violations.found().begin(), violations.found().end(),
       [](const auto& violation) { return violation.id.ends_with("duplicate.property"); });
   for (const auto& violation : violations.found()) {
-    if (has_duplicates) break;  // a path leads to the first of them
+    if (hasDuplicates) break;  // a path leads to the first of them
     const std::string path = violation.path == "/" ? "" : violation.path;
     const rapidjson::Pointer pointer(path.data(), path.size());
     Require(pointer.IsValid() && pointer.Get(document.root()) != nullptr);

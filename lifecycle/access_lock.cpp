@@ -46,8 +46,8 @@ bool BindTo(int descriptor, const std::string& name) {
 
 }  // namespace
 
-AccessLockError::AccessLockError(int error_number)
-    : error_number_(error_number), text_(std::strerror(error_number)) {}
+AccessLockError::AccessLockError(int errorNumber)
+    : errorNumber_(errorNumber), text_(std::strerror(errorNumber)) {}
 
 AccessLock::AccessLock(const std::string& path, int retries) : name_(SocketName(path)) {
   const char* const name = name_.c_str();
@@ -62,7 +62,7 @@ AccessLock::AccessLock(const std::string& path, int retries) : name_(SocketName(
       syslog(LOG_INFO, "[AccessLock]: socket{%s} closed", name);
       syslog(LOG_ERR, "[AccessLock]: Acquiring lock failed on socket{%s}, count{%d/%d}: {%s}", name,
              count, retries, e.what());
-      if (e.error_number() != EADDRINUSE || count >= retries) {
+      if (e.errorNumber() != EADDRINUSE || count >= retries) {
         syslog(LOG_ERR, "[AccessLock]: Giving up on acquiring lock{%s}, count{%d/%d}: {%s}", name,
                count, retries, e.what());
         throw;

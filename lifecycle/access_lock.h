@@ -8,15 +8,15 @@ namespace LifeCycle {
 /// A failure to acquire or to release an access lock.
 class AccessLockError : public std::exception {
  public:
-  explicit AccessLockError(int error_number);
+  explicit AccessLockError(int errorNumber);
 
   /// The system's error number: EADDRINUSE when the lock is held elsewhere.
-  [[nodiscard]] int error_number() const noexcept { return error_number_; }
+  [[nodiscard]] int errorNumber() const noexcept { return errorNumber_; }
   /// The system's text for the error number.
   [[nodiscard]] const char* what() const noexcept override { return text_.c_str(); }
 
  private:
-  int error_number_;
+  int errorNumber_;
   std::string text_;
 };
 

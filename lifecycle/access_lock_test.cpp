@@ -31,8 +31,8 @@ int TryLock(const std::string& path) {
     const AccessLock lock(path, 0);
     return 0;
   } catch (const AccessLockError& e) {
-    EXPECT_STREQ(e.what(), std::strerror(e.error_number()));
-    return e.error_number();
+    EXPECT_STREQ(e.what(), std::strerror(e.errorNumber()));
+    return e.errorNumber();
   }
 }
 

@@ -69,9 +69,9 @@ void EarlierHelpers::FreeHost() {
   }
   // Without words it is what a starter made that was killed before it wrote; with other words than
   // a task's it is nobody's whose end could be told.
-  const auto is_watched = [this](const std::string& word) { return watched_.contains(word); };
+  const auto isWatched = [this](const std::string& word) { return watched_.contains(word); };
   if ((applying_.empty() || std::ranges::any_of(applying_, IsTaskId)) &&
-      std::ranges::none_of(applying_, is_watched))
+      std::ranges::none_of(applying_, isWatched))
     RemoveFiles({kApplyPidFile});
   for (const std::string& id : watched_)
     PcoreCtl::Util::PcoreCtl_Watch(EndOfHelper({id, kApplyPidFile, documents_[id]}));

@@ -78,9 +78,9 @@ class HelperEnd {
 
 }  // namespace
 
-std::string HelperLockPath(const std::string& task_id) { return kTaskSyncFile + "-" + task_id; }
+std::string HelperLockPath(const std::string& taskId) { return kTaskSyncFile + "-" + taskId; }
 
-bool HelperLives(const std::string& task_id) { return AccessLock::IsHeld(HelperLockPath(task_id)); }
+bool HelperLives(const std::string& taskId) { return AccessLock::IsHeld(HelperLockPath(taskId)); }
 
 std::vector<std::string> MarkerWords(const std::string& marker) {
   std::string text(4096, '\0');

@@ -21,10 +21,10 @@ struct HelperTask {
 };
 
 /// The path that the lock of a task's helper is named after. There is no file.
-[[nodiscard]] std::string HelperLockPath(const std::string& task_id);
+[[nodiscard]] std::string HelperLockPath(const std::string& taskId);
 
 /// @return whether a process of the task's helper lives, as far as can be told
-[[nodiscard]] bool HelperLives(const std::string& task_id);
+[[nodiscard]] bool HelperLives(const std::string& taskId);
 
 /// @return the words in a marker file, of which one is the identifier of the task that it is for
 [[nodiscard]] std::vector<std::string> MarkerWords(const std::string& marker);

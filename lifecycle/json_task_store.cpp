@@ -108,11 +108,11 @@ void JsonTaskStore::Initialise() {
 }
 
 void JsonTaskStore::Add(const std::string& id, const TaskDB::RecordMaker& make,
-                        TaskDB::OnDuplicate on_duplicate) {
+                        TaskDB::OnDuplicate onDuplicate) {
   Tasks tasks(path_);
   auto& allocator = tasks.document.GetAllocator();
   TaskDB::Record* const present = JsonDocument::FindMember(tasks.document, id);
-  if (present != nullptr && on_duplicate == TaskDB::OnDuplicate::kRefuse)
+  if (present != nullptr && onDuplicate == TaskDB::OnDuplicate::kRefuse)
     TaskDB::RefuseDuplicate(id);
   if (present != nullptr)
     *present = make(allocator);

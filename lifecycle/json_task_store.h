@@ -32,8 +32,7 @@ class JsonTaskStore {
   /// when it is not what it should be. Clears away what a writer left that was killed.
   void Initialise();
 
-  void Add(const std::string& id, const TaskDB::RecordMaker& make,
-           TaskDB::OnDuplicate on_duplicate);
+  void Add(const std::string& id, const TaskDB::RecordMaker& make, TaskDB::OnDuplicate onDuplicate);
   void Change(const std::string& id, const TaskDB::RecordEdit& edit);
   void ChangeAll(const TaskDB::RecordSweep& sweep);
   /// Visits all records in the order of the file.

@@ -40,11 +40,11 @@ void FailAbandonedTasks(TaskFile& file) {
   const auto sweep = [&](const std::string& id, TaskDB::Record& record,
                          TaskDB::Allocator& allocator) {
     if (TaskDB::IsFinished(record)) return false;
-    const bool in_process = RanInProcess(record);
-    if (!in_process && !helpers.HasGone(id, record)) return false;
+    const bool inProcess = RanInProcess(record);
+    if (!inProcess && !helpers.HasGone(id, record)) return false;
     Log_Level(LogLevel::kError, "[%s]: Task %s did not outlive the daemon\n", "FailAbandonedTasks",
               id.c_str());
-    if (!in_process) {
+    if (!inProcess) {
       TaskDB::FailUnexplained()(record, allocator);
       return true;
     }

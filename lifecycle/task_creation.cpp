@@ -26,7 +26,7 @@ constexpr int kStatusFileRetries = 5;
 
 /// One attempt to win the host. Why it failed is logged.
 /// @param retries  how many attempts are left, for the log
-bool TryToWinHost(const std::string& task_id, int retries) {
+bool TryToWinHost(const std::string& taskId, int retries) {
   static constexpr char kName[] = "_CheckTaskContention";
   try {
     // Proves that no other starter holds it at this moment, and no more than that: it is given up
@@ -35,7 +35,7 @@ bool TryToWinHost(const std::string& task_id, int retries) {
   } catch (const AccessLockError&) {
     Log_Level(LogLevel::kCritical,
               "[%s]: Lock contention in task %s, another task is starting, %d retries left\n",
-              kName, task_id.c_str(), retries);
+              kName, taskId.c_str(), retries);
     return false;
   }
   if (access(kTaskSyncFile.c_str(), F_OK) == 0) {
@@ -51,12 +51,12 @@ bool TryToWinHost(const std::string& task_id, int retries) {
     return false;
   }
   try {
-    WriteToFile(kTaskSyncFile, "PRECURSOR: " + task_id);
+    WriteToFile(kTaskSyncFile, "PRECURSOR: " + taskId);
     return true;
   } catch (const std::exception& e) {
     Log_Level(LogLevel::kCritical,
               "[%s]: Failed to write to the task sync file in task %s: %s, %d retries left\n",
-              kName, task_id.c_str(), e.what(), retries);
+              kName, taskId.c_str(), e.what(), retries);
     return false;
   }
 }
@@ -66,15 +66,15 @@ bool TryToWinHost(const std::string& task_id, int retries) {
 /// @param add   adds the record
 /// @return whether it is recorded; otherwise the host is free again and `error` is set
 template <typename Add>
-bool RecordTask(const char* name, const std::string& task_id, TaskError& error, ErrorKind kind,
+bool RecordTask(const char* name, const std::string& taskId, TaskError& error, ErrorKind kind,
                 const Add& add) {
-  Log_Level(LogLevel::kNotice, "[%s]: Creating task: %s\n", name, task_id.c_str());
+  Log_Level(LogLevel::kNotice, "[%s]: Creating task: %s\n", name, taskId.c_str());
   try {
     TaskFile file(kTaskStatusFile, TaskFile::Initialise::kWhenMissing);
     add(file);
     return true;
   } catch (const std::exception& e) {
-    Log_Level(LogLevel::kCritical, "[%s]: Failed to create task %s: %s\n", name, task_id.c_str(),
+    Log_Level(LogLevel::kCritical, "[%s]: Failed to create task %s: %s\n", name, taskId.c_str(),
               e.what());
     RemoveFiles({kTaskSyncFile});
     error = MakeError("com.tessel.ryx.task.create.error", kind);
@@ -115,10 +115,10 @@ std::string GetTaskId(TaskError& error, ErrorKind kind) {
   return *id;
 }
 
-bool CheckTaskContention(const std::string& task_id, TaskError& error, int retries) {
+bool CheckTaskContention(const std::string& taskId, TaskError& error, int retries) {
   for (; retries >= 0; --retries) {
     TaskSchedular::Instance().awaitEnding();
-    if (TryToWinHost(task_id, retries)) return false;
+    if (TryToWinHost(taskId, retries)) return false;
     sleep(1);
   }
   error = std::make_shared<const Orbi::Data::ErrorValue>(ApiError(
@@ -135,14 +135,14 @@ std::string InitTask(const std::string& operation, TaskError& error, ErrorKind k
   return recorded ? id : "";
 }
 
-void RunTask(const std::string& command, const std::string& task_id, TaskError& error,
+void RunTask(const std::string& command, const std::string& taskId, TaskError& error,
              ErrorKind kind, int retries, const std::vector<std::string>& documents) {
-  if (CheckTaskContention(task_id, error, retries)) return;
-  if (!RecordTask("RunTask", task_id, error, kind,
-                  [&](TaskFile& file) { file.AddEmptyTask(task_id, kStatusFileRetries); }))
+  if (CheckTaskContention(taskId, error, retries)) return;
+  if (!RecordTask("RunTask", taskId, error, kind,
+                  [&](TaskFile& file) { file.AddEmptyTask(taskId, kStatusFileRetries); }))
     return;
   for (;; --retries) {
-    if (StartCommand(command, {task_id, kTaskSyncFile, documents}, retries)) return;
+    if (StartCommand(command, {taskId, kTaskSyncFile, documents}, retries)) return;
     if (retries == 0) break;
     sleep(1);
   }

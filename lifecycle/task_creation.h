@@ -25,7 +25,7 @@ namespace LifeCycle {
 /// @return whether the task must not start; `error` is then set to
 /// "com.tessel.ryx.task.contention".
 ///         Otherwise the sync file names the task.
-[[nodiscard]] bool CheckTaskContention(const std::string& task_id, TaskError& error, int retries);
+[[nodiscard]] bool CheckTaskContention(const std::string& taskId, TaskError& error, int retries);
 
 /// Makes a task that this process itself runs. It is recorded as PENDING, and the sync file is its
 /// own until whoever runs it removes that.
@@ -36,11 +36,11 @@ namespace LifeCycle {
 /// Makes a task that a helper command runs, and starts the command as a detached process. The task
 /// gets an empty record, which the command fills, as it is the command that removes the sync file.
 /// When the command is gone without having done so, the task is ended for it (see EndOfHelper).
-/// @param task_id  from GetTaskId
+/// @param taskId  from GetTaskId
 /// @param error    when it is set no sync file is left; a record that was made stays
 /// @param retries  of winning the host, and again of starting the command
 /// @param documents  the command's own input files, which it removes
-void RunTask(const std::string& command, const std::string& task_id, TaskError& error,
+void RunTask(const std::string& command, const std::string& taskId, TaskError& error,
              ErrorKind kind, int retries, const std::vector<std::string>& documents = {});
 
 }  // namespace LifeCycle

@@ -25,18 +25,18 @@ namespace {
 class Place {
  public:
   explicit Place(TaskDB::TaskInfo& task) : task_(&task) {
-    for (std::size_t i = 0; i < sizeof first_bytes_; ++i)
-      first_bytes_ = first_bytes_ << 8 | (i < task.id.size() ? std::uint8_t(task.id[i]) : 0U);
+    for (std::size_t i = 0; i < sizeof firstBytes_; ++i)
+      firstBytes_ = firstBytes_ << 8 | (i < task.id.size() ? std::uint8_t(task.id[i]) : 0U);
   }
   [[nodiscard]] TaskDB::TaskInfo& task() const { return *task_; }
 
   bool operator<(const Place& other) const {
-    if (first_bytes_ != other.first_bytes_) return first_bytes_ < other.first_bytes_;
+    if (firstBytes_ != other.firstBytes_) return firstBytes_ < other.firstBytes_;
     return task_->id < other.task_->id;
   }
 
  private:
-  std::uint64_t first_bytes_ = 0;
+  std::uint64_t firstBytes_ = 0;
   TaskDB::TaskInfo* task_;
 };
 
@@ -45,10 +45,10 @@ class Place {
 std::map<std::string, TaskDB::TaskInfo> ById(std::deque<TaskDB::TaskInfo> tasks) {
   std::vector<Place> places(tasks.begin(), tasks.end());
   std::stable_sort(places.begin(), places.end());
-  std::map<std::string, TaskDB::TaskInfo> by_id;
+  std::map<std::string, TaskDB::TaskInfo> byId;
   for (const Place& place : places)
-    by_id.emplace_hint(by_id.end(), place.task().id, std::move(place.task()));
-  return by_id;
+    byId.emplace_hint(byId.end(), place.task().id, std::move(place.task()));
+  return byId;
 }
 
 bool InDatabase() { return FeatureState_IsEnabled(Feature::kTaskDatabase); }

@@ -4,9 +4,9 @@
 
 namespace LifeCycle {
 
-TaskFileNotFoundError::TaskFileNotFoundError(const std::string& path, int error_number)
+TaskFileNotFoundError::TaskFileNotFoundError(const std::string& path, int errorNumber)
     : text_("TaskFile(" + path + ") not found") {
-  if (error_number != 0) text_ += std::string(" -- ") + std::strerror(error_number);
+  if (errorNumber != 0) text_ += std::string(" -- ") + std::strerror(errorNumber);
 }
 
 }  // namespace LifeCycle

@@ -8,8 +8,8 @@ namespace LifeCycle {
 /// There is no task status file.
 class TaskFileNotFoundError : public std::exception {
  public:
-  /// @param error_number  the system's, or 0 when it gave none
-  TaskFileNotFoundError(const std::string& path, int error_number);
+  /// @param errorNumber  the system's, or 0 when it gave none
+  TaskFileNotFoundError(const std::string& path, int errorNumber);
   [[nodiscard]] const char* what() const noexcept override { return text_.c_str(); }
 
  private:

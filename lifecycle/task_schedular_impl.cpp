@@ -37,7 +37,7 @@ TaskSchedularImpl::~TaskSchedularImpl() {
 
 int TaskSchedularImpl::initialise() {
   Lock lock(mutex_);
-  bool running = !stop_requested_;
+  bool running = !stopRequested_;
   if (running && state_ == State::kNotStarted && !scheduler_.joinable()) {
     try {
       scheduler_ = StartThread([this] { Schedule(); });
@@ -58,7 +58,7 @@ void TaskSchedularImpl::abort() {
   Log_Level(LogLevel::kNotice, "TaskSchedular abort requested.\n");
   {
     const Lock lock(mutex_);
-    stop_requested_ = true;
+    stopRequested_ = true;
     changed_.notify_all();
   }
   if (scheduler_.joinable()) scheduler_.join();
@@ -67,10 +67,10 @@ void TaskSchedularImpl::abort() {
 int TaskSchedularImpl::submit(std::shared_ptr<Task> task) {
   Log_Level(LogLevel::kNotice, "TaskSchedular received new task: %s\n", task->label().c_str());
   const Lock lock(mutex_);
-  if (state_ != State::kIdle || stop_requested_) {
+  if (state_ != State::kIdle || stopRequested_) {
     Log_Level(LogLevel::kCritical,
               "TaskSchedular in state=%d, stopped=%d, doesn't accept requests\n",
-              static_cast<int>(state_), static_cast<int>(stop_requested_));
+              static_cast<int>(state_), static_cast<int>(stopRequested_));
     return 2;
   }
   task_ = std::move(task);
@@ -91,10 +91,10 @@ void TaskSchedularImpl::Schedule() {
   Log_Level(LogLevel::kNotice, "TaskSchedular started.\n");
   while (true) {
     changed_.wait(lock, [this] {
-      return state_ == State::kFinished || state_ == State::kSubmitted || stop_requested_;
+      return state_ == State::kFinished || state_ == State::kSubmitted || stopRequested_;
     });
     if (state_ == State::kFinished) Complete();
-    if (stop_requested_) break;
+    if (stopRequested_) break;
     if (state_ == State::kSubmitted) Dispatch();
   }
   Log_Level(LogLevel::kNotice, "TaskSchedular stopped.\n");
@@ -178,7 +178,7 @@ bool TaskSchedularImpl::AbortIfStopping(Task& task) {
   bool recorded = false;
   {
     const Lock lock(mutex_);
-    if (!stop_requested_) return false;
+    if (!stopRequested_) return false;
     recorded = aborted_;
   }
   if (!recorded) task.abort();

@@ -45,7 +45,7 @@ class TaskSchedularImpl final : public TaskSchedular {
   std::mutex mutex_;  ///< guards the task and what follows
   std::condition_variable changed_;
   State state_ = State::kNotStarted;
-  bool stop_requested_ = false;
+  bool stopRequested_ = false;
   bool ending_ = false;   ///< the task is about to record its outcome, or has
   bool aborted_ = false;  ///< the scheduler recorded the task as aborted, nobody else is to
 };

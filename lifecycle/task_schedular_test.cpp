@@ -101,10 +101,10 @@ class TaskSchedularTest : public testing::Test {
   CapturedLog log_;
   std::shared_ptr<Fate> fate_ = std::make_shared<Fate>();
   Event begun_;
-  Event may_end_;
+  Event mayEnd_;
   const FakeTask::Work wait_ = [this](FakeTask&) {
     begun_.Announce();
-    may_end_.Await();
+    mayEnd_.Await();
   };
   TaskSchedularImpl schedular_;
 };
@@ -119,7 +119,7 @@ TEST_F(TaskSchedularTest, RunsOneTaskAtATime) {
   const auto refused = std::make_shared<Fate>();
   EXPECT_EQ(schedular_.submit(std::make_shared<FakeTask>(refused)), 2);
   refused->gone.Await();
-  may_end_.Announce();
+  mayEnd_.Announce();
   fate_->gone.Await();
   EXPECT_EQ(fate_->Phases(), "prP");
   EXPECT_EQ(Submit(), 0);  // a task that is gone has made room
@@ -202,7 +202,7 @@ TEST_F(TaskSchedularTest, ATaskThatDoesNotEndIsRecordedAsAbortedOnce) {
   begun_.Await();
   std::thread stopper([this] { schedular_.abort(); });
   while (fate_->Phases() != "pra") std::this_thread::yield();
-  may_end_.Announce();
+  mayEnd_.Announce();
   stopper.join();
   EXPECT_EQ(fate_->Phases(), "pra");
   EXPECT_THAT(

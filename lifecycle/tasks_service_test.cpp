@@ -68,7 +68,7 @@ TEST_F(TasksServiceTest, TellsWhatIsRecorded) {
   const std::string common =
       R"({"description":{"id":"com.tessel.ryx.task.description",)"
       R"("default_message":"Lifecycle Orbi task","args":[]},"service":"kestreld","operation":)";
-  const std::string told_times =
+  const std::string toldTimes =
       R"("start_time":)" + kStart + R"(,"end_time":"2026-11-21T02:12:58.456Z",)";
   const std::string pending = R"("unknown","cancelable":false,"status":"PENDING"})";
   const std::pair<std::string, std::string> cases[] = {
@@ -80,12 +80,12 @@ TEST_F(TasksServiceTest, TellsWhatIsRecorded) {
       {R"({"status":"SUCCEEDED","operation":"op","user":"root","result":"{\"OPTIONAL\":7}",)"
        R"("progress":{"completed":100,"total":100},)" +
            kTimes + "}",
-       R"("op","user":"root","cancelable":false,"status":"SUCCEEDED",)" + told_times +
+       R"("op","user":"root","cancelable":false,"status":"SUCCEEDED",)" + toldTimes +
            Progress("100", "100") + R"(,"result":7})"},
       {R"({"status":"FAILED","error":{"message":{"args":["a","b"],"id":)"
        R"("com.tessel.pelorus.lifecycle.RyxImage.AddonNotFound"}},"exception":"x",)" +
            kTimes + "}",
-       R"("unknown","cancelable":false,"status":"FAILED",)" + told_times + Progress("0", "0") +
+       R"("unknown","cancelable":false,"status":"FAILED",)" + toldTimes + Progress("0", "0") +
            R"(,"error":{"com.tessel.orbi.std.errors.error":{"messages":[)"
            R"({"id":"com.tessel.pelorus.lifecycle.RyxImage.AddonNotFound","default_message":)"
            R"("Addon a with version b cannot be found in depot.","args":["a","b"]}]}}})"},

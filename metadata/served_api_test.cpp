@@ -56,19 +56,19 @@ TEST(ServedApi, EveryDescriptionHasTheFormThatIsDescribed) {
     EXPECT_TRUE(native) << method.ToText() << ": " << errors.ToText();
     return native.value_or(output);
   };
-  const auto read_all = [&](auto output, const std::string& service) {
+  const auto readAll = [&](auto output, const std::string& service) {
     const auto identifiers = read(std::vector<std::string>{}, {service, "list"}, {});
     EXPECT_FALSE(identifiers.empty());
     for (const std::string& id : identifiers) read(output, {service, "get"}, {"", {{"id", id}}});
   };
   const std::string metadata = "com.tessel.orbi.metadata.",
                     introspection = "com.tessel.orbi.std.introspection.";
-  read_all(Metadata::Metamodel::ServiceSvc::Info{}, metadata + "metamodel.service");
-  read_all(Metadata::Metamodel::StructureSvc::Info{}, metadata + "metamodel.structure");
-  read_all(Metadata::Metamodel::EnumerationSvc::Info{}, metadata + "metamodel.enumeration");
-  read_all(Metadata::Cli::CommandSvc::Info{}, metadata + "cli.command");
-  read_all(Metadata::Authentication::ComponentSvc::Info{}, metadata + "authentication.component");
-  read_all(Introspection::ServiceSvc::Info{}, introspection + "service");
+  readAll(Metadata::Metamodel::ServiceSvc::Info{}, metadata + "metamodel.service");
+  readAll(Metadata::Metamodel::StructureSvc::Info{}, metadata + "metamodel.structure");
+  readAll(Metadata::Metamodel::EnumerationSvc::Info{}, metadata + "metamodel.enumeration");
+  readAll(Metadata::Cli::CommandSvc::Info{}, metadata + "cli.command");
+  readAll(Metadata::Authentication::ComponentSvc::Info{}, metadata + "authentication.component");
+  readAll(Introspection::ServiceSvc::Info{}, introspection + "service");
   for (const auto& [service, interface] : provider.interfaces()) {
     for (const auto& operation : interface.operations) {
       read(Introspection::OperationSvc::Info{}, {introspection + "operation", "get"},

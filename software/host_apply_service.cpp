@@ -79,9 +79,9 @@ void CheckInput(const SetInput& input) {
 std::string WriteDocuments(const SetInput& input, const std::string& id, FilesForHelper& files) {
   std::string options;
   const auto write = [&]<typename T>(const std::optional<T>& document, const char* option,
-                                     const std::string& path_before_id) {
+                                     const std::string& pathBeforeId) {
     if (!document) return;
-    const std::string path = path_before_id + id;
+    const std::string path = pathBeforeId + id;
     files.Write(path, ValueToJson(::Orbi::Bindings::Adapter<T>::ToValue(*document)));
     options.append(option).append(path);
   };
@@ -152,14 +152,14 @@ std::string StartApply(const SetInput& input) {
   std::string id = NewTaskId(kSet);
   FilesForHelper documents;
   const std::string options = WriteDocuments(input, id, documents);
-  FilesForHelper pid_file;
-  ClaimHost(id, pid_file);
+  FilesForHelper pidFile;
+  ClaimHost(id, pidFile);
   RecordTask(id);
   StartHelper(
       kLifecycleHelper + ::Orbi::Data::FillPlaceholders(
                              kSet.arguments, {id, std::to_string(kCleanupInterval), options}),
       {id, kApplyPidFile, documents.paths()});
-  pid_file.HandOver();
+  pidFile.HandOver();
   documents.HandOver();
   return id;
 }

@@ -128,8 +128,8 @@ ValuePtr ReadPaxs(const HelperOperation& operation, const std::string& output) {
 
 void AsyncServiceImpl::List(const ExecutionContextPtr&, const ListInput& input,
                             AsyncResult<std::vector<PaxInfo>> result) {
-  const bool only_orphans = input.filter && input.filter->orphan.value_or(false);
-  const HelperOperation& operation = only_orphans ? kListOrphanPaxs : kListAllPaxs;
+  const bool onlyOrphans = input.filter && input.filter->orphan.value_or(false);
+  const HelperOperation& operation = onlyOrphans ? kListOrphanPaxs : kListAllPaxs;
   LogCall(operation.name);
   CompleteOperation(operation.name, result, [&operation] {
     const auto paxs = ReadPaxs(operation, AskHelper(operation));

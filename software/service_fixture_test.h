@@ -33,7 +33,7 @@ inline const std::string kTaskDirectory = "/var/tessel/lifecycle";
 /// What the fake interpreter does when it is started.
 struct Behaviour {
   std::string output = "";
-  bool reads_input = false;  ///< to its end, before it exits
+  bool readsInput = false;  ///< to its end, before it exits
 };
 
 inline std::string ReadFile(const std::string& path) {
@@ -103,7 +103,7 @@ class ServiceFixture : public testing::Test {
     std::ofstream script(interpreter_);
     // The words come last: who has seen them finds everything else done, too.
     script << "#!/bin/sh -e\ncd " << records_ << "\n"
-           << (behaviour.reads_input ? "cat >input\n" : "")
+           << (behaviour.readsInput ? "cat >input\n" : "")
            << "cat output\nprintf '[%s]' \"$@\" >words.new\nmv words.new words\n";
     script.close();
     std::filesystem::permissions(interpreter_, std::filesystem::perms::owner_all);

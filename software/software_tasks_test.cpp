@@ -26,24 +26,24 @@ const std::string kTwoDepots =
 using SoftwareTasks = ServiceFixture;
 
 TEST_F(SoftwareTasks, HelperIsStartedOnTheRecordedTaskAndItsDocument) {
-  const std::string spec_option = " --software-spec ";
+  const std::string specOption = " --software-spec ";
   const std::tuple<const char*, std::string, std::string> cases[] = {
       // {1} is the task
       {"kestrel_daemon.software apply$task", kTwoDepots,
-       " software --apply --task-id {1} --depot http://h/{3};x --depot /e" + spec_option +
+       " software --apply --task-id {1} --depot http://h/{3};x --depot /e" + specOption +
            kTaskDocument},
       {"kestrel_daemon.software stage$task", kOneDepot,
-       " software --stage --task-id {1} --depot d" + spec_option + kTaskDocument},
+       " software --stage --task-id {1} --depot d" + specOption + kTaskDocument},
       {"kestrel_daemon.software scan$task", kTwoDepots,
-       " software --scan" + spec_option + kScanDocument +
+       " software --scan" + specOption + kScanDocument +
            " --depot http://h/{3};x --depot /e --task-id {1}"},
       {"kestrel_daemon.components apply$task",
        R"({"depots":["d"],"components":{"y":"2.0","x":"1.0"}})",
        "components --apply --task-id {1} --depot d --component x:1.0 --component y:2.0"},
       {"kestrel_daemon.solutions apply$task", kOneDepot,
-       "solutions --apply --task-id {1} --depot d" + spec_option + kTaskDocument},
+       "solutions --apply --task-id {1} --depot d" + specOption + kTaskDocument},
       {"kestrel_daemon.solutions stage$task", kOneDepot,
-       "solutions --stage --task-id {1} --depot d" + spec_option + kTaskDocument},
+       "solutions --stage --task-id {1} --depot d" + specOption + kTaskDocument},
       {"kestrel_daemon.solutions remove$task", R"({"solutions":["s","t u"]})",
        "solutions --remove --task-id {1} --name s --name t u"},
       {"software.installed_image extract_depot$task", "{}", "depots --extract --task-id {1}"},
@@ -64,8 +64,8 @@ TEST_F(SoftwareTasks, HelperIsStartedOnTheRecordedTaskAndItsDocument) {
                                            arguments));
     EXPECT_EQ(ReadFile(kTaskSyncFile), "PRECURSOR: " + id);
     EXPECT_NE(ReadFile(kTaskStatusFile).find(id), std::string::npos);
-    if (const auto at = arguments.find(spec_option); at != std::string::npos) {
-      std::istringstream path(arguments.substr(at + spec_option.size()));
+    if (const auto at = arguments.find(specOption); at != std::string::npos) {
+      std::istringstream path(arguments.substr(at + specOption.size()));
       EXPECT_EQ(ReadFile(*std::istream_iterator<std::string>(path)), kSpec);
     }
   }

@@ -143,11 +143,11 @@ bool Consume(const std::string& text) {
 std::optional<Content> ReadContent(int fd, const std::string& text) {
   if (!HasText(fd, text)) return std::nullopt;
   const std::size_t begin = text.size() + 1;
-  auto config_file = ReadName(fd, begin, "config file name");
-  if (!config_file) return std::nullopt;
-  auto service = ReadName(fd, begin + config_file->size() + 1, "service name");
+  auto configFile = ReadName(fd, begin, "config file name");
+  if (!configFile) return std::nullopt;
+  auto service = ReadName(fd, begin + configFile->size() + 1, "service name");
   if (!service) return std::nullopt;
-  return Content{std::move(*config_file), std::move(*service)};
+  return Content{std::move(*configFile), std::move(*service)};
 }
 
 bool SetUpDirectory(const char* path) {

@@ -25,7 +25,7 @@ inline constexpr char kFilePrefix[] = "rntkt-";
 
 /// What the issuer wrote into the ticket.
 struct Content {
-  std::string config_file;
+  std::string configFile;
   std::string service;
 
   bool operator==(const Content&) const = default;

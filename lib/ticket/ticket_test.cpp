@@ -117,10 +117,10 @@ TEST_F(TicketTest, ReaperRemovesStaleTicketsOfBothKindsAndNothingElse) {
   const std::vector<fs::path> stale = {directory / "rntkt-stale", remote / "rntkt-stale"};
   boost::asio::io_context io;
   auto reaper = std::make_shared<Ticket::Reaper>(io, std::chrono::milliseconds(1));
-  for (const bool at_start : {true, false}) {
+  for (const bool atStart : {true, false}) {
     for (const fs::path& path : stale) leave(path, 11);
-    if (at_start) reaper->Start();
-    while (!at_start && fs::exists(stale[1]) && io.run_one_for(std::chrono::seconds(10)) > 0) {
+    if (atStart) reaper->Start();
+    while (!atStart && fs::exists(stale[1]) && io.run_one_for(std::chrono::seconds(10)) > 0) {
     }
     EXPECT_THAT(log_.TakeLines(),
                 ElementsAre("6 [Ticket] Reaping stale ticket " + stale[0].string(),

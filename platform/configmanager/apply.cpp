@@ -64,8 +64,8 @@ class PlanRun {
       const std::string& component = step.plan->state->module->component;
       if (failed_.contains(component)) continue;
       std::vector<ErrorInfo> errors;
-      const bool is_deletion = step.part == PlanPart::kDeletions;
-      if (is_deletion ? IsStillReferredTo(component) : NeedsWhatFailed(*step.plan)) {
+      const bool isDeletion = step.part == PlanPart::kDeletions;
+      if (isDeletion ? IsStillReferredTo(component) : NeedsWhatFailed(*step.plan)) {
         errors.push_back({"com.tessel.ryx.settings.apply.plugin.failed", {component}});
       } else {
         errors = ApplyModule(*step.plan, step.part, store, progress.task());
@@ -95,11 +95,11 @@ class PlanRun {
 
   /// What a key would refer to may not be there.
   bool NeedsWhatFailed(const ModulePlan& plan) const {
-    const auto has_failed = [this](const Reference& reference) {
+    const auto hasFailed = [this](const Reference& reference) {
       return failed_.contains(reference.target.component);
     };
     const auto needs = [&](const KeyPlan& key) {
-      return key.isAskedFor && std::ranges::any_of(key.state->key->references, has_failed);
+      return key.isAskedFor && std::ranges::any_of(key.state->key->references, hasFailed);
     };
     if (std::ranges::none_of(plan.keys, needs)) return false;
     Log_Level(LogLevel::kError, "%s is not applied: what it refers to could not be applied\n",
@@ -123,8 +123,8 @@ ApplyResult Apply(const std::shared_ptr<CheckApplyResult>& checked, const TaskIn
   if (impacts != checked->impacts || assessment.current.Digest() != checked->digest) {
     throw InvalidImpact();
   }
-  const ImpactInfo maintenance_mode{ImpactKind::kMaintenanceMode, {}, {}, {}};
-  if (std::ranges::find(impacts, maintenance_mode) != impacts.end()) RequireMaintenanceMode();
+  const ImpactInfo maintenanceMode{ImpactKind::kMaintenanceMode, {}, {}, {}};
+  if (std::ranges::find(impacts, maintenanceMode) != impacts.end()) RequireMaintenanceMode();
 
   ApplyResult result{assessment.impact.errors};
   PlanRun(assessment, result).Run(*RyxConfigStore::Store::FromPath(), progress.Share(40, 100));

@@ -13,8 +13,8 @@ namespace {
 using RyxConfigStore::Store;
 
 bool IsIn(PlanPart part, const Change& change) {
-  const bool is_deletion = change.action == ChangeAction::kDelete;
-  return part == PlanPart::kAll || (part == PlanPart::kDeletions) == is_deletion;
+  const bool isDeletion = change.action == ChangeAction::kDelete;
+  return part == PlanPart::kAll || (part == PlanPart::kDeletions) == isDeletion;
 }
 
 /// Everything that the module is told: also what is only adopted, which it may have left half-done.
@@ -43,10 +43,10 @@ void RecordValues(Store::Transaction& transaction, const KeyPlan& plan) {
 
 void RecordDeletions(Store::Transaction& transaction, const KeyPlan& plan) {
   const KeyState& state = *plan.state;
-  const bool keeps_marker = plan.isAskedFor && plan.target.empty() && !state.defaults.empty();
+  const bool keepsMarker = plan.isAskedFor && plan.target.empty() && !state.defaults.empty();
   const auto remove = [&](const std::string& instance) {
     if (plan.isAskedFor && plan.target.contains(instance)) return;
-    if (keeps_marker && instance == kEmptyListInstance) return;
+    if (keepsMarker && instance == kEmptyListInstance) return;
     transaction.Delete(state.key->address, instance);
   };
   for (const auto& [instance, value] : state.stored) remove(instance);

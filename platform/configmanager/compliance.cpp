@@ -47,8 +47,8 @@ class ComplianceCheck {
       const auto plan = PlanKey(*key.state, nullptr);
       if (!plan || (key.module->failure && !key.state->isStored)) continue;
       for (const Change& change : plan->changes) {
-        const bool is_deletion = change.action == ChangeAction::kDelete;
-        Add(key, change.instance, change.oldValue, is_deletion ? nullptr : change.newValue, false);
+        const bool isDeletion = change.action == ChangeAction::kDelete;
+        Add(key, change.instance, change.oldValue, isDeletion ? nullptr : change.newValue, false);
       }
     }
   }

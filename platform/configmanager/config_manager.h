@@ -38,7 +38,7 @@ void CreateMergedDocument(const Document& schema, Document& document);
 /// @param schema_only  leaves the modules' validators out
 /// @throws ConfigManagerException  2023: the document names no key, and nothing else is wrong
 void Validate(const Document& document, const Document& schema, ValidationResult& result,
-              bool schema_only, const TaskInput* task);
+              bool schemaOnly, const TaskInput* task);
 
 /// What applying a valid, merged document would do, prepared to be applied.
 /// @param document  is kept in the result

@@ -35,15 +35,15 @@ Parts Split(const Schema& schema, const Value& object, Memory& memory) {
   Parts parts;
   for (const auto& [name, value] : JsonDocument::Members(object)) {
     const Schema* rules = RulesOf(schema, JsonDocument::TextOf(&name));
-    const bool is_specific = rules != nullptr && rules->hostSpecific;
-    if (rules == nullptr || is_specific || !value.IsObject()) {
-      AddCopy(is_specific ? parts.specific : parts.common, name, value, memory);
+    const bool isSpecific = rules != nullptr && rules->hostSpecific;
+    if (rules == nullptr || isSpecific || !value.IsObject()) {
+      AddCopy(isSpecific ? parts.specific : parts.common, name, value, memory);
       continue;
     }
     Parts inner = Split(*rules, value, memory);
-    const bool has_specific = !inner.specific.ObjectEmpty();
-    if (has_specific) parts.specific.AddMember(Value(name, memory), inner.specific, memory);
-    if (!has_specific || !inner.common.ObjectEmpty()) {
+    const bool hasSpecific = !inner.specific.ObjectEmpty();
+    if (hasSpecific) parts.specific.AddMember(Value(name, memory), inner.specific, memory);
+    if (!hasSpecific || !inner.common.ObjectEmpty()) {
       parts.common.AddMember(Value(name, memory), inner.common, memory);
     }
   }
@@ -68,15 +68,15 @@ void WriteSection(Writer& writer, const std::map<RyxConfigStore::KeyAddress, Val
   writer.StartObject();
   const RyxConfigStore::KeyAddress* last = nullptr;
   for (const auto& [address, value] : section) {
-    const bool same_component = last != nullptr && last->component == address.component;
-    const bool same_group = same_component && last->group == address.group;
-    if (last != nullptr && !same_group) writer.EndObject();
-    if (last != nullptr && !same_component) writer.EndObject();
-    if (!same_component) {
+    const bool sameComponent = last != nullptr && last->component == address.component;
+    const bool sameGroup = sameComponent && last->group == address.group;
+    if (last != nullptr && !sameGroup) writer.EndObject();
+    if (last != nullptr && !sameComponent) writer.EndObject();
+    if (!sameComponent) {
       writer.Key(address.component.c_str());
       writer.StartObject();
     }
-    if (!same_group) {
+    if (!sameGroup) {
       writer.Key(address.group.c_str());
       writer.StartObject();
     }
@@ -94,17 +94,17 @@ void DocumentBuilder::Add(const KeyDefinition& key, const InstanceValues& values
   Value specific(rapidjson::kArrayType);
   for (const auto& [instance, value] : values) {
     Parts parts = Split(key, *value, memory_);
-    const bool has_specific = key.hostSpecific || !parts.specific.ObjectEmpty();
-    if (!has_specific || !parts.common.ObjectEmpty()) common.PushBack(parts.common, memory_);
-    if (has_specific) specific.PushBack(parts.specific, memory_);
+    const bool hasSpecific = key.hostSpecific || !parts.specific.ObjectEmpty();
+    if (!hasSpecific || !parts.common.ObjectEmpty()) common.PushBack(parts.common, memory_);
+    if (hasSpecific) specific.PushBack(parts.specific, memory_);
   }
   const auto add = [&key](Section& section, Value& list) {
     section.insert_or_assign(key.address, std::move(key.singleton ? list[0] : list));
   };
   // Of a list, even an empty one has to be there; an object has a part where it has properties.
-  const bool is_list = !key.singleton;
-  if (!common.Empty() || (is_list && !key.hostSpecific)) add(profile_, common);
-  if (!specific.Empty() || (is_list && key.hostSpecific)) add(hostSpecific_, specific);
+  const bool isList = !key.singleton;
+  if (!common.Empty() || (isList && !key.hostSpecific)) add(profile_, common);
+  if (!specific.Empty() || (isList && key.hostSpecific)) add(hostSpecific_, specific);
 }
 
 std::string DocumentBuilder::Finish(const std::string& host) const {

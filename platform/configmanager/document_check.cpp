@@ -27,13 +27,13 @@ void ForEachKey(const Value& section, const DocumentPath& path, const Visit& vis
   KeyAddress address;
   for (const auto& [component, groups] : Members(section)) {
     address.component = TextOf(&component);
-    const DocumentPath component_path(path, TextOf(&component));
+    const DocumentPath componentPath(path, TextOf(&component));
     for (const auto& [group, keys] : Members(groups)) {
       address.group = TextOf(&group);
-      const DocumentPath group_path(component_path, TextOf(&group));
+      const DocumentPath groupPath(componentPath, TextOf(&group));
       for (const auto& [key, value] : Members(keys)) {
         address.key = TextOf(&key);
-        visit(address, value, DocumentPath(group_path, TextOf(&key)));
+        visit(address, value, DocumentPath(groupPath, TextOf(&key)));
       }
     }
   }
@@ -58,30 +58,30 @@ class DocumentCheck {
         modules_(modules),
         violations_(violations),
         profile_(FindMember(document.root(), "profile")),
-        own_section_(FindHostSection(document.root(), host)),
-        profile_keys_(IndexKeys(profile_)),
-        own_keys_(IndexKeys(own_section_)),
-        merged_keys_(IndexKeys(&document.merged())),
+        ownSection_(FindHostSection(document.root(), host)),
+        profileKeys_(IndexKeys(profile_)),
+        ownKeys_(IndexKeys(ownSection_)),
+        mergedKeys_(IndexKeys(&document.merged())),
         sections_(FindMember(document.root(), "host-specific")) {}
 
   /// @return whether there is any key
   bool Run() {
     const DocumentPath root;
     if (profile_ != nullptr)
-      CheckSection(*profile_, own_keys_, Section::kProfile, DocumentPath(root, "profile"));
+      CheckSection(*profile_, ownKeys_, Section::kProfile, DocumentPath(root, "profile"));
     if (sections_ != nullptr) CheckHostSections(DocumentPath(root, "host-specific"));
-    return found_key_;
+    return foundKey_;
   }
 
  private:
   void CheckHostSections(const DocumentPath& path) {
-    const Value* own_name = nullptr;
+    const Value* ownName = nullptr;
     for (const auto& [name, section] : Members(*sections_)) {
       const DocumentPath place(path, TextOf(&name));
-      CheckSection(section, profile_keys_, Section::kHostSpecific, place);
-      if (&section == own_section_) {
-        own_name = &name;
-      } else if (own_name != nullptr && name != *own_name && IsSectionOf(host_, name)) {
+      CheckSection(section, profileKeys_, Section::kHostSpecific, place);
+      if (&section == ownSection_) {
+        ownName = &name;
+      } else if (ownName != nullptr && name != *ownName && IsSectionOf(host_, name)) {
         // One that is written the same way is found with all other duplicates.
         violations_.Add(place, "duplicate.property", {TextOf(&name)});
       }
@@ -90,10 +90,10 @@ class DocumentCheck {
 
   void CheckSection(const Value& section, const KeyIndex& others, Section kind,
                     const DocumentPath& path) {
-    const bool is_own = kind == Section::kProfile || &section == own_section_;
+    const bool isOwn = kind == Section::kProfile || &section == ownSection_;
     ForEachKey(section, path,
                [&](const KeyAddress& address, const Value& value, const DocumentPath& place) {
-                 found_key_ = true;
+                 foundKey_ = true;
                  const KeyDefinition* const key = modules_.FindKey(address);
                  if (key == nullptr) {
                    violations_.Add(place, "schema.not-found",
@@ -103,7 +103,7 @@ class DocumentCheck {
                  const auto found = others.find(address);
                  const Value* const other = found == others.end() ? nullptr : found->second;
                  CheckKey(value, other, *key, kind, place, violations_);
-                 if (is_own) CheckReferences(value, other, *key, kind, place);
+                 if (isOwn) CheckReferences(value, other, *key, kind, place);
                });
   }
 
@@ -146,11 +146,11 @@ class DocumentCheck {
   const MemberIndex& InstancesOf(const KeyAddress& address) {
     const auto [known, is_new] = instances_.try_emplace(address);
     if (is_new) {
-      const auto named = merged_keys_.find(address);
+      const auto named = mergedKeys_.find(address);
       const KeyDefinition* const key = modules_.FindKey(address);
       if (key != nullptr)
         known->second = IndexInstances(
-            named != merged_keys_.end() ? named->second : key->defaultValue, key->idProperty);
+            named != mergedKeys_.end() ? named->second : key->defaultValue, key->idProperty);
     }
     return known->second;
   }
@@ -159,13 +159,13 @@ class DocumentCheck {
   const ModuleSet& modules_;
   Violations& violations_;
   const Value* const profile_;
-  const Value* const own_section_;
-  const KeyIndex profile_keys_;
-  const KeyIndex own_keys_;
-  const KeyIndex merged_keys_;
+  const Value* const ownSection_;
+  const KeyIndex profileKeys_;
+  const KeyIndex ownKeys_;
+  const KeyIndex mergedKeys_;
   const Value* const sections_;
   std::map<KeyAddress, MemberIndex> instances_;
-  bool found_key_ = false;
+  bool foundKey_ = false;
 };
 
 }  // namespace
@@ -177,8 +177,8 @@ void CheckDocument(const ConfigStoreDocument::Document& document, const ModuleSe
   if (root.IsObject() && root.ObjectEmpty()) throw ConfigManagerException(kEmptyDocument);
   CheckWellFormed(root, {}, violations);
   CheckValue(root, nullptr, DocumentFormat(), Section::kHostSpecific, {}, violations);
-  const bool has_key = DocumentCheck(document, modules, host, violations).Run();
-  if (!has_key && violations.empty()) throw ConfigManagerException(kEmptyDocument);
+  const bool hasKey = DocumentCheck(document, modules, host, violations).Run();
+  if (!hasKey && violations.empty()) throw ConfigManagerException(kEmptyDocument);
 }
 
 }  // namespace RyxConfigManager

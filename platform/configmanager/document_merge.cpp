@@ -46,7 +46,7 @@ std::map<KeyAddress, std::string> ReadIdProperties(const Value& schema) {
 class Merger {
  public:
   Merger(const Value& schema, rapidjson::Document& merged)
-      : id_properties_(ReadIdProperties(schema)), allocator_(merged.GetAllocator()) {}
+      : idProperties_(ReadIdProperties(schema)), allocator_(merged.GetAllocator()) {}
 
   void LaySection(Value& target, const Value& section) {
     LayMembers(target, section, [&](Value& component, const Value& over, std::string_view name) {
@@ -58,42 +58,42 @@ class Merger {
  private:
   void LayComponent(Value& target, const Value& over) {
     if (!target.IsObject() || !over.IsObject()) return Replace(target, over);
-    LayMembers(target, over, [&](Value& group, const Value& group_over, std::string_view name) {
+    LayMembers(target, over, [&](Value& group, const Value& groupOver, std::string_view name) {
       address_.group = name;
-      LayGroup(group, group_over);
+      LayGroup(group, groupOver);
     });
   }
 
   void LayGroup(Value& target, const Value& over) {
     if (!target.IsObject() || !over.IsObject()) return Replace(target, over);
-    LayMembers(target, over, [&](Value& key, const Value& key_over, std::string_view name) {
+    LayMembers(target, over, [&](Value& key, const Value& keyOver, std::string_view name) {
       address_.key = name;
-      const auto id_property = id_properties_.find(address_);
-      if (id_property != id_properties_.end() && key.IsArray() && key_over.IsArray())
-        LayInstances(key, key_over, id_property->second);
+      const auto idProperty = idProperties_.find(address_);
+      if (idProperty != idProperties_.end() && key.IsArray() && keyOver.IsArray())
+        LayInstances(key, keyOver, idProperty->second);
       else
-        LayValue(key, key_over);
+        LayValue(key, keyOver);
     });
   }
 
-  void LayInstances(Value& target, const Value& over, const std::string& id_property) {
-    MemberIndex left = IndexInstances(&over, id_property);
+  void LayInstances(Value& target, const Value& over, const std::string& idProperty) {
+    MemberIndex left = IndexInstances(&over, idProperty);
     for (Value& instance : target.GetArray()) {
-      const auto found = left.find(TextOf(FindMember(instance, id_property)));
+      const auto found = left.find(TextOf(FindMember(instance, idProperty)));
       if (found == left.end()) continue;
       LayValue(instance, *found->second);
       left.erase(found);
     }
     for (const Value& instance : over.GetArray()) {
-      if (Find(left, TextOf(FindMember(instance, id_property))) == &instance)
+      if (Find(left, TextOf(FindMember(instance, idProperty))) == &instance)
         target.PushBack(Value(instance, allocator_), allocator_);
     }
   }
 
   void LayValue(Value& target, const Value& over) {
     if (!target.IsObject() || !over.IsObject()) return Replace(target, over);
-    LayMembers(target, over, [&](Value& property, const Value& property_over, std::string_view) {
-      LayValue(property, property_over);
+    LayMembers(target, over, [&](Value& property, const Value& propertyOver, std::string_view) {
+      LayValue(property, propertyOver);
     });
   }
 
@@ -115,7 +115,7 @@ class Merger {
     }
   }
 
-  const std::map<KeyAddress, std::string> id_properties_;
+  const std::map<KeyAddress, std::string> idProperties_;
   rapidjson::Document::AllocatorType& allocator_;
   KeyAddress address_;  // of what is being laid over
 };

@@ -37,20 +37,20 @@ std::optional<boost::uuids::uuid> ProductUuid(const std::string& text) {
   return uuid;
 }
 
-std::optional<boost::uuids::uuid> DerivedUuid(const std::string& machine_id) {
-  const bool valid = machine_id.size() == 32 &&
-                     machine_id.find_first_not_of("0123456789abcdef") == std::string::npos &&
-                     machine_id.find_first_not_of('0') != std::string::npos;
+std::optional<boost::uuids::uuid> DerivedUuid(const std::string& machineId) {
+  const bool valid = machineId.size() == 32 &&
+                     machineId.find_first_not_of("0123456789abcdef") == std::string::npos &&
+                     machineId.find_first_not_of('0') != std::string::npos;
   if (!valid) return std::nullopt;
-  return boost::uuids::name_generator_sha1(kHostNames)(machine_id);
+  return boost::uuids::name_generator_sha1(kHostNames)(machineId);
 }
 
 }  // namespace
 
-std::string HostIdentity(const std::filesystem::path& product_uuid,
-                         const std::filesystem::path& machine_id) {
-  if (const auto uuid = ProductUuid(FirstWord(product_uuid))) return to_string(*uuid);
-  if (const auto uuid = DerivedUuid(FirstWord(machine_id))) return to_string(*uuid);
+std::string HostIdentity(const std::filesystem::path& productUuid,
+                         const std::filesystem::path& machineId) {
+  if (const auto uuid = ProductUuid(FirstWord(productUuid))) return to_string(*uuid);
+  if (const auto uuid = DerivedUuid(FirstWord(machineId))) return to_string(*uuid);
   throw std::runtime_error("The host has neither a product UUID nor a machine id.");
 }
 

@@ -6,12 +6,12 @@
 namespace RyxConfigManager {
 
 /// GetBIOSUUID of a host that has its identities in these files.
-/// @param product_uuid  the firmware's UUID as the kernel gives it; one of all zeros or all ones is
+/// @param productUuid  the firmware's UUID as the kernel gives it; one of all zeros or all ones is
 ///                      a vendor's way to have none
-/// @param machine_id    machine-id(5). It is to be kept from others, so what is derived from it is
+/// @param machineId    machine-id(5). It is to be kept from others, so what is derived from it is
 ///                      a name-based UUID (RFC 9562, version 5) within a name space of this system.
 /// @throws std::runtime_error  neither can be used
-[[nodiscard]] std::string HostIdentity(const std::filesystem::path& product_uuid,
-                                       const std::filesystem::path& machine_id);
+[[nodiscard]] std::string HostIdentity(const std::filesystem::path& productUuid,
+                                       const std::filesystem::path& machineId);
 
 }  // namespace RyxConfigManager

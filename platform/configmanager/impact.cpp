@@ -22,10 +22,10 @@ constexpr std::array kImpactKinds{ImpactKind::kAdd, ImpactKind::kSet, ImpactKind
 /// Each kind of change that a key sees, once.
 void AddKeyImpacts(const KeyPlan& plan, std::vector<ImpactInfo>& impacts) {
   for (std::size_t action = 0; action < kImpactKinds.size(); ++action) {
-    const auto is_of_action = [action](const Change& change) {
+    const auto isOfAction = [action](const Change& change) {
       return static_cast<std::size_t>(change.action) == action;
     };
-    if (std::ranges::none_of(plan.changes, is_of_action)) continue;
+    if (std::ranges::none_of(plan.changes, isOfAction)) continue;
     const auto& [component, group, key] = plan.state->key->address;
     impacts.push_back({kImpactKinds.at(action), component, group, key});
   }
@@ -38,19 +38,19 @@ void Append(std::vector<ErrorInfo>& errors, const PluginAnswer& answer) {
 
 void AssessPlans(Assessment& assessment, const TaskProgress& progress) {
   bool reboot = false;
-  bool maintenance_mode = false;
+  bool maintenanceMode = false;
   ImpactResult& impact = assessment.impact;
   for (std::size_t done = 0; const ModulePlan& plan : assessment.plans) {
     progress.Report(done++, assessment.plans.size());
     for (const KeyPlan& key : plan.keys) AddKeyImpacts(key, impact.impacts);
     const ModuleImpact module = AssessModule(plan, progress.task());
     reboot = reboot || module.needsReboot;
-    maintenance_mode = maintenance_mode || module.needsMaintenanceMode;
+    maintenanceMode = maintenanceMode || module.needsMaintenanceMode;
     impact.errors.insert(impact.errors.end(), module.errors.begin(), module.errors.end());
     if (!module.errors.empty()) assessment.unclear.insert(plan.state->module->component);
   }
   if (reboot) impact.impacts.push_back({ImpactKind::kReboot, {}, {}, {}});
-  if (maintenance_mode) impact.impacts.push_back({ImpactKind::kMaintenanceMode, {}, {}, {}});
+  if (maintenanceMode) impact.impacts.push_back({ImpactKind::kMaintenanceMode, {}, {}, {}});
 }
 
 }  // namespace

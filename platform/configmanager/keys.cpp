@@ -81,8 +81,8 @@ class KeyChange {
     const ModuleState& state = current_.modules().front();
     if (state.failure) Fail(*state.failure);
     Validate(wanted);
-    const auto is_key = [this](const KeyState& key) { return key.key == found_.key; };
-    auto plan = PlanKey(*std::ranges::find_if(state.keys, is_key), wanted);
+    const auto isKey = [this](const KeyState& key) { return key.key == found_.key; };
+    auto plan = PlanKey(*std::ranges::find_if(state.keys, isKey), wanted);
     if (!plan) return;
     ModulePlan module{&state, {}};
     module.keys.push_back(*std::move(plan));
@@ -200,8 +200,8 @@ std::string GetCurrentConfig(const std::string& component, const std::string& gr
   const FoundKey found = FindKey(component, group, key);
   auto entries = Store::FromPath()->Get(found.key->address);
   if (found.key->singleton) {
-    const bool is_set = !entries.empty() && entries.front().instance.empty();
-    return is_set ? std::move(entries.front().value) : std::string();
+    const bool isSet = !entries.empty() && entries.front().instance.empty();
+    return isSet ? std::move(entries.front().value) : std::string();
   }
   const StoredConfiguration stored(std::move(entries));
   const auto values = stored.Find(*found.key);

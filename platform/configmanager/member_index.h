@@ -26,11 +26,11 @@ using MemberIndex = std::map<std::string_view, const rapidjson::Value*>;
 /// The instances in a list by their ids, each id's first. Empty for nullptr and for anything but a
 /// list.
 [[nodiscard]] inline MemberIndex IndexInstances(const rapidjson::Value* list,
-                                                std::string_view id_property) {
+                                                std::string_view idProperty) {
   MemberIndex index;
   if (list == nullptr || !list->IsArray()) return index;
   for (const auto& instance : list->GetArray()) {
-    const rapidjson::Value* id = JsonDocument::FindMember(instance, id_property);
+    const rapidjson::Value* id = JsonDocument::FindMember(instance, idProperty);
     if (id != nullptr && id->IsString()) index.emplace(JsonDocument::TextOf(id), &instance);
   }
   return index;

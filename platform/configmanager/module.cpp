@@ -98,13 +98,13 @@ void AddModule(const std::filesystem::path& folder, Modules& modules) {
 
 /// Whether a reference leads to a key with instances of one of these modules, or of its own.
 bool IsMet(const Reference& reference, const Module& own, const Modules& others) {
-  const auto has_target = [&](const Module& module) {
+  const auto hasTarget = [&](const Module& module) {
     if (module.component != reference.target.component) return false;
     const auto key = module.keys.find({reference.target.group, reference.target.key});
     return key != module.keys.end() && !key->second.singleton;
   };
-  return has_target(own) || std::any_of(others.begin(), others.end(),
-                                        [&](const auto& module) { return has_target(*module); });
+  return hasTarget(own) || std::any_of(others.begin(), others.end(),
+                                       [&](const auto& module) { return hasTarget(*module); });
 }
 
 const Reference* FindUnmet(const Module& module, const Modules& placed) {

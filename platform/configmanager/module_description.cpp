@@ -71,11 +71,11 @@ KeyAddress ReadAddress(std::string_view text) {
 }
 
 /// Requires a property that holds a string, or a list of them where that is allowed.
-void RequireTextProperty(const Schema& schema, const std::string& name, bool list_allowed,
+void RequireTextProperty(const Schema& schema, const std::string& name, bool listAllowed,
                          const std::string& key) {
   const auto found = schema.properties.find(name);
   const Schema* property = found == schema.properties.end() ? nullptr : found->second.get();
-  if (list_allowed && property != nullptr && property->type == "array")
+  if (listAllowed && property != nullptr && property->type == "array")
     property = property->items.get();
   if (property == nullptr || property->type != "string")
     throw DescriptionError(kNotOfItsForm,
@@ -141,11 +141,11 @@ KeyDefinition ReadKey(const Value& description, KeyAddress address) {
 
 void ReadKeys(const Value& groups, Module& module) {
   for (const auto& [group_name, group] : Members(groups)) {
-    const std::string group_text = ReadName(group_name);
+    const std::string groupText = ReadName(group_name);
     for (const auto& [name, description] : Members(*FindMember(group, "keys"))) {
       const std::string text = ReadName(name);
-      module.keys.emplace(std::pair(group_text, text),
-                          ReadKey(description, {module.component, group_text, text}));
+      module.keys.emplace(std::pair(groupText, text),
+                          ReadKey(description, {module.component, groupText, text}));
     }
   }
 }

@@ -55,8 +55,8 @@ void PlanAskedFor(KeyPlan& plan, const std::string& instance, const Setting& s) 
 }
 
 void PlanDefault(KeyPlan& plan, const std::string& instance, const Setting& s) {
-  const bool is_default = IsInForce({s.effective, s.target, s.defaultValue, s.stored});
-  if (s.stored == nullptr && is_default) return;
+  const bool isDefault = IsInForce({s.effective, s.target, s.defaultValue, s.stored});
+  if (s.stored == nullptr && isDefault) return;
   auto action = s.effective == nullptr ? ChangeAction::kAdd : ChangeAction::kSet;
   if (s.stored != nullptr || s.target == nullptr) action = ChangeAction::kDelete;
   plan.changes.push_back({plan.state->key, action, instance, s.effective, s.target});

@@ -83,16 +83,16 @@ bool IsInForce(const SettingComparison& setting) {
   const MemberIndex target = IndexMembers(setting.target);
   const MemberIndex defaults = IndexMembers(setting.defaultValue);
   const MemberIndex stored = IndexMembers(setting.stored);
-  const auto as_wanted = [&](const auto& property) {
+  const auto asWanted = [&](const auto& property) {
     const Value* value = Find(effective, property.first);
     return AreEqual(value != nullptr ? value : Find(defaults, property.first), property.second);
   };
-  const auto as_left_open = [&](const auto& property) {
+  const auto asLeftOpen = [&](const auto& property) {
     if (target.contains(property.first)) return true;
     const Value* value = Find(defaults, property.first);
     return value != nullptr ? AreEqual(value, property.second) : !stored.contains(property.first);
   };
-  return std::ranges::all_of(target, as_wanted) && std::ranges::all_of(effective, as_left_open);
+  return std::ranges::all_of(target, asWanted) && std::ranges::all_of(effective, asLeftOpen);
 }
 
 bool AreEqual(const Value* a, const Value* b) {

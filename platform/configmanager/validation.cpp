@@ -57,7 +57,7 @@ void AskValidators(const Document& document, ValidationResult& result,
 }  // namespace
 
 void Validate(const Document& document, const Document& schema, ValidationResult& result,
-              bool schema_only, const TaskInput* task) {
+              bool schemaOnly, const TaskInput* task) {
   const TaskProgress progress(task);
   Violations violations;
   CheckDocument(document, ReadKeys(schema), GetBIOSUUID(), violations);
@@ -67,7 +67,7 @@ void Validate(const Document& document, const Document& schema, ValidationResult
               violations.uncollected());
   result.errors = violations.Take();
   progress.Report(1, 10);
-  if (!schema_only && result.errors.empty())
+  if (!schemaOnly && result.errors.empty())
     AskValidators(document, result, progress.Share(10, 100));
   progress.Report(1, 1);
 }

@@ -16,13 +16,13 @@ using testing::ElementsAreArray;
 class ValidationTest : public testing::Test {
  protected:
   /// @return what was reported: "PATH ID ARGUMENT..." of violations, "! ID ARGUMENT" of failures
-  static std::vector<std::string> Run(const std::string& profile, bool schema_only = false,
+  static std::vector<std::string> Run(const std::string& profile, bool schemaOnly = false,
                                       const TaskInput* task = nullptr) {
     Document document = ConfigStoreDocument::CreateDocument(R"({"profile":)" + profile + "}");
     const Document schema = GenerateHostDocumentSchema(document);
     CreateMergedDocument(schema, document);
     ValidationResult result;
-    Validate(document, schema, result, schema_only, task);
+    Validate(document, schema, result, schemaOnly, task);
     EXPECT_EQ(result.pluginFailure.empty(), result.pluginErrors.empty());
     std::vector<std::string> lines;
     const auto add = [&](const std::string& place, const ErrorInfo& error) {
@@ -51,7 +51,7 @@ TEST_F(ValidationTest, ModulesJudgeWhatTheSchemaTakes) {
   const struct {
     const char* behaviour;  // of the module "time"
     std::string profile;
-    bool schema_only;
+    bool schemaOnly;
     std::vector<std::string> expected;
   } cases[] = {
       {"", kTwo, false, {}},
@@ -75,9 +75,9 @@ TEST_F(ValidationTest, ModulesJudgeWhatTheSchemaTakes) {
        {"/profile/time/ntp/servers/server " + prefix + "type.check.failure array"}},
   };
   modules_.SetState("time", R"({"ntp/servers":{"server":["b"]}})");
-  for (const auto& [behaviour, profile, schema_only, expected] : cases) {
+  for (const auto& [behaviour, profile, schemaOnly, expected] : cases) {
     modules_.SetBehaviour("time", behaviour);
-    EXPECT_THAT(Run(profile, schema_only), ElementsAreArray(expected)) << behaviour << profile;
+    EXPECT_THAT(Run(profile, schemaOnly), ElementsAreArray(expected)) << behaviour << profile;
   }
 }
 

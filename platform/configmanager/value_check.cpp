@@ -28,12 +28,12 @@ std::uint64_t CountCharacters(std::string_view text) {
       std::count_if(text.begin(), text.end(), [](char c) { return (c & 0xc0) != 0x80; }));
 }
 
-void CheckSize(std::uint64_t size, const Schema& schema, std::string_view too_small,
-               std::string_view too_large, const DocumentPath& path, Violations& violations) {
+void CheckSize(std::uint64_t size, const Schema& schema, std::string_view tooSmall,
+               std::string_view tooLarge, const DocumentPath& path, Violations& violations) {
   if (schema.minSize && size < *schema.minSize)
-    violations.Add(path, too_small, {std::to_string(*schema.minSize)});
+    violations.Add(path, tooSmall, {std::to_string(*schema.minSize)});
   if (schema.maxSize && size > *schema.maxSize)
-    violations.Add(path, too_large, {std::to_string(*schema.maxSize)});
+    violations.Add(path, tooLarge, {std::to_string(*schema.maxSize)});
 }
 
 void CheckNumber(const Value& value, const Schema& schema, const DocumentPath& path,

@@ -74,14 +74,13 @@ TEST_F(StoreTest, ATransactionThatFailsHasChangedNothing) {
 }
 
 TEST_F(StoreTest, ADamagedStoreIsSetAsideAndAnotherBegun) {
-  const auto damage_header = [this] { std::ofstream(path_) << "This is not a database."; };
-  const auto damage_page = [this] {
+  const auto damageHeader = [this] { std::ofstream(path_) << "This is not a database."; };
+  const auto damagePage = [this] {
     std::fstream file(path_, std::ios::in | std::ios::out | std::ios::binary);
     file.seekp(4096 + 20);
     file << std::string(3000, '\x5a');
   };
-  for (const std::function<void()>& damage :
-       {std::function<void()>(damage_header), {damage_page}}) {
+  for (const std::function<void()>& damage : {std::function<void()>(damageHeader), {damagePage}}) {
     fs::remove_all(folder_);
     for (int i = 0; i < 200; ++i)
       Set(kPeers, std::to_string(i), "{\"text\":\"" + std::string(100, 'x') + "\"}");
@@ -94,10 +93,10 @@ TEST_F(StoreTest, ADamagedStoreIsSetAsideAndAnotherBegun) {
     EXPECT_THAT(store().GetAll(), IsEmpty());
     Set(kServers, "", "{}");
     EXPECT_THAT(store().GetAll(), SizeIs(1));
-    int set_aside = 0;
+    int setAside = 0;
     for (const auto& file : fs::directory_iterator(fs::path(path_).parent_path()))
-      set_aside += file.path().filename().string().starts_with("store.db.damaged-2") ? 1 : 0;
-    EXPECT_GE(set_aside, 1);
+      setAside += file.path().filename().string().starts_with("store.db.damaged-2") ? 1 : 0;
+    EXPECT_GE(setAside, 1);
   }
 }
 

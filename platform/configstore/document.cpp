@@ -21,9 +21,9 @@ Document CreateDocument(const std::string& text) {
   const auto result = JsonDocument::ParseInPlace(*document.text_, document.root_, kMaxDepth,
                                                  JsonDocument::Strings::kUtf8);
   if (result.IsError()) {
-    const bool too_deep = result.Code() == rapidjson::kParseErrorTermination;
+    const bool tooDeep = result.Code() == rapidjson::kParseErrorTermination;
     Log_Level(LogLevel::kError, "[ConfigStoreDocument]: %s (at byte %zu)\n",
-              too_deep ? "Nested too deep." : rapidjson::GetParseError_En(result.Code()),
+              tooDeep ? "Nested too deep." : rapidjson::GetParseError_En(result.Code()),
               result.Offset());
     throw RyxConfigStore::ConfigStoreException(1080);
   }

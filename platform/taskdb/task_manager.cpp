@@ -133,13 +133,13 @@ void TaskManager::Recreate() {
   Create();
 }
 
-void TaskManager::Add(const std::string& id, const RecordMaker& make, OnDuplicate on_duplicate) {
+void TaskManager::Add(const std::string& id, const RecordMaker& make, OnDuplicate onDuplicate) {
   rapidjson::Document::AllocatorType allocator;
   const std::string record = PrintRecord(make(allocator));
   RunTransaction([&](SQLite::Database& database) {
     SQLite::Statement present(database, "SELECT 1 FROM tasks WHERE id = ?");
     present.bind(1, id);
-    if (on_duplicate == OnDuplicate::kRefuse && present.executeStep()) RefuseDuplicate(id);
+    if (onDuplicate == OnDuplicate::kRefuse && present.executeStep()) RefuseDuplicate(id);
     Store(database, id, record);
   });
 }

@@ -57,7 +57,7 @@ class TaskManager {
   /// Removes the database with everything in it and creates it anew.
   void Recreate();
 
-  void Add(const std::string& id, const RecordMaker& make, OnDuplicate on_duplicate);
+  void Add(const std::string& id, const RecordMaker& make, OnDuplicate onDuplicate);
   void Change(const std::string& id, const RecordEdit& edit);
   void ChangeAll(const RecordSweep& sweep);
   /// Visits all records in the order in which they were added.

@@ -50,22 +50,22 @@ TEST(ReadRecord, ReadsAnyKindOfNumberAsProgress) {
 }
 
 TEST(ReadRecord, SaysWhatItCannotUseAndKeepsTheRest) {
-  const std::string no_status = "2 Task has no status";
-  const std::string no_message = "2 Notification does not contain a message structure.";
-  const std::string no_member = "2 Notification message does not have id or args.";
-  const std::string bad_member = "2 Message id and args are of invalid types.";
+  const std::string noStatus = "2 Task has no status";
+  const std::string noMessage = "2 Notification does not contain a message structure.";
+  const std::string noMember = "2 Notification message does not have id or args.";
+  const std::string badMember = "2 Message id and args are of invalid types.";
   const std::pair<std::string, std::string> cases[] = {
-      {"{}", no_status},
-      {R"({"status":7})", no_status},
-      {"[]", no_status},
+      {"{}", noStatus},
+      {R"({"status":7})", noStatus},
+      {"[]", noStatus},
       {R"({"status":"X","result":{"a":1}})", "2 Result field is not a string"},
-      {R"({"status":"X","error":{}})", no_message},
-      {R"({"status":"X","error":"text"})", no_message},
-      {R"({"status":"X","error":{"message":[]}})", no_message},
-      {R"({"status":"X","error":{"message":{"id":"a"}}})", no_member},
-      {R"({"status":"X","error":{"message":{"args":[]}}})", no_member},
-      {R"({"status":"X","error":{"message":{"id":1,"args":[]}}})", bad_member},
-      {R"({"status":"X","error":{"message":{"id":"a","args":{}}}})", bad_member},
+      {R"({"status":"X","error":{}})", noMessage},
+      {R"({"status":"X","error":"text"})", noMessage},
+      {R"({"status":"X","error":{"message":[]}})", noMessage},
+      {R"({"status":"X","error":{"message":{"id":"a"}}})", noMember},
+      {R"({"status":"X","error":{"message":{"args":[]}}})", noMember},
+      {R"({"status":"X","error":{"message":{"id":1,"args":[]}}})", badMember},
+      {R"({"status":"X","error":{"message":{"id":"a","args":{}}}})", badMember},
   };
   CapturedLog log;
   for (const auto& [json, line] : cases) {

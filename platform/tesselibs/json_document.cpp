@@ -18,8 +18,8 @@ class StrictHandler {
  public:
   using Ch = char;
 
-  StrictHandler(rapidjson::Document& document, unsigned max_depth, Strings strings)
-      : document_(document), max_depth_(max_depth), strings_(strings) {}
+  StrictHandler(rapidjson::Document& document, unsigned maxDepth, Strings strings)
+      : document_(document), maxDepth_(maxDepth), strings_(strings) {}
 
   bool Null() { return document_.Null(); }
   bool Bool(bool b) { return document_.Bool(b); }
@@ -48,7 +48,7 @@ class StrictHandler {
   [[nodiscard]] rapidjson::ParseErrorCode objection() const { return objection_; }
 
  private:
-  bool Enter() { return ++depth_ <= max_depth_; }
+  bool Enter() { return ++depth_ <= maxDepth_; }
   bool Leave() { return depth_-- > 0; }
   bool Check(bool condition, rapidjson::ParseErrorCode objection) {
     if (!condition) objection_ = objection;
@@ -60,7 +60,7 @@ class StrictHandler {
   }
 
   rapidjson::Document& document_;
-  const unsigned max_depth_;
+  const unsigned maxDepth_;
   const Strings strings_;
   unsigned depth_ = 0;
   rapidjson::ParseErrorCode objection_ = rapidjson::kParseErrorTermination;
@@ -69,12 +69,12 @@ class StrictHandler {
 }  // namespace
 
 rapidjson::ParseResult ParseInPlace(std::string& text, rapidjson::Document& document,
-                                    unsigned max_depth, Strings strings) {
+                                    unsigned maxDepth, Strings strings) {
   rapidjson::ParseResult result;
   const auto generate = [&](rapidjson::Document& target) {
     rapidjson::InsituStringStream stream(text.data());
     rapidjson::Reader reader;
-    StrictHandler handler(target, max_depth, strings);
+    StrictHandler handler(target, maxDepth, strings);
     result = reader.Parse<rapidjson::kParseInsituFlag>(stream, handler);
     if (result.Code() == rapidjson::kParseErrorTermination)
       result.Set(handler.objection(), result.Offset());
@@ -86,10 +86,10 @@ rapidjson::ParseResult ParseInPlace(std::string& text, rapidjson::Document& docu
   return result;
 }
 
-rapidjson::StringBuffer Print(const rapidjson::Value& value, std::size_t expected_size) {
+rapidjson::StringBuffer Print(const rapidjson::Value& value, std::size_t expectedSize) {
   // Before each string the writer asks for room for the worst that escaping can make of it. With
   // half as much again the text does not move, and memory that is not touched costs nothing.
-  rapidjson::StringBuffer text(nullptr, expected_size + expected_size / 2);
+  rapidjson::StringBuffer text(nullptr, expectedSize + expectedSize / 2);
   rapidjson::Writer<rapidjson::StringBuffer> writer(text);
   value.Accept(writer);
   return text;

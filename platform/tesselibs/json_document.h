@@ -27,19 +27,19 @@ enum class Strings { kAnyBytes, kUtf8 };
 
 /// Parses a document in place, strictly as RFC 8259 has it. Members of one name are all kept.
 /// @param text  must outlive the document, which refers to it; its content is destroyed
-/// @param max_depth  containers within containers, the outermost counted as one
+/// @param maxDepth  containers within containers, the outermost counted as one
 /// @return the first error: the parser's own, kParseErrorTermination for nesting too deep,
 /// kParseErrorStringInvalidEncoding
 ///         for a string that is not UTF-8, or
 ///         kParseErrorDocumentRootNotSingular for a NUL byte with anything behind it
 [[nodiscard]] rapidjson::ParseResult ParseInPlace(std::string& text, rapidjson::Document& document,
-                                                  unsigned max_depth = kMaxDocumentDepth,
+                                                  unsigned maxDepth = kMaxDocumentDepth,
                                                   Strings strings = Strings::kAnyBytes);
 
 /// @return the value as compact JSON
-/// @param expected_size  of the text, in bytes
+/// @param expectedSize  of the text, in bytes
 [[nodiscard]] rapidjson::StringBuffer Print(const rapidjson::Value& value,
-                                            std::size_t expected_size);
+                                            std::size_t expectedSize);
 
 /// @return the member of that name, or nullptr when `value` is no object or has none
 [[nodiscard]] const rapidjson::Value* FindMember(const rapidjson::Value& value,

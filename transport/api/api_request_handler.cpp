@@ -65,7 +65,7 @@ class ApiExchange : public std::enable_shared_from_this<ApiExchange> {
   void AnswerInvalidRequest(const ProtocolError& error);
   void Localize(Data::ErrorValue& error) const;
   [[nodiscard]] Body Serialize(Core::MethodResult result);
-  void Send(std::string error_id, Body body, const LogTexts& texts);
+  void Send(std::string errorId, Body body, const LogTexts& texts);
   void Sent(const LogTexts& texts, const boost::system::error_code& ec) const;
 
   const SpecPtr handler_;
@@ -73,8 +73,8 @@ class ApiExchange : public std::enable_shared_from_this<ApiExchange> {
   ResponseSink sink_;
   Protocol::Json::RequestId id_;
   std::string language_;
-  bool called_ = false;         ///< the provider owes the result
-  std::string not_serialized_;  ///< why the result could not be
+  bool called_ = false;        ///< the provider owes the result
+  std::string notSerialized_;  ///< why the result could not be
 };
 
 /// An answer that is written while it is sent. What is wrong with it after its beginning can only
@@ -178,7 +178,7 @@ void ApiExchange::AnswerOrTellWhyNot(Core::MethodResult result) {
   try {
     Answer(std::move(result), kResult);
   } catch (const Protocol::Json::JsonSerializationError& error) {
-    not_serialized_ = error.what();
+    notSerialized_ = error.what();
     Answer({}, kNotSerialized);
   }
 }
@@ -188,12 +188,12 @@ void ApiExchange::Answer(Core::MethodResult result, const LogTexts& texts) {
     constexpr auto kInternal = Com::Tessel::Orbi::Std::Errors::InternalServerError;
     result.error = *Data::ErrorValue::Create(std::string(kInternal.id()));
   }
-  std::string error_id;
+  std::string errorId;
   if (result.error) {
     Localize(*result.error);
-    error_id = result.error->id;
+    errorId = result.error->id;
   }
-  Send(std::move(error_id), Serialize(std::move(result)), texts);
+  Send(std::move(errorId), Serialize(std::move(result)), texts);
 }
 
 void ApiExchange::AnswerInvalidRequest(const ProtocolError& error) {
@@ -213,7 +213,7 @@ ApiExchange::Body ApiExchange::Serialize(Core::MethodResult result) {
                                         spec_.serializer->Start(id_, std::move(result)));
 }
 
-void ApiExchange::Send(std::string error_id, Body body, const LogTexts& texts) {
+void ApiExchange::Send(std::string errorId, Body body, const LogTexts& texts) {
   Response response{.headers = {{":status", "200"},
                                 {":reason", "OK"},
                                 {"Content-Type", std::string(NameOf(spec_.responseFormat))},
@@ -221,7 +221,7 @@ void ApiExchange::Send(std::string error_id, Body body, const LogTexts& texts) {
                     .body = std::move(body),
                     .sent = [self = shared_from_this(), &texts](
                                 const boost::system::error_code& ec) { self->Sent(texts, ec); }};
-  if (!error_id.empty()) response.headers.push_back({"orbi-error", std::move(error_id)});
+  if (!errorId.empty()) response.headers.push_back({"orbi-error", std::move(errorId)});
   sink_(std::move(response));
 }
 
@@ -229,7 +229,7 @@ void ApiExchange::Sent(const LogTexts& texts, const boost::system::error_code& e
   if (ec) {
     LogLine(Log::kDebug, texts.failed, ec.message());
   } else {
-    LogLine(texts.level, texts.sent, not_serialized_);
+    LogLine(texts.level, texts.sent, notSerialized_);
   }
 }
 

@@ -83,7 +83,7 @@ TEST(ApiRequestHandler, AnswersInTheFormatThatIsAskedFor) {
   const std::string clean = orbi + "cleanjson", stream = orbi + "stream.json",
                     clean_stream = orbi + "clean.stream.json";
   const struct {
-    std::string content_type, accept;
+    std::string contentType, accept;
     std::string answer;  ///< the type of the answer, empty for a refusal
   } cases[] = {
       {json + "; charset=utf-8", "", json},
@@ -101,9 +101,9 @@ TEST(ApiRequestHandler, AnswersInTheFormatThatIsAskedFor) {
   ApiServer server(Answering(Data::Secret{"x"}));
   for (const auto& c : cases) {
     const std::string answer =
-        server.Exchange("Content-Type: " + c.content_type + "\r\nAccept: " + c.accept + "\r\n");
+        server.Exchange("Content-Type: " + c.contentType + "\r\nAccept: " + c.accept + "\r\n");
     if (c.answer.empty()) {
-      EXPECT_THAT(answer, StartsWith("HTTP/1.1 400 Bad Request\r\n")) << c.content_type;
+      EXPECT_THAT(answer, StartsWith("HTTP/1.1 400 Bad Request\r\n")) << c.contentType;
       continue;
     }
     EXPECT_THAT(

@@ -26,10 +26,10 @@ const Row& RowOf(MediaType type) { return *std::ranges::find(kRows, type, &Row::
 
 }  // namespace
 
-unsigned FindMediaTypes(std::string_view header_value) {
+unsigned FindMediaTypes(std::string_view headerValue) {
   unsigned types = 0;
   for (const Row& row : kRows) {
-    if (header_value.find(row.name) != std::string_view::npos) types |= row.type;
+    if (headerValue.find(row.name) != std::string_view::npos) types |= row.type;
   }
   return types;
 }

@@ -18,7 +18,7 @@ enum MediaType : unsigned {
 
 /// The types that occur anywhere in a header value: a list of types sets all of their bits, and
 /// parameters do not matter.
-[[nodiscard]] unsigned FindMediaTypes(std::string_view header_value);
+[[nodiscard]] unsigned FindMediaTypes(std::string_view headerValue);
 
 [[nodiscard]] std::string_view NameOf(MediaType type);
 

@@ -13,8 +13,8 @@ RequireUserAuthz::RequireUserAuthz(Core::AsyncApiProviderPtr next, std::set<std:
 void RequireUserAuthz::Invoke(const Core::MethodIdentifier& method, Data::Value input,
                               Core::ExecutionContextPtr context,
                               Core::MethodCompletion completion) {
-  const bool known_user = context && context->authentication;
-  if (!known_user && interfaces_.contains(method.service)) {
+  const bool knownUser = context && context->authentication;
+  if (!knownUser && interfaces_.contains(method.service)) {
     completion(Core::MethodResult::Error(Com::Tessel::Orbi::Std::Errors::Unauthorized(
         {L10n::FrameworkMessage("com.tessel.orbi.std.unauthorized")})));
     return;

@@ -45,20 +45,20 @@ void AdaptErrors::Add(std::string_view id, std::vector<std::string> args) {
 
 std::string AdaptErrors::Path(std::string_view field) const {
   std::string text;
-  const auto add_name = [&text](std::string_view name) {
+  const auto addName = [&text](std::string_view name) {
     if (!text.empty()) text += '.';
     text += name;
   };
   for (const Step& step : path_) {
     if (step.kind == Step::kField) {
-      add_name(step.name);
+      addName(step.name);
     } else if (step.kind == Step::kIndex) {
       text += '[' + std::to_string(step.index) + ']';
     } else {
       text.append("[\"").append(step.name).append("\"]");
     }
   }
-  if (!field.empty()) add_name(field);
+  if (!field.empty()) addName(field);
   return text.empty() ? "value" : text;
 }
 

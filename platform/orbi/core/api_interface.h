@@ -18,7 +18,7 @@ struct FieldDefinition {
 struct OperationDefinition {
   std::string name;
   std::vector<FieldDefinition> input;
-  bool any_input = false;  ///< the input is taken as it is
+  bool anyInput = false;  ///< the input is taken as it is
   std::string output;
   std::vector<std::string> errors;
 };

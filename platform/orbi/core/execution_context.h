@@ -13,14 +13,14 @@ namespace Orbi::Core {
 /// How texts for the client are worded.
 struct LocalizationContext {
   std::string language = "en_US";
-  std::string format_locale = "C";
-  std::string time_zone = "Etc/UTC";
+  std::string formatLocale = "C";
+  std::string timeZone = "Etc/UTC";
 };
 
 /// The credentials of a call, as the client sent them.
 struct SecurityContext {
-  std::optional<std::string> scheme_id;
-  std::string user_name;
+  std::optional<std::string> schemeId;
+  std::string userName;
   std::string password;
 
   SecurityContext() = default;
@@ -35,7 +35,7 @@ struct SecurityContext {
 /// The outcome of a successful authentication.
 struct AuthenticationResult {
   std::string type;  ///< for example "UserPassAuthentication"
-  std::string user_name;
+  std::string userName;
   LocalizationContext localization;  ///< the user's own, for what the client leaves open
 };
 

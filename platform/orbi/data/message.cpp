@@ -45,28 +45,28 @@ std::optional<LocalizableMessage> LocalizableMessage::FromValue(const Value& val
   return message;
 }
 
-std::string FillPlaceholders(const std::string& text_template,
+std::string FillPlaceholders(const std::string& textTemplate,
                              const std::vector<std::string>& args) {
   std::string text;
-  for (std::size_t i = 0; i < text_template.size(); ++i) {
-    const bool placeholder = text_template[i] == '{' && i + 2 < text_template.size() &&
-                             text_template[i + 1] >= '1' && text_template[i + 1] <= '9' &&
-                             text_template[i + 2] == '}';
+  for (std::size_t i = 0; i < textTemplate.size(); ++i) {
+    const bool placeholder = textTemplate[i] == '{' && i + 2 < textTemplate.size() &&
+                             textTemplate[i + 1] >= '1' && textTemplate[i + 1] <= '9' &&
+                             textTemplate[i + 2] == '}';
     const std::size_t number =
-        placeholder ? static_cast<std::size_t>(text_template[i + 1] - '1') : args.size();
+        placeholder ? static_cast<std::size_t>(textTemplate[i + 1] - '1') : args.size();
     if (number < args.size()) {
       text += args[number];
       i += 2;
     } else {
-      text += text_template[i];
+      text += textTemplate[i];
     }
   }
   return text;
 }
 
-LocalizableMessage MakeMessage(std::string id, const std::string& text_template,
+LocalizableMessage MakeMessage(std::string id, const std::string& textTemplate,
                                std::vector<std::string> args) {
-  std::string text = FillPlaceholders(text_template, args);
+  std::string text = FillPlaceholders(textTemplate, args);
   return {std::move(id), std::move(text), std::move(args), std::nullopt};
 }
 

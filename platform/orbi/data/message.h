@@ -26,11 +26,11 @@ struct LocalizableMessage {
 /// Builds a message from a template whose placeholders "{1}" to "{9}" stand for the arguments.
 /// Filled in one pass: an argument that contains "{2}" is text. A placeholder without an argument
 /// stays as it is.
-[[nodiscard]] LocalizableMessage MakeMessage(std::string id, const std::string& text_template,
+[[nodiscard]] LocalizableMessage MakeMessage(std::string id, const std::string& textTemplate,
                                              std::vector<std::string> args = {});
 
 /// The substitution of MakeMessage on its own.
-[[nodiscard]] std::string FillPlaceholders(const std::string& text_template,
+[[nodiscard]] std::string FillPlaceholders(const std::string& textTemplate,
                                            const std::vector<std::string>& args);
 
 }  // namespace Orbi::Data

@@ -41,7 +41,7 @@ std::vector<Case> Cases() {
   List map{{MapEntry("x", Value(1)), MapEntry("y", Value())}};
   Structure numbered{"", {}};
   numbered.Add("key", Value(1)).Add("value", "one");
-  List empty_map{{}, true};
+  List emptyMap{{}, true};
 
   return {
       {Value(), "null", "null"},
@@ -66,7 +66,7 @@ std::vector<Case> Cases() {
        R"({"x":1,"y":null})"},
       {ListOf({MapEntry(Value(1), "one")}),
        R"([{"STRUCTURE":{"map-entry":{"key":1,"value":"one"}}}])", R"([{"key":1,"value":"one"}])"},
-      {empty_map, "[]", "{}"},
+      {emptyMap, "[]", "{}"},
   };
 }
 

@@ -45,7 +45,7 @@ bool HoldsSurrogate(std::string_view text) {
 /// Hands RapidJSON's events on, and bounds the nesting before its parser recurses.
 class Handler {
  public:
-  Handler(Events& events, std::size_t max_nesting) : events_(events), max_nesting_(max_nesting) {}
+  Handler(Events& events, std::size_t maxNesting) : events_(events), maxNesting_(maxNesting) {}
 
   bool Null() { return events_.OnScalar(Json::Null{}); }
   bool Bool(bool value) { return events_.OnScalar(value); }
@@ -82,8 +82,8 @@ class Handler {
     return false;
   }
   bool Deeper() {
-    if (++nesting_ <= max_nesting_) return true;
-    objection_ = "Nesting deeper than " + std::to_string(max_nesting_) + " levels.";
+    if (++nesting_ <= maxNesting_) return true;
+    objection_ = "Nesting deeper than " + std::to_string(maxNesting_) + " levels.";
     return false;
   }
   bool Ended() {
@@ -92,37 +92,37 @@ class Handler {
   }
 
   Events& events_;
-  const std::size_t max_nesting_;
+  const std::size_t maxNesting_;
   std::size_t nesting_ = 0;
   std::string objection_;
 };
 
 }  // namespace
 
-std::optional<ParseFailure> ParseInPlace(std::string& text, std::size_t max_nesting,
+std::optional<ParseFailure> ParseInPlace(std::string& text, std::size_t maxNesting,
                                          Events& events) {
   // The parser's own validation reads on behind the end of a text that is cut off within a
   // character, so the encoding is checked first, and the parser stops at the fault.
   constexpr unsigned kFlags = rapidjson::kParseInsituFlag | rapidjson::kParseNumbersAsStringsFlag;
-  const std::size_t not_utf8 = Utf8::FindInvalid(text);
-  if (not_utf8 != std::string::npos) text[not_utf8] = '\0';
+  const std::size_t notUtf8 = Utf8::FindInvalid(text);
+  if (notUtf8 != std::string::npos) text[notUtf8] = '\0';
   // The stream ends at the first zero byte, of which a JSON text has none.
   const std::size_t zero = text.find('\0');
 
-  Handler handler(events, max_nesting);
+  Handler handler(events, maxNesting);
   rapidjson::InsituStringStream stream(text.data());
   rapidjson::Reader reader;
   const rapidjson::ParseResult result = reader.Parse<kFlags>(stream, handler);
-  if (not_utf8 != std::string::npos) {
+  if (notUtf8 != std::string::npos) {
     return ParseFailure{rapidjson::GetParseError_En(rapidjson::kParseErrorStringInvalidEncoding),
-                        not_utf8};
+                        notUtf8};
   }
   if (!result.IsError()) {
     if (zero == std::string::npos) return std::nullopt;
     return ParseFailure{"A zero byte in the text.", zero};
   }
-  const bool by_handler = result.Code() == rapidjson::kParseErrorTermination;
-  if (!by_handler) return ParseFailure{rapidjson::GetParseError_En(result.Code()), result.Offset()};
+  const bool byHandler = result.Code() == rapidjson::kParseErrorTermination;
+  if (!byHandler) return ParseFailure{rapidjson::GetParseError_En(result.Code()), result.Offset()};
   return ParseFailure{handler.objection(), result.Offset(), handler.objection().empty()};
 }
 

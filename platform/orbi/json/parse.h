@@ -49,8 +49,8 @@ inline constexpr std::size_t kMaxNesting = 100;
 /// surrogates, integers told from doubles by their spelling.
 /// @param text  parsed in place: strings are unescaped where they stand, so that no second copy of
 ///              a secret comes into being; its content is unspecified afterwards
-/// @param max_nesting  a deeper text is refused at the first bracket too many
-[[nodiscard]] std::optional<ParseFailure> ParseInPlace(std::string& text, std::size_t max_nesting,
+/// @param maxNesting  a deeper text is refused at the first bracket too many
+[[nodiscard]] std::optional<ParseFailure> ParseInPlace(std::string& text, std::size_t maxNesting,
                                                        Events& events);
 
 /// Whether a name occurs twice. Takes O(n log n) time whatever the names are.

@@ -179,10 +179,10 @@ bool ValueBuilder::Refuse(std::string objection) {
 
 namespace {
 
-std::optional<Value> Read(Form form, std::size_t max_nesting, std::string text,
+std::optional<Value> Read(Form form, std::size_t maxNesting, std::string text,
                           Data::ErrorValue& error) {
   ValueBuilder builder(form);
-  const auto failure = ParseInPlace(text, max_nesting, builder);
+  const auto failure = ParseInPlace(text, maxNesting, builder);
   if (!failure) return builder.Take();
   error = Com::Tessel::Orbi::Std::Errors::InvalidArgument({L10n::FrameworkMessage(
       "orbi.data.json.invalid",

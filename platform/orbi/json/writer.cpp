@@ -125,11 +125,11 @@ JsonWriter::JsonWriter(const Value& value, Form form, Secrets secrets)
     : form_(form), secrets_(secrets), root_(&value) {}
 
 bool JsonWriter::Write(std::string& out, std::size_t limit) {
-  while (root_ || in_text_ || !frames_.empty()) {
+  while (root_ || inText_ || !frames_.empty()) {
     if (limit < kLeastRoom || out.size() > limit - kLeastRoom) return true;
     if (root_) {
       Begin(*std::exchange(root_, nullptr), out);
-    } else if (in_text_) {
+    } else if (inText_) {
       ContinueText(out, limit);
     } else {
       Step(out);
@@ -140,7 +140,7 @@ bool JsonWriter::Write(std::string& out, std::size_t limit) {
 
 void JsonWriter::Step(std::string& out) {
   Frame& frame = frames_.back();
-  while (!plain() && !frame.name_done && !frame.fields.empty() && IsUnset(frame.fields[0].value)) {
+  while (!plain() && !frame.nameDone && !frame.fields.empty() && IsUnset(frame.fields[0].value)) {
     frame.fields = frame.fields.subspan(1);
   }
   if (frame.items.empty() && frame.fields.empty()) {
@@ -150,17 +150,17 @@ void JsonWriter::Step(std::string& out) {
   }
 
   const bool named = frame.entries || !frame.fields.empty();
-  if (!frame.name_done) {
+  if (!frame.nameDone) {
     if (!std::exchange(frame.first, false)) out += ',';
     if (named) {
-      frame.name_done = true;
+      frame.nameDone = true;
       out += '"';
       BeginText(frame.entries ? *Entry(frame.items[0]).key : frame.fields[0].name, Encoding::kText,
                 "\":");
       return;
     }
   }
-  frame.name_done = false;
+  frame.nameDone = false;
   const Value* value = nullptr;
   if (frame.fields.empty()) {
     value = frame.entries ? Entry(frame.items[0]).value : &frame.items[0];
@@ -238,22 +238,22 @@ void JsonWriter::BeginNamed(std::string_view opening, std::string_view name,
 }
 
 void JsonWriter::BeginText(std::string_view text, Encoding encoding, std::string_view closing) {
-  in_text_ = true;
+  inText_ = true;
   text_ = text;
   encoding_ = encoding;
   closing_ = closing;
 }
 
 void JsonWriter::ContinueText(std::string& out, std::size_t limit) {
-  const std::size_t room_for_text = limit - kLongestClosing;
+  const std::size_t roomForText = limit - kLongestClosing;
   if (encoding_ == Encoding::kText) {
-    AppendCharacters(text_, out, room_for_text);
+    AppendCharacters(text_, out, roomForText);
   } else {
-    AppendBytes(text_, out, room_for_text);
+    AppendBytes(text_, out, roomForText);
   }
   if (!text_.empty()) return;
   out += closing_;
-  in_text_ = false;
+  inText_ = false;
 }
 
 void AppendJsonString(std::string_view text, std::string& out) {

@@ -49,8 +49,8 @@ class JsonWriter {
   struct Frame {
     std::span<const Data::Value> items{};   ///< still to be written
     std::span<const Data::Field> fields{};  ///< still to be written
-    bool entries = false;    ///< the items are map entries, written as an object's members
-    bool name_done = false;  ///< the next value's name has been written
+    bool entries = false;   ///< the items are map entries, written as an object's members
+    bool nameDone = false;  ///< the next value's name has been written
     bool first = true;
     std::string_view closing{};
   };
@@ -79,7 +79,7 @@ class JsonWriter {
   std::vector<Frame> frames_;
 
   // The string being written, and what stands behind it.
-  bool in_text_ = false;
+  bool inText_ = false;
   std::string_view text_;
   Encoding encoding_ = Encoding::kText;
   std::string_view closing_;

@@ -45,8 +45,8 @@ TEST(RequestDeserializer, ReadsACall) {
   EXPECT_EQ(call.input, Value(Data::Structure{"operation-input", {}}.Add("task", "0b7e")));
   EXPECT_THAT(call.context->application, ElementsAre(Pair("opId", "8f")));
   ASSERT_TRUE(call.context->security);
-  EXPECT_EQ(call.context->security->scheme_id, "s");
-  EXPECT_EQ(call.context->security->user_name, "root");
+  EXPECT_EQ(call.context->security->schemeId, "s");
+  EXPECT_EQ(call.context->security->userName, "root");
   EXPECT_EQ(call.context->security->password, "secret");
 }
 
@@ -171,13 +171,13 @@ TEST(UpdateExecutionCtx, HeadersCompleteTheContext) {
   EXPECT_THAT(context.application, UnorderedElementsAre(Pair("opId", "header"), Pair("trace", "t"),
                                                         Pair("timezone", "Europe/Berlin")));
   EXPECT_EQ(context.localization.language, "de_DE");
-  EXPECT_EQ(context.localization.time_zone, "Europe/Berlin");
+  EXPECT_EQ(context.localization.timeZone, "Europe/Berlin");
 
-  Core::ExecutionContext with_entry;
-  with_entry.application = {{"opId", "payload"}, {"timezone", "Etc/GMT+2"}};
-  EXPECT_FALSE(UpdateExecutionCtxHelper::Update(headers, {"tasks", "get"}, with_entry, ec));
-  EXPECT_EQ(with_entry.application["opId"], "payload");
-  EXPECT_EQ(with_entry.localization.time_zone, "Etc/GMT+2");
+  Core::ExecutionContext withEntry;
+  withEntry.application = {{"opId", "payload"}, {"timezone", "Etc/GMT+2"}};
+  EXPECT_FALSE(UpdateExecutionCtxHelper::Update(headers, {"tasks", "get"}, withEntry, ec));
+  EXPECT_EQ(withEntry.application["opId"], "payload");
+  EXPECT_EQ(withEntry.localization.timeZone, "Etc/GMT+2");
 
   for (const Core::MethodIdentifier& method :
        {Core::MethodIdentifier{"tasks", "list"}, {"depots", "get"}}) {
@@ -197,8 +197,8 @@ TEST(UpdateExecutionCtx, BadLocalisationHeadersLeaveTheDefaults) {
   EXPECT_FALSE(UpdateExecutionCtxHelper::Update(headers, {"s", "o"}, context, ec));
   EXPECT_EQ(ec, L10n::LocalizationError::kIncorrectHeader);
   EXPECT_EQ(context.localization.language, "en_US");
-  EXPECT_EQ(context.localization.format_locale, "C");
-  EXPECT_EQ(context.localization.time_zone, "Etc/UTC");
+  EXPECT_EQ(context.localization.formatLocale, "C");
+  EXPECT_EQ(context.localization.timeZone, "Etc/UTC");
 }
 
 }  // namespace

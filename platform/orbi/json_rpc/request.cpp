@@ -110,24 +110,24 @@ class RequestReader final : public Events {
 
   std::vector<OpenObject> open_;
   // Inside a member whose parts are no members of the envelope: ignored, or the input's.
-  std::size_t subtree_nesting_ = 0;
+  std::size_t subtreeNesting_ = 0;
   std::optional<ValueBuilder> builder_;  ///< while the input is read and good
 
   RequestId id_;
   std::optional<std::string> version_;
   std::optional<std::string> method_;
-  bool has_params_ = false;
+  bool hasParams_ = false;
   ApiCall call_{
       {}, Data::Structure{"operation-input", {}}, std::make_shared<Core::ExecutionContext>()};
-  std::string request_fault_;  ///< the first one outside the params
-  std::string params_fault_;   ///< the first one inside
+  std::string requestFault_;  ///< the first one outside the params
+  std::string paramsFault_;   ///< the first one inside
 };
 
 bool RequestReader::OnScalar(const Scalar& scalar) {
-  if (subtree_nesting_ > 0) {
+  if (subtreeNesting_ > 0) {
     Build([&](ValueBuilder& builder) { return builder.OnScalar(scalar); });
   } else if (open_.empty()) {
-    request_fault_ = "the request is not an object";
+    requestFault_ = "the request is not an object";
   } else {
     TakeScalar(*open_.back().member, scalar);
   }
@@ -135,7 +135,7 @@ bool RequestReader::OnScalar(const Scalar& scalar) {
 }
 
 bool RequestReader::OnKey(std::string_view name) {
-  if (subtree_nesting_ > 0) {
+  if (subtreeNesting_ > 0) {
     Build([&](ValueBuilder& builder) { return builder.OnKey(name); });
   } else {
     OpenObject& object = open_.back();
@@ -146,8 +146,8 @@ bool RequestReader::OnKey(std::string_view name) {
 }
 
 bool RequestReader::OnStart(Container container) {
-  if (subtree_nesting_ > 0) {
-    ++subtree_nesting_;
+  if (subtreeNesting_ > 0) {
+    ++subtreeNesting_;
     Build([&](ValueBuilder& builder) { return builder.OnStart(container); });
     return true;
   }
@@ -156,8 +156,8 @@ bool RequestReader::OnStart(Container container) {
     if (object) {
       open_.push_back({Place::kRoot, {}});
     } else {
-      request_fault_ = "the request is a batch or a list";
-      subtree_nesting_ = 1;
+      requestFault_ = "the request is a batch or a list";
+      subtreeNesting_ = 1;
     }
     return true;
   }
@@ -172,29 +172,29 @@ bool RequestReader::OnStart(Container container) {
 }
 
 bool RequestReader::OnEnd() {
-  if (subtree_nesting_ > 0) {
-    --subtree_nesting_;
+  if (subtreeNesting_ > 0) {
+    --subtreeNesting_;
     Build([](ValueBuilder& builder) { return builder.OnEnd(); });
     return true;
   }
   OpenObject object = std::move(open_.back());
   open_.pop_back();
   if (HasDuplicates(std::move(object.names))) {
-    std::string& fault = object.place == Place::kRoot ? request_fault_ : params_fault_;
+    std::string& fault = object.place == Place::kRoot ? requestFault_ : paramsFault_;
     if (fault.empty()) fault = "an object has a member twice";
   }
   return true;
 }
 
 void RequestReader::Enter(Place place) {
-  if (place == Place::kParams) has_params_ = true;
+  if (place == Place::kParams) hasParams_ = true;
   if (place == Place::kSecurity)
     call_.context->security = std::make_unique<Core::SecurityContext>();
   open_.push_back({place, {}});
 }
 
 void RequestReader::StartSubtree(const Member& member, Container container) {
-  subtree_nesting_ = 1;
+  subtreeNesting_ = 1;
   if (member.slot == Slot::kInput) {
     builder_.emplace(Form::kPlain);
     Build([&](ValueBuilder& builder) { return builder.OnStart(container); });
@@ -212,8 +212,8 @@ void RequestReader::Build(const Event& event) {
   if (good && !builder_->done()) return;
   if (good) {
     call_.input = builder_->Take();
-  } else if (params_fault_.empty()) {
-    params_fault_ = "input: " + builder_->objection();
+  } else if (paramsFault_.empty()) {
+    paramsFault_ = "input: " + builder_->objection();
   }
   builder_.reset();
 }
@@ -254,10 +254,10 @@ void RequestReader::TakeString(const Member& member, std::string_view text) {
       context.application[std::string(open_.back().names.back())] = text;
       break;
     case Slot::kScheme:
-      context.security->scheme_id = text;
+      context.security->schemeId = text;
       break;
     case Slot::kUserName:
-      context.security->user_name = text;
+      context.security->userName = text;
       break;
     case Slot::kPassword:
       context.security->password = text;
@@ -278,7 +278,7 @@ void RequestReader::TakeId(const Scalar& scalar) {
 }
 
 void RequestReader::Fault(const Member& member, std::string_view is) {
-  std::string& fault = member.place == Place::kRoot ? request_fault_ : params_fault_;
+  std::string& fault = member.place == Place::kRoot ? requestFault_ : paramsFault_;
   if (fault.empty()) fault.append(member.name).append(" ").append(is);
 }
 
@@ -288,14 +288,14 @@ std::optional<ProtocolError> RequestReader::Check() const {
   };
   constexpr auto kInvalidRequest = ProtocolErrorCode::kInvalidRequest;
   constexpr auto kInvalidParams = ProtocolErrorCode::kInvalidParams;
-  if (!request_fault_.empty()) return error(kInvalidRequest, request_fault_);
+  if (!requestFault_.empty()) return error(kInvalidRequest, requestFault_);
   if (version_ != kVersion) return error(kInvalidRequest, "jsonrpc is not \"2.0\"");
   if (!method_) return error(kInvalidRequest, "method is missing");
-  if (!has_params_) return error(kInvalidRequest, "params is missing");
+  if (!hasParams_) return error(kInvalidRequest, "params is missing");
   if (method_ != kInvoke) {
     return error(ProtocolErrorCode::kUnknownMethod, "method is not \"invoke\"");
   }
-  if (!params_fault_.empty()) return error(kInvalidParams, params_fault_);
+  if (!paramsFault_.empty()) return error(kInvalidParams, paramsFault_);
   if (call_.method.service.empty()) return error(kInvalidParams, "serviceId is missing");
   if (call_.method.operation.empty()) return error(kInvalidParams, "operationId is missing");
   return std::nullopt;

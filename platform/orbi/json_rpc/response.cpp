@@ -35,18 +35,18 @@ ResponseText::ResponseText(const RequestId& id, Core::MethodResult result, Form 
 }
 
 bool ResponseText::Write(std::string& out, std::size_t limit) {
-  if (head_written_ < head_.size()) {
+  if (headWritten_ < head_.size()) {
     const std::size_t room = limit - std::min(limit, out.size());
-    const std::size_t count = std::min(room, head_.size() - head_written_);
-    out.append(head_, head_written_, count);
-    head_written_ += count;
-    if (head_written_ < head_.size()) return true;
+    const std::size_t count = std::min(room, head_.size() - headWritten_);
+    out.append(head_, headWritten_, count);
+    headWritten_ += count;
+    if (headWritten_ < head_.size()) return true;
   }
-  if (tail_pending_) {
+  if (tailPending_) {
     if (writer_.Write(out, limit)) return true;
     if (out.size() > limit - kTail.size()) return true;
     out += kTail;
-    tail_pending_ = false;
+    tailPending_ = false;
   }
   return false;
 }

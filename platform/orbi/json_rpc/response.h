@@ -25,9 +25,9 @@ class ResponseText {
  private:
   const Data::Value value_;
   std::string head_;
-  std::size_t head_written_ = 0;
+  std::size_t headWritten_ = 0;
   JsonWriter writer_;
-  bool tail_pending_ = true;
+  bool tailPending_ = true;
 };
 
 /// Writes the results of calls as answers in one form, secrets blanked. Holds no state between

@@ -76,14 +76,14 @@ std::optional<Protocol::Json::ProtocolError> UpdateExecutionCtxHelper::Update(
   if (const auto entry = context.application.find("format-locale");
       entry != context.application.end()) {
     if (L10n::IsLocaleName(entry->second)) {
-      context.localization.format_locale = entry->second;
+      context.localization.formatLocale = entry->second;
     } else {
       localization = L10n::LocalizationError::kIncorrectHeader;
     }
   }
   if (const auto entry = context.application.find("timezone");
       entry != context.application.end() && IsTimeZoneName(entry->second)) {
-    context.localization.time_zone = entry->second;
+    context.localization.timeZone = entry->second;
   }
   return std::nullopt;
 }

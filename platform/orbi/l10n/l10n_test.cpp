@@ -58,15 +58,15 @@ TEST(LocalizationBundle, ReaderSeesTheOldTextsOrTheNew) {
     stop = true;
   });
   int last = 0;
-  bool in_order = true;
+  bool inOrder = true;
   while (!stop) {
     const auto text = bundle.Find("en_US", "id");
     const int seen = text ? std::stoi(*text) : -1;
-    in_order = in_order && seen >= last;
+    inOrder = inOrder && seen >= last;
     last = seen;
   }
   writer.join();
-  EXPECT_TRUE(in_order);
+  EXPECT_TRUE(inOrder);
   EXPECT_EQ(bundle.Find("en", "id"), "2000");
 }
 

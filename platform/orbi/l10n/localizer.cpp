@@ -100,12 +100,12 @@ std::shared_ptr<const Localizer> LocalizerHelpers::GetDefaultLocalizer() {
   return localizer;
 }
 
-std::string PreferredLocale(std::string_view accept_language, boost::system::error_code& ec) {
+std::string PreferredLocale(std::string_view acceptLanguage, boost::system::error_code& ec) {
   ec.clear();
   std::string_view preferred;
   int best = 0;
-  while (!accept_language.empty()) {
-    std::string_view range = NextItem(accept_language, ',');
+  while (!acceptLanguage.empty()) {
+    std::string_view range = NextItem(acceptLanguage, ',');
     if (range.empty()) continue;
     const std::string_view name = NextItem(range, ';');
     const int quality = Quality(Trim(range));

@@ -55,7 +55,7 @@ struct LocalizerHelpers {
 /// The locale that an accept-language header prefers (RFC 9110, section 12.5.4): "de_DE" for
 /// "fr;q=0.5, de-DE". The one named first wins among equals, and "*" is the default locale.
 /// @param ec  kIncorrectHeader: the default locale is returned
-[[nodiscard]] std::string PreferredLocale(std::string_view accept_language,
+[[nodiscard]] std::string PreferredLocale(std::string_view acceptLanguage,
                                           boost::system::error_code& ec);
 
 /// Whether the text can be a locale's name: letters, digits and "_-.@", at most 64 of them.

@@ -33,7 +33,7 @@ void MetadataContainer::Add(const std::string& component, const Data::Value& doc
   TextsByName schemes;
   root.Member("schemes").ForEach(
       [&](const std::string& id, const Node& text) { schemes.emplace(id, text.Text()); });
-  const auto read_rules = [&](const char* kind, const Rules& known) {
+  const auto readRules = [&](const char* kind, const Rules& known) {
     Rules rules;
     root.ForEachIn(kind, [&](const std::string& id, const Node& list) {
       rules.emplace(id, KnownSchemes(list, schemes));
@@ -41,8 +41,8 @@ void MetadataContainer::Add(const std::string& component, const Data::Value& doc
     RefuseKnown(known, rules);
     return rules;
   };
-  Rules services = read_rules("services", services_);
-  Rules operations = read_rules("operations", operations_);
+  Rules services = readRules("services", services_);
+  Rules operations = readRules("operations", operations_);
   Schemes fallback;
   if (root.Has("default")) fallback = KnownSchemes(root.Member("default"), schemes);
   if (!fallback.empty() && !default_.empty()) root.Member("default").Fail("is given twice");

@@ -33,7 +33,7 @@ Data::Value OperationInfo(const Core::OperationDefinition& definition) {
   }
   Data::Structure info{kOperation + ".info", {}};
   info.Add("input", std::move(input))
-      .Add("any_input", Data::Value(definition.any_input))
+      .Add("any_input", Data::Value(definition.anyInput))
       .Add("output", definition.output)
       .Add("errors", ListOfTexts(definition.errors));
   return info;
@@ -54,34 +54,34 @@ Answer AboutService(
 }  // namespace
 
 std::vector<Core::ApiInterface> IntrospectionInterfaces(const Core::AsyncLocalProvider& provider) {
-  const auto list_services = [&provider](const Arguments&) {
+  const auto listServices = [&provider](const Arguments&) {
     std::vector<std::string> identifiers;
     for (const auto& [identifier, service] : provider.interfaces())
       identifiers.push_back(identifier);
     return Core::MethodResult::Output(ListOfTexts(identifiers));
   };
-  const auto get_service = [](const Core::ApiInterface& service, const Arguments&) {
+  const auto getService = [](const Core::ApiInterface& service, const Arguments&) {
     Data::Structure info{kService + ".info", {}};
     info.Add("operations", OperationNames(service));
     return Core::MethodResult::Output(std::move(info));
   };
-  const auto list_operations = [](const Core::ApiInterface& service, const Arguments&) {
+  const auto listOperations = [](const Core::ApiInterface& service, const Arguments&) {
     return Core::MethodResult::Output(OperationNames(service));
   };
-  const auto get_operation = [](const Core::ApiInterface& service, const Arguments& arguments) {
+  const auto getOperation = [](const Core::ApiInterface& service, const Arguments& arguments) {
     const Core::Operation* operation = service.Find(arguments[1]);
     return operation ? Core::MethodResult::Output(OperationInfo(operation->definition))
                      : NotFound("orbi.provider.operation.unknown", arguments);
   };
   return {
       {kService,
-       {ReadOnlyOperation("list", {}, "list<string>", list_services),
-        ReadOnlyOperation("get", {"id"}, kService + ".info", AboutService(provider, get_service))}},
+       {ReadOnlyOperation("list", {}, "list<string>", listServices),
+        ReadOnlyOperation("get", {"id"}, kService + ".info", AboutService(provider, getService))}},
       {kOperation,
        {ReadOnlyOperation("list", {"service_id"}, "list<string>",
-                          AboutService(provider, list_operations)),
+                          AboutService(provider, listOperations)),
         ReadOnlyOperation("get", {"service_id", "operation_id"}, kOperation + ".info",
-                          AboutService(provider, get_operation))}}};
+                          AboutService(provider, getOperation))}}};
 }
 
 }  // namespace Orbi::Provider::ProviderHelper

@@ -38,11 +38,11 @@ Data::Value TextsByName(const Node& node) {
 
 Data::Value Operation(const std::string& name, const Node& operation) {
   operation.Only({"documentation", "input", "output", "task_result", "errors"});
-  const bool any_input = operation.Member("input").Is("any");
+  const bool anyInput = operation.Member("input").Is("any");
   return Described("operation", operation)
       .Add("name", name)
-      .Add("input", any_input ? Data::List{} : Fields(operation.Member("input")))
-      .Add("any_input", Data::Value(any_input))
+      .Add("input", anyInput ? Data::List{} : Fields(operation.Member("input")))
+      .Add("any_input", Data::Value(anyInput))
       .Add("output", Result(operation.Member("output")))
       .Add("task_result", operation.Has("task_result")
                               ? Data::Some(Result(operation.Member("task_result")))
@@ -116,7 +116,7 @@ void MetadataContainer::IndexFields(const std::string& service, const Node& desc
   description.Member("operations").ForEach([&](const std::string& name, const Node& operation) {
     if (operation.Member("input").Is("any")) return;
     operation.Member("input").ForEach([&](const std::string& field, const Node&) {
-      operations_by_field_[field].insert({service, name});
+      operationsByField_[field].insert({service, name});
     });
   });
 }
@@ -128,14 +128,14 @@ void MetadataContainer::Merge(MetadataContainer&& added) {
   services_.merge(added.services_);
   structures_.merge(added.structures_);
   enumerations_.merge(added.enumerations_);
-  for (auto& [field, operations] : added.operations_by_field_)
-    operations_by_field_[field].merge(operations);
+  for (auto& [field, operations] : added.operationsByField_)
+    operationsByField_[field].merge(operations);
 }
 
 std::set<Core::MethodIdentifier> MetadataContainer::OperationsWithField(
     std::string_view field) const {
-  const auto it = operations_by_field_.find(field);
-  return it == operations_by_field_.end() ? std::set<Core::MethodIdentifier>{} : it->second;
+  const auto it = operationsByField_.find(field);
+  return it == operationsByField_.end() ? std::set<Core::MethodIdentifier>{} : it->second;
 }
 
 }  // namespace Orbi::Provider::Metadata::Metamodel

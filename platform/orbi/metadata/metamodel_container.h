@@ -39,7 +39,7 @@ class MetadataContainer : public ProcessContainer<MetadataContainer> {
   Descriptions services_;
   Descriptions structures_;
   Descriptions enumerations_;
-  std::map<std::string, std::set<Core::MethodIdentifier>, std::less<>> operations_by_field_;
+  std::map<std::string, std::set<Core::MethodIdentifier>, std::less<>> operationsByField_;
 };
 
 }  // namespace Orbi::Provider::Metadata::Metamodel
