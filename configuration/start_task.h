@@ -6,7 +6,7 @@
 
 #include "lifecycle/task_creation.h"
 #include "lifecycle/task_schedular.h"
-#include "orbi/core/async_result.h"
+#include "orbi/bindings/async_result.h"
 #include "tesselibs/log.h"
 
 namespace LifeCycle {

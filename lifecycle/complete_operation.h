@@ -6,7 +6,7 @@
 #include <type_traits>
 #include <utility>
 
-#include "orbi/core/async_result.h"
+#include "orbi/bindings/async_result.h"
 #include "orbi/data/value.h"
 
 namespace LifeCycle {

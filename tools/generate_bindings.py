@@ -155,7 +155,7 @@ class Generator:
             add(entry)
         if package.service:
             standard.add("memory")
-            own |= {"orbi/core/async_result.h", "orbi/core/local_provider.h"}
+            own |= {"orbi/bindings/async_result.h", "orbi/core/local_provider.h"}
         return standard, own
 
     def files(self):

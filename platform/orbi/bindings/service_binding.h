@@ -5,8 +5,8 @@
 #include <utility>
 
 #include "orbi/bindings/adapter.h"
+#include "orbi/bindings/async_result.h"
 #include "orbi/core/api_interface.h"
-#include "orbi/core/async_result.h"
 #include "orbi/std/errors.h"
 
 namespace Orbi::Bindings {
