@@ -5,7 +5,7 @@ Usage: generate_bindings.py [--list] OUTPUT_DIR METAMODEL_FILE...
 
 One header and one source file per package (a service, or a namespace of shared types) at
 OUTPUT_DIR/bindings/PACKAGE/WITH/SLASHES.{h,cpp}: native structures and enumerations with their adapters, and for a
-service its asynchronous interface, method constants, binder and the implementation that answers "unsupported".
+service its asynchronous interface, method constants and binder.
 A file whose content stays the same is not touched. With --list, only prints the paths of the files.
 """
 import os
@@ -187,12 +187,10 @@ class Writer:
     def input_type(self, operation):
         return "::Orbi::Data::Value" if operation.input is None else camel(operation.plain_name) + "Input"
 
-    def method(self, operation, result_name="result"):
-        result = f" {result_name}" if result_name else ""
-        context, value = (" context", " input") if result_name else ("", "")
-        return (f"{camel(operation.plain_name)}(const ::Orbi::Core::ExecutionContextPtr&{context}, "
-                f"const {self.input_type(operation)}&{value}, "
-                f"::Orbi::Core::AsyncResult<{self.native(operation.output.type)}>{result})")
+    def method(self, operation):
+        return (f"{camel(operation.plain_name)}(const ::Orbi::Core::ExecutionContextPtr& context, "
+                f"const {self.input_type(operation)}& input, "
+                f"::Orbi::Core::AsyncResult<{self.native(operation.output.type)}> result)")
 
 
 class Header(Writer):
@@ -206,7 +204,7 @@ class Header(Writer):
         parts += [self.structure(*entry) for entry in self.structures()]
         if self.service:
             parts += map(self.method_constants, self.service.operations)
-            parts += [self.interface(), self.unsupported(), self.binder()]
+            parts += [self.interface(), self.binder()]
         parts.append(f"\n}}  // namespace {self.package.namespace}\n\nnamespace Orbi::Bindings {{\n")
         parts += [self.adapter(camel(entry.identifier.rpartition(".")[2])) for entry in self.package.enumerations]
         parts += [self.adapter(name) for _, name, _, _ in self.structures()]
@@ -245,12 +243,6 @@ class Header(Writer):
                 f"  static constexpr const char* interfaceIdentifier = {quoted(self.service.identifier)};\n\n"
                 f"  virtual ~AsyncServiceInterface() = default;\n\n{methods}}};\n")
 
-    def unsupported(self):
-        methods = "".join(f"  void {self.method(operation, None)} override;\n"
-                          for operation in self.service.operations)
-        return ("\n/// Answers every operation with the error \"unsupported\"; to be derived from.\n"
-                f"class UnsupportedImplementation : public AsyncServiceInterface {{\n public:\n{methods}}};\n")
-
     def binder(self):
         return ("\nstruct AsyncServiceBinder {\n"
                 "  /// Registers the implementation under the service's identifier.\n"
@@ -273,14 +265,13 @@ class Source(Writer):
                  f'#include "{self.package.header}"\n\n']
         parts.append('#include "orbi/bindings/structure_adapter.h"\n')
         if self.service:
-            parts.append('#include "orbi/bindings/service_binding.h"\n#include "orbi/bindings/unsupported.h"\n')
+            parts.append('#include "orbi/bindings/service_binding.h"\n')
         parts.append("\nnamespace Orbi::Bindings {\n")
         parts += map(self.enumeration, self.package.enumerations)
         parts += [self.structure(*entry) for entry in self.structures()]
         parts.append("\n}  // namespace Orbi::Bindings\n")
         if self.service:
             parts.append(f"\nnamespace {self.package.namespace} {{\n")
-            parts += map(self.unsupported, self.service.operations)
             parts.append(self.binder())
             parts.append(f"\n}}  // namespace {self.package.namespace}\n")
         return "".join(parts)
@@ -310,14 +301,6 @@ class Source(Writer):
                 f"std::optional<{native}> Adapter<{native}>::FromValue(const Data::Value& value, "
                 "AdaptErrors& errors) {\n"
                 f"  return ReadStructure<{native}>(TypeName(), value, errors, {list_name});\n}}\n")
-
-    def unsupported(self, operation):
-        name = camel(operation.plain_name)
-        return (f"\nvoid UnsupportedImplementation::{name}(const ::Orbi::Core::ExecutionContextPtr&, "
-                f"const {self.input_type(operation)}&, "
-                f"::Orbi::Core::AsyncResult<{self.native(operation.output.type)}> result) {{\n"
-                f"  result.SetError(::Orbi::Bindings::UnsupportedError(interfaceIdentifier, "
-                f"{quoted(operation.name)}));\n}}\n")
 
     def binder(self):
         operations = "".join(self.bound_operation(operation) for operation in self.service.operations)

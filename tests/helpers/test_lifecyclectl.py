@@ -147,7 +147,7 @@ VIOLATED = structure(SERVICE[11:] + "check_apply_result", spec_id=optional(None)
 
 @pytest.mark.parametrize("operation, step, told", [
     (CHECK, VIOLATED, ["com.tessel.ryx.host_settings.cm.validation.error", "com.example.0", "com.example.1"]),
-    (CHECK, (failure("orbi.provider.operation.unsupported"),), ["orbi.provider.operation.unsupported"]),
+    (CHECK, (failure("orbi.provider.operation.unknown"),), ["orbi.provider.operation.unknown"]),
     (CHECK, failure(SERVICE + "parse.error"), [SERVICE + "parse.error"]),
     *((CHECK, junk, [SERVICE + "check_apply.error"]) for junk in (
         b"HTTP/1.1 413 No\r\n\r\n", b"HTTP/1.1 200 OK\r\n\r\n{", b'HTTP/1.1 200 OK\r\n\r\n{"result": {"error": 1}}')),

@@ -25,8 +25,6 @@ constexpr Entry kCatalogue[] = {
     {"orbi.provider.interface.already.registered", "Interface '{1}' is already registered."},
     {"orbi.provider.interface.unknown", "There is no interface '{1}'."},
     {"orbi.provider.operation.unknown", "Interface '{1}' has no operation '{2}'."},
-    {"orbi.provider.operation.unsupported",
-     "Operation '{2}' of interface '{1}' is not supported by this server."},
 };
 
 }  // namespace
