@@ -1,12 +1,11 @@
 #include "pcore/child.h"
 
-#include <errno.h>
 #include <signal.h>
-#include <sys/wait.h>
 
 #include <utility>
 
 #include "pcore/reaper.h"
+#include "pcore/wait_for_child.h"
 
 namespace PcoreCtl {
 
@@ -25,17 +24,5 @@ void Child::SignalGroup(int signal) const {
 }
 
 int Child::Wait(int& status) { return WaitForChild(std::exchange(pid_, 0), usage_, status); }
-
-int WaitForChild(pid_t pid, std::optional<Usage>& usage, int& status) {
-  rusage used{};
-  while (wait4(pid, &status, 0, &used) < 0) {
-    if (errno != EINTR) return errno;
-  }
-  if (usage) {
-    usage->Set(used);
-    usage->Log(pid);
-  }
-  return 0;
-}
 
 }  // namespace PcoreCtl

@@ -38,8 +38,4 @@ class Child {
   std::optional<Usage> usage_;
 };
 
-/// Waits for the child `pid` and logs its usage.
-/// @return 0 and the wait status, or the system's error number
-int WaitForChild(pid_t pid, std::optional<Usage>& usage, int& status);
-
 }  // namespace PcoreCtl

@@ -8,8 +8,8 @@
 #include <system_error>
 #include <utility>
 
-#include "pcore/child.h"
 #include "pcore/host_ctl_exception.h"
+#include "pcore/wait_for_child.h"
 #include "tesselibs/log.h"
 #include "tesselibs/signals_blocked.h"
 

@@ -1,12 +1,9 @@
 #include "orbi/bindings/adapter.h"
 
-#include "orbi/bindings/structure_adapter.h"
 #include "orbi/json/base64.h"
 
 namespace Orbi::Bindings {
 namespace {
-
-constexpr std::string_view kLocalizableMessage = "com.tessel.orbi.std.localizable_message";
 
 /// The alternative T of the value, or a mismatch.
 template <typename T>
@@ -90,21 +87,6 @@ Data::Value Adapter<Data::ErrorValue>::ToValue(const Data::ErrorValue& native) {
 std::optional<Data::ErrorValue> Adapter<Data::ErrorValue>::FromValue(const Data::Value& value,
                                                                      AdaptErrors& errors) {
   return Alternative<Data::ErrorValue>(value, errors);
-}
-
-std::string_view Adapter<Data::LocalizableMessage>::TypeName() { return kLocalizableMessage; }
-Data::Value Adapter<Data::LocalizableMessage>::ToValue(const Data::LocalizableMessage& native) {
-  return native.ToValue();
-}
-std::optional<Data::LocalizableMessage> Adapter<Data::LocalizableMessage>::FromValue(
-    const Data::Value& value, AdaptErrors& errors) {
-  return ReadStructure<Data::LocalizableMessage>(
-      kLocalizableMessage, value, errors, [](auto& message, auto& field) {
-        field("id", message.id);
-        field("default_message", message.default_message);
-        field("args", message.args);
-        field("localized", message.localized);
-      });
 }
 
 std::string_view Adapter<Data::Value>::TypeName() { return "any value"; }
