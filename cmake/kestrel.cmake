@@ -61,18 +61,23 @@ function(kestrel_test_sources)
   set_source_files_properties(${ARGN} PROPERTIES COMPILE_OPTIONS "$<$<CONFIG:Release>:-O0>")
 endfunction()
 
-# kestrel_library(NAME [PLATFORM] [RECURSE] [SANDBOX] [LINK target...] [TEST_LINK target...])
+# kestrel_library(NAME [PLATFORM] [RECURSE] [SANDBOX] [EXCLUDE file...] [LINK target...] [TEST_LINK target...])
 # The static library of this folder: every .cpp in it, and every NAME_test.cpp becomes part of the test program
-# NAME_test. RECURSE takes the folders below as well. PLATFORM marks a host-platform library: it sees only platform/
-# ("tesselibs/log.h"), so that it cannot reach into the daemon; all other code includes from the source root.
+# NAME_test. RECURSE takes the folders below as well; EXCLUDE leaves files to other targets. LINK names every library
+# whose headers the files include, TEST_LINK those that only the tests include (tools/check-structure compares).
+# PLATFORM marks a host-platform library: it sees only platform/ ("tesselibs/log.h"), so that it cannot reach into the
+# daemon; all other code includes from the source root.
 # SANDBOX runs the tests inside a sandboxed host, for code that touches the fixed paths.
 function(kestrel_library name)
-  cmake_parse_arguments(ARG "PLATFORM;RECURSE;SANDBOX" "" "LINK;TEST_LINK" ${ARGN})
+  cmake_parse_arguments(ARG "PLATFORM;RECURSE;SANDBOX" "" "EXCLUDE;LINK;TEST_LINK" ${ARGN})
   if(ARG_RECURSE)
     file(GLOB_RECURSE sources CONFIGURE_DEPENDS *.cpp)
   else()
     file(GLOB sources CONFIGURE_DEPENDS *.cpp)
   endif()
+  foreach(file IN LISTS ARG_EXCLUDE)
+    list(REMOVE_ITEM sources ${CMAKE_CURRENT_SOURCE_DIR}/${file})
+  endforeach()
   set(tests ${sources})
   list(FILTER sources EXCLUDE REGEX "_test\\.cpp$")
   list(FILTER tests INCLUDE REGEX "_test\\.cpp$")
