@@ -10,7 +10,7 @@ CHECK = os.path.join(HERE, "check-structure")
 
 
 def problems(files):
-    """What the check tells of a tree of these files: {path: text}; of the arrows that it lacks it may say what it will."""
+    """What the check tells of a tree of these files ({path: text}), but for the arrows that so small a tree lacks."""
     with tempfile.TemporaryDirectory() as root:
         for path, text in files.items():
             os.makedirs(os.path.join(root, os.path.dirname(path)), exist_ok=True)
@@ -36,8 +36,9 @@ class StructureTest(unittest.TestCase):
                         "lifecycle/a.cpp:2: lifecycle -> daemon is not allowed (daemon/b.h)"),
             "out of platform": ({"platform/orbi/a.h": include("lifecycle/task.h")},
                                 'platform/orbi/a.h:1: "lifecycle/task.h" is no header that it sees'),
-            "between platform libraries": ({"platform/orbi/a.h": include("pcore/a.h")},
-                                           "platform/orbi/a.h:1: platform/orbi -> platform/pcore is not allowed (pcore/a.h)"),
+            "between platform libraries": (
+                {"platform/orbi/a.h": include("pcore/a.h")},
+                "platform/orbi/a.h:1: platform/orbi -> platform/pcore is not allowed (pcore/a.h)"),
             "a leaf that uses what is above": (
                 {"software/command/a.h": include("configuration/messages/texts.h")},
                 "software/command/a.h:1: software/command -> configuration/messages is not allowed "
@@ -55,11 +56,13 @@ class StructureTest(unittest.TestCase):
                 {"lifecycle/a.cpp": include("lifecycle/testing/host.h"), "lifecycle/testing/host.h": ""},
                 "lifecycle/a.cpp:1: lifecycle/testing/host.h is for tests"),
             "a circle over a source file": (
-                {"lifecycle/a.h": "", "lifecycle/a.cpp": include("lifecycle/b.h"), "lifecycle/b.h": include("lifecycle/a.h")},
+                {"lifecycle/a.h": "", "lifecycle/a.cpp": include("lifecycle/b.h"),
+                 "lifecycle/b.h": include("lifecycle/a.h")},
                 "lifecycle/b.h:1: a circle: lifecycle/a -> lifecycle/b -> lifecycle/a"),
             "Python across packages": (
                 {"helpers/tessel_lifecycle/__init__.py": "", "helpers/tessel_lifecycle/a.py": "",
-                 "apply_modules/time/configure": "#!/usr/bin/env python3\ndef f():\n    from tessel_lifecycle import a\n"},
+                 "apply_modules/time/configure":
+                     "#!/usr/bin/env python3\ndef f():\n    from tessel_lifecycle import a\n"},
                 "apply_modules/time/configure:3: apply_modules -> helpers/tessel_lifecycle is not allowed "
                 "(tessel_lifecycle.a)"),
             "a Python circle": (
@@ -84,7 +87,8 @@ class StructureTest(unittest.TestCase):
         }
         self.assertEqual(problems(files), [
             "platform/pcore/a.h:1: pcore does not link to Threads::Threads (platform/pcore/CMakeLists.txt:1)",
-            "software/command/a_test.cpp:3: command does not link to OpenSSL::Crypto (software/command/CMakeLists.txt:1)",
+            "software/command/a_test.cpp:3: command does not link to OpenSSL::Crypto "
+            "(software/command/CMakeLists.txt:1)",
             "software/command/a.cpp:1: command does not link to asio (software/command/CMakeLists.txt:1)",
             "software/command/a.cpp:2: command does not link to pcore (software/command/CMakeLists.txt:1)",
             "software/command/CMakeLists.txt:1: command links to sqlite and includes nothing of it",
@@ -95,9 +99,20 @@ class StructureTest(unittest.TestCase):
 
     def test_documents_name_what_is_there(self):
         files = {"README.md": "[a](docs/a.md#part), [b](docs/b.md), [c](https://example.com/c)\n"
-                              "`lifecycle/x.{h,cpp}`, `lifecycle/NAME_test.cpp`, `/var/tessel/x`, `lifecycle/`, `a/b`\n",
+                              "`lifecycle/x.{h,cpp}`, `lifecycle/NAME_test.cpp`, `/var/tessel/x`, `lifecycle/`\n",
                  "docs/a.md": "", "lifecycle/x.h": "", "lifecycle/x_test.cpp": ""}
-        self.assertEqual(problems(files), ["README.md:1: docs/b.md is not there", "README.md:2: lifecycle/x.cpp is not there"])
+        self.assertEqual(problems(files), ["README.md:1: docs/b.md is not there",
+                                           "README.md:2: lifecycle/x.cpp is not there"])
+
+    def test_the_map_is_the_table(self):
+        with open(os.path.join(os.path.dirname(HERE), "docs/architecture.md"), encoding="utf-8") as file:
+            true = file.read()
+        row = next(line for line in true.splitlines(keepends=True) if line.startswith("| `filter` | "))
+        stale = "docs/architecture.md:1: its list of arrows is not that of tools/check-structure; run it with --write"
+        self.assertIn(stale, problems({"docs/architecture.md": true.replace(row, "")}))
+        drawn = true.replace("platform/tesselibs", "platform/elsewhere", 1)
+        self.assertIn("docs/architecture.md:1: its picture lacks platform/tesselibs",
+                      problems({"docs/architecture.md": drawn}))
 
 
 if __name__ == "__main__":
