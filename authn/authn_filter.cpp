@@ -16,55 +16,79 @@ Orbi::Data::ErrorValue Unauthenticated() {
       {Orbi::L10n::FrameworkMessage("com.tessel.orbi.std.unauthenticated")});
 }
 
-/// Overwrites the call's password when it goes out of scope.
-class PasswordEraser {
- public:
-  explicit PasswordEraser(Orbi::Core::ExecutionContext& context) : context_(context) {}
-  PasswordEraser(const PasswordEraser&) = delete;
-  PasswordEraser& operator=(const PasswordEraser&) = delete;
-  ~PasswordEraser() {
-    if (context_.security) context_.security->ClearPassword();
-  }
-
- private:
-  Orbi::Core::ExecutionContext& context_;
-};
-
-}  // namespace
-
-AsyncAuthnFilter::AsyncAuthnFilter(Orbi::Core::AsyncApiProviderPtr next,
-                                   NeedsNoCredentials needsNoCredentials,
-                                   std::vector<Orbi::Authn::AuthnHandlerPtr> handlers)
-    : next_(std::move(next)),
-      needsNoCredentials_(std::move(needsNoCredentials)),
-      handlers_(std::move(handlers)) {}
-
-void AsyncAuthnFilter::Invoke(const Orbi::Core::MethodIdentifier& method, Orbi::Data::Value input,
-                              Orbi::Core::ExecutionContextPtr context,
-                              Orbi::Core::MethodCompletion completion) {
-  bool passes = false;
+/// A check that throws refuses the call.
+bool IsAccepted(Orbi::Authn::AuthnHandler& handler, const Orbi::Core::MethodIdentifier& method,
+                Orbi::Core::ExecutionContext& context) noexcept {
   try {
-    const PasswordEraser eraser(*context);
-    context->authentication.reset();
-    passes = needsNoCredentials_(method) || IsAuthenticated(*context);
+    return handler.Authenticate(context);
   } catch (const std::exception& error) {
     Log_Level(LogLevel::kCritical, "Authentication failed for method: %s. Error: %s\n",
               method.ToText().c_str(), error.what());
   }
-  if (!passes) {
-    completion(Orbi::Core::MethodResult::Error(Unauthenticated()));
-    return;
-  }
-  next_->Invoke(method, std::move(input), std::move(context), std::move(completion));
+  return false;
 }
 
-bool AsyncAuthnFilter::IsAuthenticated(Orbi::Core::ExecutionContext& context) const {
-  using Orbi::Authn::Verdict;
-  for (const auto& handler : handlers_) {
-    const Verdict verdict = handler->Authenticate(context);
-    if (verdict != Verdict::kNotMine) return verdict == Verdict::kAccepted;
+}  // namespace
+
+/// A call on its way through the filter. Its password does not outlive the check.
+struct AsyncAuthnFilter::Call {
+  Orbi::Core::AsyncApiProviderPtr next;
+  Orbi::Core::MethodIdentifier method;
+  Orbi::Data::Value input;
+  Orbi::Core::ExecutionContextPtr context;
+  Orbi::Core::MethodCompletion completion;
+
+  void Checked(bool accepted) {
+    if (accepted) {
+      ErasePassword();
+      next->Invoke(method, std::move(input), std::move(context), std::move(completion));
+    } else {
+      Refuse(Unauthenticated());
+    }
   }
-  return false;
+
+  void Refuse(Orbi::Data::ErrorValue error) {
+    ErasePassword();
+    completion(Orbi::Core::MethodResult::Error(std::move(error)));
+  }
+
+ private:
+  void ErasePassword() const {
+    if (context->security) context->security->ClearPassword();
+  }
+};
+
+AsyncAuthnFilter::AsyncAuthnFilter(Orbi::Core::AsyncApiProviderPtr next,
+                                   NeedsNoCredentials needsNoCredentials,
+                                   std::vector<Orbi::Authn::AuthnHandlerPtr> handlers,
+                                   CheckThreads& threads)
+    : next_(std::move(next)),
+      needsNoCredentials_(std::move(needsNoCredentials)),
+      handlers_(std::move(handlers)),
+      threads_(threads) {}
+
+void AsyncAuthnFilter::Invoke(const Orbi::Core::MethodIdentifier& method, Orbi::Data::Value input,
+                              Orbi::Core::ExecutionContextPtr context,
+                              Orbi::Core::MethodCompletion completion) {
+  context->authentication.reset();
+  const auto call = std::make_shared<Call>(
+      Call{next_, method, std::move(input), std::move(context), std::move(completion)});
+  if (needsNoCredentials_(method)) return call->Checked(true);
+  Check(call);
+}
+
+void AsyncAuthnFilter::Check(const std::shared_ptr<Call>& call) const {
+  for (const auto& handler : handlers_) {
+    const auto wait = handler->Takes(*call->context);
+    if (!wait) continue;
+    const bool taken = threads_.Run(
+        *wait, call->context->peer,
+        [call, handler] { return IsAccepted(*handler, call->method, *call->context); },
+        [call](bool accepted) { call->Checked(accepted); });
+    if (!taken) call->Refuse(Orbi::Core::Overloaded());
+    return;
+  }
+  call->Checked(false);
 }
 
 }  // namespace Host::Settings::SettingsApi::Authn

@@ -8,20 +8,33 @@
 
 namespace {
 
-using Orbi::Authn::Verdict;
+using Orbi::Authn::Wait;
 using Orbi::Core::MethodIdentifier;
 
 /// Takes its own scheme only, and the password "good".
 struct Handler : Orbi::Authn::AuthnHandler {
   explicit Handler(std::string ownScheme) : scheme(std::move(ownScheme)) {}
-  Verdict Authenticate(Orbi::Core::ExecutionContext& context) override {
-    if (!context.security || context.security->schemeId != scheme) return Verdict::kNotMine;
+  std::optional<Wait> Takes(const Orbi::Core::ExecutionContext& context) const override {
+    if (!context.security || context.security->schemeId != scheme) return std::nullopt;
+    return Wait::kSystem;
+  }
+  bool Authenticate(Orbi::Core::ExecutionContext& context) override {
     if (context.security->password == "throw") throw std::runtime_error("broken");
-    if (context.security->password != "good") return Verdict::kRefused;
+    if (context.security->password != "good") return false;
     context.authentication = {scheme, "user", {}};
-    return Verdict::kAccepted;
+    return true;
   }
   const std::string scheme;
+};
+
+/// Makes checks at once, as long as there is room.
+struct Threads : Host::Settings::SettingsApi::Authn::CheckThreads {
+  bool Run(Wait, const std::string&, Check check, Done done) override {
+    if (full) return false;
+    done(check());
+    return true;
+  }
+  bool full = false;
 };
 
 TEST(AsyncAuthnFilterTest, OnlyWhatAHandlerAcceptsOrNeedsNoCredentialsReachesTheService) {
@@ -34,10 +47,11 @@ TEST(AsyncAuthnFilterTest, OnlyWhatAHandlerAcceptsOrNeedsNoCredentialsReachesThe
       {"host", "one", "throw", nullptr}, {"metadata", "", "", ""},
       {"metadata", "one", "bad", ""},
   };
+  Threads threads;
   Host::Settings::SettingsApi::Authn::AsyncAuthnFilter filter(
       std::make_shared<Orbi::Core::EchoProvider>(),
       [](const MethodIdentifier& method) { return method.service == "metadata"; },
-      {std::make_shared<Handler>("one"), std::make_shared<Handler>("two")});
+      {std::make_shared<Handler>("one"), std::make_shared<Handler>("two")}, threads);
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.service) + " " + c.scheme + " " + c.password);
     const auto context = std::make_shared<Orbi::Core::ExecutionContext>();
@@ -56,6 +70,14 @@ TEST(AsyncAuthnFilterTest, OnlyWhatAHandlerAcceptsOrNeedsNoCredentialsReachesThe
     }
     EXPECT_EQ(result.error.value().id, "com.tessel.orbi.std.errors.unauthenticated");
   }
+  threads.full = true;
+  const auto context = std::make_shared<Orbi::Core::ExecutionContext>();
+  context->security = std::make_unique<Orbi::Core::SecurityContext>();
+  context->security->schemeId = "one";
+  context->security->password = "good";
+  const auto result = Call(filter, {"host", "get"}, "input", context);
+  EXPECT_EQ(result.error.value().id, "com.tessel.orbi.std.errors.service_unavailable");
+  EXPECT_TRUE(context->security->password.empty()) << "still in memory";
 }
 
 }  // namespace

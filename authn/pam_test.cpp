@@ -16,7 +16,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using Host::Settings::SettingsApi::Authn::PamAuthenticator;
-using Orbi::Authn::Verdict;
+using Orbi::Authn::Wait;
 using testing::ElementsAre;
 using testing::StartsWith;
 using namespace std::string_literals;
@@ -136,19 +136,20 @@ TEST_F(PamTest, HandlerTakesEqualNameAndPasswordForATicketAndAsksPamForAllOthers
   fs::create_directories(Ticket::kDirectory);
   const struct {
     std::string scheme, user, password;
-    Verdict verdict;
+    std::optional<Wait> wait;  // none: not for this handler
+    bool accepted;
     std::string lastLine, issuedFor = "";  // the service of a ticket issued before the call
   } cases[] = {
-      {"com.tessel.orbi.std.security.session_id", "user", "pw", Verdict::kNotMine, ""},
-      {scheme, "user", "pw", Verdict::kAccepted, "5 PAM up and running."},
-      {scheme, "root\0"s, "pw", Verdict::kRefused,
+      {"com.tessel.orbi.std.security.session_id", "user", "pw", std::nullopt, false, ""},
+      {scheme, "user", "pw", Wait::kSystem, true, "5 PAM up and running."},
+      {scheme, "root\0"s, "pw", Wait::kSystem, false,
        "2 UserPass authentication failed for user: root"},
-      {scheme, "user", "user", Verdict::kRefused, refused + "user"},
-      {scheme, "", "", Verdict::kRefused, refused},
-      {scheme, ticket, ticket, Verdict::kAccepted, "6 [Ticket] Deleted ticket " + ticket,
+      {scheme, "user", "user", Wait::kFiles, false, refused + "user"},
+      {scheme, "", "", Wait::kFiles, false, refused},
+      {scheme, ticket, ticket, Wait::kFiles, true, "6 [Ticket] Deleted ticket " + ticket,
        "Lifecycle"},
-      {scheme, ticket, ticket, Verdict::kRefused, refused + ticket},
-      {scheme, ticket, ticket, Verdict::kRefused,
+      {scheme, ticket, ticket, Wait::kFiles, false, refused + ticket},
+      {scheme, ticket, ticket, Wait::kFiles, false,
        "2 Ticket's service name invalid, ticket: " + ticket + ", service: lifecycle", "lifecycle"},
   };
   Host::Settings::SettingsApi::Authn::UserPassHandler handler{PamAuthenticator(kFakePam)};
@@ -164,12 +165,14 @@ TEST_F(PamTest, HandlerTakesEqualNameAndPasswordForATicketAndAsksPamForAllOthers
     if (!c.scheme.empty()) context.security->schemeId = c.scheme;
     context.security->userName = c.user;
     context.security->password = c.password;
-    ASSERT_EQ(handler.Authenticate(context), c.verdict);
-    const bool byPam = c.verdict == Verdict::kAccepted && c.user != c.password;
+    ASSERT_EQ(handler.Takes(context), c.wait);
+    if (!c.wait) continue;
+    ASSERT_EQ(handler.Authenticate(context), c.accepted);
+    const bool byPam = c.accepted && c.wait == Wait::kSystem;
     EXPECT_EQ(fake_->calls.substr(0, 20), byPam ? "start(kestreld,user)" : "");
     const auto lines = log_.TakeLines();
     EXPECT_EQ(lines.empty() ? "" : lines.back(), c.lastLine);
-    ASSERT_EQ(context.authentication.has_value(), c.verdict == Verdict::kAccepted);
+    ASSERT_EQ(context.authentication.has_value(), c.accepted);
     if (!context.authentication) continue;
     EXPECT_EQ(context.authentication->type, "UserPassAuthentication");
     EXPECT_EQ(context.authentication->userName, c.user);

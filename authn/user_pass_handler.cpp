@@ -33,16 +33,20 @@ bool UseTicket(const std::string& text) {
 
 UserPassHandler::UserPassHandler(PamAuthenticator pam) : pam_(std::move(pam)) {}
 
-Orbi::Authn::Verdict UserPassHandler::Authenticate(Orbi::Core::ExecutionContext& context) {
-  using Orbi::Authn::Verdict;
-  if (!context.security || context.security->schemeId != kScheme) return Verdict::kNotMine;
+std::optional<Orbi::Authn::Wait> UserPassHandler::Takes(
+    const Orbi::Core::ExecutionContext& context) const {
+  const auto* const security = context.security.get();
+  if (!security || security->schemeId != kScheme) return std::nullopt;
+  return security->userName == security->password ? Orbi::Authn::Wait::kFiles
+                                                  : Orbi::Authn::Wait::kSystem;
+}
+
+bool UserPassHandler::Authenticate(Orbi::Core::ExecutionContext& context) {
   const std::string& user = context.security->userName;
   const std::string& password = context.security->password;
-  if (!(user == password ? UseTicket(password) : CheckAccount(user, password))) {
-    return Verdict::kRefused;
-  }
+  if (!(user == password ? UseTicket(password) : CheckAccount(user, password))) return false;
   context.authentication = {"UserPassAuthentication", user, {"en_US", "C", "Etc/UTC"}};
-  return Verdict::kAccepted;
+  return true;
 }
 
 bool UserPassHandler::CheckAccount(const std::string& user, const std::string& password) {

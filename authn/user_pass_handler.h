@@ -1,5 +1,8 @@
 #pragma once
 
+#include <optional>
+#include <string>
+
 #include "authn/pam.h"
 #include "orbi/authn/authn_handler.h"
 
@@ -9,12 +12,15 @@ namespace Host::Settings::SettingsApi::Authn {
 ///
 /// Where the two are equal they are a one-time ticket of the host's lifecycle tooling, which is
 /// used up; such a pair never reaches PAM, so that an account whose password is its name stays
-/// shut. Any other pair is a system account, checked under the PAM service "kestreld".
+/// shut. Any other pair is a system account, checked under the PAM service "kestreld", one at a
+/// time.
 class UserPassHandler : public Orbi::Authn::AuthnHandler {
  public:
   explicit UserPassHandler(PamAuthenticator pam = PamAuthenticator{});
 
-  [[nodiscard]] Orbi::Authn::Verdict Authenticate(Orbi::Core::ExecutionContext& context) override;
+  [[nodiscard]] std::optional<Orbi::Authn::Wait> Takes(
+      const Orbi::Core::ExecutionContext& context) const override;
+  [[nodiscard]] bool Authenticate(Orbi::Core::ExecutionContext& context) override;
 
  private:
   [[nodiscard]] bool CheckAccount(const std::string& user, const std::string& password);

@@ -9,16 +9,21 @@
 #include <memory>
 
 #include "apps/lifecycle/orbi/include/verify.h"
+#include "daemon/stop_deadline.h"
 #include "lifecycle/task_schedular.h"
 #include "orbi/l10n/localizer.h"
 #include "tesselibs/feature_state.h"
 #include "tesselibs/log.h"
+#include "tesselibs/signals_blocked.h"
 #include "transport/api/api_request_handler.h"
 
 namespace Host::Settings::SettingsApi {
 namespace {
 
 constexpr const char* kServiceName = "kestreld";
+
+/// The five seconds that a running task has to end, and a little to record that it was aborted.
+constexpr std::chrono::milliseconds kStopTime{5500};
 
 using AddressList = std::unique_ptr<addrinfo, decltype(&freeaddrinfo)>;
 
@@ -69,12 +74,13 @@ Orbi::Transport::PicoHttp::ServerConfig MakeServerConfig(int port) {
 }  // namespace
 
 Endpoint::Endpoint(Orbi::Core::AsyncApiProviderPtr provider, boost::asio::io_context& io,
-                   std::shared_ptr<OrbiLoggerWrapper> logger)
+                   CallThreads& threads, std::shared_ptr<OrbiLoggerWrapper> logger)
     : port_(LookUpPort()),
       logger_(std::move(logger)),
       handler_({std::move(provider), io, logger_}),
       server_(io, MakeServerConfig(port_), handler_, logger_),
-      io_(io) {
+      io_(io),
+      threads_(threads) {
   Verify(port_ != 0, "apps/lifecycle/orbi/orbicpp/endpoint", 107);
 }
 
@@ -87,6 +93,7 @@ void Endpoint::Start() {
   if (worker_.joinable()) std::terminate();
   // The first request may bring a task: it must find a scheduler that takes it.
   std::promise<void> ready;
+  const SignalsBlocked blocked;
   worker_ = std::thread([&io = io_, begin = ready.get_future()] {
     begin.wait();
     io.run();
@@ -100,8 +107,11 @@ void Endpoint::Start() {
 void Endpoint::Stop() {
   io_.stop();
   if (!worker_.joinable()) return;
+  const StopDeadline deadline(kStopTime);
   worker_.join();
+  CallThreads::HurryUp();
   if (FeatureState_IsEnabled(Feature::kTaskScheduler)) LifeCycle::TaskSchedular::Instance().abort();
+  threads_.Stop();
 }
 
 }  // namespace Host::Settings::SettingsApi

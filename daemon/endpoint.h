@@ -6,6 +6,7 @@
 #include <boost/asio/io_context.hpp>
 
 #include "apps/lifecycle/orbi/include/logger.h"
+#include "daemon/call_threads.h"
 #include "orbi/core/provider.h"
 #include "transport/api/api_request_handler.h"
 #include "transport/http_server.h"
@@ -13,17 +14,18 @@
 namespace Host::Settings::SettingsApi {
 
 /// The HTTP service of the daemon: the port of the services-database entry "kestreld", the server
-/// that listens there on IPv4 and IPv6, and the one worker thread that runs all of it; with it the
-/// scheduler of the daemon's own tasks (feature switch "task_scheduler").
+/// that listens there on IPv4 and IPv6, and the one worker thread that carries all connections;
+/// with it the threads that calls wait on and the scheduler of the daemon's own tasks (feature
+/// switch "task_scheduler").
 ///
-/// Used from the main thread only; everything that serves requests runs on the worker thread
-/// between Start and Stop.
+/// Used from the main thread only.
 class Endpoint {
  public:
   /// Looks the port up and builds the server. Without a port the process stops.
-  /// @param io  outlives the endpoint
+  /// @param io       outlives the endpoint
+  /// @param threads  what the provider's calls wait on; ended with the endpoint, which they outlive
   Endpoint(Orbi::Core::AsyncApiProviderPtr provider, boost::asio::io_context& io,
-           std::shared_ptr<OrbiLoggerWrapper> logger);
+           CallThreads& threads, std::shared_ptr<OrbiLoggerWrapper> logger);
   ~Endpoint();
 
   /// Listens and starts the worker thread. A family that cannot listen is logged and left out.
@@ -31,7 +33,8 @@ class Endpoint {
   /// @throws std::system_error when no thread can be had
   void Start();
 
-  /// Abandons what is pending, joins the worker, then ends the scheduler. Does nothing when not
+  /// Abandons what is pending, joins the worker, then ends the scheduler and the calls that run.
+  /// What has not ended after some five seconds ends with the process, here. Does nothing when not
   /// started.
   void Stop();
 
@@ -41,6 +44,7 @@ class Endpoint {
   Orbi::Transport::PicoHttp::PicoHttpApiRequestHandler handler_;
   Orbi::Transport::PicoHttp::HttpServer server_;
   boost::asio::io_context& io_;
+  CallThreads& threads_;
   std::thread worker_;
 };
 

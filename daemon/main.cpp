@@ -10,6 +10,7 @@
 #include <boost/asio/io_context.hpp>
 
 #include "apps/lifecycle/orbi/include/logger.h"
+#include "daemon/call_threads.h"
 #include "daemon/endpoint.h"
 #include "daemon/memory_trimmer.h"
 #include "daemon/provider.h"
@@ -27,6 +28,9 @@ namespace {
 using namespace Host::Settings::SettingsApi;
 
 constexpr int kFailedToStart = -1;
+
+/// The threads that run the I/O context; others only hand it work.
+constexpr int kIoThreads = 1;
 
 /// Set by the SIGTERM handler, read by the poll loop.
 volatile char stopRequested = 0;
@@ -73,13 +77,14 @@ std::unique_ptr<LifeCycle::TaskFile> OpenTaskFile() {
   }
 }
 
-/// Serves until SIGTERM. What is made here goes in the reverse order: endpoint, provider, I/O
-/// context, logger.
+/// Serves until SIGTERM. What is made here goes in the reverse order: endpoint, provider, the
+/// threads of calls, I/O context, logger.
 int Serve() {
   const auto logger = std::make_shared<OrbiLoggerWrapper>(&Log_Level);
-  boost::asio::io_context io;
-  const auto provider = BuildProvider(logger);
-  Endpoint endpoint(provider, io, logger);
+  boost::asio::io_context io(kIoThreads);
+  CallThreads threads(io);
+  const auto provider = BuildProvider(logger, threads);
+  Endpoint endpoint(provider, io, threads, logger);
   const auto reaper = std::make_shared<Ticket::Reaper>(io);
   MemoryTrimmer trimmer(io);
   try {

@@ -12,6 +12,7 @@
 #include "configuration/configuration_service.h"
 #include "configuration/keys_service.h"
 #include "configuration/retired_services.h"
+#include "daemon/threaded_provider.h"
 #include "filter/host_input_filter.h"
 #include "lifecycle/tasks_service.h"
 #include "orbi/authz/require_user_authz.h"
@@ -119,6 +120,12 @@ void AddMetadataInterfaces(AsyncLocalProvider& provider) {
   }
 }
 
+std::set<std::string> Identifiers(const AsyncLocalProvider& provider) {
+  std::set<std::string> identifiers;
+  for (const auto& [identifier, interface] : provider.interfaces()) identifiers.insert(identifier);
+  return identifiers;
+}
+
 std::set<std::string> InterfacesThatNeedAUser() {
   return {
       Ryx::Hosts::Software::RyxSvc::AsyncServiceInterface::interfaceIdentifier,
@@ -135,15 +142,18 @@ std::set<std::string> InterfacesThatNeedAUser() {
 
 }  // namespace
 
-Orbi::Core::AsyncApiProviderPtr BuildProvider(const std::shared_ptr<OrbiLoggerWrapper>& logger) {
+Orbi::Core::AsyncApiProviderPtr BuildProvider(const std::shared_ptr<OrbiLoggerWrapper>& logger,
+                                              CallThreads& threads) {
   LoadMetadata();
 
   const auto local = std::make_shared<AsyncLocalProvider>(logger);
   BindServices(*local);
+  const auto threaded =
+      std::make_shared<ThreadedProvider>(local, Identifiers(*local), threads.Requests());
   AddMetadataInterfaces(*local);
 
   const auto hostFilter = std::make_shared<Filter::HostInputFilter>(
-      local, Metadata::Metamodel::MetadataContainer::Instance().OperationsWithField("host"));
+      threaded, Metadata::Metamodel::MetadataContainer::Instance().OperationsWithField("host"));
   const auto authorised = std::make_shared<Orbi::Authz::Filter::RequireUserAuthz>(
       hostFilter, InterfacesThatNeedAUser());
   return std::make_shared<Authn::AsyncAuthnFilter>(
@@ -151,7 +161,8 @@ Orbi::Core::AsyncApiProviderPtr BuildProvider(const std::shared_ptr<OrbiLoggerWr
       [](const Orbi::Core::MethodIdentifier& method) {
         return Metadata::Authentication::MetadataContainer::Instance().IsPublic(method);
       },
-      std::vector<Orbi::Authn::AuthnHandlerPtr>{std::make_shared<Authn::UserPassHandler>()});
+      std::vector<Orbi::Authn::AuthnHandlerPtr>{std::make_shared<Authn::UserPassHandler>()},
+      threads);
 }
 
 }  // namespace Host::Settings::SettingsApi

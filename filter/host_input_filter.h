@@ -18,7 +18,6 @@ class HostInputFilter : public Orbi::Core::AsyncApiProvider {
   HostInputFilter(Orbi::Core::AsyncApiProviderPtr next,
                   std::set<Orbi::Core::MethodIdentifier> methods);
 
-  [[nodiscard]] std::string_view Name() const override { return "HostInputFilter"; }
   void Invoke(const Orbi::Core::MethodIdentifier& method, Orbi::Data::Value input,
               Orbi::Core::ExecutionContextPtr context,
               Orbi::Core::MethodCompletion completion) override;

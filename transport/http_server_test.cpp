@@ -38,7 +38,8 @@ class EchoHandler : public RequestHandler {
  public:
   bool Accepts(const RequestHead& head) override { return !head.Find("x-refuse"); }
 
-  void Handle(const RequestHead& head, std::string body, ResponseSink sink) override {
+  void Handle(const RequestHead& head, std::string_view, std::string body,
+              ResponseSink sink) override {
     const auto& path = head.path;
     if (path == "/drop") return;
     if (path == "/keep") return kept.push_back(std::move(sink));

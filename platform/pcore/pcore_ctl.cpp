@@ -4,6 +4,7 @@
 
 #include <utility>
 
+#include "pcore/foreground.h"
 #include "pcore/reaper.h"
 #include "pcore/spawn.h"
 
@@ -29,6 +30,7 @@ int PcoreCtl_Exec(const std::string& command, bool discardStreams, bool honourGr
   Child child =
       Spawn(command,
             {.discardStreams = discardStreams, .honourGroup = honourGroup, .logUsage = logUsage});
+  const Foreground foreground(child);
   int status = 0;
   if (const int error = child.Wait(status); error != 0) {
     throw HostCtl::Lib::HostCtlException(error, "Cannot wait for " + command);

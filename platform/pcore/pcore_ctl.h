@@ -27,7 +27,7 @@ int PcoreCtl_Daemon(const std::string& command, bool changeToRoot, bool discardS
 /// @throws HostCtl::Lib::HostCtlException when that cannot be set up
 void PcoreCtl_Watch(EndObserver onEnd);
 
-/// Runs the command to its end.
+/// Runs the command to its end, or until EndForeground.
 /// @return its exit status, or the raw wait status when a signal ended it
 /// @throws HostCtl::Lib::HostCtlException when it cannot be started or waited for
 int PcoreCtl_Exec(const std::string& command, bool discardStreams, bool honourGroup, bool logUsage);

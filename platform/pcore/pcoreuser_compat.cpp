@@ -26,6 +26,7 @@ int PcoreuserCompat_POpen(const std::string& command, const char* mode,
       reading ? writeEnd.Get() : readEnd.Get();
   try {
     handle.child_.emplace(PcoreCtl::Spawn(command, options));
+    handle.foreground_.emplace(*handle.child_);
   } catch (const HostCtl::Lib::HostCtlException& error) {
     return error.code().value();
   }
@@ -37,6 +38,7 @@ int PcoreuserCompat_PClose(PcoreuserCompat_Handle& handle, int& waitStatus) {
   handle.pipe_.Reset();
   if (!handle.child_) return ECHILD;
   const int status = handle.child_->Wait(waitStatus);
+  handle.foreground_.reset();
   handle.child_.reset();
   return status;
 }

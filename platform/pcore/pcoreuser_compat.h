@@ -5,6 +5,7 @@
 #include <string>
 
 #include "pcore/child.h"
+#include "pcore/foreground.h"
 #include "tesselibs/unique_fd.h"
 
 /// Pipes to and from commands; see PcoreCtl::Spawn for what a command line and its child are.
@@ -13,7 +14,8 @@
 /// thread; a handle is used by one thread at a time.
 
 /// A command and this process's end of the pipe to it. Destroying a handle that is not closed
-/// closes the descriptor; the command's end is then taken care of in the background.
+/// closes the descriptor; the command's end is then taken care of in the background. An open handle
+/// counts its command among those that EndForeground ends.
 class PcoreuserCompat_Handle {
  public:
   /// The pipe's descriptor; -1 when the handle is not open.
@@ -25,6 +27,7 @@ class PcoreuserCompat_Handle {
 
   // The pipe is closed before the child is given up: it may wait for that.
   std::optional<PcoreCtl::Child> child_;
+  std::optional<PcoreCtl::Foreground> foreground_;
   PcoreCtl::UniqueFd pipe_;
 };
 

@@ -6,7 +6,7 @@
 #include <utility>
 #include <variant>
 
-#include <boost/asio/post.hpp>
+#include <boost/asio/dispatch.hpp>
 #include <boost/system/error_code.hpp>
 
 #include "orbi/json_rpc/request.h"
@@ -29,13 +29,14 @@ constexpr std::size_t kPieceSize = std::size_t{16} * 1024;
 
 /// One request on its way to its answer. Its address tells its log lines from those of others.
 ///
-/// Everything but the arrival of the provider's result happens on the server's thread.
+/// Begins and ends on the server's thread. In between it belongs to the thread where the provider's
+/// result arrives, which makes the answer of it.
 class ApiExchange : public std::enable_shared_from_this<ApiExchange> {
  public:
   ApiExchange(SpecPtr handler, const RequestSpec& spec, ResponseSink sink)
       : handler_(std::move(handler)), spec_(spec), sink_(std::move(sink)) {}
 
-  void Handle(const RequestHead& head, std::string body);
+  void Handle(const RequestHead& head, std::string_view peer, std::string body);
 
   void LogLine(int level, std::string_view what, std::string_view reason = {}) const {
     Log::Write(*handler_->logger, level, what, '[', static_cast<const void*>(this), ']',
@@ -56,16 +57,18 @@ class ApiExchange : public std::enable_shared_from_this<ApiExchange> {
       Log::kDebug, "Response head sent (Deserializer error):", "Failed to sent Deserializer error"};
   using Body = decltype(Response::body);
 
-  void Decode(const RequestHead& head, std::string& body);
+  void Decode(const RequestHead& head, std::string_view peer, std::string& body);
   void Call(Protocol::Json::ApiCall call);
   void Failed(std::string_view reason);
+  template <class Step>
+  void Guarded(Step step) const noexcept;
   void Complete(Core::MethodResult result) noexcept;
-  void AnswerOrTellWhyNot(Core::MethodResult result);
-  void Answer(Core::MethodResult result, const LogTexts& texts);
+  [[nodiscard]] Response AnswerOrTellWhyNot(Core::MethodResult result);
+  [[nodiscard]] Response Answer(Core::MethodResult result, const LogTexts& texts);
   void AnswerInvalidRequest(const ProtocolError& error);
   void Localize(Data::ErrorValue& error) const;
   [[nodiscard]] Body Serialize(Core::MethodResult result);
-  void Send(std::string errorId, Body body, const LogTexts& texts);
+  [[nodiscard]] Response MakeResponse(std::string errorId, Body body, const LogTexts& texts);
   void Sent(const LogTexts& texts, const boost::system::error_code& ec) const;
 
   const SpecPtr handler_;
@@ -112,10 +115,10 @@ class AnswerStream : public BodySource {
   std::string first_;
 };
 
-void ApiExchange::Handle(const RequestHead& head, std::string body) {
+void ApiExchange::Handle(const RequestHead& head, std::string_view peer, std::string body) {
   LogLine(Log::kTrace, "Request received");
   try {
-    Decode(head, body);
+    Decode(head, peer, body);
   } catch (const std::exception& error) {
     Failed(error.what());
   } catch (...) {
@@ -123,7 +126,7 @@ void ApiExchange::Handle(const RequestHead& head, std::string body) {
   }
 }
 
-void ApiExchange::Decode(const RequestHead& head, std::string& body) {
+void ApiExchange::Decode(const RequestHead& head, std::string_view peer, std::string& body) {
   if (body.size() > handler_->requestSizeLimitInBytes) {
     return AnswerInvalidRequest(
         {ProtocolErrorCode::kInvalidRequest, "protocol error: message too long"});
@@ -140,6 +143,7 @@ void ApiExchange::Decode(const RequestHead& head, std::string& body) {
       head.headers, call.method, *call.context, localization);
   if (mismatch) return AnswerInvalidRequest(*mismatch);
   if (localization) LogLine(Log::kTrace, "Localization error: ", localization.message());
+  call.context->peer = peer;
   Call(std::move(call));
 }
 
@@ -147,9 +151,7 @@ void ApiExchange::Call(Protocol::Json::ApiCall call) {
   // Kept for the answer: authentication gives the call a localisation of its own.
   language_ = call.context->localization.language;
   Core::MethodCompletion completion([self = shared_from_this()](Core::MethodResult result) {
-    boost::asio::post(self->handler_->ioContext, [self, result = std::move(result)]() mutable {
-      self->Complete(std::move(result));
-    });
+    self->Complete(std::move(result));
   });
   called_ = true;
   handler_->provider->Invoke(call.method, std::move(call.input), std::move(call.context),
@@ -162,11 +164,12 @@ void ApiExchange::Failed(std::string_view reason) {
   if (!called_) Complete({});
 }
 
-void ApiExchange::Complete(Core::MethodResult result) noexcept {
-  // Called from the I/O context, out of which an exception would end the server. Whoever gets no
-  // answer here loses the connection with this exchange.
+/// An exception out of a step would end the server. Whoever gets no answer then loses the
+/// connection with this exchange.
+template <class Step>
+void ApiExchange::Guarded(Step step) const noexcept {
   try {
-    AnswerOrTellWhyNot(std::move(result));
+    step();
   } catch (const std::exception& error) {
     LogLine(Log::kDebug, "Handle request error: ", error.what());
   } catch (...) {
@@ -174,16 +177,26 @@ void ApiExchange::Complete(Core::MethodResult result) noexcept {
   }
 }
 
-void ApiExchange::AnswerOrTellWhyNot(Core::MethodResult result) {
+void ApiExchange::Complete(Core::MethodResult result) noexcept {
+  Guarded([&] {
+    boost::asio::dispatch(
+        handler_->ioContext,
+        [self = shared_from_this(), response = AnswerOrTellWhyNot(std::move(result))]() mutable {
+          self->Guarded([&] { self->sink_(std::move(response)); });
+        });
+  });
+}
+
+Response ApiExchange::AnswerOrTellWhyNot(Core::MethodResult result) {
   try {
-    Answer(std::move(result), kResult);
+    return Answer(std::move(result), kResult);
   } catch (const Protocol::Json::JsonSerializationError& error) {
     notSerialized_ = error.what();
-    Answer({}, kNotSerialized);
+    return Answer({}, kNotSerialized);
   }
 }
 
-void ApiExchange::Answer(Core::MethodResult result, const LogTexts& texts) {
+Response ApiExchange::Answer(Core::MethodResult result, const LogTexts& texts) {
   if (!result.output && !result.error) {
     constexpr auto kInternal = Com::Tessel::Orbi::Std::Errors::InternalServerError;
     result.error = *Data::ErrorValue::Create(std::string(kInternal.id()));
@@ -193,12 +206,13 @@ void ApiExchange::Answer(Core::MethodResult result, const LogTexts& texts) {
     Localize(*result.error);
     errorId = result.error->id;
   }
-  Send(std::move(errorId), Serialize(std::move(result)), texts);
+  return MakeResponse(std::move(errorId), Serialize(std::move(result)), texts);
 }
 
 void ApiExchange::AnswerInvalidRequest(const ProtocolError& error) {
   LogLine(Log::kDebug, "Handle request error: ", error.message);
-  Send("InvalidRequest", ApiResponseSerializer::Serialize(id_, error), kInvalidRequest);
+  sink_(MakeResponse("InvalidRequest", ApiResponseSerializer::Serialize(id_, error),
+                     kInvalidRequest));
 }
 
 void ApiExchange::Localize(Data::ErrorValue& error) const {
@@ -213,7 +227,7 @@ ApiExchange::Body ApiExchange::Serialize(Core::MethodResult result) {
                                         spec_.serializer->Start(id_, std::move(result)));
 }
 
-void ApiExchange::Send(std::string errorId, Body body, const LogTexts& texts) {
+Response ApiExchange::MakeResponse(std::string errorId, Body body, const LogTexts& texts) {
   Response response{.headers = {{":status", "200"},
                                 {":reason", "OK"},
                                 {"Content-Type", std::string(NameOf(spec_.responseFormat))},
@@ -222,7 +236,7 @@ void ApiExchange::Send(std::string errorId, Body body, const LogTexts& texts) {
                     .sent = [self = shared_from_this(), &texts](
                                 const boost::system::error_code& ec) { self->Sent(texts, ec); }};
   if (!errorId.empty()) response.headers.push_back({"orbi-error", std::move(errorId)});
-  sink_(std::move(response));
+  return response;
 }
 
 void ApiExchange::Sent(const LogTexts& texts, const boost::system::error_code& ec) const {
@@ -243,10 +257,10 @@ bool PicoHttpApiRequestHandler::Accepts(const RequestHead& head) {
   return spec.deserializer && spec.serializer;
 }
 
-void PicoHttpApiRequestHandler::Handle(const RequestHead& head, std::string body,
-                                       ResponseSink sink) {
+void PicoHttpApiRequestHandler::Handle(const RequestHead& head, std::string_view peer,
+                                       std::string body, ResponseSink sink) {
   std::make_shared<ApiExchange>(spec_, ExtractRequestSpec(head), std::move(sink))
-      ->Handle(head, std::move(body));
+      ->Handle(head, peer, std::move(body));
 }
 
 }  // namespace Orbi::Transport::PicoHttp

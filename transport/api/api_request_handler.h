@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include <boost/asio/io_context.hpp>
 
@@ -15,7 +16,7 @@ namespace Orbi::Transport::PicoHttp {
 
 struct ApiRequestHandlerSpec {
   Core::AsyncApiProviderPtr provider;
-  /// The server's; results are posted back to it from wherever they arrive.
+  /// The server's; answers are sent from the thread that runs it.
   boost::asio::io_context& ioContext;
   std::shared_ptr<Log::Logger> logger;
   std::shared_ptr<const L10n::Localizer> localizer = L10n::LocalizerHelpers::GetDefaultLocalizer();
@@ -27,13 +28,17 @@ struct ApiRequestHandlerSpec {
 /// Whatever comes of an accepted request is answered 200: a result, an API error ("orbi-error"
 /// names it), or, for a body that is no call, a JSON-RPC error. Nothing that goes wrong with a
 /// request gets out of here as an exception.
+///
+/// A result may arrive on any thread, and is worded and serialised there: a long answer does not
+/// keep the server from the other connections.
 class PicoHttpApiRequestHandler final : public RequestHandler {
  public:
   explicit PicoHttpApiRequestHandler(ApiRequestHandlerSpec spec);
 
   /// Whether the body is announced as plain JSON.
   [[nodiscard]] bool Accepts(const RequestHead& head) override;
-  void Handle(const RequestHead& head, std::string body, ResponseSink sink) override;
+  void Handle(const RequestHead& head, std::string_view peer, std::string body,
+              ResponseSink sink) override;
 
  private:
   const std::shared_ptr<const ApiRequestHandlerSpec> spec_;

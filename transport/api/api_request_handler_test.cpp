@@ -29,7 +29,6 @@ class Provider : public Core::AsyncApiProvider {
                                       Core::ExecutionContextPtr, MethodCompletion)>;
   explicit Provider(Function function) : function_(std::move(function)) {}
 
-  std::string_view Name() const override { return "Provider"; }
   void Invoke(const Core::MethodIdentifier& method, Data::Value input,
               Core::ExecutionContextPtr context, MethodCompletion completion) override {
     function_(method, std::move(input), std::move(context), std::move(completion));

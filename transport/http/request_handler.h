@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include "transport/http/request_head.h"
 #include "transport/http/response.h"
@@ -24,9 +25,11 @@ class RequestHandler {
   /// Answers a request through `sink`, now or later. An exception out of this function costs the
   /// client its connection, nothing else.
   /// @param head  this object and its views stay valid until `sink` is called or destroyed
+  /// @param peer  the address of the client, in text; as valid as the head
   /// @param body  the whole body, transfer coding removed, at most
   ///     ServerConfig::httpBodySizeLimitInBytes long
-  virtual void Handle(const RequestHead& head, std::string body, ResponseSink sink) = 0;
+  virtual void Handle(const RequestHead& head, std::string_view peer, std::string body,
+                      ResponseSink sink) = 0;
 };
 
 }  // namespace Orbi::Transport::PicoHttp

@@ -47,6 +47,7 @@ class PicoHttpStreamHandler final
 
   PicoHttpStreamHandler(Socket socket, std::shared_ptr<const Context> context)
       : context_(std::move(context)),
+        peer_(AddressOf(socket)),
         base_(std::make_shared<BaseStream>(
             WithoutDelay(std::move(socket)),
             Orbi::Asio::IOTimeouts{context_->spec.readTimeout, context_->spec.writeTimeout})),
@@ -75,6 +76,12 @@ class PicoHttpStreamHandler final
     ErrorCode ignored;  // a socket that has gone already says so at the first read
     socket.set_option(boost::asio::ip::tcp::no_delay(true), ignored);
     return socket;
+  }
+
+  static std::string AddressOf(const Socket& socket) {
+    ErrorCode gone;
+    const auto peer = socket.remote_endpoint(gone);
+    return gone ? std::string() : peer.address().to_string();
   }
 
   // Reading a request.
@@ -121,7 +128,8 @@ class PicoHttpStreamHandler final
 
   void RequestReadCb(ErrorCode ec, std::string body) {
     if (ec) return ReadFailed(ec);
-    context_->handler.Handle(head_.Head(), std::move(body), ResponseSink(this->shared_from_this()));
+    context_->handler.Handle(head_.Head(), peer_, std::move(body),
+                             ResponseSink(this->shared_from_this()));
   }
 
   /// A client that speaks wrongly is told so; to one that is gone or silent there is nothing to
@@ -239,6 +247,7 @@ class PicoHttpStreamHandler final
   }
 
   const std::shared_ptr<const Context> context_;
+  const std::string peer_;
   const std::shared_ptr<BaseStream> base_;
   Stream stream_;
   HeadReader head_;

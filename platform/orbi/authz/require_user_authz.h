@@ -15,7 +15,6 @@ class RequireUserAuthz : public Core::AsyncApiProvider {
   /// @param interfaces  identifiers of the interfaces that need a user
   RequireUserAuthz(Core::AsyncApiProviderPtr next, std::set<std::string> interfaces);
 
-  [[nodiscard]] std::string_view Name() const override { return "RequireUserAuthz"; }
   void Invoke(const Core::MethodIdentifier& method, Data::Value input,
               Core::ExecutionContextPtr context, Core::MethodCompletion completion) override;
 

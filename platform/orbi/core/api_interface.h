@@ -24,7 +24,7 @@ struct OperationDefinition {
 };
 
 struct Operation {
-  /// Called on the transport's thread; completes at any later time, on any thread.
+  /// Called on any thread, and from several at once; completes at any later time, on any thread.
   using Invoker = std::function<void(const Data::Value& input, const ExecutionContextPtr& context,
                                      MethodCompletion completion)>;
   OperationDefinition definition;

@@ -36,8 +36,6 @@ class AsyncLocalProvider : public AsyncApiProvider {
   /// @throws RegistrationError with "orbi.provider.interface.already.registered"
   void AddInterface(ApiInterface interface);
 
-  [[nodiscard]] std::string_view Name() const override { return "AsyncLocalProvider"; }
-
   /// A service or operation that is not registered is answered with operation_not_found. An
   /// exception out of an implementation is logged; the call is answered by the implementation's
   /// completion, which its unwinding abandons.

@@ -2,6 +2,9 @@
 
 #include <exception>
 
+#include "orbi/l10n/catalogue.h"
+#include "orbi/std/errors.h"
+
 namespace Orbi::Core {
 
 MethodCompletion& MethodCompletion::operator=(MethodCompletion&& other) noexcept {
@@ -21,6 +24,11 @@ void MethodCompletion::operator()(MethodResult result) {
 
 void MethodCompletion::Abandon() noexcept {
   if (callback_) (*this)(MethodResult{});
+}
+
+Data::ErrorValue Overloaded() {
+  return Com::Tessel::Orbi::Std::Errors::ServiceUnavailable(
+      {L10n::FrameworkMessage("orbi.provider.overloaded")});
 }
 
 }  // namespace Orbi::Core

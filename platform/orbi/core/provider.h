@@ -62,16 +62,18 @@ class MethodCompletion {
 };
 
 /// One link of the provider chain. Invoke never throws for a reason that lies in the call: every
-/// outcome goes through the completion. Used from one thread at a time (the transport's).
+/// outcome goes through the completion. Called from any thread, and from several at once.
 class AsyncApiProvider {
  public:
   virtual ~AsyncApiProvider() = default;
 
-  [[nodiscard]] virtual std::string_view Name() const = 0;
   virtual void Invoke(const MethodIdentifier& method, Data::Value input,
                       ExecutionContextPtr context, MethodCompletion completion) = 0;
 };
 
 using AsyncApiProviderPtr = std::shared_ptr<AsyncApiProvider>;
+
+/// The error of a call that found no place to wait for its turn.
+[[nodiscard]] Data::ErrorValue Overloaded();
 
 }  // namespace Orbi::Core

@@ -24,6 +24,7 @@ constexpr Entry kCatalogue[] = {
     {"orbi.metadata.identifier.unknown", "There is no metadata of '{1}'."},
     {"orbi.provider.interface.already.registered", "Interface '{1}' is already registered."},
     {"orbi.provider.interface.unknown", "There is no interface '{1}'."},
+    {"orbi.provider.overloaded", "Too many calls wait for their turn. Try again later."},
     {"orbi.provider.operation.unknown", "Interface '{1}' has no operation '{2}'."},
 };
 

@@ -9,7 +9,6 @@ namespace Orbi::Core {
 /// For tests: the end of a provider chain, which answers with the input that reached it.
 class EchoProvider : public AsyncApiProvider {
  public:
-  [[nodiscard]] std::string_view Name() const override { return "Echo"; }
   void Invoke(const MethodIdentifier&, Data::Value input, ExecutionContextPtr,
               MethodCompletion completion) override {
     completion(MethodResult::Output(std::move(input)));

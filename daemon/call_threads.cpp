@@ -1,0 +1,30 @@
+#include "daemon/call_threads.h"
+
+#include <utility>
+
+#include "pcore/foreground.h"
+
+namespace Host::Settings::SettingsApi {
+
+bool CallThreads::Run(Orbi::Authn::Wait wait, const std::string& peer, Check check, Done done) {
+  switch (wait) {
+    case Orbi::Authn::Wait::kSystem:
+      return authentication_.Submit(peer, std::move(check), std::move(done));
+    case Orbi::Authn::Wait::kFiles:
+      return requests_.Submit(
+          peer, [check = std::move(check), done = std::move(done)] { done(check()); });
+    case Orbi::Authn::Wait::kNone:
+      break;
+  }
+  done(check());
+  return true;
+}
+
+void CallThreads::HurryUp() { PcoreCtl::EndForeground(); }
+
+void CallThreads::Stop() {
+  authentication_.Stop();
+  requests_.Stop();
+}
+
+}  // namespace Host::Settings::SettingsApi

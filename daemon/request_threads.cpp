@@ -1,0 +1,139 @@
+#include "daemon/request_threads.h"
+
+#include <algorithm>
+#include <exception>
+#include <utility>
+
+#include "tesselibs/log.h"
+#include "tesselibs/signals_blocked.h"
+
+namespace Host::Settings::SettingsApi {
+namespace {
+
+void Do(const RequestThreads::Work& work) {
+  try {
+    work();
+  } catch (const std::exception& e) {
+    Log_Level(LogLevel::kCritical, "[%s]: Operation failed: %s\n", "RequestThreads", e.what());
+  } catch (...) {
+    Log_Level(LogLevel::kCritical, "[%s]: Operation failed: %s\n", "RequestThreads", "unknown");
+  }
+}
+
+}  // namespace
+
+bool RequestThreads::Submit(const std::string& peer, Work work) {
+  std::vector<pthread_t> ended;
+  bool accepted = false;
+  {
+    const Lock lock(mutex_);
+    ended = TakeEnded();
+    const auto place = peers_.try_emplace(peer).first;
+    if (!stopping_ && waiting_.size() < limits_.waiting &&
+        place->second.waiting < limits_.waitingOfPeer) {
+      waiting_.push_back({place, std::move(work)});
+      ++place->second.waiting;
+      // A thread that was woken for other work counts as idle until it has taken that.
+      if (CountRunnable() <= idle_) {
+        workCame_.notify_one();
+        accepted = true;
+      } else if (threads_ == limits_.threads || StartThread() || threads_ > 0) {
+        accepted = true;
+      } else {
+        waiting_.pop_back();
+        --place->second.waiting;
+      }
+    }
+    Forget(place);
+  }
+  Join(ended);
+  return accepted;
+}
+
+void RequestThreads::Stop() {
+  std::list<Waiting> dropped;
+  std::vector<pthread_t> ended;
+  {
+    Lock lock(mutex_);
+    stopping_ = true;
+    dropped.swap(waiting_);
+    workCame_.notify_all();
+    threadEnded_.wait(lock, [this] { return threads_ == 0; });
+    ended = TakeEnded();
+  }
+  Join(ended);
+}
+
+bool RequestThreads::StartThread() {
+  pthread_attr_t attributes;
+  if (pthread_attr_init(&attributes) != 0) return false;
+  const SignalsBlocked blocked;
+  pthread_t thread;
+  const bool started = pthread_attr_setstacksize(&attributes, limits_.stackSize) == 0 &&
+                       pthread_create(&thread, &attributes, &Main, this) == 0;
+  pthread_attr_destroy(&attributes);
+  if (started) ++threads_;
+  return started;
+}
+
+void* RequestThreads::Main(void* self) {
+  auto& threads = *static_cast<RequestThreads*>(self);
+  Lock lock(threads.mutex_);
+  threads.Run(lock);
+  --threads.threads_;
+  threads.ended_.push_back(pthread_self());
+  threads.threadEnded_.notify_all();
+  return nullptr;
+}
+
+void RequestThreads::Run(Lock& lock) {
+  const auto mayGoOn = [this] { return stopping_ || FindNext() != waiting_.end(); };
+  for (;;) {
+    ++idle_;
+    const bool goesOn = workCame_.wait_for(lock, limits_.idleTime, mayGoOn);
+    --idle_;
+    if (!goesOn || stopping_) return;
+    const auto next = FindNext();
+    const auto peer = next->peer;
+    Work work = std::move(next->work);
+    waiting_.erase(next);
+    --peer->second.waiting;
+    ++peer->second.running;
+
+    lock.unlock();
+    Do(work);
+    work = nullptr;  // what it holds may take its time to go
+    lock.lock();
+
+    --peer->second.running;
+    Forget(peer);
+  }
+}
+
+/// The first work of a peer that does not hold its part of the threads.
+std::list<RequestThreads::Waiting>::iterator RequestThreads::FindNext() {
+  return std::ranges::find_if(waiting_, [this](const Waiting& waiting) {
+    return waiting.peer->second.running < limits_.threadsOfPeer;
+  });
+}
+
+/// How much of the work that waits could run now, if there were threads enough.
+std::size_t RequestThreads::CountRunnable() const {
+  std::size_t count = 0;
+  for (const auto& [address, peer] : peers_)
+    count += std::min(peer.waiting, limits_.threadsOfPeer - peer.running);
+  return count;
+}
+
+void RequestThreads::Forget(Peers::iterator peer) {
+  if (peer->second.running == 0 && peer->second.waiting == 0) peers_.erase(peer);
+}
+
+std::vector<pthread_t> RequestThreads::TakeEnded() { return std::exchange(ended_, {}); }
+
+/// Threads that have ended but for their last instructions.
+void RequestThreads::Join(const std::vector<pthread_t>& threads) {
+  for (const pthread_t thread : threads) pthread_join(thread, nullptr);
+}
+
+}  // namespace Host::Settings::SettingsApi
