@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <string.h>
+#include <sys/stat.h>
 
 #include <fstream>
 
@@ -10,11 +11,23 @@
 
 #include "tesselibs/log.h"
 
-std::map<std::string, std::string> ReadIniFile(const std::string& path) {
+namespace {
+
+/// @return 0 or the error number
+int Open(const std::string& path, std::ifstream& file) {
+  // Opening a pipe would wait for its writer, and the start of the process with it.
+  struct stat status {};
+  if (stat(path.c_str(), &status) == 0 && S_ISFIFO(status.st_mode)) return EINVAL;
   errno = 0;
-  std::ifstream file(path);
-  if (!file) {
-    const int error = errno;
+  file.open(path);
+  return file ? 0 : errno;
+}
+
+}  // namespace
+
+std::map<std::string, std::string> ReadIniFile(const std::string& path) {
+  std::ifstream file;
+  if (const int error = Open(path, file); !file.is_open()) {
     if (error != ENOENT)
       Log_Level(LogLevel::kError, "Cannot read %s: %s\n", path.c_str(), strerror(error));
     return {};
