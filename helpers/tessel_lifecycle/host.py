@@ -14,7 +14,7 @@ def least_acceptance_level():
     except (OSError, ValueError) as error:
         raise ImageError("AcceptanceGetError", detail=error) from error
     if level not in ACCEPTANCE_LEVELS:
-        raise ImageError("AcceptanceGetError", detail=f"unknown level {level}")
+        raise ImageError("AcceptanceGetError", detail=f"unknown level {level!a}")
     return level
 
 

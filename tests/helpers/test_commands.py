@@ -1,7 +1,10 @@
 """What no client of the daemon can bring about: the commands themselves, and depots made for other hosts."""
 
+import pathlib
+
 import pytest
 from depot_maker import base_image, component, package, write_depot
+from tessel_lifecycle import paths
 
 SCAN = "software --scan --software-spec DOCUMENT --depot {} --task-id ID"
 APPLY = " software --apply --task-id ID --depot {} --software-spec DOCUMENT"
@@ -27,3 +30,18 @@ def test_packages_for_other_hardware_are_refused(host, tmp_path):
     spec = {"base_image": {"version": "8.0-1"}}
     assert host.error(APPLY.format(depot), spec) == ("PaxHwPlatformError", [])
     assert host.result(SCAN.format(depot), spec)["status"] == "INCOMPATIBLE"
+
+
+@pytest.fixture
+def preferences():
+    path = pathlib.Path(paths.PREFERENCES)
+    yield path
+    path.unlink()
+
+
+@pytest.mark.parametrize("content", [b"acceptance_level = COMMUNITY\nnonsense\n", b"acceptance_level = \xff\n"])
+def test_packages_are_refused_while_nobody_can_tell_what_is_admitted(host, tmp_path, preferences, content):
+    depot = write_depot(tmp_path / "depot", base_image(components={"c": "1-1"}), component("c", paxs=["p"]),
+                        package("p", {}))
+    preferences.write_bytes(content)
+    assert host.error(APPLY.format(depot), {"base_image": {"version": "8.0-1"}}) == ("AcceptanceGetError", [])
