@@ -5,7 +5,8 @@ import io
 from tessel_lifecycle.archive import ARCHIVE_ERRORS, ZipReader
 from tessel_lifecycle.document import Fields, list_of, parse, sha256, shallow, size, text
 from tessel_lifecycle.errors import ImageError
-from tessel_lifecycle.fetch import FetchError, open_source
+from tessel_lifecycle.fetch import FetchError
+from tessel_lifecycle.location import open_source
 from tessel_lifecycle.metadata import KINDS, Catalogue, relative_path
 
 INDEX = "index.json"

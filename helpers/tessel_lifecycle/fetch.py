@@ -1,11 +1,10 @@
-"""Reading a depot's files: from a directory, or over HTTP with resumption, time-outs and a counted number of tries."""
+"""Reading a depot's files with resumption, time-outs and a counted number of tries; from a directory as it stands."""
 
 import contextlib
 import hashlib
 import io
 import os
 import time
-import urllib.parse
 
 from tessel_lifecycle import files
 
@@ -39,25 +38,7 @@ class Patience:
 
 INLINE = Patience(attempts=2, timeout=5, pause=0.5, limit=10, slowest=1 << 20)
 TASK = Patience(attempts=5, timeout=20, pause=1, limit=60)
-_LOCAL = Patience(attempts=1, timeout=0, pause=0, limit=3600)  # a directory has no second answer
-
-
-def open_source(location, patience):
-    """The source for a depot's location: an absolute path, a file:// or an http(s):// URL. @throws FetchError"""
-    try:
-        url = urllib.parse.urlsplit(location)
-        if not location.isprintable() or url.query or url.fragment or "@" in url.netloc:
-            raise ValueError("a depot's location has no credentials, query, fragment or control characters")
-        if location.startswith("/") and not location.startswith("//"):
-            return Source(location, _LOCAL)
-        if url.scheme == "file" and url.netloc in ("", "localhost") and url.path.startswith("/"):
-            return Source(urllib.parse.unquote(url.path, errors="strict"), _LOCAL)
-        if url.scheme in ("http", "https") and url.hostname and url.port != 0 and location.isascii():
-            from tessel_lifecycle.http_source import HttpSource
-            return HttpSource(location, patience)
-    except ValueError as error:
-        raise FetchError(location, error) from None
-    raise FetchError(location, "neither an absolute path nor a file or http URL")
+LOCAL = Patience(attempts=1, timeout=0, pause=0, limit=3600)  # a directory has no second answer
 
 
 class Source:

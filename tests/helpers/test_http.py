@@ -5,7 +5,8 @@ import os
 
 import pytest
 from misbehaving_server import Server, answer, drip, drip_body, endless, hang, redirect
-from tessel_lifecycle.fetch import ContentError, FetchError, Patience, open_source
+from tessel_lifecycle.fetch import ContentError, FetchError, Patience
+from tessel_lifecycle.location import open_source
 
 CONTENT = bytes(range(256)) * 2000
 DIGEST = hashlib.sha256(CONTENT).hexdigest()
