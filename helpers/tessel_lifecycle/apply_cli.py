@@ -3,11 +3,11 @@
 import os
 import sys
 
-from tessel_lifecycle import paths
+from tessel_lifecycle import host_claim, paths
 from tessel_lifecycle.cli import Command, run_task
 
 COMMAND = Command("host_apply:apply", required=("--cleanup-interval",),
-                  optional=("--depot-doc", "--config-doc", "--image-doc"), marker=paths.APPLY_PID,
+                  optional=("--depot-doc", "--config-doc", "--image-doc"), claim=host_claim.APPLY,
                   documents=(paths.DEPOTS_DOCUMENT, paths.CONFIGURATION_DOCUMENT, paths.IMAGE_DOCUMENT),
                   operation="com.tessel.ryx.hosts.settings.set$task")
 

@@ -7,7 +7,7 @@ imported when they are run, since the callers of inline commands wait for them.
 import os
 import sys
 
-from tessel_lifecycle import paths
+from tessel_lifecycle import host_claim, paths
 
 INLINE_LIMIT = 30  # seconds
 
@@ -21,13 +21,13 @@ class Command:
     with `late` when it takes too long, which only depots do.
     A task has an `operation`, by which its record names it, and takes `required` options, --task-id and `optional`
     ones. `documents` are the input files that the daemon makes for it, whatever the line says; one whose path ends
-    with "-" has the task's identifier behind it. `marker` is the file that the daemon makes to mark the task.
+    with "-" has the task's identifier behind it. `claim` is the one that the daemon makes for the task.
     """
 
     def __init__(self, function, values=0, required=(), operation="", bad_usage=1, failed=1, late=1, optional=(),
-                 documents=(), marker=paths.TASK_SYNC):
+                 documents=(), claim=host_claim.SOFTWARE):
         self.function, self.values, self.operation = function, values, operation
-        self.optional, self.documents, self.marker = optional, documents, marker
+        self.optional, self.documents, self.claim = optional, documents, claim
         self.required = (*required, "--task-id") if operation else required
         self.bad_usage, self.failed, self.late = bad_usage, failed, late
 
@@ -119,14 +119,14 @@ def run_task(command, words):
     """
     from tessel_lifecycle.errors import INVALID_INPUT, TaskError, UsageError
     from tessel_lifecycle.guard import run
-    from tessel_lifecycle.task import Task, is_task_id, task_named_by
+    from tessel_lifecycle.task import Task, is_task_id
     named = [words[i + 1] for i, word in enumerate(words[:-1]) if word == "--task-id" and is_task_id(words[i + 1])]
     if not named:
         print("--task-id ID is missing", file=sys.stderr)
         return 1
-    task_id = task_named_by(command.marker, named)
+    task_id = command.claim.holder(named)
     documents = [path + task_id if path.endswith("-") else path for path in command.documents]
-    task = Task(task_id, command.operation, documents, command.marker)
+    task = Task(task_id, command.operation, documents, command.claim)
     try:
         options = _options(command, words)
     except UsageError as error:

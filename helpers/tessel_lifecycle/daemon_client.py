@@ -6,7 +6,7 @@ import json
 import socket
 import time
 
-from tessel_lifecycle import ticket
+from tessel_lifecycle import host_claim, ticket
 from tessel_lifecycle.document import Fields, compact, list_of, parse, size, text
 from tessel_lifecycle.errors import TaskError
 from tessel_lifecycle.plain_json import opened, option
@@ -14,7 +14,7 @@ from tessel_lifecycle.timed_response import TimedResponse
 
 _SCHEME = "com.tessel.orbi.std.security.user_pass"
 _TASKS = "com.tessel.cis.tasks"
-_BUSY = ("com.tessel.ryx.task.contention", "com.tessel.ryx.task.lock.error")
+_BUSY = (host_claim.SOFTWARE.contention, "com.tessel.ryx.task.lock.error")
 
 _MOST_REQUEST = 2_500_000  # bytes that the daemon takes
 _MOST_ANSWER = 64 << 20

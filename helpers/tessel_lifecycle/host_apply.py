@@ -1,21 +1,15 @@
 """The task that brings the host to a whole desired state: its image, its configuration, or both."""
 
-import os
-
-from tessel_lifecycle import files, leftovers, paths, software_tasks
+from tessel_lifecycle import files, host_claim, leftovers, paths, software_tasks
 from tessel_lifecycle.document import Fields, list_of, parse, text
 from tessel_lifecycle.errors import INVALID_INPUT, TaskError
 from tessel_lifecycle.host_configuration import DesiredConfiguration
-from tessel_lifecycle.lock import LockTimeout, access_lock
 from tessel_lifecycle.plain_json import optional, structure
 from tessel_lifecycle.spec import MOST_SPEC
-from tessel_lifecycle.task import named_by
 
-_CONTENTION = "com.tessel.ryx.lifecycle.task.contention"
 _NO_INPUT = "com.tessel.ryx.apply.no.input"
 _NO_DEPOTS = "com.tessel.ryx.apply.invalid.depots"
 _NO_CONFIGURATION = "com.tessel.ryx.kestrel_daemon.configuration.parse.error"
-_PATIENCE = 5  # seconds for the lock of the pid file
 
 
 class _Part:
@@ -31,7 +25,7 @@ class _Part:
 
 def apply(task, options):
     """Applies what the documents say. The configuration is checked first: one that is not valid changes nothing."""
-    _claim(task)
+    host_claim.APPLY.take_over(task.id)
     interval = options["--cleanup-interval"]
     if not (interval.isascii() and interval.isdecimal()):
         raise TaskError(INVALID_INPUT, detail=f"--cleanup-interval {interval}: not a number of seconds")
@@ -39,18 +33,6 @@ def apply(task, options):
         return _apply(task, *_documents(options))
     finally:
         leftovers.remove(int(interval), "--image-doc" in options)
-
-
-def _claim(task):
-    """Takes over the pid file, by which starters know that an apply runs."""
-    try:
-        with access_lock(paths.APPLY_PID, _PATIENCE):
-            named = named_by(paths.APPLY_PID)
-            if named and task.id not in named:
-                raise TaskError(_CONTENTION, detail=f"{paths.APPLY_PID} names another task")
-            files.replace(paths.APPLY_PID, f"{os.getpid()} {task.id}\n".encode())
-    except LockTimeout as error:
-        raise TaskError(_CONTENTION, detail=error) from error
 
 
 def _documents(options):

@@ -1,4 +1,4 @@
-"""The record of one task, from RUNNING to its end, and the files that mark the task while it runs."""
+"""The record of one task, from RUNNING to its end."""
 
 import contextlib
 import datetime
@@ -8,7 +8,7 @@ import signal
 import syslog
 import time
 
-from tessel_lifecycle import files, paths
+from tessel_lifecycle import files, host_claim
 from tessel_lifecycle.document import compact
 from tessel_lifecycle.lock import LockTimeout
 from tessel_lifecycle.records import open_records
@@ -44,12 +44,11 @@ def uninterrupted():
 class Task:
     """One task.
 
-    `documents` are its input files, removed at its end together with `marker`, the file by which starters of other
-    tasks know that this one runs, if it names this one.
+    `documents` are its input files, removed at its end. Then `claim` is released, by which the task has the host.
     """
 
-    def __init__(self, task_id, operation, documents, marker=paths.TASK_SYNC):
-        self.id, self.operation, self._documents, self._marker = task_id, operation, documents, marker
+    def __init__(self, task_id, operation, documents, claim=host_claim.SOFTWARE):
+        self.id, self.operation, self._documents, self._claim = task_id, operation, documents, claim
         self._records = open_records()
         self._told, self._told_at = 0, 0.0
 
@@ -115,8 +114,7 @@ class Task:
         with uninterrupted():
             for document in self._documents:
                 files.remove(document)
-            if self.id in named_by(self._marker):
-                files.remove(self._marker)
+            self._claim.release(self.id)
             end = time.monotonic() + _LAST_TRIES
             while True:
                 try:
@@ -126,20 +124,6 @@ class Task:
                     if time.monotonic() > end:
                         raise
                 time.sleep(1)
-
-
-def named_by(marker):
-    """The words of a file that tells which task runs; none when there is no such file."""
-    try:
-        return files.read_bounded(marker, 4096).decode().split()
-    except (OSError, ValueError):
-        return []
-
-
-def task_named_by(marker, candidates):
-    """The one of several identifiers that such a file names, or the first."""
-    named = named_by(marker)
-    return next((c for c in candidates if c in named), candidates[0])
 
 
 def is_task_id(word):
