@@ -72,6 +72,8 @@ static int is_file(int descriptor) {
   return fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode);
 }
 
+static int makes_file(int flags) { return flags & O_CREAT || (flags & O_TMPFILE) == O_TMPFILE; }
+
 #define NEXT(name) ((__typeof__(&(name)))dlsym(RTLD_NEXT, #name))
 #define CALL(type, name, parameters, values, counts, grows)                                     \
   type name parameters { return (counts) && broken(grows) ? -1 : NEXT(name) values; }
@@ -79,9 +81,9 @@ static int is_file(int descriptor) {
   int name parameters {                                                                         \
     va_list rest;                                                                               \
     va_start(rest, flags);                                                                      \
-    const int mode = flags & O_CREAT ? va_arg(rest, int) : 0;                                   \
+    const int mode = makes_file(flags) ? va_arg(rest, int) : 0;                                 \
     va_end(rest);                                                                               \
-    return flags & (O_CREAT | O_TRUNC) && broken(1) ? -1 : NEXT(name) values;                   \
+    return (makes_file(flags) || flags & O_TRUNC) && broken(1) ? -1 : NEXT(name) values;        \
   }
 
 OPEN(open, (const char *path, int flags, ...), (path, flags, mode))
@@ -94,6 +96,7 @@ CALL(ssize_t, pwrite64, (int d, const void *b, size_t n, off64_t o), (d, b, n, o
 CALL(int, rename, (const char *from, const char *to), (from, to), 1, 1)
 CALL(int, renameat, (int a, const char *from, int b, const char *to), (a, from, b, to), 1, 1)
 CALL(int, link, (const char *from, const char *to), (from, to), 1, 1)
+CALL(int, linkat, (int a, const char *from, int b, const char *to, int flags), (a, from, b, to, flags), 1, 1)
 CALL(int, symlink, (const char *target, const char *path), (target, path), 1, 1)
 CALL(int, mkdir, (const char *path, mode_t mode), (path, mode), 1, 1)
 CALL(int, mkdirat, (int at, const char *path, mode_t mode), (at, path, mode), 1, 1)

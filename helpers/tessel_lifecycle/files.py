@@ -25,6 +25,38 @@ def replace(path, content, mode=0o644):
     sync_directory(os.path.dirname(path))
 
 
+class Successor:
+    """The next content of a file, written and synced before it takes the file's place.
+
+    It has no name until then, so that nothing is left of one whose process is killed.
+    """
+
+    def __init__(self, path, parts, mode):
+        """`parts` are pieces of bytes. @throws OSError, also where the file system knows no files without a name"""
+        self._path = path
+        flags = os.O_WRONLY | os.O_TMPFILE | os.O_CLOEXEC
+        self._file = open(os.open(os.path.dirname(path), flags, mode), "wb")
+        try:
+            self._file.writelines(parts)
+            self._file.flush()
+            os.fsync(self._file.fileno())
+        except BaseException:
+            self._file.close()
+            raise
+
+    def take_place(self):
+        """Replaces the file, which nobody else may do meanwhile; lasts when the directory is synced. @throws OSError"""
+        new, own = f"{self._path}.new", self._file.fileno()
+        remove(new)
+        # Only with some directory is the link of /proc followed, though its path is absolute.
+        os.link(f"/proc/self/fd/{own}", new, src_dir_fd=own, follow_symlinks=True)
+        os.rename(new, self._path)
+
+    def close(self):
+        """What has not taken its place is gone then."""
+        self._file.close()
+
+
 def sync_directory(path):
     """Makes renames and removals in a directory last."""
     descriptor = os.open(path, os.O_RDONLY | os.O_DIRECTORY)

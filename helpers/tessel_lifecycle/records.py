@@ -3,11 +3,15 @@
 import contextlib
 import json
 import os
+import stat
 import syslog
 import time
 
-from tessel_lifecycle import files, paths, platform_file
+from tessel_lifecycle import files, paths, platform_file, record_span
 from tessel_lifecycle.lock import LockTimeout, access_lock
+
+_TRIES_BEFORE_LOCKING = 2  # to make a change ready without the lock; others may be faster
+_IDENTITY = ("st_dev", "st_ino", "st_mode", "st_size", "st_mtime_ns")  # of a file that has not been replaced or touched
 
 
 def open_records():
@@ -20,7 +24,7 @@ def open_records():
 
 
 class FileRecords:
-    """One JSON object, task identifier to record, rewritten whole under the lock named after the file."""
+    """One JSON object, task identifier to record, in a file that is replaced whole under the lock named after it."""
 
     def __init__(self, path):
         self.path = path
@@ -28,9 +32,19 @@ class FileRecords:
     def change(self, task_id, edit, patience):
         """Calls `edit` with the task's record, empty if there is none, and keeps what it makes of it.
 
-        Waits `patience` seconds for the lock. @throws LockTimeout, OSError
+        Waits `patience` seconds for the lock. `edit` is called again when somebody else was faster.
+        @throws LockTimeout, OSError
         """
-        with access_lock(self.path, patience):
+        end = time.monotonic() + patience
+        for _ in range(_TRIES_BEFORE_LOCKING):
+            with contextlib.closing(_Rewrite(self.path)) as rewrite:
+                if not rewrite.prepare(task_id, edit):
+                    break
+                with access_lock(self.path, end - time.monotonic()):
+                    made = rewrite.make()
+                if made:
+                    return files.sync_directory(os.path.dirname(self.path))
+        with access_lock(self.path, end - time.monotonic()):
             self._rewrite(task_id, edit)
 
     def change_at_last(self, task_id, edit, patience):
@@ -67,13 +81,56 @@ class FileRecords:
         return {}
 
 
-def _json(records):
+class _Rewrite:
+    """The status file with one record changed, made ready before the lock is taken: whoever polls tasks waits for the
+    lock, and reading, writing and syncing many records takes its time. All other bytes stay as they are."""
+
+    def __init__(self, path):
+        self._path, self._file, self._successor = path, None, None
+
+    def prepare(self, task_id, edit):
+        """Returns False where it takes a look at the whole file, under the lock."""
+        try:
+            self._file = files.open_regular(self._path)  # kept open: its number belongs to no other file meanwhile
+            self._seen = os.fstat(self._file.fileno())
+            text = self._file.read()
+            found = record_span.find(text, task_id)
+            if found is None:
+                return False
+            start, end, record = found
+            edit(record)
+            whole = memoryview(text)
+            self._successor = files.Successor(self._path, (whole[:start], _json(record), whole[end:]),
+                                              stat.S_IMODE(self._seen.st_mode))
+            return True
+        except OSError:
+            return False
+
+    def make(self):
+        """Puts it in place. Returns False when the file is not the one any more that it was made from."""
+        try:
+            there = os.stat(self._path)
+            if any(getattr(there, name) != getattr(self._seen, name) for name in _IDENTITY):
+                return False
+            self._successor.take_place()
+            return True
+        except OSError:
+            return False
+
+    def close(self):
+        if self._file:
+            self._file.close()
+        if self._successor:
+            self._successor.close()
+
+
+def _json(value):
     """Compact JSON that keeps even bytes which are not UTF-8 as they are."""
     try:
-        text = json.dumps(records, separators=(",", ":"), allow_nan=False, ensure_ascii=False)
+        text = json.dumps(value, separators=(",", ":"), allow_nan=False, ensure_ascii=False)
         return text.encode(errors="surrogateescape")
     except UnicodeEncodeError:
-        return json.dumps(records, separators=(",", ":")).encode()
+        return json.dumps(value, separators=(",", ":")).encode()
 
 
 def _refuse(constant):
