@@ -22,7 +22,7 @@ import time
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "tools"))
 
-from orbi_client import Client, envelope  # noqa: E402
+from orbi_client import Client, envelope
 
 DAEMON = "/usr/lib/tessel/lifecycle/bin/kestreld"
 TASK_STATUS = pathlib.Path("/var/tessel/lifecycle/task-status.json")
@@ -109,7 +109,8 @@ events {{ worker_connections 2000; }}
 http {{ access_log off; client_body_temp_path {folder}/body; proxy_temp_path {folder}/proxy;
   fastcgi_temp_path {folder}/fastcgi; uwsgi_temp_path {folder}/uwsgi; scgi_temp_path {folder}/scgi;
   keepalive_requests 100000000;
-  server {{ listen 127.0.0.1:{port}; location / {{ default_type application/json; return 200 '{"x" * answer_size}'; }} }} }}
+  server {{ listen 127.0.0.1:{port};
+    location / {{ default_type application/json; return 200 '{"x" * answer_size}'; }} }} }}
 """)
     return ["nginx", "-c", config, "-e", "/dev/null"]
 

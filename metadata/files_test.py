@@ -12,8 +12,8 @@ ROOT = os.path.dirname(HERE)
 sys.path.insert(0, os.path.join(ROOT, "tools"))
 sys.dont_write_bytecode = True
 
-import generate_bindings  # noqa: E402
-import metamodel  # noqa: E402
+import generate_bindings
+import metamodel
 
 METAMODELS = [os.path.join(HERE, name) for name in ("kestreld_orbi_metamodel.json", "orbi_common_metamodel.json")]
 
@@ -72,7 +72,8 @@ class FilesTest(unittest.TestCase):
 
     def test_messages_named_in_words_exist(self):
         known = ""
-        for folder, suffix in (("configuration/messages", ".cpp"), ("platform/orbi/l10n", ".cpp"), ("metadata", ".json")):
+        for folder, suffix in (("configuration/messages", ".cpp"), ("platform/orbi/l10n", ".cpp"),
+                               ("metadata", ".json")):
             for name in os.listdir(os.path.join(ROOT, folder)):
                 if name.endswith(suffix):
                     with open(os.path.join(ROOT, folder, name), encoding="utf-8") as file:

@@ -12,7 +12,7 @@ import time
 REPOSITORY = pathlib.Path(__file__).resolve().parent.parent
 sys.path.insert(0, str(REPOSITORY / "tools"))
 
-from orbi_client import Client  # noqa: E402
+from orbi_client import Client
 
 BINARIES = pathlib.Path("/usr/lib/tessel/lifecycle/bin")
 STATE = pathlib.Path("/var/tessel")

@@ -194,7 +194,9 @@ def test_session_goes_as_its_transcript_tells(daemon, sample_depot, tmp_path, tr
     shutil.copytree(sample_depot, tmp_path / "depot")
     steps = parse((SESSIONS / "names.let").read_text() + transcript.read_text())
     with served(tmp_path / "depot") as url:
-        names = {"depot": url, "folder": str(tmp_path / "depot"), "tests": str(SESSIONS.parent), "host": host_of(daemon)}
+        names = {"depot": url, "folder": str(tmp_path / "depot"), "tests": str(SESSIONS.parent),
+                 "host": host_of(daemon)}
         replayed = Session(names, daemon.log).replay(steps)
-    difference = list(difflib.unified_diff(*map(list, map(render, (steps, replayed))), "told", "seen", lineterm="", n=5))
+    texts = (list(render(session)) for session in (steps, replayed))
+    difference = list(difflib.unified_diff(*texts, "told", "seen", lineterm="", n=5))
     assert not difference, "\n".join(difference)

@@ -6,7 +6,6 @@ The daemon is killed at a few of its calls here; `--every-point` kills it at eac
 import contextlib
 import http.client
 import json
-import os
 import pathlib
 import shutil
 import signal

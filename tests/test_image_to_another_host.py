@@ -13,7 +13,8 @@ EXTENDED = {"base_image": {"version": "8.0.1-1"}, "components": {},
             "add_on": {"name": "norvik-addon", "version": "8.0.1-3"},
             "hardware_support": {"norvik-manager": {"package": "rack", "version": "1.2.0-1"}}}
 WITH_SOLUTION = EXTENDED | {"solutions": {"tidemark-backup": {"version": "2.5.0-1", "components": []}}}
-UPGRADED = WITH_SOLUTION | {"base_image": {"version": "8.0.2-1"}, "components": {"backup-agent": {"version": "2.4.0-1"}}}
+UPGRADED = WITH_SOLUTION | {"base_image": {"version": "8.0.2-1"},
+                            "components": {"backup-agent": {"version": "2.4.0-1"}}}
 FINAL = UPGRADED | {"components": {"backup-agent": {"version": "2.5.0-1"}}}
 
 

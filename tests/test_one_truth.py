@@ -16,7 +16,7 @@ from sandboxed_host import BINARIES, LIFECYCLE, REPOSITORY, wait_until
 
 sys.path.insert(0, str(REPOSITORY / "helpers"))
 
-from tessel_lifecycle import apply_cli, cli, errors, lock, paths, records, task  # noqa: E402
+from tessel_lifecycle import apply_cli, cli, errors, lock, paths, records, task
 
 TASKS = "com.tessel.cis.tasks"
 SCAN = "com.tessel.ryx.kestrel_daemon.software"

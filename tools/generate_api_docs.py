@@ -28,17 +28,17 @@ A call is a JSON-RPC 2.0 request, `POST`ed with `Content-Type: application/json`
             "input": {"spec": {"name": "main", "url": "http://depot.example/ryx"}}}}
 ```
 
-The answer's `result` has either `output` or `error`. With `Accept: application/vnd.tessel.orbi.cleanjson` values come as
-the JSON that one would expect: structures as objects, optional fields left out when unset, maps as objects. Without, they
-name their types: `{"STRUCTURE": {"NAME": {...}}}`, `{"OPTIONAL": ...}`, maps as lists of entries. Input may be written
-either way.
+The answer's `result` has either `output` or `error`. With `Accept: application/vnd.tessel.orbi.cleanjson` values come
+as the JSON that one would expect: structures as objects, optional fields left out when unset, maps as objects. Without,
+they name their types: `{"STRUCTURE": {"NAME": {...}}}`, `{"OPTIONAL": ...}`, maps as lists of entries. Input may be
+written either way.
 
-An operation whose name ends in `$task` answers with a task's identifier at once; `com.tessel.cis.tasks` tells how the task
-stands and, in the end, its result. Any call can end with `unauthenticated`, `unauthorized`, `operation_not_found`,
+An operation whose name ends in `$task` answers with a task's identifier at once; `com.tessel.cis.tasks` tells how the
+task stands and, in the end, its result. Any call can end with `unauthenticated`, `unauthorized`, `operation_not_found`,
 `invalid_argument` (the input does not fit) or `internal_server_error`; operations list what they say beyond that.
 
-Types: `integer` has 64 bits and a sign; `date_time` is UTC in the form `2026-11-21T02:12:52.123Z`; `dynamic_structure` is
-a structure of any fields, `any` any value, `error` any error; `void` is null.
+Types: `integer` has 64 bits and a sign; `date_time` is UTC in the form `2026-11-21T02:12:52.123Z`; `dynamic_structure`
+is a structure of any fields, `any` any value, `error` any error; `void` is null.
 """
 
 PROTOCOL_FAILURES = {

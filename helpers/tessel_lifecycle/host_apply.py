@@ -1,6 +1,6 @@
 """The task that brings the host to a whole desired state: its image, its configuration, or both."""
 
-from tessel_lifecycle import files, host_claim, leftovers, paths, software_tasks
+from tessel_lifecycle import files, host_claim, leftovers, software_tasks
 from tessel_lifecycle.document import Fields, list_of, parse, text
 from tessel_lifecycle.errors import INVALID_INPUT, TaskError
 from tessel_lifecycle.host_configuration import DesiredConfiguration

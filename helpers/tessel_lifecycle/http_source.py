@@ -3,7 +3,6 @@
 import functools
 import http.client
 import ssl
-import time
 import urllib.parse
 
 from tessel_lifecycle.fetch import Refused, Source

@@ -54,8 +54,8 @@ def software_info(database):
 def base_image(database):
     """The installed base image, or null."""
     unit = database["base_image"]
-    return unit and _display(unit, "release_date") | {"installed_at": database["installed_at"],
-                                             "components": unit["components"]}
+    return unit and _display(unit, "release_date") | {
+        "installed_at": database["installed_at"], "components": unit["components"]}
 
 
 @_reporting

@@ -61,7 +61,8 @@ BAD_METADATA = {
     "half a surrogate": {MEMBER: json.dumps(BASE | {"vendor": "\ud800"})[:-1].encode() + b"}"},
     "not a number": {MEMBER: b'{"version": NaN}'},
     "deep nesting": {MEMBER: b"[" * 100000 + b"]" * 100000},
-    "deep nesting where nobody looks": {MEMBER: json.dumps(BASE)[:-1].encode() + b',"x":' + b"[" * 500 + b"]" * 500 + b"}"},
+    "deep nesting where nobody looks": {
+        MEMBER: json.dumps(BASE)[:-1].encode() + b',"x":' + b"[" * 500 + b"]" * 500 + b"}"},
     "version of a wrong type": {MEMBER: BASE | {"version": 8}},
     "component's name climbs": {MEMBER: BASE | {"components": {"../core": "1"}}},
     "version without end": {MEMBER: BASE | {"version": "1" + ".123456789" * 12}},
