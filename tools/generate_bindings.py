@@ -238,8 +238,8 @@ class Header(Writer):
         methods = "".join(comment(operation.documentation, "  ") + f"  virtual void {self.method(operation)} = 0;\n"
                           for operation in self.service.operations)
         return (f"\n{comment(self.service.documentation)}"
-                "/// Methods are called on request threads, several at once, and complete their result exactly once, at "
-                "any time.\n"
+                "/// Called on request threads, several at once. Methods complete their result exactly once, at any "
+                "time.\n"
                 "class AsyncServiceInterface {\n public:\n"
                 f"  static constexpr const char* interfaceIdentifier = {quoted(self.service.identifier)};\n\n"
                 f"  virtual ~AsyncServiceInterface() = default;\n\n{methods}}};\n")
