@@ -10,7 +10,7 @@
 #include "lifecycle/paths.h"
 #include "lifecycle/task_file.h"
 #include "lifecycle/task_file_errors.h"
-#include "lifecycle/task_info.h"
+#include "lifecycle/task_view.h"
 #include "orbi/std/errors.h"
 #include "tesselibs/log.h"
 

@@ -1,4 +1,4 @@
-#include "lifecycle/task_info.h"
+#include "lifecycle/task_view.h"
 
 #include <algorithm>
 #include <optional>
