@@ -10,7 +10,6 @@
 #include "configuration/messages/api_errors.h"
 #include "configuration/messages/translator.h"
 #include "lifecycle/paths.h"
-#include "lifecycle/task_errors.h"
 #include "orbi/std/errors.h"
 #include "software/command/json_value.h"
 #include "tesselibs/log.h"

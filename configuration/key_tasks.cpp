@@ -4,9 +4,9 @@
 
 #include "configmanager/config_manager.h"
 #include "configuration/messages/api_errors.h"
-#include "lifecycle/task_errors.h"
 #include "orbi/json/writer.h"
 #include "orbi/std/errors.h"
+#include "software/command/json_value.h"
 #include "tesselibs/log.h"
 
 namespace LifeCycle {

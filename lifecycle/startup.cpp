@@ -8,6 +8,7 @@
 #include "lifecycle/earlier_helpers.h"
 #include "lifecycle/paths.h"
 #include "lifecycle/task_errors.h"
+#include "software/command/json_value.h"
 #include "software/command/remove_files.h"
 #include "tesselibs/json_document.h"
 #include "tesselibs/log.h"

@@ -14,6 +14,7 @@
 #include "lifecycle/task_errors.h"
 #include "lifecycle/task_file.h"
 #include "lifecycle/testing/call_operation.h"
+#include "software/command/json_value.h"
 #include "tesselibs/feature_state.h"
 #include "tesselibs/testing/captured_log.h"
 

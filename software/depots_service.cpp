@@ -1,7 +1,7 @@
 #include "software/depots_service.h"
 
 #include "lifecycle/complete_operation.h"
-#include "lifecycle/task_errors.h"
+#include "software/command/json_value.h"
 #include "software/helper_call.h"
 
 namespace Com::Tessel::Ryx::HostSettings::DepotsSvc {

@@ -1,7 +1,6 @@
 #include "software/desired_software_services.h"
 
 #include "lifecycle/complete_operation.h"
-#include "lifecycle/task_errors.h"
 #include "orbi/std/errors.h"
 #include "software/command/json_value.h"
 #include "software/helper_call.h"

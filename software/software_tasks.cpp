@@ -8,6 +8,7 @@
 #include "lifecycle/paths.h"
 #include "lifecycle/task_errors.h"
 #include "orbi/std/errors.h"
+#include "software/command/json_value.h"
 #include "software/command/remove_files.h"
 #include "software/command/write_to_file.h"
 #include "software/helper_task.h"

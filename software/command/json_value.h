@@ -20,11 +20,21 @@ class OrbiJsonSerializationError : public std::exception {
 
 /// Reads a command's JSON output (clean JSON) into a value. Callable from any thread.
 /// @throws OrbiJsonSerializationError
-ValuePtr JsonToValue(const std::string& json);
+[[nodiscard]] ValuePtr JsonToValue(const std::string& json);
 
 /// Reads JSON that names its types (plain JSON), as a task's stored result, into a value. Callable
 /// from any thread.
 /// @throws OrbiJsonSerializationError
-ValuePtr TypedJsonToValue(const std::string& json);
+[[nodiscard]] ValuePtr TypedJsonToValue(const std::string& json);
+
+/// Writes a value as clean JSON, for documents that helpers and the configuration manager read;
+/// secrets are blanked. Callable from any thread.
+/// @throws OrbiJsonSerializationError
+[[nodiscard]] std::string ValueToJson(const Orbi::Data::Value& value);
+
+/// Writes a value as plain JSON, which names its types, for the results and errors of task records;
+/// secrets are blanked. Callable from any thread.
+/// @throws OrbiJsonSerializationError
+[[nodiscard]] std::string ValueToTypedJson(const Orbi::Data::Value& value);
 
 }  // namespace LifeCycle
