@@ -1,14 +1,12 @@
 #include "configuration/config_manager_task.h"
 
-#include <unistd.h>
-
-#include <cerrno>
 #include <cstring>
 #include <exception>
 #include <utility>
 
 #include "configuration/messages/api_errors.h"
 #include "configuration/messages/translator.h"
+#include "lifecycle/host_claim.h"
 #include "lifecycle/paths.h"
 #include "orbi/std/errors.h"
 #include "software/command/json_value.h"
@@ -19,8 +17,6 @@ namespace {
 
 namespace Errors = Com::Tessel::Orbi::Std::Errors;
 
-constexpr int kLockRetries = 5;
-
 }  // namespace
 
 ConfigManagerTaskImpl::ConfigManagerTaskImpl(std::string operation, std::string taskId)
@@ -29,7 +25,7 @@ ConfigManagerTaskImpl::ConfigManagerTaskImpl(std::string operation, std::string 
       taskId_(std::move(taskId)) {}
 
 ConfigManagerTaskImpl::~ConfigManagerTaskImpl() {
-  const int failure = unlink(kTaskSyncFile.c_str()) == 0 ? 0 : errno;
+  const int failure = ReleaseHost(kTaskMarker, taskId_);
   if (failure == 0)
     Log_Level(LogLevel::kNotice, "ConfigManagerTask[%s]: Cleaned up task tracking file %s\n",
               ConfigManagerTaskImpl::label().c_str(), kTaskSyncFile.c_str());
@@ -40,7 +36,7 @@ ConfigManagerTaskImpl::~ConfigManagerTaskImpl() {
 }
 
 void ConfigManagerTaskImpl::preRun() {
-  taskFile_.StartTask(taskId_, kLockRetries);
+  taskFile_.StartTask(taskId_, kStatusFileRetries);
   started_ = true;
   SetProgress(5);
   Log_Level(LogLevel::kNotice, "ConfigManagerTask[%s]: preRun completed.\n", label().c_str());
@@ -87,7 +83,7 @@ void ConfigManagerTaskImpl::RecordOutcome() {
   // Its preparation failed: the log tells why.
   if (!result_) return RecordFailure(ApiError(Errors::Error, "com.tessel.ryx.task.exec.error"));
   try {
-    taskFile_.SucceedTask(taskId_, ValueToTypedJson(*result_), kLockRetries);
+    taskFile_.SucceedTask(taskId_, ValueToTypedJson(*result_), kStatusFileRetries);
   } catch (const std::exception& e) {
     // It cannot be written, or the task file has no room for it; the task must not run for ever.
     Log_Level(LogLevel::kCritical, "ConfigManagerTask[%s]: Failed to record the result: %s\n",
@@ -100,18 +96,18 @@ void ConfigManagerTaskImpl::RecordOutcome() {
 void ConfigManagerTaskImpl::RecordFailure(const Orbi::Data::ErrorValue& error) {
   try {
     // Clients are told of an ended task only when its start is known, too.
-    if (!started_) taskFile_.StartTask(taskId_, kLockRetries);
+    if (!started_) taskFile_.StartTask(taskId_, kStatusFileRetries);
   } catch (const std::exception&) {
     // What kept it from starting: the log tells why.
   }
-  taskFile_.FailTask(taskId_, ValueToTypedJson(error), kLockRetries);
+  taskFile_.FailTask(taskId_, ValueToTypedJson(error), kStatusFileRetries);
 }
 
 void ConfigManagerTaskImpl::SetProgress(unsigned percent) {
   if (percent <= progress_) return;
   progress_ = percent;
   try {
-    taskFile_.SetProgress(taskId_, percent, kLockRetries);
+    taskFile_.SetProgress(taskId_, percent, kStatusFileRetries);
   } catch (const std::exception& e) {
     Log_Level(LogLevel::kCritical, "ConfigManagerTask[%s]: Failed to record progress: %s\n",
               label().c_str(), e.what());

@@ -7,6 +7,7 @@
 #include <boost/filesystem/path.hpp>
 
 #include "lifecycle/helper_end.h"
+#include "lifecycle/host_claim.h"
 #include "lifecycle/paths.h"
 #include "pcore/pcore_ctl.h"
 #include "software/command/remove_files.h"
@@ -24,10 +25,10 @@ bool IsTaskId(std::string_view text) {
 
 }  // namespace
 
-EarlierHelpers::EarlierHelpers() : applying_(MarkerWords(kApplyPidFile)) {
+EarlierHelpers::EarlierHelpers() : applying_(ClaimWords(kApplyMarker)) {
   for (const std::string& word : applying_)
     if (IsTaskId(word)) documents_[word];
-  for (const std::string& word : MarkerWords(kTaskSyncFile))
+  for (const std::string& word : ClaimWords(kTaskMarker))
     if (IsTaskId(word)) documents_[word] = {kScanDocument};
   FindDocuments();
 }
@@ -59,7 +60,7 @@ bool EarlierHelpers::HasGone(const std::string& id, const TaskDB::Record& record
 
 void EarlierHelpers::ExpectEnds() { watched_.merge(gone_); }
 
-void EarlierHelpers::FreeHost() {
+void EarlierHelpers::CleanUp() {
   for (const auto& [id, documents] : documents_) {
     if (watched_.contains(id)) continue;
     if (HelperLives(id))
@@ -72,9 +73,9 @@ void EarlierHelpers::FreeHost() {
   const auto isWatched = [this](const std::string& word) { return watched_.contains(word); };
   if ((applying_.empty() || std::ranges::any_of(applying_, IsTaskId)) &&
       std::ranges::none_of(applying_, isWatched))
-    RemoveFiles({kApplyPidFile});
+    FreeHost(kApplyMarker);
   for (const std::string& id : watched_)
-    PcoreCtl::Util::PcoreCtl_Watch(EndOfHelper({id, kApplyPidFile, documents_[id]}));
+    PcoreCtl::Util::PcoreCtl_Watch(EndOfHelper({id, kApplyMarker, documents_[id]}));
 }
 
 }  // namespace LifeCycle

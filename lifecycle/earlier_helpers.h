@@ -27,7 +27,7 @@ class EarlierHelpers {
   void ExpectEnds();
 
   /// Removes what those left that have gone, and watches the others.
-  void FreeHost();
+  void CleanUp();
 
  private:
   void FindDocuments();

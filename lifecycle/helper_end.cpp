@@ -1,10 +1,6 @@
 #include "lifecycle/helper_end.h"
 
-#include <algorithm>
 #include <exception>
-#include <fstream>
-#include <iterator>
-#include <sstream>
 #include <utility>
 
 #include "lifecycle/access_lock.h"
@@ -32,13 +28,13 @@ class HelperEnd {
     ++looks_;
     try {
       if (!TryToEnd()) return false;
-      FreeHost();
+      CleanUp();
       return true;
     } catch (const std::exception& e) {
       Log_Level(LogLevel::kCritical, "[%s]: Failed to end task %s: %s\n", "EndOfHelper",
                 task_.id.c_str(), e.what());
     }
-    if (looks_ > kLooksUntilHelperBegins) FreeHost();
+    if (looks_ > kLooksUntilHelperBegins) CleanUp();
     return looks_ >= kMostLooks;
   }
 
@@ -55,7 +51,7 @@ class HelperEnd {
       Log_Level(LogLevel::kCritical,
                 "[%s]: The helper of task %s is gone without having ended it\n", "EndOfHelper",
                 id.c_str());
-      FreeHost();  // before the end is told: who sees that may start the next task at once
+      CleanUp();  // before the end is told: who sees that may start the next task at once
       TaskDB::FailUnexplained()(record, allocator);
       return true;
     };
@@ -63,13 +59,13 @@ class HelperEnd {
     return !waits;
   }
 
-  void FreeHost() const {
-    const bool marked = std::ranges::count(MarkerWords(task_.marker), task_.id) != 0;
+  void CleanUp() const {
+    const bool hasHost = HasHost(task_.marker, task_.id);
     for (const std::string& document : task_.documents) {
       // One that is not named after the task may be the next task's already.
-      if (marked || document.ends_with(task_.id)) RemoveFiles({document});
+      if (hasHost || document.ends_with(task_.id)) RemoveFiles({document});
     }
-    if (marked) RemoveFiles({task_.marker});
+    ReleaseHost(task_.marker, task_.id);
   }
 
   HelperTask task_;
@@ -81,15 +77,6 @@ class HelperEnd {
 std::string HelperLockPath(const std::string& taskId) { return kTaskSyncFile + "-" + taskId; }
 
 bool HelperLives(const std::string& taskId) { return AccessLock::IsHeld(HelperLockPath(taskId)); }
-
-std::vector<std::string> MarkerWords(const std::string& marker) {
-  std::string text(4096, '\0');
-  std::ifstream file(marker);
-  file.read(text.data(), static_cast<std::streamsize>(text.size()));
-  text.resize(static_cast<std::size_t>(file.gcount()));
-  std::istringstream words(text);
-  return {std::istream_iterator<std::string>(words), {}};
-}
 
 PcoreCtl::EndObserver EndOfHelper(HelperTask task) { return HelperEnd(std::move(task)); }
 

@@ -3,6 +3,7 @@
 #include <string>
 #include <vector>
 
+#include "lifecycle/host_claim.h"
 #include "pcore/end_observer.h"
 
 /// The end of a task whose helper is gone without having ended it: was killed as a whole, or died
@@ -16,7 +17,7 @@ namespace LifeCycle {
 /// What a helper was started with and leaves behind.
 struct HelperTask {
   std::string id;
-  std::string marker;                  ///< file that keeps other tasks out while it names this one
+  const HostMarker& marker;            ///< of the host that it has
   std::vector<std::string> documents;  ///< the helper's own input files
 };
 
@@ -26,12 +27,9 @@ struct HelperTask {
 /// @return whether a process of the task's helper lives, as far as can be told
 [[nodiscard]] bool HelperLives(const std::string& taskId);
 
-/// @return the words in a marker file, of which one is the identifier of the task that it is for
-[[nodiscard]] std::vector<std::string> MarkerWords(const std::string& marker);
-
 /// The observer to start a task's helper with. When no process of the helper is left, documents
-/// named after the task go, and, if the marker names the task, the other ones and the marker; a
-/// task that has not ended is FAILED with "com.tessel.pelorus.lifecycle.RyxImage.UnknownError".
+/// named after the task go, and, if it still has the host, the other ones and its claim; a task
+/// that has not ended is FAILED with "com.tessel.pelorus.lifecycle.RyxImage.UnknownError".
 ///
 /// A helper that ends without having written to its record may have handed over to a process that
 /// has yet to begin, which it has five seconds for. Records that cannot be written, or are in use,

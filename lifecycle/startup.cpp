@@ -6,17 +6,14 @@
 #include <string_view>
 
 #include "lifecycle/earlier_helpers.h"
-#include "lifecycle/paths.h"
+#include "lifecycle/host_claim.h"
 #include "lifecycle/task_errors.h"
 #include "software/command/json_value.h"
-#include "software/command/remove_files.h"
 #include "tesselibs/json_document.h"
 #include "tesselibs/log.h"
 
 namespace LifeCycle {
 namespace {
-
-constexpr int kLockRetries = 5;
 
 /// The services whose tasks run on a thread of this process.
 constexpr std::string_view kInProcessServices[] = {
@@ -37,7 +34,7 @@ void FailAbandonedTasks(TaskFile& file) {
   const TaskError aborted = MakeError("com.tessel.ryx.task.aborted", ErrorKind::kError);
   const TaskDB::RecordEdit fail = TaskDB::Fail(ValueToTypedJson(*aborted));
   EarlierHelpers helpers;
-  RemoveFiles({kTaskSyncFile});
+  FreeHost(kTaskMarker);
   const auto sweep = [&](const std::string& id, TaskDB::Record& record,
                          TaskDB::Allocator& allocator) {
     if (TaskDB::IsFinished(record)) return false;
@@ -56,14 +53,14 @@ void FailAbandonedTasks(TaskFile& file) {
     return true;
   };
   try {
-    file.ChangeAll(sweep, kLockRetries);
+    file.ChangeAll(sweep, kStatusFileRetries);
   } catch (const std::exception& e) {
     // A full disk is no reason not to serve: whoever makes room may need that.
     Log_Level(LogLevel::kCritical, "[%s]: Failed to end tasks: %s\n", "FailAbandonedTasks",
               e.what());
     helpers.ExpectEnds();
   }
-  helpers.FreeHost();
+  helpers.CleanUp();
 }
 
 }  // namespace LifeCycle

@@ -9,7 +9,7 @@
 #include <sstream>
 #include <string>
 
-#include "lifecycle/access_lock.h"
+#include "lifecycle/helper_start.h"
 #include "lifecycle/paths.h"
 #include "lifecycle/task_file.h"
 #include "lifecycle/testing/call_operation.h"
@@ -20,9 +20,7 @@ namespace {
 
 using testing::AllOf;
 using testing::Contains;
-using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 
 namespace fs = std::filesystem;
 
@@ -39,6 +37,13 @@ class TaskCreationTest : public testing::Test {
 
   static std::map<std::string, TaskDB::TaskInfo> Tasks() {
     return TaskFile(kTaskStatusFile, TaskFile::Initialise::kNever).GetTasks(0);
+  }
+
+  /// @return the error's text, or nothing when the command runs
+  static std::string StartTask(const std::string& command, int retries) {
+    const TaskError error = StartHelper(
+        kImageManagerTask, {"id", command, {}, ErrorKind::kInternalServerError, retries});
+    return error ? ErrorText(*error) : "";
   }
 
   const fs::path folder_ = fs::path(kTaskStatusFile).parent_path();
@@ -69,8 +74,7 @@ TEST_F(TaskCreationTest, InProcessTaskIsRecordedAndHoldsTheHostUntilItEnds) {
 
 TEST_F(TaskCreationTest, CommandThatCannotStartIsTriedAgainAndFreesTheHost) {
   CapturedLog log;
-  RunTask("/nowhere/helper", "id", error_, ErrorKind::kInternalServerError, 1);
-  EXPECT_EQ(ErrorText(*error_), "internal_server_error task.exec.error");
+  EXPECT_EQ(StartTask("/nowhere/helper", 1), "internal_server_error task.exec.error");
   EXPECT_FALSE(fs::exists(kTaskSyncFile));
   EXPECT_EQ(ReadFile(kTaskStatusFile), R"({"id":{}})");
   const auto failed = [](const std::string& left) {
@@ -86,38 +90,8 @@ TEST_F(TaskCreationTest, TaskThatCannotBeRecordedFreesTheHost) {
   EXPECT_EQ(InitTask("op", error_, ErrorKind::kError), "");
   EXPECT_EQ(ErrorText(*error_), "error task.create.error");
   EXPECT_FALSE(fs::exists(kTaskSyncFile));
-  RunTask("/usr/bin/true", "id", error_, ErrorKind::kInternalServerError, 0);
-  EXPECT_EQ(ErrorText(*error_), "internal_server_error task.create.error");
+  EXPECT_EQ(StartTask("/usr/bin/true", 0), "internal_server_error task.create.error");
   EXPECT_FALSE(fs::exists(kTaskSyncFile));
-}
-
-TEST_F(TaskCreationTest, TriesAgainAfterAFailedWrite) {
-  fs::create_directories(folder_);
-  fs::create_symlink("/nowhere/file", kTaskSyncFile);  // absent, and gone after it was opened
-  CapturedLog log;
-  EXPECT_FALSE(CheckTaskContention("id", error_, 1));
-  EXPECT_EQ(log.TakeLines().back(),
-            "2 [_CheckTaskContention]: Failed to write to the task sync file in task id: "
-            "std::exception, 1 retries left");
-  EXPECT_EQ(ReadFile(kTaskSyncFile), "PRECURSOR: id");
-}
-
-TEST_F(TaskCreationTest, SaysWhyTheHostIsNotWon) {
-  CapturedLog log;
-  EXPECT_TRUE(CheckTaskContention("id", error_, -1));
-  EXPECT_EQ(ErrorText(*error_), "not_allowed_in_current_state task.contention");
-  EXPECT_THAT(log.TakeLines(), IsEmpty()) << "there was an attempt";
-  {
-    const AccessLock starter(kTaskSyncFile, 0);
-    EXPECT_TRUE(CheckTaskContention("id", error_, 0));
-  }
-  std::ofstream(folder_) << "no folder";
-  EXPECT_TRUE(CheckTaskContention("id", error_, 0));
-  EXPECT_THAT(log.TakeLines(),
-              ElementsAre("2 [_CheckTaskContention]: Lock contention in task id, another task is "
-                          "starting, 0 retries left",
-                          "2 [_CheckTaskContention]: Failed to determine if the task sync file "
-                          "exists: Not a directory, 0 retries left"));
 }
 
 }  // namespace

@@ -10,6 +10,10 @@
 
 namespace LifeCycle {
 
+/// How often those who use the records try to get the access lock, but for who initialises them and
+/// who comes again anyway.
+inline constexpr int kStatusFileRetries = 5;
+
 /// The records of all tasks, as the daemon's own tasks and the tasks service use them.
 ///
 /// Records are kept in the task status file (JsonTaskStore); while the feature switch

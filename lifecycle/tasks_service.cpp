@@ -21,7 +21,6 @@ namespace Errors = ::Com::Tessel::Orbi::Std::Errors;
 using ::LifeCycle::ApiError;
 using ::Orbi::Data::ErrorValue;
 
-constexpr int kLockRetries = 5;
 constexpr char kUnknownError[] = "com.tessel.ryx.task.unknown.error";
 
 /// How an operation tells that the records cannot be read. The operations differ on purpose.
@@ -44,7 +43,7 @@ std::map<std::string, TaskDB::TaskInfo> ReadTasks(const Operation& operation) {
   using ::LifeCycle::TaskFile;
   try {
     return TaskFile(::LifeCycle::kTaskStatusFile, TaskFile::Initialise::kNever)
-        .GetTasks(kLockRetries);
+        .GetTasks(::LifeCycle::kStatusFileRetries);
   } catch (const ::LifeCycle::TaskFileNotFoundError&) {
     throw;
   } catch (const ::LifeCycle::AccessLockError& e) {

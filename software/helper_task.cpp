@@ -8,16 +8,6 @@
 #include "software/command/remove_files.h"
 
 namespace LifeCycle {
-namespace {
-
-constexpr const char* kTaskHelper =
-    "/usr/bin/python ++group=kestreld-task-forks,mem=250,stats "
-    "/usr/lib/tessel/lifecycle/bin/imagemanagerctl.py ";
-
-/// How often the start is tried again, a second later each time.
-constexpr int kRetries = 2;
-
-}  // namespace
 
 std::string NewTaskId(const TaskOperation& operation) {
   TaskError error;
@@ -31,10 +21,9 @@ void StartHelperTask(const TaskOperation& operation, const std::string& id,
   std::vector<std::string> arguments{id};
   arguments.insert(arguments.end(), more.begin(), more.end());
   const std::string command =
-      kTaskHelper + Orbi::Data::FillPlaceholders(operation.arguments, arguments);
-
-  TaskError error;
-  RunTask(command, id, error, operation.errors, kRetries, files);
+      operation.helper.command + Orbi::Data::FillPlaceholders(operation.arguments, arguments);
+  const TaskError error = StartHelper(
+      operation.helper.kind, {id, command, files, operation.errors, operation.helper.retries});
   if (!error) return;
   RemoveFiles(files);
   throw OperationError(*error);
