@@ -83,7 +83,6 @@ function(kestrel_library name)
   list(FILTER tests INCLUDE REGEX "_test\\.cpp$")
 
   add_library(${name} STATIC ${sources})
-  set_property(GLOBAL APPEND PROPERTY KESTREL_LIBRARIES ${name})
   if(ARG_PLATFORM)
     target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR}/platform)
   else()
