@@ -16,7 +16,7 @@ void Check(const std::string& input) {
     Require(std::ranges::all_of(input, [](char c) { return c > ' ' && c < 0x7F && c != '/'; }));
   }
 
-  static const PcoreCtl::UniqueFd file(memfd_create("ticket", MFD_CLOEXEC));
+  static const UniqueFd file(memfd_create("ticket", MFD_CLOEXEC));
   Require(ftruncate(file.Get(), 0) == 0);
   Require(pwrite(file.Get(), input.data(), input.size(), 0) == static_cast<ssize_t>(input.size()));
   const std::string text = "0123456789abcdef";

@@ -122,7 +122,7 @@ std::optional<Content> Find(const std::string& text) {
   }
   const std::string path = PathOf(text);
   // Without O_NONBLOCK a FIFO in place of a ticket would hold up every other caller.
-  const PcoreCtl::UniqueFd file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  const UniqueFd file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   if (!file || !IsTicketFile(file.Get(), path)) {
     Log_Level(LogLevel::kError, "[Ticket] Ticket not found: %s\n", text.c_str());
     return std::nullopt;

@@ -25,7 +25,6 @@ namespace RyxConfigManager {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using PcoreCtl::UniqueFd;
 using namespace std::chrono_literals;
 
 constexpr auto kTerminationGrace = 1s;

@@ -77,7 +77,7 @@ class PcoreTest : public testing::Test {
 };
 
 TEST_F(PcoreTest, AChildGetsItsStreamsAndNothingElse) {
-  const PcoreCtl::UniqueFd leaky(open("/dev/null", O_RDONLY));
+  const UniqueFd leaky(open("/dev/null", O_RDONLY));
   sigset_t all;
   sigset_t previous;
   sigfillset(&all);
@@ -139,7 +139,7 @@ TEST_F(PcoreTest, ADetachedHelperIsNoChildAndHoldsNoListeningSocket) {
   const std::string end = directory_ + "/end";
   ASSERT_EQ(mkfifo(end.c_str(), 0600), 0);
 
-  PcoreCtl::UniqueFd listener(socket(AF_INET, SOCK_STREAM, 0));
+  UniqueFd listener(socket(AF_INET, SOCK_STREAM, 0));
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -163,7 +163,7 @@ TEST_F(PcoreTest, ADetachedHelperIsNoChildAndHoldsNoListeningSocket) {
   EXPECT_EQ(session, self);
 
   listener.Reset();
-  const PcoreCtl::UniqueFd again(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const UniqueFd again(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   EXPECT_EQ(bind(again.Get(), generic, length), 0) << strerror(errno);
   EXPECT_EQ(listen(again.Get(), 1), 0);
   EXPECT_EQ(kill(self, 0), 0) << "the helper must still be there for this to mean anything";

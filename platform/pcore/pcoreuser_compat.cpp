@@ -19,8 +19,8 @@ int PcoreuserCompat_POpen(const std::string& command, const char* mode,
 
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0) return errno;
-  PcoreCtl::UniqueFd readEnd(ends[0]);
-  PcoreCtl::UniqueFd writeEnd(ends[1]);
+  UniqueFd readEnd(ends[0]);
+  UniqueFd writeEnd(ends[1]);
   PcoreCtl::SpawnOptions options;
   (reading ? options.standardOutput : options.standardInput) =
       reading ? writeEnd.Get() : readEnd.Get();

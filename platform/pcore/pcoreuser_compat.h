@@ -28,7 +28,7 @@ class PcoreuserCompat_Handle {
   // The pipe is closed before the child is given up: it may wait for that.
   std::optional<PcoreCtl::Child> child_;
   std::optional<PcoreCtl::Foreground> foreground_;
-  PcoreCtl::UniqueFd pipe_;
+  UniqueFd pipe_;
 };
 
 /// Starts the command with a pipe.

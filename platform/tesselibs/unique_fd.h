@@ -4,8 +4,6 @@
 
 #include <utility>
 
-namespace PcoreCtl {
-
 /// Owns a file descriptor, or none.
 class UniqueFd {
  public:
@@ -29,5 +27,3 @@ class UniqueFd {
  private:
   int fd_ = -1;
 };
-
-}  // namespace PcoreCtl
