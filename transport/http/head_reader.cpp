@@ -25,8 +25,8 @@ const HeadReader::Visitor HeadReader::Visitor::kAll[] = {
      }},
     {"connection",
      [](HeadReader& reader, std::string_view value) {
-       if (ContainsIgnoringCase(value, "keep-alive")) reader.asksToKeep_ = true;
-       if (ContainsIgnoringCase(value, "close")) reader.asksToClose_ = true;
+       if (Ascii::ContainsIgnoringCase(value, "keep-alive")) reader.asksToKeep_ = true;
+       if (Ascii::ContainsIgnoringCase(value, "close")) reader.asksToClose_ = true;
        return boost::system::error_code();
      }},
     {"content-length",
@@ -40,7 +40,7 @@ const HeadReader::Visitor HeadReader::Visitor::kAll[] = {
      }},
     {"expect",
      [](HeadReader& reader, std::string_view value) {
-       if (EqualsIgnoringCase(value, "100-continue"))
+       if (Ascii::EqualsIgnoringCase(value, "100-continue"))
          reader.expectation_ = Expectation::kContinue;
        else if (reader.expectation_ == Expectation::kNone)
          reader.expectation_ = Expectation::kUnknown;
@@ -50,7 +50,7 @@ const HeadReader::Visitor HeadReader::Visitor::kAll[] = {
      [](HeadReader& reader, std::string_view value) {
        // Names of codings ignore case (RFC 9112, section 7): a body missed here would be read as
        // the next request.
-       if (ContainsIgnoringCase(value, "chunked")) reader.framing_.chunked = true;
+       if (Ascii::ContainsIgnoringCase(value, "chunked")) reader.framing_.chunked = true;
        return boost::system::error_code();
      }},
 };
@@ -111,10 +111,11 @@ boost::system::error_code HeadReader::VisitContentLength(std::string_view value)
 void HeadReader::ForceEmptyBody() {
   constexpr std::string_view kBodyless[] = {"get", "head", "connect", "options", "trace"};
   const bool bodyless = std::ranges::any_of(kBodyless, [this](std::string_view method) {
-    return EqualsIgnoringCase(head_.method, method);
+    return Ascii::EqualsIgnoringCase(head_.method, method);
   });
   // A DELETE keeps the body that it announces, the other methods do not: intended.
-  const bool emptyDelete = EqualsIgnoringCase(head_.method, "delete") && !framing_.hasContentLength;
+  const bool emptyDelete =
+      Ascii::EqualsIgnoringCase(head_.method, "delete") && !framing_.hasContentLength;
   if (!bodyless && !emptyDelete) return;
   framing_.hasContentLength = true;
   framing_.contentLength = 0;

@@ -23,7 +23,7 @@ ResponseWriter::ResponseWriter(Response response, const RequestHead& head)
   status_ = Required(":status") + ' ' + Required(":reason");
   WriteHead(head);
   headLength_ = framing_.size();
-  if (EqualsIgnoringCase(head.method, "head")) response_.body = std::string();
+  if (Ascii::EqualsIgnoringCase(head.method, "head")) response_.body = std::string();
 }
 
 const std::string& ResponseWriter::Required(std::string_view name) const {
@@ -39,8 +39,8 @@ void ResponseWriter::WriteHead(const RequestHead& head) {
   if (const auto* body = std::get_if<std::string>(&response_.body)) {
     // The method's spelling is the protocol's own: clients rely on every sized answer having its
     // length.
-    const bool unsized =
-        body->empty() && status_.starts_with('1') && EqualsIgnoringCase(head.method, "connnect");
+    const bool unsized = body->empty() && status_.starts_with('1') &&
+                         Ascii::EqualsIgnoringCase(head.method, "connnect");
     if (!unsized)
       framing_.append("Content-Length: ").append(std::to_string(body->size())).append("\r\n");
   } else if (head.minorVersion >= 1) {
@@ -52,8 +52,8 @@ void ResponseWriter::WriteHead(const RequestHead& head) {
   for (const auto& header : response_.headers) {
     if (IsPseudo(header)) continue;
     framing_.append(header.name).append(": ").append(header.value).append("\r\n");
-    if (EqualsIgnoringCase(header.name, "connection") &&
-        ContainsIgnoringCase(header.value, "close"))
+    if (Ascii::EqualsIgnoringCase(header.name, "connection") &&
+        Ascii::ContainsIgnoringCase(header.value, "close"))
       keepsConnection_ = false;
   }
   framing_.append("Server: Orbi-PicoHttp\r\n\r\n");

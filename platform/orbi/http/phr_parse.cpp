@@ -1,9 +1,10 @@
 #include "orbi/http/phr_parse.h"
 
 #include <algorithm>
-#include <cctype>
 #include <cstdint>
 #include <utility>
+
+#include "tesselibs/ascii.h"
 
 namespace Orbi::Transport::PicoHttp {
 namespace {
@@ -138,7 +139,7 @@ void TolowerAndSortHeaders(std::span<char> buffer, PhrRequest& request) {
   for (std::size_t i = 0; i < count; ++i) {
     const HeaderField field = request.headers[i];
     const auto name = buffer.subspan(field.name.data() - buffer.data(), field.name.size());
-    for (char& c : name) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    std::ranges::transform(name, name.begin(), Ascii::ToLower);
     InsertHeader(request, field);
   }
 }

@@ -6,6 +6,7 @@
 
 #include "orbi/l10n/errors.h"
 #include "orbi/l10n/localizer.h"
+#include "tesselibs/ascii.h"
 
 namespace Orbi::Provider::JsonRpc1_1 {
 namespace {
@@ -15,12 +16,6 @@ using Headers = std::span<const HeaderField>;
 
 /// Entries whose names have upper-case letters, which those of headers cannot have.
 constexpr std::string_view kMixedCaseEntries[] = {"opId"};
-
-char ToLower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
-
-bool EqualsIgnoringCase(std::string_view a, std::string_view b) {
-  return std::ranges::equal(a, b, {}, ToLower, ToLower);
-}
 
 Headers Named(Headers headers, std::string_view name) {
   // Not std::ranges::equal_range: Clang 14 cannot compile that of libstdc++ 12.
@@ -39,10 +34,11 @@ void AddEntries(Headers headers, std::map<std::string, std::string>& application
   for (; header != headers.end() && header->name.starts_with(kPrefix); ++header) {
     std::string_view name = header->name.substr(kPrefix.size());
     for (const std::string_view entry : kMixedCaseEntries) {
-      if (EqualsIgnoringCase(entry, name)) name = entry;
+      if (Ascii::EqualsIgnoringCase(entry, name)) name = entry;
     }
-    const bool there = std::ranges::any_of(
-        application, [&](const auto& entry) { return EqualsIgnoringCase(entry.first, name); });
+    const bool there = std::ranges::any_of(application, [&](const auto& entry) {
+      return Ascii::EqualsIgnoringCase(entry.first, name);
+    });
     if (!there && !name.empty()) application.emplace(name, header->value);
   }
 }
@@ -51,8 +47,8 @@ void AddEntries(Headers headers, std::map<std::string, std::string>& application
 bool IsTimeZoneName(std::string_view text) {
   constexpr std::size_t kLongest = 64;
   return !text.empty() && text.size() <= kLongest && std::ranges::all_of(text, [](char c) {
-    return (ToLower(c) >= 'a' && ToLower(c) <= 'z') || (c >= '0' && c <= '9') || c == '/' ||
-           c == '_' || c == '-' || c == '+';
+    return (Ascii::ToLower(c) >= 'a' && Ascii::ToLower(c) <= 'z') || (c >= '0' && c <= '9') ||
+           c == '/' || c == '_' || c == '-' || c == '+';
   });
 }
 
