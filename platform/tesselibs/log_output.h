@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstddef>
 #include <ctime>
+#include <span>
 #include <string_view>
 
 #include "tesselibs/log_level.h"
@@ -15,10 +17,10 @@ struct LogLine {
 /// A place where log lines go. The log's writer thread is the only caller of Write.
 class LogOutput {
  public:
-  enum class Result {
-    kWritten,
-    kBusy,  ///< not now; the same line is offered again
-    kLost,  ///< the line cannot be written and is counted as lost
+  /// What became of the first lines that were offered; the others are offered again.
+  struct Progress {
+    std::size_t written = 0;
+    std::size_t lost = 0;  ///< those behind the written ones that cannot be written
   };
 
   LogOutput() = default;
@@ -26,9 +28,11 @@ class LogOutput {
   LogOutput& operator=(const LogOutput&) = delete;
   virtual ~LogOutput() = default;
 
-  /// Writes one line. May block for at most about 100 ms, so that the writer can be stopped; an
-  /// output that has to wait longer returns kBusy. Must not log.
-  virtual Result Write(const LogLine& line) = 0;
+  /// Writes lines from the first on, as many as go at once. May block for at most about 100 ms, so
+  /// that the writer can be stopped; an output that has to wait longer returns what it has done,
+  /// maybe nothing. Must not log.
+  /// @param lines  at least one
+  virtual Progress Write(std::span<const LogLine> lines) = 0;
 
   /// The most verbose level that the output takes; set before the output is added to the log.
   void SetLevel(LogLevel level) { level_ = level; }

@@ -6,7 +6,9 @@
 #include <unistd.h>
 
 #include <memory>
+#include <span>
 #include <string>
+#include <string_view>
 #include <thread>
 
 #include "tesselibs/log_writer.h"
@@ -68,8 +70,30 @@ TEST_F(LogTest, ARestartedSystemLogIsFoundAgain) {
   EXPECT_EQ(log_.ReceiveText(), "before");
   log_.Stop();
   log_.Start();
-  Log_Level(LogLevel::kInformation, "after");
-  EXPECT_EQ(log_.ReceiveText(), "after");
+  // More than the kernel keeps and more than are sent at once: none is lost or comes twice.
+  constexpr int kLines = 200;
+  for (int i = 0; i < kLines; ++i) Log_Level(LogLevel::kInformation, "after %d\n", i);
+  for (int i = 0; i < kLines; ++i) ASSERT_EQ(log_.ReceiveText(), "after " + std::to_string(i));
+}
+
+// One that is longer than the socket takes; the facility itself cuts texts far below that.
+TEST(SyslogOutputTest, ALineThatCannotBeSentCostsNoOther) {
+  const SystemLog log(kLogPath);
+  SyslogOutput output("kestreld", kLogPath);
+  const std::string tooLong(8 << 20, 'x');
+  const auto line = [](std::string_view text) { return LogLine{0, LogLevel::kError, text}; };
+  const LogLine lines[] = {line("first"), line(tooLong), line("last")};
+  std::span<const LogLine> rest = lines;
+  std::size_t lost = 0;
+  while (!rest.empty()) {
+    const auto progress = output.Write(rest);
+    ASSERT_GT(progress.written + progress.lost, 0U);
+    lost += progress.lost;
+    rest = rest.subspan(progress.written + progress.lost);
+  }
+  EXPECT_EQ(lost, 1U);
+  EXPECT_EQ(log.ReceiveText(), "first");
+  EXPECT_EQ(log.ReceiveText(), "last");
 }
 
 TEST(LogEndTest, PanicAndExitWriteWhatIsQueued) {

@@ -1,5 +1,7 @@
 #include "tesselibs/log_writer.h"
 
+#include <algorithm>
+#include <array>
 #include <system_error>
 #include <utility>
 
@@ -12,6 +14,7 @@ constexpr LogLevel kLastUrgentLevel = LogLevel::kError;
 // From this level on lines are for following what goes on, not for learning of faults.
 constexpr LogLevel kFirstDroppableLevel = LogLevel::kInformation;
 constexpr LogLevel kLostLinesLevel = LogLevel::kError;
+constexpr std::size_t kLinesAtOnce = 64;
 
 }  // namespace
 
@@ -111,12 +114,19 @@ void LogWriter::Run() {
 }
 
 void LogWriter::WriteBatch(const Batch& batch) {
-  std::string_view rest = batch.text;
+  std::array<LogLine, kLinesAtOnce> lines;
+  std::string_view text = batch.text;
+  std::span<const Batch::Entry> entries = batch.entries;
   std::uint64_t lost = 0;
-  for (const Batch::Entry& entry : batch.entries) {
-    if (!WriteLine({entry.when, entry.level, rest.substr(0, entry.length)})) ++lost;
-    rest.remove_prefix(entry.length);
+  while (!entries.empty()) {
+    const std::size_t count = std::min(entries.size(), lines.size());
+    for (std::size_t i = 0; i < count; ++i) {
+      lines[i] = {entries[i].when, entries[i].level, text.substr(0, entries[i].length)};
+      text.remove_prefix(entries[i].length);
+    }
+    lost += WriteLines({lines.data(), count});
     if (OutOfTime()) return;
+    entries = entries.subspan(count);
   }
   const std::time_t now = std::time(nullptr);
   {
@@ -128,17 +138,22 @@ void LogWriter::WriteBatch(const Batch& batch) {
 
 void LogWriter::ReportLost(std::uint64_t count, std::time_t when) {
   const std::string text = std::to_string(count) + " log lines were lost";
-  if (WriteLine({when, kLostLinesLevel, text})) return;
+  const LogLine line{when, kLostLinesLevel, text};
+  if (WriteLines({&line, 1}) == 0) return;
   const std::lock_guard lock(mutex_);
   lost_ += count;
 }
 
-bool LogWriter::WriteLine(const LogLine& line) {
-  for (;;) {
-    const LogOutput::Result result = output_->Write(line);
-    if (result != LogOutput::Result::kBusy) return result == LogOutput::Result::kWritten;
-    if (OutOfTime()) return false;
+/// @return how many of the lines were lost
+std::size_t LogWriter::WriteLines(std::span<const LogLine> lines) {
+  std::size_t lost = 0;
+  while (!lines.empty()) {
+    const LogOutput::Progress progress = output_->Write(lines);
+    lost += progress.lost;
+    lines = lines.subspan(progress.written + progress.lost);
+    if (OutOfTime()) return lost + lines.size();
   }
+  return lost;
 }
 
 bool LogWriter::OutOfTime() {

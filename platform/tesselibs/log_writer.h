@@ -6,6 +6,7 @@
 #include <ctime>
 #include <memory>
 #include <mutex>
+#include <span>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -63,7 +64,7 @@ class LogWriter {
 
   void Run();
   void WriteBatch(const Batch& batch);
-  bool WriteLine(const LogLine& line);
+  std::size_t WriteLines(std::span<const LogLine> lines);
   void ReportLost(std::uint64_t count, std::time_t when);
   bool HasRoom(std::size_t length) const;
   bool WaitForRoom(std::unique_lock<std::mutex>& lock, std::size_t length);

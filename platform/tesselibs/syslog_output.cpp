@@ -13,16 +13,32 @@
 
 namespace {
 
-constexpr int kWaitMilliseconds = 100;
+constexpr std::chrono::milliseconds kPatience{100};
 constexpr std::chrono::seconds kConnectInterval{1};
+constexpr std::size_t kDatagramsAtOnce = 64;
+/// Formatting stops behind the datagram that passes this, so that long lines do not add up.
+constexpr std::size_t kBytesAtOnce = std::size_t{64} << 10;
+
+bool IsControl(char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; }
+
+/// Looks at all characters without stopping at the first, which compilers turn into vector code.
+bool HoldsControl(std::string_view text) {
+  bool holds = false;
+  for (const char c : text) holds |= IsControl(c);
+  return holds;
+}
 
 void AppendEscaped(std::string& to, std::string_view text) {
+  if (!HoldsControl(text)) {
+    to.append(text);
+    return;
+  }
   for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte >= 0x20 && byte != 0x7f) {
+    if (!IsControl(c)) {
       to.push_back(c);
       continue;
     }
+    const auto byte = static_cast<unsigned char>(c);
     const char escaped[] = {'#', static_cast<char>('0' + (byte >> 6)),
                             static_cast<char>('0' + ((byte >> 3) & 7)),
                             static_cast<char>('0' + (byte & 7))};
@@ -42,6 +58,13 @@ std::string TimeStamp(std::time_t when) {
   return text;
 }
 
+bool WaitForRoom(int socket, std::chrono::steady_clock::time_point deadline) {
+  using namespace std::chrono;
+  const auto left = duration_cast<milliseconds>(deadline - steady_clock::now());
+  pollfd ready{socket, POLLOUT, 0};
+  return left.count() > 0 && poll(&ready, 1, static_cast<int>(left.count())) > 0;
+}
+
 }  // namespace
 
 SyslogOutput::SyslogOutput(std::string ident, std::string socketPath)
@@ -49,14 +72,14 @@ SyslogOutput::SyslogOutput(std::string ident, std::string socketPath)
 
 SyslogOutput::~SyslogOutput() { Disconnect(); }
 
-LogOutput::Result SyslogOutput::Write(const LogLine& line) {
-  if (socket_ < 0 && !Connect()) return Result::kLost;
-  Format(line);
-  const Result result = Send();
-  if (result != Result::kLost) return result;
+LogOutput::Progress SyslogOutput::Write(std::span<const LogLine> lines) {
+  if (socket_ < 0 && !Connect()) return {.lost = lines.size()};
+  Format(lines);
+  const Progress progress = Send();
+  if (progress.lost == 0) return progress;
   // The other end has gone; a successor may have bound the same path already.
   Disconnect();
-  return Connect() ? Send() : Result::kLost;
+  return Connect() ? Send() : progress;
 }
 
 bool SyslogOutput::Connect() {
@@ -83,24 +106,52 @@ void SyslogOutput::Disconnect() {
   socket_ = -1;
 }
 
-void SyslogOutput::Format(const LogLine& line) {
-  if (line.when != stampTime_) {
-    stamp_ = TimeStamp(line.when);
-    stampTime_ = line.when;
-  }
-  const int severity = static_cast<int>(line.level);
-  datagram_ = '<' + std::to_string(LOG_DAEMON | severity) + '>';
-  datagram_.append(stamp_).append(" ").append(ident_);
-  datagram_.append("[").append(std::to_string(getpid())).append("]: ");
-  AppendEscaped(datagram_, line.text);
+void SyslogOutput::StampHeads(std::time_t when) {
+  if (when == stampTime_) return;
+  stampTime_ = when;
+  const std::string rest = TimeStamp(when) + ' ' + ident_ + '[' + std::to_string(getpid()) + "]: ";
+  for (std::size_t severity = 0; severity < heads_.size(); ++severity)
+    heads_[severity] = '<' + std::to_string(LOG_DAEMON | severity) + '>' + rest;
 }
 
-LogOutput::Result SyslogOutput::Send() {
-  while (send(socket_, datagram_.data(), datagram_.size(), MSG_NOSIGNAL) < 0) {
-    if (errno == EINTR) continue;
-    if (errno != EAGAIN && errno != ENOBUFS) return Result::kLost;
-    pollfd ready{socket_, POLLOUT, 0};
-    if (poll(&ready, 1, kWaitMilliseconds) <= 0) return Result::kBusy;
+/// Makes datagrams of the first lines.
+void SyslogOutput::Format(std::span<const LogLine> lines) {
+  datagrams_.clear();
+  ends_.clear();
+  for (const LogLine& line : lines) {
+    if (ends_.size() == kDatagramsAtOnce || datagrams_.size() >= kBytesAtOnce) return;
+    StampHeads(line.when);
+    datagrams_.append(heads_[static_cast<std::size_t>(line.level) % heads_.size()]);
+    AppendEscaped(datagrams_, line.text);
+    ends_.push_back(datagrams_.size());
   }
-  return Result::kWritten;
+}
+
+/// Sends the datagrams, as many as the system log takes in time.
+LogOutput::Progress SyslogOutput::Send() {
+  std::array<iovec, kDatagramsAtOnce> texts;
+  std::array<mmsghdr, kDatagramsAtOnce> messages{};
+  std::size_t start = 0;
+  for (std::size_t i = 0; i < ends_.size(); ++i) {
+    texts[i] = {datagrams_.data() + start, ends_[i] - start};
+    messages[i].msg_hdr.msg_iov = &texts[i];
+    messages[i].msg_hdr.msg_iovlen = 1;
+    start = ends_[i];
+  }
+
+  const auto deadline = std::chrono::steady_clock::now() + kPatience;
+  std::size_t sent = 0;
+  while (sent < ends_.size()) {
+    const int count = sendmmsg(socket_, messages.data() + sent,
+                               static_cast<unsigned>(ends_.size() - sent), MSG_NOSIGNAL);
+    if (count > 0) {
+      sent += static_cast<std::size_t>(count);
+    } else if (errno == EAGAIN || errno == ENOBUFS) {
+      if (!WaitForRoom(socket_, deadline)) break;
+    } else if (errno != EINTR) {
+      // What was sent is told first; the failing one is the first of the next call.
+      return {.written = sent, .lost = sent == 0 ? 1U : 0U};
+    }
+  }
+  return {.written = sent};
 }

@@ -1,8 +1,13 @@
 #pragma once
 
+#include <array>
 #include <chrono>
+#include <cstddef>
 #include <ctime>
+#include <span>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "tesselibs/log_output.h"
 
@@ -18,19 +23,21 @@ class SyslogOutput : public LogOutput {
   SyslogOutput(std::string ident, std::string socketPath);
   ~SyslogOutput() override;
 
-  Result Write(const LogLine& line) override;
+  Progress Write(std::span<const LogLine> lines) override;
 
  private:
   bool Connect();
   void Disconnect();
-  void Format(const LogLine& line);
-  Result Send();
+  void StampHeads(std::time_t when);
+  void Format(std::span<const LogLine> lines);
+  Progress Send();
 
   const std::string ident_;
   const std::string socketPath_;
   int socket_ = -1;
   std::chrono::steady_clock::time_point nextConnect_;
-  std::time_t stampTime_ = -1;  ///< the second that stamp_ tells
-  std::string stamp_;
-  std::string datagram_;
+  std::time_t stampTime_ = -1;        ///< the second that the heads tell
+  std::array<std::string, 8> heads_;  ///< what stands before the text, by level
+  std::string datagrams_;             ///< one after the other
+  std::vector<std::size_t> ends_;     ///< of each of them
 };

@@ -4,6 +4,7 @@
 
 #include <memory>
 #include <mutex>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -38,11 +39,13 @@ class CapturedLog {
   class Output : public LogOutput {
    public:
     explicit Output(std::shared_ptr<Lines> lines) : lines_(std::move(lines)) {}
-    Result Write(const LogLine& line) override {
+    Progress Write(std::span<const LogLine> lines) override {
       const std::lock_guard lock(lines_->mutex);
-      lines_->texts.push_back(std::to_string(static_cast<int>(line.level)) + " " +
-                              std::string(line.text));
-      return Result::kWritten;
+      for (const LogLine& line : lines) {
+        lines_->texts.push_back(std::to_string(static_cast<int>(line.level)) + " " +
+                                std::string(line.text));
+      }
+      return {.written = lines.size()};
     }
 
    private:
