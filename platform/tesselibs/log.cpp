@@ -7,6 +7,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <utility>
 
 #include "tesselibs/log_writer.h"
@@ -34,15 +35,31 @@ std::string_view TrimLineEnd(std::string_view text) {
   return text;
 }
 
-/// Formats a text that is `length` bytes long and did not fit the small buffer.
-std::string FormatLong(std::size_t length, const char* format, std::va_list arguments) {
-  std::size_t kept = std::min(length, kLongestText);
-  std::string text(kept + 2, '\0');
-  std::vsnprintf(text.data(), text.size(), format, arguments);
-  if (length == kept) return text.substr(0, kept);
+/// @param text  may end early, but not before the first byte that is too many
+/// @param length  of the whole text
+void PushText(LogLevel level, std::string_view text, std::size_t length) {
+  if (length <= kLongestText) return Writer().Push(level, TrimLineEnd(text));
+  std::size_t kept = kLongestText;
   // No half of a UTF-8 character stays: system logs take such a text for binary.
   while (kept > 0 && (text[kept] & 0xC0) == 0x80) --kept;
-  return text.substr(0, kept) + "... (" + std::to_string(length - kept) + " more bytes)";
+  Writer().Push(level, std::string(text.substr(0, kept)) + "... (" + std::to_string(length - kept) +
+                           " more bytes)");
+}
+
+void PushFormatted(LogLevel level, const char* format, std::va_list arguments) {
+  std::va_list again;
+  va_copy(again, arguments);
+  char buffer[1024];
+  const int result = std::vsnprintf(buffer, sizeof buffer, format, arguments);
+  const auto length = static_cast<std::size_t>(std::max(result, 0));
+  if (result >= 0 && length < sizeof buffer) {
+    PushText(level, {buffer, length}, length);
+  } else if (result >= 0) {
+    std::string text(std::min(length, kLongestText + 1), '\0');
+    std::vsnprintf(text.data(), text.size() + 1, format, again);
+    PushText(level, text, length);
+  }
+  va_end(again);
 }
 
 }  // namespace
@@ -81,18 +98,14 @@ bool Log_IsEnabled(LogLevel level) {
 void Log_Level(LogLevel level, const char* format, ...) {
   if (!Log_IsEnabled(level)) return;
   const int callersErrno = errno;
-  char buffer[1024];
   std::va_list arguments;
   va_start(arguments, format);
-  std::va_list again;
-  va_copy(again, arguments);
-  const int length = std::vsnprintf(buffer, sizeof buffer, format, arguments);
-  if (length >= 0 && static_cast<std::size_t>(length) < sizeof buffer) {
-    Writer().Push(level, TrimLineEnd({buffer, static_cast<std::size_t>(length)}));
-  } else if (length >= 0) {
-    Writer().Push(level, TrimLineEnd(FormatLong(static_cast<std::size_t>(length), format, again)));
+  if (std::strcmp(format, "%s") == 0) {  // a text that stands already, as the framework's lines do
+    const std::string_view text = va_arg(arguments, const char*);
+    PushText(level, text, text.size());
+  } else {
+    PushFormatted(level, format, arguments);
   }
-  va_end(again);
   va_end(arguments);
   errno = callersErrno;
 }

@@ -62,6 +62,8 @@ TEST_F(LogTest, TextFromOutsideCannotForgeALine) {
   for (const auto& [text, expected] : cases) {
     Log_Level(LogLevel::kInformation, "%s", text.c_str());
     EXPECT_EQ(log_.ReceiveText(), expected);
+    Log_Level(LogLevel::kInformation, "%.0s%s", "formatted", text.c_str());
+    EXPECT_EQ(log_.ReceiveText(), expected);
   }
 }
 

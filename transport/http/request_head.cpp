@@ -3,6 +3,8 @@
 #include <array>
 #include <ostream>
 
+#include "orbi/log/logger.h"
+
 namespace Orbi::Transport::PicoHttp {
 namespace {
 
@@ -13,11 +15,12 @@ constexpr std::array<std::string_view, 3> kSecretFields = {"authorization", "coo
 }  // namespace
 
 std::ostream& operator<<(std::ostream& out, const RequestHead& head) {
-  out << head.method << ' ' << head.path << " HTTP/1." << head.minorVersion;
+  const auto put = [&out](const auto&... parts) { (Log::Put(out, parts), ...); };
+  put(head.method, ' ', head.path, " HTTP/1.", head.minorVersion);
   for (const auto& [name, value] : head.headers) {
     if (name.starts_with(':')) continue;
     const bool secret = std::ranges::find(kSecretFields, name) != kSecretFields.end();
-    out << "; " << name << ": " << (secret ? "***" : value);
+    put("; ", name, ": ", secret ? "***" : value);
   }
   return out;
 }

@@ -1,6 +1,8 @@
 #include "apps/lifecycle/orbi/include/logger.h"
 
 #include <array>
+#include <streambuf>
+#include <string>
 #include <utility>
 
 #include "apps/lifecycle/orbi/include/verify.h"
@@ -14,23 +16,52 @@ namespace {
 constexpr std::array kPlatformLevels = {LogLevel::kDebug, LogLevel::kInformation, LogLevel::kNotice,
                                         LogLevel::kError, LogLevel::kCritical,    LogLevel::kAlert};
 
-/// The stream of the thread's last record, for its next: making one costs more than most lines.
-thread_local std::unique_ptr<std::stringstream> spareStream;
+/// Appends what it is given to a string.
+class TextBuffer : public std::streambuf {
+ public:
+  std::string text;
+
+ protected:
+  int_type overflow(int_type c) override {
+    if (!traits_type::eq_int_type(c, traits_type::eof())) text += traits_type::to_char_type(c);
+    return traits_type::not_eof(c);
+  }
+  std::streamsize xsputn(const char* characters, std::streamsize count) override {
+    text.append(characters, static_cast<std::size_t>(count));
+    return count;
+  }
+};
+
+/// More memory than this is not kept for the next line.
+constexpr std::size_t kKeptCapacity = 16384;
 
 }  // namespace
+
+struct OrbiLoggerWrapper::Record::TextStream {
+  TextBuffer buffer;
+  std::ostream stream{&buffer};
+};
+
+/// Of the thread's last record, for its next: making one costs more than most lines.
+thread_local std::unique_ptr<OrbiLoggerWrapper::Record::TextStream>
+    OrbiLoggerWrapper::Record::spare;
 
 OrbiLoggerWrapper::Record::Record(LogFunction log, LogLevel platformLevel)
     : log_(log),
       platformLevel_(platformLevel),
-      stream_(spareStream ? std::move(spareStream) : std::make_unique<std::stringstream>()) {}
+      stream_(spare ? std::move(spare) : std::make_unique<TextStream>()) {}
 
 OrbiLoggerWrapper::Record::~Record() {
-  log_(platformLevel_, "%s", stream_->str().c_str());
-  stream_->str({});
-  stream_->clear();
-  stream_->flags(std::ios_base::skipws | std::ios_base::dec);
-  spareStream = std::move(stream_);
+  std::string& text = stream_->buffer.text;
+  log_(platformLevel_, "%s", text.c_str());
+  if (text.capacity() > kKeptCapacity) return;
+  text.clear();
+  stream_->stream.clear();
+  stream_->stream.flags(std::ios_base::skipws | std::ios_base::dec);
+  spare = std::move(stream_);
 }
+
+std::ostream& OrbiLoggerWrapper::Record::Stream() { return stream_->stream; }
 
 std::unique_ptr<Orbi::Log::LogRecord> OrbiLoggerWrapper::CreateRecord(int level) {
   if (level < 0 || level >= static_cast<int>(kPlatformLevels.size())) {

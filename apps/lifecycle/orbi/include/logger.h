@@ -1,7 +1,7 @@
 #pragma once
 
 #include <memory>
-#include <sstream>
+#include <ostream>
 
 #include "orbi/log/logger.h"
 #include "tesselibs/log_level.h"
@@ -30,18 +30,21 @@ class OrbiLoggerWrapper : public Orbi::Log::Logger {
   const LogFunction log_;
 };
 
-/// One line; the text that its stream holds is logged when the record is destroyed.
+/// One line; the text that its stream was given is logged when the record is destroyed.
 class OrbiLoggerWrapper::Record : public Orbi::Log::LogRecord {
  public:
   Record(LogFunction log, LogLevel platformLevel);
   ~Record() override;
 
-  std::ostream& Stream() override { return *stream_; }
+  std::ostream& Stream() override;
 
  private:
+  struct TextStream;
+  static thread_local std::unique_ptr<TextStream> spare;
+
   const LogFunction log_;
   const LogLevel platformLevel_;
-  std::unique_ptr<std::stringstream> stream_;
+  std::unique_ptr<TextStream> stream_;
 };
 
 }  // namespace Host::Settings::SettingsApi
