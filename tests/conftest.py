@@ -12,6 +12,7 @@ from sandboxed_host import REPOSITORY, STATE, Daemon, SystemLog
 
 def pytest_addoption(parser):
     parser.addoption("--record", action="store_true", help="rewrite session transcripts by what is seen, for a review")
+    parser.addoption("--stress", type=float, default=3, help="seconds in which operations are called at random")
     parser.addoption("--every-point", action="store_true", help="break helpers at each of their calls, not at a few")
 
 

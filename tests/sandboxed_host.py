@@ -99,8 +99,8 @@ class Daemon:
             return connection.recv(1) == b"H"
         return False
 
-    def client(self, user="root", password="kestrel"):
-        return Client(port=PORT, user=user, password=password)
+    def client(self, user="root", password="kestrel", source=""):
+        return Client(port=PORT, user=user, password=password, source=source)
 
     def stop(self):
         if self.process.poll() is None:

@@ -59,14 +59,16 @@ class _UnixConnection(http.client.HTTPConnection):
 
 class Client:
     """One keep-alive connection, to a port or through the Unix socket `path`. Answers are read in clean JSON.
+    `source` is the address to connect from, when it matters which.
 
     Not for use from several threads.
     """
 
-    def __init__(self, host="127.0.0.1", port=None, user=None, password=None, timeout=60, path=None):
+    def __init__(self, host="127.0.0.1", port=None, user=None, password=None, timeout=60, path=None,
+                 source=""):
         port = port or socket.getservbyname("kestreld", "tcp")
         self._connection = (_UnixConnection(path, timeout) if path
-                            else http.client.HTTPConnection(host, port, timeout=timeout))
+                            else http.client.HTTPConnection(host, port, timeout=timeout, source_address=(source, 0)))
         self._user = user
         self._password = password
 

@@ -1,0 +1,161 @@
+"""Callers that wait, and others that must not wait for them."""
+
+import concurrent.futures
+import itertools
+import json
+import random
+import socket
+import threading
+import time
+
+import pytest
+
+from orbi_client import USER_PASS, OrbiError, envelope
+from sandboxed_host import BINARIES, PORT, processes, wait_until
+from test_callers import issue_ticket
+
+TASKS = "com.tessel.cis.tasks"
+DEPOTS = "com.tessel.ryx.host_settings.depots"
+METAMODEL = "com.tessel.orbi.metadata.metamodel.service"
+OTHERS = "127.0.0.2"
+tickets = itertools.count()
+
+
+@pytest.fixture
+def helper():
+    """Puts a script in place of the inline helpers: while `held` is there, they do not end."""
+    command = BINARIES / "imagemanagerctl.py"
+    original, held = command.read_text(), BINARIES / "held"
+    held.touch()
+    command.write_text(f"import os, time\nwhile os.path.exists({str(held)!r}): time.sleep(0.02)\nprint('[]')\n")
+    yield held
+    held.unlink(missing_ok=True)
+    command.write_text(original)
+
+
+class Callers:
+    """Callers at one address, each with a connection and a ticket of its own."""
+
+    def __init__(self, daemon, source):
+        self._daemon, self._source = daemon, source
+        self._pool = concurrent.futures.ThreadPoolExecutor(100)
+
+    def list_depots(self):
+        """Starts a call; the result tells its answer."""
+        ticket = f"ticket-of-a-waiting-caller-{next(tickets)}"
+        issue_ticket(ticket)
+        client = self._daemon.client(ticket, ticket, source=self._source)
+        return self._pool.submit(client.call, DEPOTS, "list")
+
+
+def helpers_running():
+    return len(processes("imagemanagerctl.py"))
+
+
+def test_a_caller_with_many_calls_leaves_threads_to_others(daemon, helper):
+    greedy, other = Callers(daemon, OTHERS), Callers(daemon, "127.0.0.3")
+    waiting = [greedy.list_depots() for _ in range(10)]
+    wait_until(lambda: helpers_running() == 4, what="helpers on half of the threads")
+    client = daemon.client()
+    assert client.call(TASKS, "list") == {}
+    others = other.list_depots()
+    wait_until(lambda: helpers_running() == 5, what="the other's helper")
+    helper.unlink()
+    assert [call.result(30) for call in (*waiting, others)] == [[]] * 11
+
+
+def test_calls_that_find_no_place_are_told_to_come_again(daemon, helper):
+    greedy = Callers(daemon, OTHERS)
+    waiting = [greedy.list_depots() for _ in range(80)]
+    wait_until(lambda: sum(call.done() for call in waiting) >= 12, what="refusals")
+    assert daemon.client().call(TASKS, "list") == {}
+    helper.unlink()
+    refused = [call.exception(60) for call in waiting if call.exception(60)]
+    assert len(refused) == 12  # four run, and 64 wait
+    for error in refused:
+        assert isinstance(error, OrbiError)
+        assert (error.identifier.rpartition(".")[2], error.message_ids) == (
+            "service_unavailable", ["orbi.provider.overloaded"])
+
+
+def test_a_caller_that_has_gone_costs_nothing(daemon, helper):
+    """Its operation goes on, and nobody gets its answer."""
+    body = json.dumps(envelope(DEPOTS, "list", {}, "root", "kestrel")).encode()
+    request = (b"POST /api HTTP/1.1\r\nContent-Type: application/json\r\nContent-Length: %d\r\n\r\n" % len(body)) + body
+    for _ in range(3):
+        with socket.create_connection(("127.0.0.1", PORT)) as gone:
+            gone.sendall(request)
+    wait_until(lambda: helpers_running() == 3)
+    helper.unlink()
+    wait_until(lambda: helpers_running() == 0)
+    assert daemon.client().call(DEPOTS, "list") == []
+
+
+@pytest.mark.parametrize("stubborn", [False, True])
+def test_a_stop_does_not_wait_for_what_callers_wait_for(daemon, helper, stubborn):
+    """Helpers are ended; one that does not heed that is left behind."""
+    if stubborn:
+        command = BINARIES / "imagemanagerctl.py"
+        command.write_text("import signal\nsignal.signal(signal.SIGTERM, signal.SIG_IGN)\n" + command.read_text())
+    callers = [Callers(daemon, source) for source in (OTHERS, "127.0.0.3")]
+    waiting = [caller.list_depots() for caller in callers for _ in range(8)]
+    wait_until(lambda: helpers_running() == 8)
+    if stubborn:
+        time.sleep(1)  # until each has come to ignore the signal
+    begin = time.monotonic()
+    assert daemon.stop() == 0
+    assert (time.monotonic() - begin > 5) is stubborn
+    assert time.monotonic() - begin < 6
+    assert helpers_running() == (8 if stubborn else 0)
+    assert all(call.exception(10) for call in waiting)
+
+
+def test_wrong_passwords_of_one_address_do_not_keep_others_out(daemon):
+    stop = threading.Event()
+
+    def guess():
+        guesser = daemon.client("nobody-here", "guess", source=OTHERS)
+        while not stop.is_set():
+            with pytest.raises(OrbiError):
+                guesser.call(TASKS, "list")
+
+    with concurrent.futures.ThreadPoolExecutor(20) as pool:
+        guesses = [pool.submit(guess) for _ in range(20)]
+        client = daemon.client()
+        for _ in range(20):
+            assert client.call(TASKS, "list") == {}
+        stop.set()
+        for done in guesses:
+            done.result(30)
+
+
+def operations(client):
+    for service in client.call(METAMODEL, "list"):
+        if service.startswith(("com.tessel.ryx.", "com.tessel.cis.")):
+            for operation in client.call(METAMODEL, "get", id=service)["operations"]:
+                yield service, operation["name"]
+
+
+def test_any_operations_at_once(daemon, request):
+    """Each caller calls what comes to its mind, and every call has an answer."""
+    everything = list(operations(daemon.client()))
+    assert len(everything) == 56
+    end = time.monotonic() + request.config.getoption("--stress")
+    seed = random.randrange(1 << 32)
+
+    def work(number):
+        client, choose, answers = daemon.client(source=f"127.0.1.{number + 1}"), random.Random(seed + number), 0
+        fields = {"task": "none", "spec_id": "none", "document": "{}", "depot": "none", "component": "none",
+                  "group": "none", "key": "none", "version": "1"}
+        while time.monotonic() < end:
+            service, operation = choose.choice(everything)
+            given = dict(choose.sample(sorted(fields.items()), choose.randrange(len(fields))))
+            call = envelope(service, operation, given, "root", "kestrel")
+            assert call["params"]["ctx"]["securityCtx"]["schemeId"] == USER_PASS
+            response, body = client.post(call)
+            assert response.status == 200 and json.loads(body)["result"], (seed, service, operation, body)
+            answers += 1
+        return answers
+
+    with concurrent.futures.ThreadPoolExecutor(32) as pool:
+        assert all(pool.map(work, range(32)))
