@@ -26,7 +26,8 @@ _Dumper.add_representer(str, _represent_text)
 
 
 def _dumped(value):
-    text = yaml.dump(value, Dumper=_Dumper, default_flow_style=True, width=math.inf, allow_unicode=True, sort_keys=False)
+    text = yaml.dump(value, Dumper=_Dumper, default_flow_style=True, width=math.inf, allow_unicode=True,
+                     sort_keys=False)
     return text.removesuffix("\n").removesuffix("\n...")
 
 
