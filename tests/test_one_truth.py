@@ -12,11 +12,12 @@ import uuid
 import pytest
 
 import metamodel
+from orbi_client import OrbiError
 from sandboxed_host import BINARIES, LIFECYCLE, REPOSITORY, wait_until
 
 sys.path.insert(0, str(REPOSITORY / "helpers"))
 
-from tessel_lifecycle import apply_cli, cli, errors, lock, paths, records, task
+from tessel_lifecycle import apply_cli, cli, errors, host_claim, lock, paths, records, task
 
 TASKS = "com.tessel.cis.tasks"
 SCAN = "com.tessel.ryx.kestrel_daemon.software"
@@ -209,6 +210,18 @@ def test_locks_of_the_daemon_are_those_of_the_helpers(daemon, root, sample_depot
              for name in re.findall(r"Lock acquired on socket\{([^}]*)\}", line)}
     assert found == {lock.lock_name(path)[1:].decode() for path in (paths.TASK_STATUS, paths.TASK_SYNC,
                                                                     paths.APPLY_PID)}
+
+
+@pytest.mark.parametrize("claim, service, operation, fields", [
+    (host_claim.TASK, "com.tessel.ryx.kestrel_daemon.configuration", "validate$task", {"document": "{}"}),
+    (host_claim.APPLY, SETTINGS, "set$task", {"depots": ["/nowhere"], "image": SPECIFICATION})])
+def test_both_refuse_a_task_alike_while_another_has_the_host(root, claim, service, operation, fields):
+    pathlib.Path(claim.file).write_text(f"PRECURSOR: {uuid.uuid4()}")
+    with pytest.raises(OrbiError) as by_daemon:
+        root.call(service, operation, **fields)
+    with pytest.raises(errors.TaskError) as by_helper:
+        claim.take_over(str(uuid.uuid4()))
+    assert by_daemon.value.message_ids == [by_helper.value.identifier]
 
 
 def test_a_helper_that_lives_is_seen_to_live(start_daemon):

@@ -25,7 +25,7 @@ class Command:
     """
 
     def __init__(self, function, values=0, required=(), operation="", bad_usage=1, failed=1, late=1, optional=(),
-                 documents=(), claim=host_claim.SOFTWARE):
+                 documents=(), claim=host_claim.TASK):
         self.function, self.values, self.operation = function, values, operation
         self.optional, self.documents, self.claim = optional, documents, claim
         self.required = (*required, "--task-id") if operation else required

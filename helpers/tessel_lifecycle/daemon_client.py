@@ -14,7 +14,7 @@ from tessel_lifecycle.timed_response import TimedResponse
 
 _SCHEME = "com.tessel.orbi.std.security.user_pass"
 _TASKS = "com.tessel.cis.tasks"
-_BUSY = (host_claim.SOFTWARE.contention, "com.tessel.ryx.task.lock.error")
+_BUSY = (host_claim.TASK.contention, "com.tessel.ryx.task.lock.error")
 
 _MOST_REQUEST = 2_500_000  # bytes that the daemon takes
 _MOST_ANSWER = 64 << 20

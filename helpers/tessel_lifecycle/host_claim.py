@@ -47,5 +47,5 @@ class HostClaim:
             files.remove(self.file)
 
 
-SOFTWARE = HostClaim(paths.TASK_SYNC, 0, "com.tessel.ryx.task.contention")
+TASK = HostClaim(paths.TASK_SYNC, 0, "com.tessel.ryx.task.contention")
 APPLY = HostClaim(paths.APPLY_PID, 5, "com.tessel.ryx.lifecycle.task.contention")

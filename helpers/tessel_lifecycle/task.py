@@ -47,7 +47,7 @@ class Task:
     `documents` are its input files, removed at its end. Then `claim` is released, by which the task has the host.
     """
 
-    def __init__(self, task_id, operation, documents, claim=host_claim.SOFTWARE):
+    def __init__(self, task_id, operation, documents, claim=host_claim.TASK):
         self.id, self.operation, self._documents, self._claim = task_id, operation, documents, claim
         self._records = open_records()
         self._told, self._told_at = 0, 0.0
