@@ -1,6 +1,6 @@
 // The process's syslog. The C library's own waits without end for a system log that nobody reads,
-// and the access lock and PAM call it on the thread that serves all connections: one wrong password
-// would stop the service. Here their lines take the way of the daemon's others.
+// and the access lock and PAM call it while calls wait for them: one wrong password would stop the
+// service. Here their lines take the way of the daemon's others.
 //
 // These functions stand in front of the C library's, for shared libraries too, because the
 // executable exports them (see CMakeLists.txt). <syslog.h> is not included: with _FORTIFY_SOURCE it

@@ -10,7 +10,7 @@ import time
 
 import pytest
 
-from orbi_client import USER_PASS, OrbiError, envelope
+from orbi_client import OrbiError, envelope
 from sandboxed_host import BINARIES, PORT, processes, wait_until
 from test_callers import issue_ticket
 
@@ -130,32 +130,33 @@ def test_wrong_passwords_of_one_address_do_not_keep_others_out(daemon):
 
 
 def operations(client):
+    """Every operation: service, name, and the names and types of its input's fields."""
     for service in client.call(METAMODEL, "list"):
-        if service.startswith(("com.tessel.ryx.", "com.tessel.cis.")):
-            for operation in client.call(METAMODEL, "get", id=service)["operations"]:
-                yield service, operation["name"]
+        for operation in client.call(METAMODEL, "get", id=service)["operations"]:
+            yield service, operation["name"], [(field["name"], field["type"]) for field in operation["input"]]
+
+
+VALUES = {"string": "none", "boolean": True, "optional<string>": "none", "optional<boolean>": False, "list<string>": [],
+          "map<string, string>": {}, "optional<map<string, string>>": {}}
 
 
 def test_any_operations_at_once(daemon, request):
-    """Each caller calls what comes to its mind, and every call has an answer."""
+    """Callers call what comes to their mind, often for something that is not there, and every call has an answer."""
     everything = list(operations(daemon.client()))
-    assert len(everything) == 56
     end = time.monotonic() + request.config.getoption("--stress")
     seed = random.randrange(1 << 32)
 
     def work(number):
-        client, choose, answers = daemon.client(source=f"127.0.1.{number + 1}"), random.Random(seed + number), 0
-        fields = {"task": "none", "spec_id": "none", "document": "{}", "depot": "none", "component": "none",
-                  "group": "none", "key": "none", "version": "1"}
+        client, choose, answers = daemon.client(source=f"127.0.1.{number + 1}"), random.Random(seed + number), set()
         while time.monotonic() < end:
-            service, operation = choose.choice(everything)
-            given = dict(choose.sample(sorted(fields.items()), choose.randrange(len(fields))))
-            call = envelope(service, operation, given, "root", "kestrel")
-            assert call["params"]["ctx"]["securityCtx"]["schemeId"] == USER_PASS
-            response, body = client.post(call)
-            assert response.status == 200 and json.loads(body)["result"], (seed, service, operation, body)
-            answers += 1
+            service, operation, fields = choose.choice(everything)
+            given = {name: VALUES.get(kind, {}) for name, kind in fields}
+            response, body = client.post(envelope(service, operation, given, "root", "kestrel"))
+            assert response.status == 200, (seed, service, operation, body)
+            assert json.loads(body)["result"].keys() <= {"output", "error"}, (seed, service, operation, body)
+            answers.add((service, operation))
         return answers
 
     with concurrent.futures.ThreadPoolExecutor(32) as pool:
-        assert all(pool.map(work, range(32)))
+        called = set().union(*pool.map(work, range(32)))
+    assert len(called) > len(everything) // 2
