@@ -21,26 +21,7 @@ const std::string kAsks =
     "++group=kestreld-nontask-forks,mem=110,stats "
     "/usr/lib/tessel/lifecycle/bin/imagemanagerctl.py";
 
-const std::string kSpec =
-    R"({"base_image":{"version":"8.0-1"},"components":{"disk":{"version":"1.0"},"net":{}}})";
 const std::string kDepot = R"({"name":"main","url":"file:///depot"})";
-const std::string kNamed = R"({"component":"n"})";
-const std::string kDate = R"("installed_at":"2026-03-03T00:00:00.000Z")";
-const std::string kNet = R"("version":"1-1","display_name":"Net","display_version":"1")";
-const std::string kBaseImage = "{" + kNet +
-                               R"(,"vendor":"T","release_date":"2026-03-02T00:00:00.000Z",)" +
-                               kDate + R"(,"components":{"net":"1-1"}})";
-const std::string kComponent = R"({"component":"net",)" + kNet +
-                               R"(,"vendor":"T","source":"ADD_ON",)" + kDate +
-                               R"(,"paxs":[{"name":"p","version":"1"}]})";
-const std::string kSummaries = R"([{"component":"net",)" + kNet + "}]";
-const std::string kImage =
-    R"({"solutions":{},"hardware_support":{},"components":{"net":{)" + kNet + R"(,"vendor":"T"}}})";
-const std::string kPaxs =
-    R"([{"name":"p","version":"1","vendor":"T","summary":"s","acceptance_level":"PARTNER",)"
-    R"("payload_size":7,"installed_size":9,"sha256":"0",)" +
-    kDate + "}]";
-
 struct Operation {
   std::string call, input;
   std::string arguments;         ///< behind the script's path
@@ -49,27 +30,15 @@ struct Operation {
   bool piped = !output.empty() || !document.empty();  ///< so the command line is logged
 };
 
+// One of each kind: what is asked for and what is piped, and words that come from a client.
 const Operation kOperations[] = {
     {"host_settings.depots list", "{}", " depots --list ", "[" + kDepot + "]", ""},
     {"host_settings.depots create", R"({"spec":)" + kDepot + "}", " depots --create ", "", kDepot},
     {"host_settings.depots delete", R"({"depot":"d"})", " depots --delete d", "", ""},
-    {"host_settings.software get", "{}", " software --get", kSpec, ""},
-    {"host_settings.software set", R"({"spec":)" + kSpec + "}", " software --set", "", kSpec},
-    {"host_settings.software.ryx get", "{}", " software_ryx --get ", "8-1", "", R"("8-1")"},
-    {"host_settings.software.ryx set", R"({"version":"8"})", " software_ryx --set 8", "", ""},
     {"host_settings.software.components get", R"({"component":"a b"})", " components --get a b",
      "1.0", "", R"("1.0")"},
     {"host_settings.software.components set", R"({"component":"n","version":"1;x"})",
      " components --set n 1;x", "", ""},
-    {"host_settings.software.components delete", kNamed, " components --del n", "", ""},
-    {"hosts.software.ryx get", "{}", " ryx --get ", kBaseImage, ""},
-    {"hosts.software.components get", kNamed, " component --get n", kComponent, ""},
-    {"hosts.software.components list", "{}", " component --list ", kSummaries, ""},
-    {"software.installed_components list", "{}", " component --list ", kSummaries, "",
-     R"({"net":{)" + kNet + "}}"},
-    {"software.installed_image get", "{}", " software --getsoftwareinfo", kImage, ""},
-    {"software.installed_paxs list", "{}", " PAX --list-all", kPaxs, ""},
-    {"software.installed_paxs list", R"({"filter":{"orphan":false}})", " PAX --list-all", "[]", ""},
     {"software.installed_paxs list", R"({"filter":{"orphan":true}})", " PAX --list-orphan", "[]",
      ""},
 };

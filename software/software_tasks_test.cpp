@@ -19,7 +19,6 @@ using testing::Contains;
 const std::string kTaskDocument = "/var/tessel/lifecycle/swspec-{1}";
 
 const std::string kSpec = R"({"base_image":{"version":"8.0-1"},"components":{"net":{}}})";
-const std::string kOneDepot = R"({"depots":["d"],"software_spec":)" + kSpec + "}";
 const std::string kTwoDepots =
     R"({"depots":["http://h/{3};x","/e"],"software_spec":)" + kSpec + "}";
 
@@ -32,21 +31,14 @@ TEST_F(SoftwareTasks, HelperIsStartedOnTheRecordedTaskAndItsDocument) {
       {"kestrel_daemon.software apply$task", kTwoDepots,
        " software --apply --task-id {1} --depot http://h/{3};x --depot /e" + specOption +
            kTaskDocument},
-      {"kestrel_daemon.software stage$task", kOneDepot,
-       " software --stage --task-id {1} --depot d" + specOption + kTaskDocument},
       {"kestrel_daemon.software scan$task", kTwoDepots,
        " software --scan" + specOption + kScanDocument +
            " --depot http://h/{3};x --depot /e --task-id {1}"},
       {"kestrel_daemon.components apply$task",
        R"({"depots":["d"],"components":{"y":"2.0","x":"1.0"}})",
        "components --apply --task-id {1} --depot d --component x:1.0 --component y:2.0"},
-      {"kestrel_daemon.solutions apply$task", kOneDepot,
-       "solutions --apply --task-id {1} --depot d" + specOption + kTaskDocument},
-      {"kestrel_daemon.solutions stage$task", kOneDepot,
-       "solutions --stage --task-id {1} --depot d" + specOption + kTaskDocument},
       {"kestrel_daemon.solutions remove$task", R"({"solutions":["s","t u"]})",
        "solutions --remove --task-id {1} --name s --name t u"},
-      {"software.installed_image extract_depot$task", "{}", "depots --extract --task-id {1}"},
   };
   for (const auto& [call, input, pattern] : cases) {
     SCOPED_TRACE(call);
