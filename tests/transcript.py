@@ -17,8 +17,9 @@ class _Dumper(yaml.SafeDumper):
 
 
 def _represent_text(dumper, text):
-    quoted = any(c in text for c in "\n\t\x85\u2028\u2029") or "'" in text and not any(c in text for c in '"\\')
-    double = quoted and not dumper.analyze_scalar(text).allow_flow_plain
+    shown = any(c in text for c in "\n\t\x85\u2028\u2029")
+    apostrophe = "'" in text and '"' not in text and "\\" not in text
+    double = (shown or apostrophe) and not dumper.analyze_scalar(text).allow_flow_plain
     return dumper.represent_scalar("tag:yaml.org,2002:str", text, style='"' if double else None)
 
 
@@ -43,15 +44,31 @@ def _fits(value, whole):
     return len(whole) <= WIDTH and not _is_block(value) and not any(_is_block(part) for part in parts)
 
 
-def _folded(head, text, margin):
-    """Text over several lines: below a key, or behind a list's dash."""
+def _rows(words, width):
+    """Words in lines of a width."""
     rows = [""]
-    for word in re.split("(?<! ) (?! )", _dumped(text)):  # only a single space can be a line's end
-        if len(margin) + 2 + len(rows[-1]) + 1 + len(word) > WIDTH and rows[-1]:
+    for word in words:
+        if rows[-1] and len(rows[-1]) + 1 + len(word) > width:
             rows.append("")
         rows[-1] += " " * (rows[-1] != "") + word
-    rows = [f"{margin}  {row}" for row in rows]
+    return rows
+
+
+def _folded(head, text, margin):
+    """Text over several lines: below a key, or behind a list's dash."""
+    words = re.split("(?<! ) (?! )", _dumped(text))  # only a single space can be a line's end
+    rows = [f"{margin}  {row}" for row in _rows(words, WIDTH - len(margin) - 2)]
     return [f"{margin}- {rows[0].lstrip()}", *rows[1:]] if head == "-" else [margin + head, *rows]
+
+
+def _beside(head, value, margin):
+    """A structure's members in two lines, if they are short and these hold them."""
+    members = [_dumped({key: part})[1:-1] + "," for key, part in value.items()]
+    room = len(margin + head) + 2
+    rows = _rows(members, WIDTH - room)
+    if max(map(len, members)) > 90 or len(rows) != 2 or any(map(_is_block, value.values())):
+        return None
+    return [f"{margin}{head} {{{rows[0]}", " " * room + rows[1][:-1] + "}"]
 
 
 def _lines(head, value, margin=""):
@@ -63,6 +80,10 @@ def _lines(head, value, margin=""):
         return [f"{margin}{head} |-", *("  " + margin + line if line else "" for line in value.split("\n"))]
     if isinstance(value, str):
         return _folded(head, value, margin)
+    if isinstance(value, dict) and not {"call", "answer", "error", "task"} & set(value):
+        beside = _beside(head, value, margin)
+        if beside:
+            return beside
     parts = [(_dumped(key) + ":", part) for key, part in value.items()] if isinstance(value, dict) else [
         ("-", part) for part in value]
     deeper = margin if isinstance(value, list) and head != "-" else margin + "  "
