@@ -6,7 +6,7 @@ import subprocess
 
 import pytest
 
-from fault_injection import Breaker
+from fault_injection import Breaker, build_library
 from sandboxed_host import REPOSITORY, STATE, Daemon, SystemLog
 
 
@@ -78,10 +78,15 @@ def root(daemon):
     return daemon.client()
 
 
+@pytest.fixture(scope="session")
+def breaking_library(tmp_path_factory):
+    return build_library(tmp_path_factory.mktemp("library"))
+
+
 @pytest.fixture
-def breaker(tmp_path, monkeypatch):
+def breaker(tmp_path, monkeypatch, breaking_library):
     made = Breaker(tmp_path)
-    monkeypatch.setenv("LD_PRELOAD", str(made.library))
+    monkeypatch.setenv("LD_PRELOAD", str(breaking_library))
     monkeypatch.setenv("ASAN_OPTIONS", "verify_asan_link_order=0")  # in that build, the sanitizer comes second
     monkeypatch.setenv("FAULT_PLAN", str(made.path))
     return made

@@ -8,13 +8,18 @@ import subprocess
 NOTHING, KILL_WORKER, KILL_GUARD, KILL_BOTH, FAIL, KILL_AT_START, EXIT_AT_START, KILL_DAEMON = range(8)
 
 
+def build_library(folder):
+    """Compiles the library that is preloaded. Returns its path."""
+    library, source = folder / "fault_injection.so", pathlib.Path(__file__).with_name("fault_injection.c")
+    subprocess.run(["cc", "-shared", "-fPIC", "-O1", "-o", library, source, "-ldl"], check=True)
+    return library
+
+
 class Breaker:
     """Tells the preloaded library what to do, and what it counted."""
 
     def __init__(self, folder):
-        self.library, self.path = folder / "fault_injection.so", folder / "plan"
-        source = pathlib.Path(__file__).with_name("fault_injection.c")
-        subprocess.run(["cc", "-shared", "-fPIC", "-O1", "-o", self.library, source, "-ldl"], check=True)
+        self.path = folder / "plan"
         self.path.write_bytes(bytes(24))
         with open(self.path, "r+b") as file:
             self._memory = mmap.mmap(file.fileno(), 24)

@@ -22,13 +22,14 @@ PORT = socket.getservbyname("kestreld") if os.path.exists(BINARIES / "kestreld")
 
 
 def wait_until(condition, seconds=30, what="the condition"):
-    """Polls until `condition` returns something true, and returns that."""
-    deadline = time.monotonic() + seconds
+    """Polls until `condition` returns something true, and returns that. The more seldom the longer it takes."""
+    deadline, pause = time.monotonic() + seconds, 0.005
     while time.monotonic() < deadline:
         result = condition()
         if result:
             return result
-        time.sleep(0.01)
+        time.sleep(pause)
+        pause = min(1.5 * pause, 0.05)
     raise AssertionError(f"{what} did not come true within {seconds} s")
 
 
