@@ -1,5 +1,6 @@
 """Fixtures of the whole-daemon tests. They run inside a sandboxed host, where the fixed paths are the tests' own."""
 
+import contextlib
 import pathlib
 import shutil
 import subprocess
@@ -13,7 +14,29 @@ from sandboxed_host import REPOSITORY, STATE, Daemon, SystemLog
 def pytest_addoption(parser):
     parser.addoption("--record", action="store_true", help="rewrite session transcripts by what is seen, for a review")
     parser.addoption("--stress", type=float, default=3, help="seconds in which operations are called at random")
+    parser.addoption("--share", metavar="FOLDER", help="leave out the tests that another run with this folder takes")
     parser.addoption("--every-point", action="store_true", help="break helpers at each of their calls, not at a few")
+
+
+def taken(items, folder):
+    """The tests that no other run has taken, each at the moment at which it is asked for."""
+    for number, item in enumerate(items):
+        with contextlib.suppress(FileExistsError):
+            pathlib.Path(folder, str(number)).touch(exist_ok=False)
+            yield item
+
+
+def pytest_runtestloop(session):
+    folder = session.config.getoption("--share")
+    if folder is None:
+        return None  # pytest's own loop
+    own = taken(session.items, folder)
+    item = next(own, None)
+    while item and not session.shouldstop and not session.shouldfail:
+        following = next(own, None)
+        item.ihook.pytest_runtest_protocol(item=item, nextitem=following)
+        item = following
+    return True
 
 
 @pytest.fixture(scope="session")
