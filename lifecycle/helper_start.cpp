@@ -1,12 +1,12 @@
 #include "lifecycle/helper_start.h"
 
-#include <unistd.h>
-
+#include <chrono>
 #include <exception>
 
 #include "lifecycle/helper_end.h"
 #include "lifecycle/log_text.h"
 #include "lifecycle/task_file.h"
+#include "lifecycle/waiting.h"
 #include "pcore/pcore_ctl.h"
 
 namespace LifeCycle {
@@ -64,8 +64,7 @@ TaskError StartHelper(const HelperKind& kind, const HelperCommand& command) {
     return error;
   for (int retries = command.retries;; --retries) {
     if (TryToStart(kind, command, retries)) return {};
-    if (retries == 0) break;
-    sleep(1);
+    if (retries == 0 || !Wait(std::chrono::seconds(1))) break;
   }
   ReleaseHost(kind.marker, id);
   return MakeError(kind.startError, command.errors);

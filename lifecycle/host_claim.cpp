@@ -16,6 +16,7 @@
 #include "lifecycle/log_text.h"
 #include "lifecycle/paths.h"
 #include "lifecycle/task_schedular.h"
+#include "lifecycle/waiting.h"
 #include "orbi/std/errors.h"
 #include "software/command/remove_files.h"
 #include "software/command/write_to_file.h"
@@ -25,7 +26,7 @@ namespace LifeCycle {
 constinit const HostMarker kTaskMarker{
     .file = kTaskSyncFile,
     .ofOwnTasks = true,
-    .pause = 1,
+    .pause = std::chrono::seconds(1),
     .locked =
         "[_CheckTaskContention]: Lock contention in task {1}, another task is starting, "
         "{3} retries left",
@@ -44,7 +45,7 @@ constinit const HostMarker kTaskMarker{
 constinit const HostMarker kApplyMarker{
     .file = kApplyPidFile,
     .ofOwnTasks = false,
-    .pause = 0,
+    .pause = {},
     .locked = "[Set]: Lock contention; another task in progress",
     .exists = nullptr,
     .unknown = nullptr,
@@ -115,7 +116,7 @@ TaskError ClaimHost(const HostMarker& marker, const std::string& taskId, int ret
     const Try attempt(marker, taskId, retries);
     if (attempt.Succeeds()) return {};
     attempt.Fail(marker.refused);
-    sleep(marker.pause);
+    if (!Wait(marker.pause)) break;
   }
   return std::make_shared<const Orbi::Data::ErrorValue>(
       ApiError(Com::Tessel::Orbi::Std::Errors::NotAllowedInCurrentState, marker.error));

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -20,9 +21,9 @@ namespace LifeCycle {
 /// "{2}" for a reason and "{3}" for how many tries are left; nullptr says nothing.
 struct HostMarker {
   const std::string& file;
-  bool ofOwnTasks;     ///< tasks of this process's scheduler hold it: one about to go is awaited
-  unsigned pause;      ///< seconds after each failed try
-  const char* locked;  ///< another starter is at it at this moment
+  bool ofOwnTasks;  ///< tasks of this process's scheduler hold it: one about to go is awaited
+  std::chrono::milliseconds pause;  ///< after each failed try
+  const char* locked;               ///< another starter is at it at this moment
   const char* exists;
   const char* unknown;  ///< "{2}" why; without a text the try goes on, and writing tells why
   const char* unwritten;

@@ -14,6 +14,7 @@
 #include "lifecycle/access_lock.h"
 #include "lifecycle/paths.h"
 #include "lifecycle/testing/call_operation.h"
+#include "lifecycle/testing/quick_waits.h"
 #include "tesselibs/testing/captured_log.h"
 
 namespace LifeCycle {
@@ -29,6 +30,7 @@ class HostClaimTest : public testing::Test {
  protected:
   ~HostClaimTest() override { fs::remove_all(folder_); }
 
+  const QuickWaits waits_;
   const fs::path folder_ = fs::path(kTaskStatusFile).parent_path();
 };
 
@@ -74,6 +76,16 @@ TEST_F(HostClaimTest, SaysWhyTheHostIsNotWon) {
                           "starting, 0 retries left",
                           "2 [_CheckTaskContention]: Failed to determine if the task sync file "
                           "exists: Not a directory, 0 retries left"));
+}
+
+TEST_F(HostClaimTest, RefusalTakesASecondForEachTryUntilTheProcessStops) {
+  using namespace std::chrono_literals;
+  ASSERT_FALSE(ClaimHost(kTaskMarker, "other", 0));
+  ASSERT_FALSE(ClaimHost(kApplyMarker, "other", 0));
+  EXPECT_TRUE(ClaimHost(kTaskMarker, "id", 2));
+  EXPECT_THAT(QuickWaits::Taken(), ElementsAre(1s, 1s, 1s));
+  EXPECT_TRUE(ClaimHost(kApplyMarker, "id", 0));
+  EXPECT_THAT(QuickWaits::Taken(), ElementsAre(1s, 1s, 1s, 0s));
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 #include "lifecycle/paths.h"
 #include "lifecycle/task_file.h"
 #include "lifecycle/testing/call_operation.h"
+#include "lifecycle/testing/quick_waits.h"
 #include "tesselibs/testing/captured_log.h"
 
 namespace LifeCycle {
@@ -46,6 +47,7 @@ class TaskCreationTest : public testing::Test {
     return error ? ErrorText(*error) : "";
   }
 
+  const QuickWaits waits_;
   const fs::path folder_ = fs::path(kTaskStatusFile).parent_path();
   TaskError error_;
 };
