@@ -145,19 +145,36 @@ void TaskFile::ChangeAll(const TaskDB::RecordSweep& sweep, int retries) {
   WithStore(retries, [&](auto& store) { store.ChangeAll(sweep); });
 }
 
+/// @param keep  gets the read form of each record in the order of the store
+template <typename Keep>
+void TaskFile::ReadTasks(int retries, const Keep& keep) const {
+  WithStore(retries, [&](auto& store) {
+    store.ForEach([&](const std::string& id, const TaskDB::Record& record) {
+      Log_Level(LogLevel::kNotice, "Process task %s\n", id.c_str());
+      try {
+        TaskDB::TaskInfo task;
+        TaskDB::ReadRecord(id, record, task);
+        keep(std::move(task));
+      } catch (const std::exception& e) {
+        Log_Level(LogLevel::kCritical, "[%s]: %s\n", "GetTasks", e.what());
+        throw;
+      }
+    });
+  });
+}
+
 std::map<std::string, TaskDB::TaskInfo> TaskFile::GetTasks(int retries) const {
   std::deque<TaskDB::TaskInfo> tasks;
-  const auto copy = [&](const std::string& id, const TaskDB::Record& record) {
-    Log_Level(LogLevel::kNotice, "Process task %s\n", id.c_str());
-    try {
-      TaskDB::ReadRecord(id, record, tasks.emplace_back());
-    } catch (const std::exception& e) {
-      Log_Level(LogLevel::kCritical, "[%s]: %s\n", "GetTasks", e.what());
-      throw;
-    }
-  };
-  WithStore(retries, [&](auto& store) { store.ForEach(copy); });
+  ReadTasks(retries, [&](TaskDB::TaskInfo task) { tasks.push_back(std::move(task)); });
   return ById(std::move(tasks));
+}
+
+std::optional<TaskDB::TaskInfo> TaskFile::GetTask(const std::string& id, int retries) const {
+  std::optional<TaskDB::TaskInfo> found;
+  ReadTasks(retries, [&](TaskDB::TaskInfo task) {
+    if (!found && task.id == id) found = std::move(task);
+  });
+  return found;
 }
 
 }  // namespace LifeCycle

@@ -2,6 +2,7 @@
 
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "taskdb/task_info.h"
@@ -58,12 +59,17 @@ class TaskFile {
 
   /// Reads all records, by identifier.
   [[nodiscard]] std::map<std::string, TaskDB::TaskInfo> GetTasks(int retries) const;
+  /// Reads all records and keeps one: tells the same of each as GetTasks.
+  /// @return nothing when there is none of that identifier
+  [[nodiscard]] std::optional<TaskDB::TaskInfo> GetTask(const std::string& id, int retries) const;
 
  private:
   template <typename Operation>
   void WithStore(int retries, const Operation& operation) const;
   template <typename Operation>
   void WithDatabase(const Operation& operation) const;
+  template <typename Keep>
+  void ReadTasks(int retries, const Keep& keep) const;
 
   void Change(const std::string& id, const TaskDB::RecordEdit& edit, int retries);
   void InitialiseDatabase() const;

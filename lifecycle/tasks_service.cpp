@@ -19,6 +19,7 @@ namespace {
 
 namespace Errors = ::Com::Tessel::Orbi::Std::Errors;
 using ::LifeCycle::ApiError;
+using ::LifeCycle::kStatusFileRetries;
 using ::Orbi::Data::ErrorValue;
 
 constexpr char kUnknownError[] = "com.tessel.ryx.task.unknown.error";
@@ -38,12 +39,13 @@ struct ReadFailure {
   ErrorValue error;
 };
 
+/// @param read  reads what the operation needs
 /// @throws LifeCycle::TaskFileNotFoundError, ReadFailure
-std::map<std::string, TaskDB::TaskInfo> ReadTasks(const Operation& operation) {
+template <typename Read>
+auto ReadTasks(const Operation& operation, const Read& read) {
   using ::LifeCycle::TaskFile;
   try {
-    return TaskFile(::LifeCycle::kTaskStatusFile, TaskFile::Initialise::kNever)
-        .GetTasks(::LifeCycle::kStatusFileRetries);
+    return read(TaskFile(::LifeCycle::kTaskStatusFile, TaskFile::Initialise::kNever));
   } catch (const ::LifeCycle::TaskFileNotFoundError&) {
     throw;
   } catch (const ::LifeCycle::AccessLockError& e) {
@@ -61,7 +63,7 @@ std::map<std::string, TaskDB::TaskInfo> ReadTasks(const Operation& operation) {
 /// @throws ReadFailure
 std::map<std::string, TaskDB::TaskInfo> ReadTasksForList() {
   try {
-    return ReadTasks(kList);
+    return ReadTasks(kList, [](const auto& file) { return file.GetTasks(kStatusFileRetries); });
   } catch (const ::LifeCycle::TaskFileNotFoundError& e) {
     Log_Level(LogLevel::kCritical, "[%s]: Returning empty list.: %s\n", kList.name, e.what());
     return {};
@@ -69,9 +71,10 @@ std::map<std::string, TaskDB::TaskInfo> ReadTasksForList() {
 }
 
 /// @throws ReadFailure
-std::map<std::string, TaskDB::TaskInfo> ReadTasksForGet() {
+std::optional<TaskDB::TaskInfo> ReadTaskForGet(const std::string& id) {
   try {
-    return ReadTasks(kGet);
+    return ReadTasks(kGet,
+                     [&id](const auto& file) { return file.GetTask(id, kStatusFileRetries); });
   } catch (const ::LifeCycle::TaskFileNotFoundError& e) {
     Log_Level(LogLevel::kCritical, "[%s] %s\n", kGet.name, e.what());
     throw ReadFailure{ApiError(Errors::NotFound, "com.tessel.ryx.task.file.notfound.error")};
@@ -91,15 +94,14 @@ void AsyncServiceImpl::Get(const ::Orbi::Core::ExecutionContextPtr&, const GetIn
   Log_Level(LogLevel::kNotice, "[%s]: Getting the task with id:'%s'\n", kGet.name, id.c_str());
   std::optional<Task::Info> info;
   try {
-    const auto tasks = ReadTasksForGet();
-    const auto task = tasks.find(id);
-    if (task == tasks.end()) {
+    const auto task = ReadTaskForGet(id);
+    if (!task) {
       Log_Level(LogLevel::kNotice, "[%s]: Task with identifier '%s' not found.\n", kGet.name,
                 id.c_str());
       return result.SetError(
           ApiError(Errors::NotFound, "com.tessel.ryx.task.notfound.error", {id}));
     }
-    info = ::LifeCycle::ToTaskInfo(task->second);
+    info = ::LifeCycle::ToTaskInfo(*task);
   } catch (ReadFailure& failure) {
     return result.SetError(std::move(failure.error));
   } catch (const std::exception&) {
@@ -113,10 +115,12 @@ void AsyncServiceImpl::List(const ::Orbi::Core::ExecutionContextPtr&, const List
   std::map<std::string, Task::Info> infos;
   std::string id;
   try {
-    for (const auto& [name, task] : ReadTasksForList()) {
-      id = name;
+    auto tasks = ReadTasksForList();
+    while (!tasks.empty()) {  // each goes as soon as it is told: thousands take their memory once
+      const auto task = tasks.extract(tasks.begin());
+      id = task.key();
       try {
-        infos.emplace_hint(infos.end(), id, ::LifeCycle::ToTaskInfo(task));
+        infos.emplace_hint(infos.end(), id, ::LifeCycle::ToTaskInfo(task.mapped()));
       } catch (const ::LifeCycle::TaskInfoError& e) {
         Log_Level(LogLevel::kError, "[%s] :  %s, skipping task\n", kList.name, e.what());
       }
