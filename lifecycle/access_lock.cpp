@@ -9,13 +9,23 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <new>
+#include <thread>
 
 #include <boost/filesystem/operations.hpp>
 
+#include "lifecycle/waiting.h"
+
 namespace LifeCycle {
 namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kPause = 1s;
+constexpr auto kShortWait = 200ms;
+constexpr auto kLookInterval = 5ms;
 
 /// @return "/com/tessel/" and the digest of the absolute path
 std::string SocketName(const std::string& path) {
@@ -49,31 +59,33 @@ bool BindTo(int descriptor, const std::string& name) {
 AccessLockError::AccessLockError(int errorNumber)
     : errorNumber_(errorNumber), text_(std::strerror(errorNumber)) {}
 
-AccessLock::AccessLock(const std::string& path, int retries) : name_(SocketName(path)) {
+AccessLock::AccessLock(const std::string& path, int retries, Before before)
+    : name_(SocketName(path)) {
   const char* const name = name_.c_str();
   syslog(LOG_INFO, "[AccessLock]: Create lock with retry count{%d}", retries);
   int count = 0;
-  do {
+  bool acquired = before == Before::kShortWait && WaitShortly(retries > 0);
+  while (!acquired) {
     try {
       Bind();
-      break;
+      acquired = true;
     } catch (const AccessLockError& e) {
       Close();
       syslog(LOG_INFO, "[AccessLock]: socket{%s} closed", name);
       syslog(LOG_ERR, "[AccessLock]: Acquiring lock failed on socket{%s}, count{%d/%d}: {%s}", name,
              count, retries, e.what());
-      if (e.errorNumber() != EADDRINUSE || count >= retries) {
+      if (e.errorNumber() != EADDRINUSE || count >= retries || !Wait(kPause)) {
         syslog(LOG_ERR, "[AccessLock]: Giving up on acquiring lock{%s}, count{%d/%d}: {%s}", name,
                count, retries, e.what());
         throw;
       }
+      ++count;
+      syslog(LOG_ERR,
+             "[AccessLock]: Sleeping for a second and retrying to acquire lock{%s}, count{%d/%d}",
+             name, count, retries);
+      acquired = count >= retries;  // or as good as that
     }
-    sleep(1);
-    ++count;
-    syslog(LOG_ERR,
-           "[AccessLock]: Sleeping for a second and retrying to acquire lock{%s}, count{%d/%d}",
-           name, count, retries);
-  } while (retries > count);
+  }
   syslog(LOG_ERR, "[AccessLock]: Lock acquired on socket{%s}, count{%d/%d}", name, count, retries);
 }
 
@@ -93,19 +105,39 @@ bool AccessLock::IsHeld(const std::string& path) {
   return held;
 }
 
+/// @param looks  whether the lock is tried for, too
+/// @return whether it was had
+bool AccessLock::WaitShortly(bool looks) {
+  turn_.emplace();
+  if (!looks) return false;
+  const auto end = Turn::Clock::now() + (turn_->NeighbourFoundItBusy() ? 0ms : kShortWait);
+  int error = TryToBind();
+  while (error == EADDRINUSE && Turn::Clock::now() < end) {
+    Close();
+    std::this_thread::sleep_for(kLookInterval);  // worth it although the process stops
+    error = TryToBind();
+  }
+  if (error == 0) return true;
+  Close();
+  turn_->ReportBusy();
+  turn_.reset();  // the waits to come are too long for the neighbours
+  return false;
+}
+
 /// Makes the socket and binds it to the name.
 void AccessLock::Bind() {
+  const int number = TryToBind();
+  if (number == 0) return;
+  const AccessLockError error(number);
+  const char* const step = socket_ == -1 ? "create" : "bind";
+  syslog(LOG_ERR, "[AccessLock]: Failed to %s socket{%s}: {%s}", step, name_.c_str(), error.what());
+  throw error;
+}
+
+/// @return 0 or the system's error number; there is no socket when it cannot be made
+int AccessLock::TryToBind() {
   socket_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (socket_ == -1) {
-    const AccessLockError error(errno);
-    syslog(LOG_ERR, "[AccessLock]: Failed to create socket{%s}: {%s}", name_.c_str(), error.what());
-    throw error;
-  }
-  if (!BindTo(socket_, name_)) {
-    const AccessLockError error(errno);
-    syslog(LOG_ERR, "[AccessLock]: Failed to bind socket{%s}: {%s}", name_.c_str(), error.what());
-    throw error;
-  }
+  return socket_ != -1 && BindTo(socket_, name_) ? 0 : errno;
 }
 
 void AccessLock::Close() {

@@ -1,7 +1,10 @@
 #pragma once
 
 #include <exception>
+#include <optional>
 #include <string>
+
+#include "lifecycle/turn.h"
 
 namespace LifeCycle {
 
@@ -29,9 +32,18 @@ class AccessLockError : public std::exception {
 /// as it is written: "a/../b" and "b" are two locks.
 ///
 /// Excludes threads of one process as well as other processes; not re-entrant. May be constructed
-/// on any thread, and waits there.
+/// on any thread, and waits there; a process that stops does not wait, and does not get the lock.
 class AccessLock {
  public:
+  /// What comes before the first attempt that counts.
+  enum class Before {
+    kNothing,
+    /// For a lock that is held for milliseconds, many times a second: threads of this process take
+    /// turns, and with retries it is tried for every 5 ms for 200 ms, untold. What a neighbour
+    /// found in vain meanwhile is not tried for again.
+    kShortWait,
+  };
+
   /// Acquires the lock.
   ///
   /// With `retries` of 0 there is one attempt, and a lock held elsewhere is an error. With N of 1
@@ -44,7 +56,7 @@ class AccessLock {
   ///                 directory
   /// @param retries  attempts, as told above
   /// @throws AccessLockError when the lock cannot be had
-  AccessLock(const std::string& path, int retries);
+  AccessLock(const std::string& path, int retries, Before before = Before::kNothing);
 
   /// Releases the lock.
   /// @throws AccessLockError when the socket cannot be closed, unless another exception is on its
@@ -60,9 +72,12 @@ class AccessLock {
   AccessLock& operator=(const AccessLock&) = delete;
 
  private:
+  [[nodiscard]] bool WaitShortly(bool looks);
   void Bind();
+  [[nodiscard]] int TryToBind();
   void Close();
 
+  std::optional<Turn> turn_;  ///< the last to go
   int socket_ = -1;
   std::string name_;
 };

@@ -1,5 +1,6 @@
 #include "lifecycle/access_lock.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -16,10 +17,13 @@
 
 #include <boost/filesystem/operations.hpp>
 
+#include "lifecycle/testing/quick_waits.h"
 #include "tesselibs/testing/system_log.h"
 
 namespace LifeCycle {
 namespace {
+
+using namespace std::chrono_literals;
 
 constexpr char kPath[] = "/nowhere/guarded.json";
 const std::string kName = "{/com/tessel/f457b90849d3e0d579b03e615ef29b8c}";
@@ -66,7 +70,9 @@ TEST(AccessLock, ReturnsWithoutTheLockAfterTheLastRetry) {
   const AccessLock holder(kPath, 0);
   const SystemLog log("/dev/log");
   openlog(nullptr, LOG_PID, LOG_DAEMON);  // in the form that ReceiveText takes apart
+  const QuickWaits waits;
   const AccessLock lock(kPath, 2);
+  EXPECT_THAT(QuickWaits::Taken(), testing::ElementsAre(1s, 1s));
   std::vector<std::string> expected = {"Create lock with retry count{2}"};
   for (const auto& [count, next] : {std::pair("{0/2}", "{1/2}"), std::pair("{1/2}", "{2/2}")}) {
     expected.push_back("Failed to bind socket" + kName + ": " + kInUse);
@@ -82,15 +88,52 @@ TEST(AccessLock, ReturnsWithoutTheLockAfterTheLastRetry) {
 
 TEST(AccessLock, TakesTheLockThatIsFreedWhileItWaits) {
   auto holder = std::make_unique<AccessLock>(kPath, 0);
-  const SystemLog log("/dev/log");
-  std::thread other([&] {
-    for (std::string line = "-"; !line.empty() && line.find(" failed on ") == line.npos;)
-      line = log.ReceiveText();
+  const QuickWaits waits([&] {
     holder.reset();
+    return true;
   });
   const AccessLock lock(kPath, 5);
-  other.join();
   EXPECT_EQ(TryLock(kPath), EADDRINUSE);
+}
+
+TEST(AccessLock, ProcessThatStopsDoesNotGetALockThatItWouldWaitFor) {
+  const AccessLock holder(kPath, 0);
+  const QuickWaits waits([] { return false; });
+  for (const auto before : {AccessLock::Before::kNothing, AccessLock::Before::kShortWait})
+    EXPECT_THROW(AccessLock(kPath, 5, before), AccessLockError);
+  EXPECT_EQ(QuickWaits::Taken().size(), 2U);
+}
+
+TEST(AccessLock, LockThatIsHeldForMillisecondsIsHadWithoutAWord) {
+  auto holder = std::make_unique<AccessLock>(kPath, 0);
+  const SystemLog log("/dev/log");
+  std::thread other([&] {
+    EXPECT_EQ(log.ReceiveText(), "[AccessLock]: Create lock with retry count{5}");
+    holder.reset();
+  });
+  {
+    const AccessLock lock(kPath, 5, AccessLock::Before::kShortWait);
+    other.join();
+    EXPECT_EQ(TryLock(kPath), EADDRINUSE);
+  }
+  EXPECT_EQ(log.ReceiveText(), "[AccessLock]: Lock acquired on socket" + kName + ", count{0/5}");
+}
+
+TEST(AccessLock, ThreadsThatWaitShortlyTakeTurns) {
+  const QuickWaits waits;
+  int count = 0;
+  std::vector<std::jthread> threads(8);
+  for (auto& thread : threads) {
+    thread = std::jthread([&count] {
+      for (int i = 0; i < 50; ++i) {
+        const AccessLock lock(kPath, i % 2 ? 0 : 5, AccessLock::Before::kShortWait);
+        ++count;
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(count, 400);
+  EXPECT_THAT(QuickWaits::Taken(), testing::IsEmpty());
 }
 
 }  // namespace

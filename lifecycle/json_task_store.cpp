@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <stdexcept>
@@ -46,51 +47,74 @@ class File {
   int descriptor_;
 };
 
-std::string ReadWhole(const std::string& path) {
-  errno = 0;
-  if (access(path.c_str(), F_OK) != 0) throw TaskFileNotFoundError(path, errno);
-  // A FIFO in its place would otherwise hold up whoever opens it, and all requests with them.
-  const File file(path, O_RDONLY | O_NONBLOCK);
-  struct stat status {};
-  if (fstat(file.descriptor(), &status) != 0)
-    throw std::system_error(errno, std::generic_category(), path);
-  if (!S_ISREG(status.st_mode)) throw std::runtime_error(path + " is not a regular file");
-  if (static_cast<std::size_t>(status.st_size) > JsonDocument::kMaxDocumentSize)
-    throw JsonParseError("The file is too large.");
-  std::string text(static_cast<std::size_t>(status.st_size), '\0');
-  std::size_t length = 0;
-  while (length < text.size()) {
-    const ssize_t n = read(file.descriptor(), text.data() + length, text.size() - length);
-    if (n == -1 && errno == EINTR) continue;
-    if (n == -1) throw std::system_error(errno, std::generic_category(), path);
-    if (n == 0) break;
-    length += static_cast<std::size_t>(n);
+/// The content of the file.
+///
+/// Memory for it is had and touched at construction, so that the lock, under which the file is
+/// read, is held for no longer than it takes to copy.
+class Content {
+ public:
+  explicit Content(const std::string& path) : path_(path) {
+    struct stat status {};
+    if (stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode)) MakeRoom(status);
   }
-  text.resize(length);
-  return text;
-}
 
-std::mutex& ProcessMutex() {
-  static std::mutex mutex;
-  return mutex;
-}
+  /// @throws TaskFileNotFoundError, JsonParseError, std::runtime_error
+  [[nodiscard]] std::string Read() && {
+    errno = 0;
+    if (access(path_.c_str(), F_OK) != 0) throw TaskFileNotFoundError(path_, errno);
+    // A FIFO in its place would otherwise hold up whoever opens it.
+    const File file(path_, O_RDONLY | O_NONBLOCK);
+    struct stat status {};
+    if (fstat(file.descriptor(), &status) != 0) Fail();
+    if (!S_ISREG(status.st_mode)) throw std::runtime_error(path_ + " is not a regular file");
+    if (static_cast<std::size_t>(status.st_size) > JsonDocument::kMaxDocumentSize)
+      throw JsonParseError("The file is too large.");
+    if (text_.size() < static_cast<std::size_t>(status.st_size)) MakeRoom(status);
+    std::size_t length = 0;
+    while (length < text_.size()) {
+      const ssize_t n = read(file.descriptor(), text_.data() + length, text_.size() - length);
+      if (n == -1 && errno == EINTR) continue;
+      if (n == -1) Fail();
+      if (n == 0) break;
+      length += static_cast<std::size_t>(n);
+    }
+    text_.resize(length);
+    return std::move(text_);
+  }
+
+ private:
+  void MakeRoom(const struct stat& status) {
+    constexpr std::size_t kGrowth = 4096;  // a change or two from now on
+    const auto size = static_cast<std::size_t>(status.st_size);
+    text_.resize(std::min(size, JsonDocument::kMaxDocumentSize) + kGrowth);
+  }
+
+  [[noreturn]] void Fail() const { throw std::system_error(errno, std::generic_category(), path_); }
+
+  const std::string& path_;
+  std::string text_;
+};
 
 }  // namespace
 
-JsonTaskStore::Tasks::Tasks(const std::string& path) : text(ReadWhole(path)) {
+JsonTaskStore::Tasks::Tasks(std::string fileText) : text(std::move(fileText)) {
   if (const auto result = JsonDocument::ParseInPlace(text, document); result.IsError())
     throw JsonParseError(rapidjson::GetParseError_En(result.Code()));
   if (!document.IsObject())
     throw JsonParseError(rapidjson::GetParseError_En(rapidjson::kParseErrorValueInvalid));
 }
 
-JsonTaskStore::JsonTaskStore(std::string path, int retries)
-    : path_(std::move(path)), turn_(ProcessMutex()), lock_(path_, retries) {}
+AccessLock JsonTaskStore::Lock() const {
+  return AccessLock(path_, retries_, AccessLock::Before::kShortWait);
+}
+
+JsonTaskStore::Tasks JsonTaskStore::Read() const { return Tasks(Content(path_).Read()); }
 
 void JsonTaskStore::Initialise() {
+  const AccessLock lock = Lock();
   RemoveLeftovers();
   try {
-    const Tasks tasks(path_);
+    (void)Read();
     return;
   } catch (const TaskFileNotFoundError&) {
     // Told to nobody: the first start of a host.
@@ -109,7 +133,8 @@ void JsonTaskStore::Initialise() {
 
 void JsonTaskStore::Add(const std::string& id, const TaskDB::RecordMaker& make,
                         TaskDB::OnDuplicate onDuplicate) {
-  Tasks tasks(path_);
+  const AccessLock lock = Lock();
+  Tasks tasks = Read();
   auto& allocator = tasks.document.GetAllocator();
   TaskDB::Record* const present = JsonDocument::FindMember(tasks.document, id);
   if (present != nullptr && onDuplicate == TaskDB::OnDuplicate::kRefuse)
@@ -118,11 +143,12 @@ void JsonTaskStore::Add(const std::string& id, const TaskDB::RecordMaker& make,
     *present = make(allocator);
   else
     tasks.document.AddMember(TaskDB::Record(id, allocator), make(allocator), allocator);
-  Write(tasks, JsonDocument::kMaxDocumentSize - kRoomToEnd);
+  Write(tasks, kRoomToEnd);
 }
 
 void JsonTaskStore::Change(const std::string& id, const TaskDB::RecordEdit& edit) {
-  Tasks tasks(path_);
+  const AccessLock lock = Lock();
+  Tasks tasks = Read();
   TaskDB::Record* const record = JsonDocument::FindMember(tasks.document, id);
   if (record == nullptr) TaskDB::RefuseMissing(id);
   edit(*record, tasks.document.GetAllocator());
@@ -130,15 +156,22 @@ void JsonTaskStore::Change(const std::string& id, const TaskDB::RecordEdit& edit
 }
 
 void JsonTaskStore::ChangeAll(const TaskDB::RecordSweep& sweep) {
-  Tasks tasks(path_);
+  const AccessLock lock = Lock();
+  Tasks tasks = Read();
   bool changed = false;
   for (auto& [id, record] : JsonDocument::Members(tasks.document))
     changed |= sweep(std::string(JsonDocument::TextOf(&id)), record, tasks.document.GetAllocator());
   if (changed) Write(tasks);
 }
 
-void JsonTaskStore::ForEach(const TaskDB::RecordVisit& visit) {
-  const Tasks tasks(path_);
+void JsonTaskStore::ForEach(const TaskDB::RecordVisit& visit) const {
+  Content content(path_);
+  std::string text;
+  {
+    const AccessLock lock = Lock();
+    text = std::move(content).Read();
+  }
+  const Tasks tasks(std::move(text));
   std::string id;
   for (const auto& [name, record] : JsonDocument::Members(tasks.document)) {
     id = JsonDocument::TextOf(&name);
@@ -146,14 +179,14 @@ void JsonTaskStore::ForEach(const TaskDB::RecordVisit& visit) {
   }
 }
 
-void JsonTaskStore::Write(const Tasks& tasks, std::size_t limit) {
+void JsonTaskStore::Write(const Tasks& tasks, std::size_t roomLeft) const {
   const auto text = JsonDocument::Print(tasks.document, tasks.text.size() + 1024);
-  if (text.GetSize() > limit) throw std::runtime_error("Task file is full.");
+  if (text.GetSize() + roomLeft > largest_) throw std::runtime_error("Task file is full.");
   Replace({text.GetString(), text.GetSize()});
 }
 
 /// Puts a file with the new content in the place of the old one.
-void JsonTaskStore::Replace(std::string_view text) {
+void JsonTaskStore::Replace(std::string_view text) const {
   const std::string fresh = path_ + kNewSuffix + std::to_string(gettid());
   WriteToFile(fresh, text);
   try {
@@ -166,7 +199,7 @@ void JsonTaskStore::Replace(std::string_view text) {
   }
 }
 
-void JsonTaskStore::RemoveLeftovers() {
+void JsonTaskStore::RemoveLeftovers() const {
   const boost::filesystem::path path(path_);
   const std::string prefix = path.filename().string() + kNewSuffix;
   boost::system::error_code error;

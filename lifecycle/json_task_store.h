@@ -2,9 +2,9 @@
 
 #include <rapidjson/document.h>
 
-#include <mutex>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "lifecycle/access_lock.h"
 #include "taskdb/task_record.h"
@@ -12,21 +12,23 @@
 
 namespace LifeCycle {
 
-/// The task status file under its access lock, for as long as this object lives.
+/// The task status file, each operation under its access lock: a change from before it reads until
+/// the file is replaced, a visit for as long as it reads, and not while it parses and visits.
 ///
 /// The file is one JSON object (RFC 8259) with a record per task, named by the task's identifier.
 /// Each operation reads the file anew. A change replaces the whole file in one step, by a rename: a
 /// full disk, a crash or a kill leaves the file as it was. Records and members that the daemon does
-/// not know are kept.
+/// not know are kept. May be used from any thread; nothing is kept between operations.
 ///
-/// Operations throw TaskFileNotFoundError, JsonParseError, FileIOError or std::system_error when
-/// the file cannot be read or replaced, and std::runtime_error for a change that the rules of a
-/// task forbid.
+/// Operations throw AccessLockError when the lock cannot be had (access_lock.h),
+/// TaskFileNotFoundError, JsonParseError, FileIOError or std::system_error when the file cannot be
+/// read or replaced, and std::runtime_error for a change that the rules of a task forbid.
 class JsonTaskStore {
  public:
-  /// Takes the access lock, after waiting for the threads of this process that have it.
-  /// @throws AccessLockError  another process has it
-  JsonTaskStore(std::string path, int retries);
+  /// @param retries  of the access lock
+  /// @param largest  no change makes the file larger, in bytes
+  JsonTaskStore(std::string path, int retries, std::size_t largest = JsonDocument::kMaxDocumentSize)
+      : path_(std::move(path)), retries_(retries), largest_(largest) {}
 
   /// Makes sure that the file can be read: writes one without records when it is missing, and also
   /// when it is not what it should be. Clears away what a writer left that was killed.
@@ -36,25 +38,26 @@ class JsonTaskStore {
   void Change(const std::string& id, const TaskDB::RecordEdit& edit);
   void ChangeAll(const TaskDB::RecordSweep& sweep);
   /// Visits all records in the order of the file.
-  void ForEach(const TaskDB::RecordVisit& visit);
+  void ForEach(const TaskDB::RecordVisit& visit) const;
 
  private:
   /// What the file holds. The document refers to the text.
   struct Tasks {
-    explicit Tasks(const std::string& path);
+    explicit Tasks(std::string fileText);
 
     std::string text;
     rapidjson::Document document;
   };
 
-  void Write(const Tasks& tasks, std::size_t limit = JsonDocument::kMaxDocumentSize);
-  void Replace(std::string_view text);
-  void RemoveLeftovers();
+  [[nodiscard]] AccessLock Lock() const;
+  [[nodiscard]] Tasks Read() const;
+  void Write(const Tasks& tasks, std::size_t roomLeft = 0) const;
+  void Replace(std::string_view text) const;
+  void RemoveLeftovers() const;
 
   const std::string path_;
-  /// The lock's own retries come a second apart: too long to wait for a neighbour thread.
-  const std::unique_lock<std::mutex> turn_;
-  const AccessLock lock_;
+  const int retries_;
+  const std::size_t largest_;
 };
 
 }  // namespace LifeCycle

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "lifecycle/access_lock.h"
+#include "lifecycle/json_task_store.h"
 #include "lifecycle/startup.h"
 #include "lifecycle/task_file_errors.h"
 #include "orbi/date_time.h"
@@ -40,7 +41,7 @@ namespace fs = std::filesystem;
 class TaskFolder : public testing::Test {
  protected:
   TaskFolder() {
-    char name[] = "/tmp/task-file-XXXXXX";
+    char name[] = "/run/task-file-XXXXXX";
     folder_ = mkdtemp(name);
     path_ = folder_ / "task-status.json";
   }
@@ -302,14 +303,21 @@ TEST_F(JsonTaskFileTest, FullDiskLosesNothing) {
 
 TEST_F(JsonTaskFileTest, TaskThatWasTakenCanEndHoweverFullTheFile) {
   constexpr std::size_t kMiB = std::size_t{1} << 20;
-  TaskFile file(path_, Initialise::kWhenMissing);
-  file.AddTask("old", "op", 0);
-  file.AddTask("id", "op", 0);
-  file.SucceedTask("old", '"' + std::string(64 * kMiB - 10'000, 'x') + '"', 0);
-  EXPECT_THROW(file.SucceedTask("id", '"' + std::string(kMiB, 'x') + '"', 0), std::runtime_error);
-  EXPECT_THROW(file.AddTask("new", "op", 0), std::runtime_error);
-  file.FailTask("id", "{}", 0);
-  EXPECT_EQ(file.GetTasks(0).at("id").status, "FAILED");
+  WriteFile("{}");
+  JsonTaskStore store(path_, 0, 3 * kMiB);
+  const auto add = [&](const char* id) {
+    store.Add(id, TaskDB::PendingRecord("op"), TaskDB::OnDuplicate::kRefuse);
+  };
+  const auto succeed = [&](const char* id, std::size_t size) {
+    store.Change(id, TaskDB::Succeed('"' + std::string(size, 'x') + '"'));
+  };
+  add("old");
+  add("id");
+  succeed("old", 3 * kMiB - 10'000);
+  EXPECT_THROW(succeed("id", kMiB), std::runtime_error);
+  EXPECT_THROW(add("new"), std::runtime_error);
+  store.Change("id", TaskDB::Fail("{}"));
+  EXPECT_EQ(TaskFile(path_, Initialise::kNever).GetTasks(0).at("id").status, "FAILED");
 }
 
 /// Runs a process that changes the records over and over, and kills it after some changes.
