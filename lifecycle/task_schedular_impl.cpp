@@ -11,9 +11,6 @@
 namespace LifeCycle {
 namespace {
 
-/// How long a running task has to answer a request to end.
-constexpr std::chrono::nanoseconds kAbortWait{5'000'000'000};
-
 /// How long a task may take to record its outcome and go before others do not wait for it.
 constexpr std::chrono::seconds kEndingWait{1};
 
@@ -134,7 +131,7 @@ void TaskSchedularImpl::EndTask(Lock& lock) {
   if (state_ == State::kDispatched) {
     Log_Level(LogLevel::kNotice, "Abort task requested: %s\n", label.c_str());
     task_->requestAbort();
-    const auto deadline = std::chrono::system_clock::now() + kAbortWait;
+    const auto deadline = std::chrono::system_clock::now() + abortWait_;
     if (!changed_.wait_until(lock, deadline, [this] { return state_ == State::kFinished; })) {
       Log_Level(LogLevel::kCritical, "Task did not respond to abort request: %s\n", label.c_str());
       aborted_ = true;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <memory>
@@ -13,7 +14,9 @@ namespace LifeCycle {
 /// The scheduler: one thread that watches over one task and its worker thread.
 class TaskSchedularImpl final : public TaskSchedular {
  public:
-  TaskSchedularImpl() = default;
+  /// @param abortWait  how long a running task has to answer a request to end
+  explicit TaskSchedularImpl(std::chrono::milliseconds abortWait = std::chrono::seconds(5))
+      : abortWait_(abortWait) {}
   TaskSchedularImpl(const TaskSchedularImpl&) = delete;
   TaskSchedularImpl& operator=(const TaskSchedularImpl&) = delete;
   ~TaskSchedularImpl() override;
@@ -39,6 +42,7 @@ class TaskSchedularImpl final : public TaskSchedular {
   void SetState(State state);
   void SetEnding();
 
+  const std::chrono::milliseconds abortWait_;
   std::shared_ptr<Task> task_;  ///< empty while idle
   std::thread worker_;
   std::thread scheduler_;

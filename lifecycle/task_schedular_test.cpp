@@ -197,10 +197,11 @@ TEST_F(TaskSchedularTest, StopAsksARunningTaskToEnd) {
 }
 
 TEST_F(TaskSchedularTest, ATaskThatDoesNotEndIsRecordedAsAbortedOnce) {
-  schedular_.initialise();
-  Submit(wait_);
+  TaskSchedularImpl impatient(std::chrono::milliseconds(50));
+  impatient.initialise();
+  impatient.submit(std::make_shared<FakeTask>(fate_, wait_));
   begun_.Await();
-  std::thread stopper([this] { schedular_.abort(); });
+  std::thread stopper([&] { impatient.abort(); });
   while (fate_->Phases() != "pra") std::this_thread::yield();
   mayEnd_.Announce();
   stopper.join();
