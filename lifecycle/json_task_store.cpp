@@ -2,10 +2,8 @@
 
 #include <fcntl.h>
 #include <rapidjson/error/en.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <stdexcept>
@@ -16,10 +14,12 @@
 #include <boost/filesystem/operations.hpp>
 #include <boost/filesystem/path.hpp>
 
+#include "lifecycle/file_content.h"
 #include "lifecycle/task_file_errors.h"
 #include "software/command/write_to_file.h"
 #include "tesselibs/json_document.h"
 #include "tesselibs/log.h"
+#include "tesselibs/unique_fd.h"
 
 namespace LifeCycle {
 namespace {
@@ -30,70 +30,6 @@ constexpr char kNewSuffix[] = ".new-";
 
 /// New tasks leave this much of the largest file free, in bytes, so that those that run can end.
 constexpr std::size_t kRoomToEnd = std::size_t{1} << 20;
-
-/// An open file descriptor.
-class File {
- public:
-  File(const std::string& path, int flags) : descriptor_(open(path.c_str(), flags | O_CLOEXEC)) {
-    if (descriptor_ == -1) throw std::system_error(errno, std::generic_category(), path);
-  }
-  ~File() { close(descriptor_); }
-  File(const File&) = delete;
-  File& operator=(const File&) = delete;
-
-  [[nodiscard]] int descriptor() const { return descriptor_; }
-
- private:
-  int descriptor_;
-};
-
-/// The content of the file.
-///
-/// Memory for it is had and touched at construction, so that the lock, under which the file is
-/// read, is held for no longer than it takes to copy.
-class Content {
- public:
-  explicit Content(const std::string& path) : path_(path) {
-    struct stat status {};
-    if (stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode)) MakeRoom(status);
-  }
-
-  /// @throws TaskFileNotFoundError, JsonParseError, std::runtime_error
-  [[nodiscard]] std::string Read() && {
-    errno = 0;
-    if (access(path_.c_str(), F_OK) != 0) throw TaskFileNotFoundError(path_, errno);
-    // A FIFO in its place would otherwise hold up whoever opens it.
-    const File file(path_, O_RDONLY | O_NONBLOCK);
-    struct stat status {};
-    if (fstat(file.descriptor(), &status) != 0) Fail();
-    if (!S_ISREG(status.st_mode)) throw std::runtime_error(path_ + " is not a regular file");
-    if (static_cast<std::size_t>(status.st_size) > JsonDocument::kMaxDocumentSize)
-      throw JsonParseError("The file is too large.");
-    if (text_.size() < static_cast<std::size_t>(status.st_size)) MakeRoom(status);
-    std::size_t length = 0;
-    while (length < text_.size()) {
-      const ssize_t n = read(file.descriptor(), text_.data() + length, text_.size() - length);
-      if (n == -1 && errno == EINTR) continue;
-      if (n == -1) Fail();
-      if (n == 0) break;
-      length += static_cast<std::size_t>(n);
-    }
-    text_.resize(length);
-    return std::move(text_);
-  }
-
- private:
-  void MakeRoom(const struct stat& status) {
-    constexpr std::size_t kGrowth = 4096;  // a change or two from now on
-    const auto size = static_cast<std::size_t>(status.st_size);
-    text_.resize(std::min(size, JsonDocument::kMaxDocumentSize) + kGrowth);
-  }
-
-  [[noreturn]] void Fail() const { throw std::system_error(errno, std::generic_category(), path_); }
-
-  const std::string& path_;
-  std::string text_;
-};
 
 }  // namespace
 
@@ -108,7 +44,7 @@ AccessLock JsonTaskStore::Lock() const {
   return AccessLock(path_, retries_, AccessLock::Before::kShortWait);
 }
 
-JsonTaskStore::Tasks JsonTaskStore::Read() const { return Tasks(Content(path_).Read()); }
+JsonTaskStore::Tasks JsonTaskStore::Read() const { return Tasks(FileContent(path_).Read()); }
 
 void JsonTaskStore::Initialise() {
   const AccessLock lock = Lock();
@@ -165,7 +101,7 @@ void JsonTaskStore::ChangeAll(const TaskDB::RecordSweep& sweep) {
 }
 
 void JsonTaskStore::ForEach(const TaskDB::RecordVisit& visit) const {
-  Content content(path_);
+  FileContent content(path_);
   std::string text;
   {
     const AccessLock lock = Lock();
@@ -191,7 +127,8 @@ void JsonTaskStore::Replace(std::string_view text) const {
   WriteToFile(fresh, text);
   try {
     // Otherwise a power failure could leave the new name with none of the content.
-    if (fsync(File(fresh, O_RDONLY).descriptor()) != 0 || rename(fresh.c_str(), path_.c_str()) != 0)
+    const PcoreCtl::UniqueFd file(open(fresh.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!file || fsync(file.Get()) != 0 || rename(fresh.c_str(), path_.c_str()) != 0)
       throw std::system_error(errno, std::generic_category(), path_);
   } catch (const std::system_error& e) {
     std::remove(fresh.c_str());
