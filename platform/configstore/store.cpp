@@ -19,8 +19,7 @@ namespace {
 
 constexpr std::int64_t kFormat = 1;  // the database's user_version
 
-const std::string kSelect =
-    "SELECT component, category, key, instance, value, changed_at FROM entries ";
+const std::string kSelect = "SELECT component, category, key, instance, value FROM entries ";
 
 bool IsDamage(const SQLite::Exception& e) {
   const int reason = e.getErrorCode() & 0xff;  // without the details
@@ -77,7 +76,7 @@ std::vector<Entry> ReadEntries(SQLite::Statement& rows) {
   std::vector<Entry> entries;
   while (rows.executeStep()) {
     const auto text = [&rows](int column) { return rows.getColumn(column).getString(); };
-    entries.push_back({{text(0), text(1), text(2)}, text(3), text(4), text(5)});
+    entries.push_back({{text(0), text(1), text(2)}, text(3), text(4)});
   }
   return entries;
 }

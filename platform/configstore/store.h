@@ -29,9 +29,8 @@ struct KeyAddress {
 /// One value of one key, as a user asked for it.
 struct Entry {
   KeyAddress address;
-  std::string instance;   ///< the instance's id; empty for a singleton
-  std::string value;      ///< JSON text, an object
-  std::string changedAt;  ///< UTC, ISO 8601; the store's, not taken from the caller
+  std::string instance;  ///< the instance's id; empty for a singleton
+  std::string value;     ///< JSON text, an object
 };
 
 /// The host's configuration: an SQLite database with one row per key and instance.
