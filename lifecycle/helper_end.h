@@ -33,7 +33,8 @@ struct HelperTask {
 ///
 /// A helper that ends without having written to its record may have handed over to a process that
 /// has yet to begin, which it has five seconds for. Records that cannot be written, or are in use,
-/// are tried again for ten minutes.
+/// are tried again for ten minutes. The observer is for one thread at a time; the functions here
+/// may be called from any.
 [[nodiscard]] PcoreCtl::EndObserver EndOfHelper(HelperTask task);
 
 }  // namespace LifeCycle

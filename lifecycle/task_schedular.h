@@ -7,7 +7,7 @@
 namespace LifeCycle {
 
 /// Runs the process's own tasks, one at a time, each on a thread of its own: a task is taken only
-/// while none is there. Operations may be called from any thread.
+/// while none is there. Operations may be called from any thread, `abort` by one.
 class TaskSchedular {
  public:
   /// The process's one scheduler, made on first use.

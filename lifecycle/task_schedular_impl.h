@@ -11,7 +11,9 @@
 
 namespace LifeCycle {
 
-/// The scheduler: one thread that watches over one task and its worker thread.
+/// The scheduler: one thread that watches over one task and its worker thread. All that threads
+/// share is guarded by one mutex, which is not held while a task works; `worker_` is the scheduler
+/// thread's alone, and `scheduler_` that of whoever initialises and aborts.
 class TaskSchedularImpl final : public TaskSchedular {
  public:
   /// @param abortWait  how long a running task has to answer a request to end
