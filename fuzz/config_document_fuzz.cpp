@@ -8,11 +8,11 @@
 #include <memory>
 #include <vector>
 
-#include "configmanager/document_check.h"
-#include "configmanager/document_merge.h"
+#include "configmanager/document/document_check.h"
+#include "configmanager/document/document_merge.h"
 #include "configmanager/exceptions.h"
-#include "configmanager/host_schema.h"
-#include "configmanager/module_description.h"
+#include "configmanager/module/host_schema.h"
+#include "configmanager/module/module_description.h"
 #include "fuzz/target.h"
 #include "tesselibs/json_document.h"
 

@@ -1,10 +1,10 @@
 // Whatever a module's program writes, it is an answer or none; the values of an answer can be
 // printed, which gives UTF-8 that reads as the same values.
 
-#include "configmanager/plugin_answer.h"
-#include "configmanager/program.h"
-#include "configmanager/setting_values.h"
-#include "configmanager/value_check.h"
+#include "configmanager/module/plugin_answer.h"
+#include "configmanager/module/program.h"
+#include "configmanager/schema/value_check.h"
+#include "configmanager/state/setting_values.h"
 #include "fuzz/target.h"
 #include "tesselibs/json_document.h"
 

@@ -6,10 +6,10 @@
 #include <utility>
 #include <vector>
 
-#include "configmanager/apply_module.h"
 #include "configmanager/config_manager.h"
 #include "configmanager/exceptions.h"
-#include "configmanager/impact.h"
+#include "configmanager/state/apply_module.h"
+#include "configmanager/state/impact.h"
 #include "configmanager/task_progress.h"
 #include "tesselibs/log.h"
 

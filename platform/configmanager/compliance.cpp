@@ -3,9 +3,9 @@
 #include <utility>
 
 #include "configmanager/config_manager.h"
-#include "configmanager/current_configuration.h"
-#include "configmanager/plan.h"
-#include "configmanager/setting_values.h"
+#include "configmanager/state/current_configuration.h"
+#include "configmanager/state/plan.h"
+#include "configmanager/state/setting_values.h"
 #include "tesselibs/json_document.h"
 
 namespace RyxConfigManager {

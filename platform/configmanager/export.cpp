@@ -1,9 +1,9 @@
 #include <chrono>
 
 #include "configmanager/config_manager.h"
-#include "configmanager/current_configuration.h"
-#include "configmanager/document_builder.h"
-#include "configmanager/plan.h"
+#include "configmanager/document/document_builder.h"
+#include "configmanager/state/current_configuration.h"
+#include "configmanager/state/plan.h"
 
 namespace RyxConfigManager {
 

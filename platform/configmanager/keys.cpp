@@ -7,18 +7,18 @@
 #include <utility>
 #include <vector>
 
-#include "configmanager/apply_module.h"
 #include "configmanager/config_manager.h"
-#include "configmanager/current_configuration.h"
-#include "configmanager/document_builder.h"
-#include "configmanager/document_check.h"
-#include "configmanager/document_merge.h"
+#include "configmanager/document/document_builder.h"
+#include "configmanager/document/document_check.h"
+#include "configmanager/document/document_merge.h"
 #include "configmanager/exceptions.h"
-#include "configmanager/host_schema.h"
-#include "configmanager/impact.h"
-#include "configmanager/plan.h"
-#include "configmanager/value_check.h"
-#include "configmanager/violations.h"
+#include "configmanager/module/host_schema.h"
+#include "configmanager/schema/value_check.h"
+#include "configmanager/schema/violations.h"
+#include "configmanager/state/apply_module.h"
+#include "configmanager/state/current_configuration.h"
+#include "configmanager/state/impact.h"
+#include "configmanager/state/plan.h"
 #include "tesselibs/json_document.h"
 
 namespace RyxConfigManager {

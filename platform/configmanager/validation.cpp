@@ -5,13 +5,13 @@
 #include <vector>
 
 #include "configmanager/config_manager.h"
-#include "configmanager/current_configuration.h"
-#include "configmanager/document_check.h"
-#include "configmanager/module_description.h"
-#include "configmanager/plan.h"
-#include "configmanager/plugin.h"
+#include "configmanager/document/document_check.h"
+#include "configmanager/module/module_description.h"
+#include "configmanager/module/plugin.h"
+#include "configmanager/schema/violations.h"
+#include "configmanager/state/current_configuration.h"
+#include "configmanager/state/plan.h"
 #include "configmanager/task_progress.h"
-#include "configmanager/violations.h"
 #include "configstore/store.h"
 #include "tesselibs/log.h"
 

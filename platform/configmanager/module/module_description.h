@@ -1,0 +1,43 @@
+#pragma once
+
+#include <rapidjson/document.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+#include "configmanager/module/module.h"
+
+namespace RyxConfigManager {
+
+/// A description is not what it should be.
+class DescriptionError : public std::runtime_error {
+ public:
+  /// @param code    the configuration manager's status code: 2080 no JSON, 2081 not of its form,
+  ///                2082 of another format, 2084 a default that its own schema refuses
+  /// @param detail  where and why
+  DescriptionError(std::int32_t code, const std::string& detail)
+      : std::runtime_error(detail), code_(code) {}
+
+  [[nodiscard]] std::int32_t code() const { return code_; }
+
+ private:
+  std::int32_t code_;
+};
+
+/// Reads the description of a module.
+/// @param text  the content of module.json
+/// @throws DescriptionError
+[[nodiscard]] std::unique_ptr<const Module> ReadModule(const std::filesystem::path& folder,
+                                                       std::string text);
+
+/// Reads the description of a host's keys (host_schema.h). The modules know their keys only, and
+/// lead into the description.
+/// @throws DescriptionError
+[[nodiscard]] ModuleSet ReadHostSchema(const rapidjson::Value& description);
+
+}  // namespace RyxConfigManager

@@ -1,0 +1,175 @@
+#include "configmanager/schema/value_check.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <limits>
+#include <string>
+#include <string_view>
+#include <unordered_set>
+#include <vector>
+
+#include "configmanager/schema/member_index.h"
+#include "configmanager/schema/value_type.h"
+#include "tesselibs/json_document.h"
+
+namespace RyxConfigManager {
+namespace {
+
+using JsonDocument::FindMember;
+using JsonDocument::Members;
+using JsonDocument::TextOf;
+using rapidjson::Value;
+
+std::string NumberText(const Value& number) { return JsonDocument::Print(number, 32).GetString(); }
+
+/// UTF-8 (RFC 3629): every character has one byte that is no continuation.
+std::uint64_t CountCharacters(std::string_view text) {
+  return static_cast<std::uint64_t>(
+      std::count_if(text.begin(), text.end(), [](char c) { return (c & 0xc0) != 0x80; }));
+}
+
+void CheckSize(std::uint64_t size, const Schema& schema, std::string_view tooSmall,
+               std::string_view tooLarge, const DocumentPath& path, Violations& violations) {
+  if (schema.minSize && size < *schema.minSize)
+    violations.Add(path, tooSmall, {std::to_string(*schema.minSize)});
+  if (schema.maxSize && size > *schema.maxSize)
+    violations.Add(path, tooLarge, {std::to_string(*schema.maxSize)});
+}
+
+void CheckNumber(const Value& value, const Schema& schema, const DocumentPath& path,
+                 Violations& violations) {
+  if (schema.minimum != nullptr && IsLess(value, *schema.minimum))
+    violations.Add(path, "min.length", {NumberText(value), NumberText(*schema.minimum)});
+  if (schema.maximum != nullptr && IsLess(*schema.maximum, value))
+    violations.Add(path, "max.length", {NumberText(value), NumberText(*schema.maximum)});
+  else if (value.IsUint64() && !value.IsInt64())  // no client could read it back
+    violations.Add(path, "max.length",
+                   {NumberText(value), std::to_string(std::numeric_limits<std::int64_t>::max())});
+}
+
+void CheckString(const Value& value, const Schema& schema, const DocumentPath& path,
+                 Violations& violations) {
+  const std::string_view text = TextOf(&value);
+  CheckSize(CountCharacters(text), schema, "str.min.length", "str.max.length", path, violations);
+  if (schema.pattern != nullptr && !re2::RE2::PartialMatch(text, *schema.pattern))
+    violations.Add(path, "pattern.mismatch", {schema.pattern->pattern()});
+}
+
+void CheckArray(const Value& value, const Schema& schema, Section section, const DocumentPath& path,
+                Violations& violations) {
+  CheckSize(value.Size(), schema, "array.min.length", "array.max.length", path, violations);
+  if (schema.items == nullptr) return;
+  // Lists are not merged: an element is all there is of it.
+  for (std::size_t i = 0; i < value.Size(); ++i)
+    CheckValue(value[static_cast<rapidjson::SizeType>(i)], nullptr, *schema.items, section,
+               DocumentPath(path, i), violations);
+}
+
+void CheckRequired(const Value& value, const Value* other, const Schema& schema,
+                   const DocumentPath& path, Violations& violations) {
+  for (const std::string& name : schema.required) {
+    if (FindMember(value, name) == nullptr &&
+        (other == nullptr || FindMember(*other, name) == nullptr))
+      violations.Add(path, "missing.required.property", {name});
+  }
+}
+
+void CheckObject(const Value& value, const Value* other, const Schema& schema, Section section,
+                 const DocumentPath& path, Violations& violations) {
+  const MemberIndex others = IndexMembers(other);
+  for (const auto& member : Members(value)) {
+    const std::string_view name = TextOf(&member.name);
+    const DocumentPath place(path, name);
+    const auto property = schema.properties.find(name);
+    const Schema* const rules =
+        property != schema.properties.end() ? property->second.get() : schema.additional.get();
+    if (rules == nullptr) {
+      if (!schema.allowsAdditional) violations.Add(place, "additional.property");
+      continue;
+    }
+    if (rules->hostSpecific && section == Section::kProfile)
+      violations.Add(place, "invalid.host-specific");
+    CheckValue(member.value, Find(others, name), *rules, section, place, violations);
+  }
+  if (section == Section::kProfile || other == nullptr)
+    CheckRequired(value, other, schema, path, violations);
+}
+
+/// @return the instance's id, empty when it has none that is told apart from others
+std::string_view CheckId(const Value& instance, const KeyDefinition& key, const DocumentPath& path,
+                         Violations& violations) {
+  const Value* const id = FindMember(instance, key.idProperty);
+  if (id == nullptr)
+    violations.Add(path, "missing.instanceId", {key.idProperty});
+  else if (id->IsString() && id->GetStringLength() == 0)
+    violations.Add(DocumentPath(path, key.idProperty), "empty.property", {key.idProperty});
+  return TextOf(id);
+}
+
+void CheckInstances(const Value& list, const Value* other, const KeyDefinition& key,
+                    Section section, const DocumentPath& path, Violations& violations) {
+  const MemberIndex others = IndexInstances(other, key.idProperty);
+  std::unordered_set<std::string_view> ids;
+  for (std::size_t i = 0; i < list.Size(); ++i) {
+    const Value& instance = list[static_cast<rapidjson::SizeType>(i)];
+    const DocumentPath place(path, i);
+    std::string_view id;
+    if (instance.IsObject()) id = CheckId(instance, key, place, violations);
+    if (!id.empty() && !ids.insert(id).second) violations.Add(place, "duplicate.instanceId", {id});
+    CheckValue(instance, id.empty() ? nullptr : Find(others, id), *key.rules, section, place,
+               violations);
+  }
+}
+
+}  // namespace
+
+void CheckWellFormed(const Value& value, const DocumentPath& path, Violations& violations) {
+  if (value.IsNull()) violations.Add(path, "null.value");
+  if (value.IsArray()) {
+    for (std::size_t i = 0; i < value.Size(); ++i)
+      CheckWellFormed(value[static_cast<rapidjson::SizeType>(i)], DocumentPath(path, i),
+                      violations);
+  }
+  std::vector<std::string_view> names;
+  for (const auto& member : Members(value)) {
+    names.push_back(TextOf(&member.name));
+    CheckWellFormed(member.value, DocumentPath(path, names.back()), violations);
+  }
+  std::sort(names.begin(), names.end());
+  for (auto name = names.begin(); (name = std::adjacent_find(name, names.end())) != names.end();
+       ++name)
+    violations.Add(DocumentPath(path, *name), "duplicate.property", {*name});
+}
+
+void CheckValue(const Value& value, const Value* other, const Schema& schema, Section section,
+                const DocumentPath& path, Violations& violations) {
+  if (value.IsNull()) return;
+  if (!IsOfType(value, schema.type)) {
+    violations.Add(path, "type.check.failure", {schema.type});
+    return;
+  }
+  if (schema.options != nullptr) {
+    const auto options = schema.options->GetArray();
+    if (std::find(options.begin(), options.end(), value) == options.end())
+      violations.Add(path, "invalid.enum.option");
+  }
+  if (value.IsNumber()) CheckNumber(value, schema, path, violations);
+  if (value.IsString()) CheckString(value, schema, path, violations);
+  if (value.IsArray()) CheckArray(value, schema, section, path, violations);
+  if (value.IsObject()) CheckObject(value, other, schema, section, path, violations);
+}
+
+void CheckKey(const Value& value, const Value* other, const KeyDefinition& key, Section section,
+              const DocumentPath& path, Violations& violations) {
+  if (value.IsNull()) return;
+  if (key.hostSpecific && section == Section::kProfile)
+    violations.Add(path, "invalid.host-specific");
+  if (key.singleton)
+    CheckValue(value, other, *key.rules, section, path, violations);
+  else if (value.IsArray())
+    CheckInstances(value, other, key, section, path, violations);
+  else
+    violations.Add(path, "type.check.failure", {"array"});
+}
+
+}  // namespace RyxConfigManager

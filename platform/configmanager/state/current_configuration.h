@@ -1,0 +1,83 @@
+#pragma once
+
+#include <map>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "configmanager/module/module.h"
+#include "configmanager/module/plugin.h"
+#include "configmanager/state/setting_values.h"
+#include "configmanager/state/value_pool.h"
+#include "configmanager/task_progress.h"
+#include "configstore/store.h"
+
+namespace RyxConfigManager {
+
+/// What a user asked for so far, as entries of the store have it.
+class StoredConfiguration {
+ public:
+  /// @throws RyxConfigStore::ConfigStoreException 1035  a value is no JSON
+  explicit StoredConfiguration(std::vector<RyxConfigStore::Entry> entries);
+
+  /// @return nothing when the user asked for nothing, or with another version of the module for
+  ///         something of another form; an empty list when the user asked for that
+  [[nodiscard]] std::optional<InstanceValues> Find(const KeyDefinition& key) const;
+  /// The instances of the key's entries that are of another form.
+  [[nodiscard]] std::vector<std::string> FindUnfit(const KeyDefinition& key) const;
+
+ private:
+  ValuePool pool_;
+  std::map<RyxConfigStore::KeyAddress, InstanceValues> values_;
+};
+
+/// The entry that says of a key with instances that the user asked for a list, though an empty one.
+inline constexpr char kEmptyListInstance[] = "";
+inline constexpr char kEmptyListValue[] = "{}";
+
+/// One key as it is now. The values are the configuration's.
+struct KeyState {
+  const KeyDefinition* key;
+  InstanceValues defaults;
+  bool isStored = false;
+  InstanceValues stored;
+  std::vector<std::string> unfit;  ///< instances that were stored in another form
+  InstanceValues effective;
+};
+
+struct ModuleState {
+  const Module* module;
+  std::vector<KeyState> keys;  ///< in the order of the module's keys
+  /// Why what is in force cannot be told; what was stored is taken for it then.
+  std::optional<ErrorInfo> failure;
+  PluginAnswer answer;  ///< what effective values lie in
+};
+
+/// The configuration of the host's modules as it is now: what is in force there, as the modules
+/// read it from the system; for keys that a module does not read, what a user asked for, else the
+/// default.
+class CurrentConfiguration {
+ public:
+  /// Reads the modules, one after another.
+  /// @throws Aborted
+  /// @throws RyxConfigStore::ConfigStoreException
+  CurrentConfiguration(RyxConfigStore::Store& store, std::span<const Module* const> modules,
+                       const TaskProgress& progress);
+
+  [[nodiscard]] const std::vector<ModuleState>& modules() const { return modules_; }
+  /// What a user asked for, of all modules.
+  [[nodiscard]] const StoredConfiguration& stored() const { return stored_; }
+
+  /// A digest of everything in it: equal for equal configurations only.
+  [[nodiscard]] std::string Digest() const;
+
+ private:
+  StoredConfiguration stored_;
+  std::vector<ModuleState> modules_;
+};
+
+/// The modules of a set, in its order.
+[[nodiscard]] std::vector<const Module*> AllModules(const ModuleSet& modules);
+
+}  // namespace RyxConfigManager

@@ -1,0 +1,110 @@
+#include "configmanager/state/impact.h"
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <filesystem>
+#include <span>
+#include <utility>
+
+#include "configmanager/config_manager.h"
+#include "configmanager/exceptions.h"
+#include "tesselibs/uuid.h"
+
+namespace RyxConfigManager {
+namespace {
+
+constexpr char kMaintenanceModeFile[] = "/var/run/tessel/maintenance-mode";
+
+/// In the order of ChangeAction.
+constexpr std::array kImpactKinds{ImpactKind::kAdd, ImpactKind::kSet, ImpactKind::kDelete};
+
+/// Each kind of change that a key sees, once.
+void AddKeyImpacts(const KeyPlan& plan, std::vector<ImpactInfo>& impacts) {
+  for (std::size_t action = 0; action < kImpactKinds.size(); ++action) {
+    const auto isOfAction = [action](const Change& change) {
+      return static_cast<std::size_t>(change.action) == action;
+    };
+    if (std::ranges::none_of(plan.changes, isOfAction)) continue;
+    const auto& [component, group, key] = plan.state->key->address;
+    impacts.push_back({kImpactKinds.at(action), component, group, key});
+  }
+}
+
+void Append(std::vector<ErrorInfo>& errors, const PluginAnswer& answer) {
+  if (answer.failure) errors.push_back(*answer.failure);
+  errors.insert(errors.end(), answer.errors.begin(), answer.errors.end());
+}
+
+void AssessPlans(Assessment& assessment, const TaskProgress& progress) {
+  bool reboot = false;
+  bool maintenanceMode = false;
+  ImpactResult& impact = assessment.impact;
+  for (std::size_t done = 0; const ModulePlan& plan : assessment.plans) {
+    progress.Report(done++, assessment.plans.size());
+    for (const KeyPlan& key : plan.keys) AddKeyImpacts(key, impact.impacts);
+    const ModuleImpact module = AssessModule(plan, progress.task());
+    reboot = reboot || module.needsReboot;
+    maintenanceMode = maintenanceMode || module.needsMaintenanceMode;
+    impact.errors.insert(impact.errors.end(), module.errors.begin(), module.errors.end());
+    if (!module.errors.empty()) assessment.unclear.insert(plan.state->module->component);
+  }
+  if (reboot) impact.impacts.push_back({ImpactKind::kReboot, {}, {}, {}});
+  if (maintenanceMode) impact.impacts.push_back({ImpactKind::kMaintenanceMode, {}, {}, {}});
+}
+
+}  // namespace
+
+ModuleImpact AssessModule(const ModulePlan& plan, const TaskInput* task) {
+  ModuleImpact impact;
+  if (plan.state->failure) {
+    impact.errors.push_back(*plan.state->failure);
+    return impact;
+  }
+  const std::vector<Change> changes = plan.Changes();
+  if (changes.empty()) return impact;
+  for (const Change& change : changes) {
+    impact.needsReboot = impact.needsReboot || change.key->needsReboot;
+    impact.needsMaintenanceMode = impact.needsMaintenanceMode || change.key->needsMaintenanceMode;
+  }
+  const PluginAnswer answer =
+      RunPlugin(*plan.state->module, PluginOperation::kImpact, changes, task);
+  impact.needsReboot = impact.needsReboot || answer.needsReboot;
+  impact.needsMaintenanceMode = impact.needsMaintenanceMode || answer.needsMaintenanceMode;
+  Append(impact.errors, answer);
+  return impact;
+}
+
+Assessment Assess(const rapidjson::Value& merged, const TaskProgress& progress) {
+  auto modules = InstalledModules();
+  CurrentConfiguration current(*RyxConfigStore::Store::FromPath(), AllModules(*modules),
+                               progress.Share(0, 60));
+  Assessment assessment{std::move(modules), std::move(current), {}, {}, {}};
+  assessment.plans = MakePlan(assessment.current, merged);
+  AssessPlans(assessment, progress.Share(60, 100));
+  return assessment;
+}
+
+void RequireMaintenanceMode() {
+  std::error_code error;
+  if (!std::filesystem::exists(kMaintenanceModeFile, error)) throw HostNotInMM();
+}
+
+void Impact(const Document& document, ImpactResult& result, const TaskInput* task) {
+  result = Assess(document.merged(), TaskProgress(task)).impact;
+}
+
+std::shared_ptr<CheckApplyResult> CheckApply(Document document, const TaskInput* task) {
+  Assessment assessment = Assess(document.merged(), TaskProgress(task));
+  auto id = UUID_CreateRandom();
+  if (!id) throw std::runtime_error("The system has no random numbers for a specification's id.");
+  auto result = std::make_shared<CheckApplyResult>();
+  result->specId = *std::move(id);
+  result->impacts = std::move(assessment.impact.impacts);
+  result->errors = std::move(assessment.impact.errors);
+  result->digest = assessment.current.Digest();
+  result->document = std::move(document);
+  return result;
+}
+
+}  // namespace RyxConfigManager
