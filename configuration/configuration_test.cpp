@@ -134,8 +134,9 @@ TEST_F(ConfigurationTest, WhatKeepsATaskFromItsEndIsRecorded) {
 }
 
 TEST_F(ConfigurationTest, AnAbortedTaskEndsItsModulesAndIsRecorded) {
-  modules_.SetBehaviour(
-      "time", "if operation == 'validate':\n  open(folder + '/begun', 'w')\n  time.sleep(600)");
+  const fs::path begun = fs::path(RyxConfigManager::kModulesDirectory) / "time/begun";
+  modules_.SetBehaviour("time",
+                        R"({"validate":{"touch":")" + begun.string() + R"(","hang":true}})");
   TaskError error;
   task_ = InitTask(kOperation, error, ErrorKind::kError);
   TaskSchedularImpl schedular;
@@ -143,7 +144,6 @@ TEST_F(ConfigurationTest, AnAbortedTaskEndsItsModulesAndIsRecorded) {
   schedular.submit(std::make_shared<ValidateTask>(
       task_, R"({"metadata":{"schema_version":"1.0"},"profile":{"time":{"ntp":{"leap":{}}}}})",
       false));
-  const fs::path begun = fs::path(RyxConfigManager::kModulesDirectory) / "time/begun";
   Await([&] { return fs::exists(begun); });
   schedular.abort();
   EXPECT_EQ(Outcome(task_), "FAILED error task.aborted");

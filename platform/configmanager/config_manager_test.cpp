@@ -165,28 +165,25 @@ TEST_F(ConfigManagerTest, AModuleThatFailsKeepsItsOldValuesAndTheOthersAreApplie
     const char* behaviour;
     const char* failure;
   } cases[] = {
-      {"if operation == 'apply': sys.exit(1)", "com.tessel.ryx.settings.apply.plugin.failed time"},
-      {"if operation == 'apply': print('no'); os._exit(0)",
-       "com.tessel.ryx.settings.apply.plugin.unexpected.error time"},
-      {"if operation == 'apply': answer['errors'] = [{'id': 'x.unreachable', 'args': ['a']}]",
+      {R"({"apply":{"exit":1}})", "com.tessel.ryx.settings.apply.plugin.failed time"},
+      {R"({"apply":{"print":"no"}})", "com.tessel.ryx.settings.apply.plugin.unexpected.error time"},
+      {R"({"apply":{"answer":{"errors":[{"id":"x.unreachable","args":["a"]}]}}})",
        "x.unreachable a"},
-      {"if operation == 'impact': sys.exit(1)",
-       "com.tessel.ryx.settings.impact.plugin.failed time"},
-      {"if operation == 'read': answer['values'] = {'ntp/servers': []}",
+      {R"({"impact":{"exit":1}})", "com.tessel.ryx.settings.impact.plugin.failed time"},
+      {R"({"read":{"answer":{"values":{"ntp/servers":[]}}}})",
        "com.tessel.ryx.settings.impact.plugin.unexpected.error time"},
-      {"if operation == 'read': answer = {'values': {}, 'errors': [{'id': 'x.y', 'args': ['b']}]}",
-       "x.y b"},
+      {R"({"read":{"answer":{"values":{},"errors":[{"id":"x.y","args":["b"]}]}}})", "x.y b"},
   };
   for (const auto& c : cases) {
     modules_.SetBehaviour("time", c.behaviour);
     EXPECT_THAT(ApplyDocument(Profile(kThree)), ElementsAre(c.failure));
     EXPECT_EQ(Stored(), "profiles p {\"name\":\"p\"}\n" + old + "links l {\"name\":\"l\"}\n");
-    EXPECT_EQ(modules_.State("time"), R"({"ntp/servers": {"server": ["a"]}})");
+    EXPECT_EQ(modules_.State("time"), R"({"ntp/servers":{"server":["a"]}})");
     modules_.SetBehaviour("time", "");
     EXPECT_THAT(ApplyDocument(Profile(kServers)), IsEmpty());
     EXPECT_EQ(Stored(), old);
   }
-  modules_.SetBehaviour("time", "if operation == 'read': sys.exit(1)");
+  modules_.SetBehaviour("time", R"({"read":{"exit":1}})");
   EXPECT_EQ(DriftFrom(Profile(kServers)),
             "unavailable: servers   -> {\"server\":[\"a\"]}; "
             "com.tessel.ryx.settings.impact.plugin.failed; ");
@@ -195,31 +192,31 @@ TEST_F(ConfigManagerTest, AModuleThatFailsKeepsItsOldValuesAndTheOthersAreApplie
 TEST_F(ConfigManagerTest, ModulesAreToldWhatTheyReferToBeforeAndLoseItAfter) {
   EXPECT_THAT(ApplyDocument(Profile(kThree)), IsEmpty());
   EXPECT_EQ(modules_.TakeCalls(),
-            "net profiles add p {\"name\": \"p\"}\n"
-            "time servers add - {\"server\": [\"a\"], \"profile\": \"p\"}\n"
-            "zone links add l {\"name\": \"l\"}\nzone links delete d null\n");
+            "net profiles add p {\"name\":\"p\"}\n"
+            "time servers add - {\"server\":[\"a\"],\"profile\":\"p\"}\n"
+            "zone links add l {\"name\":\"l\"}\nzone links delete d null\n");
   EXPECT_THAT(ApplyDocument(Profile(R"({"net":{"lan":{"profiles":[{"name":"q"}]}},
       "time":{"ntp":{"servers":{"server":["a"],"profile":"q"}}}})")),
               IsEmpty());
   EXPECT_EQ(modules_.TakeCalls(),
-            "net profiles add q {\"name\": \"q\"}\n"
-            "time servers set - {\"server\": [\"a\"], \"profile\": \"q\"}\n"
-            "zone links add d {\"name\": \"d\"}\nzone links delete l null\n"
+            "net profiles add q {\"name\":\"q\"}\n"
+            "time servers set - {\"server\":[\"a\"],\"profile\":\"q\"}\n"
+            "zone links add d {\"name\":\"d\"}\nzone links delete l null\n"
             "net profiles delete p null\n");
   // What still refers to something keeps it.
-  modules_.SetBehaviour("time", "if operation == 'apply': sys.exit(1)");
+  modules_.SetBehaviour("time", R"({"apply":{"exit":1}})");
   EXPECT_THAT(
       ApplyDocument(Profile(R"({"net":{"lan":{"profiles":[]}},"time":{"ntp":{"leap":{}}}})")),
       ElementsAre("com.tessel.ryx.settings.apply.plugin.failed time",
                   "com.tessel.ryx.settings.apply.plugin.failed net"));
-  EXPECT_EQ(modules_.State("net"), R"({"lan/profiles": [{"name": "q"}]})");
+  EXPECT_EQ(modules_.State("net"), R"({"lan/profiles":[{"name":"q"}]})");
   // What is not there is not referred to.
   modules_.SetBehaviour("time", "");
-  modules_.SetBehaviour("net", "if operation == 'apply': sys.exit(1)");
+  modules_.SetBehaviour("net", R"({"apply":{"exit":1}})");
   EXPECT_THAT(ApplyDocument(Profile(kThree)),
               ElementsAre("com.tessel.ryx.settings.apply.plugin.failed net",
                           "com.tessel.ryx.settings.apply.plugin.failed time"));
-  EXPECT_THAT(modules_.State("time"), HasSubstr(R"("profile": "q")"));
+  EXPECT_THAT(modules_.State("time"), HasSubstr(R"("profile":"q")"));
   EXPECT_THAT(Stored(), HasSubstr("links l "));
 }
 
@@ -232,7 +229,7 @@ TEST_F(ConfigManagerTest, WhatWasCheckedIsAppliedOnlyToTheHostThatItWasCheckedOn
   modules_.SetState("net", R"({"lan/profiles": [{"name": "q", "mtu": 1}]})");
   EXPECT_THROW((void)RyxConfigManager::Apply(checked, nullptr), InvalidImpact);
   modules_.SetState("net", "{}");
-  modules_.SetBehaviour("zone", "if operation == 'impact': answer['impact'] = ['reboot']");
+  modules_.SetBehaviour("zone", R"({"impact":{"answer":{"impact":["reboot"]}}})");
   EXPECT_THROW((void)RyxConfigManager::Apply(checked, nullptr), InvalidImpact);
   EXPECT_EQ(Stored() + modules_.TakeCalls(), "");
   modules_.SetBehaviour("zone", "");
@@ -245,7 +242,7 @@ TEST_F(ConfigManagerTest, AnApplyAfterACrashBetweenModuleAndStoreConverges) {
   for (const char* before : {R"({"zone":{"id":{"links":[{"name":"l"}]}}})",
                              R"({"time":{"ntp":{"servers":{"server":["old"]}}}})"}) {
     EXPECT_THAT(ApplyDocument(Profile(before)), IsEmpty());
-    modules_.SetState("time", R"({"ntp/servers": {"server": ["a"]}})");
+    modules_.SetState("time", R"({"ntp/servers":{"server":["a"]}})");
     (void)modules_.TakeCalls();
     EXPECT_THAT(ApplyDocument(Profile(kServers)), IsEmpty());
     // The module may not have come to its end: it has to do it again.
@@ -261,8 +258,7 @@ TEST_F(ConfigManagerTest, AnAbortedApplyLeavesWholeModulesAndGoesOnLater) {
   std::vector<unsigned> progress;
   TaskInput task{"task", 10, 90, [&](unsigned percent) { progress.push_back(percent); }, {}};
   const std::filesystem::path begun = "/tmp/begun";
-  modules_.SetBehaviour("time",
-                        "if operation == 'apply': open('/tmp/begun', 'w'); time.sleep(600)");
+  modules_.SetBehaviour("time", R"({"apply":{"touch":"/tmp/begun","hang":true}})");
   task.isAbortRequested = [&] { return std::filesystem::exists(begun); };
   EXPECT_THROW((void)ApplyDocument(Profile(kThree), &task), Aborted);
   EXPECT_EQ(Stored(), "profiles p {\"name\":\"p\"}\n");
@@ -282,15 +278,15 @@ TEST_F(ConfigManagerTest, WhatCannotBeRecordedIsBroughtBack) {
   EXPECT_THAT(ApplyDocument(Profile(kServers)), IsEmpty());
   const auto checked =
       CheckApply(Profile(R"({"time":{"ntp":{"servers":{"server":["b"]}}}})"), nullptr);
-  SQLite::Database other(RyxConfigStore::kStorePath, SQLite::OPEN_READWRITE);
-  other.exec("BEGIN IMMEDIATE");
+  SQLite::Database other(RyxConfigStore::kStorePath, SQLite::OPEN_READWRITE, 5000);
+  other.exec("CREATE TRIGGER refuse BEFORE INSERT ON entries BEGIN SELECT RAISE(ABORT, 'no'); END");
   (void)modules_.TakeCalls();
   EXPECT_THROW((void)RyxConfigManager::Apply(checked, nullptr),
                RyxConfigStore::ConfigStoreException);
-  other.exec("ROLLBACK");
+  other.exec("DROP TRIGGER refuse");
   EXPECT_EQ(modules_.TakeCalls(),
-            "time servers set - {\"server\": [\"b\"]}\n"
-            "time servers set - {\"server\": [\"a\"]}\n");
+            "time servers set - {\"server\":[\"b\"]}\n"
+            "time servers set - {\"server\":[\"a\"]}\n");
   EXPECT_EQ(ImpactOf(Profile(kServers)), "");
 }
 
@@ -331,7 +327,7 @@ TEST_F(ConfigManagerTest, KeysAreSetReadAndDeletedAlone) {
   EXPECT_EQ(get("time", "ntp", "servers"), R"({"server":["a"],"profile":"p"})");
   SetConfig("zone", "id", "links", R"({"instances":[]})", nullptr);
   EXPECT_EQ(get("zone", "id", "links"), R"({"instances":[]})");
-  EXPECT_EQ(modules_.State("zone"), R"({"id/links": []})");
+  EXPECT_EQ(modules_.State("zone"), R"({"id/links":[]})");
   const std::string stored = Stored();
   (void)modules_.TakeCalls();
   const struct {
@@ -374,9 +370,9 @@ TEST_F(ConfigManagerTest, KeysAreSetReadAndDeletedAlone) {
     }
   }
   EXPECT_THROW(SetConfig("zone", "id", "kernel", R"({"level":1})", nullptr), HostNotInMM);
-  modules_.SetBehaviour("time", "if operation == 'validate': answer['errors'] = [{'id': 'x.y'}]");
+  modules_.SetBehaviour("time", R"({"validate":{"answer":{"errors":[{"id":"x.y"}]}}})");
   EXPECT_THROW(SetConfig("time", "ntp", "leap", R"({"a":1})", nullptr), InvalidArgumentException);
-  modules_.SetBehaviour("time", "if operation == 'apply': sys.exit(1)");
+  modules_.SetBehaviour("time", R"({"apply":{"exit":1}})");
   EXPECT_THROW(DeleteConfig("time", "ntp", "servers", nullptr),
                RyxConfigStore::ConfigStoreException);
   EXPECT_EQ(Stored(), stored);
@@ -387,7 +383,7 @@ TEST_F(ConfigManagerTest, KeysAreSetReadAndDeletedAlone) {
                  nullptr);
   }
   EXPECT_EQ(Stored(), "");
-  EXPECT_EQ(modules_.State("zone"), R"({"id/links": [{"name": "d"}]})");
+  EXPECT_EQ(modules_.State("zone"), R"({"id/links":[{"name":"d"}]})");
 }
 
 TEST_F(ConfigManagerTest, WhatAnotherVersionOfAModuleHadInAnotherFormDoesNotCount) {
@@ -398,10 +394,10 @@ TEST_F(ConfigManagerTest, WhatAnotherVersionOfAModuleHadInAnotherFormDoesNotCoun
     const char* call;
     const char* stored;
   } cases[] = {
-      {"s/\"name\"/\"id\"/g", R"([{"id":"p"}])", "net profiles add p {\"id\": \"p\"}\n",
+      {"s/\"name\"/\"id\"/g", R"([{"id":"p"}])", "net profiles add p {\"id\":\"p\"}\n",
        "profiles p {\"id\":\"p\"}\n"},
       {"s/\"id_property\": \"name\", //", R"({"name":"p"})",
-       "net profiles add - {\"name\": \"p\"}\n", "profiles {\"name\":\"p\"}\n"},
+       "net profiles add - {\"name\":\"p\"}\n", "profiles {\"name\":\"p\"}\n"},
   };
   for (const auto& c : cases) {
     SetConfig("net", "lan", "profiles",

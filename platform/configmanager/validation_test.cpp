@@ -43,10 +43,8 @@ constexpr char kTwo[] =
     R"({"net":{"lan":{"profiles":[{"name":"p"}]}},"time":{"ntp":{"servers":{"server":["a"]}}}})";
 
 TEST_F(ValidationTest, ModulesJudgeWhatTheSchemaTakes) {
-  constexpr char kRefusal[] =
-      "if operation == 'validate': answer['errors'] = [{'id': 'com.example.no', "
-      "'args': [str(changes[0]['old'])], 'path': '/time/ntp'}]";
-  constexpr char kFailure[] = "if operation == 'validate': sys.exit(1)";
+  constexpr char kRefusal[] = R"({"validate":{"refuse":"com.example.no"}})";
+  constexpr char kFailure[] = R"({"validate":{"exit":1}})";
   const std::string prefix = "com.tessel.ryx.settings.validation.";
   const struct {
     const char* behaviour;  // of the module "time"
@@ -55,17 +53,17 @@ TEST_F(ValidationTest, ModulesJudgeWhatTheSchemaTakes) {
     std::vector<std::string> expected;
   } cases[] = {
       {"", kTwo, false, {}},
-      {kRefusal, kTwo, false, {"/time/ntp com.example.no {'server': ['b']}"}},
+      {kRefusal, kTwo, false, {R"(/time/ntp com.example.no {"server":["b"]})"}},
       {kRefusal, kTwo, true, {}},
       // What is in force is not judged again.
       {kRefusal, R"({"time":{"ntp":{"servers":{"server":["b"]}}}})", false, {}},
       {kFailure, kTwo, false, {"! " + prefix + "plugin.failed time"}},
-      {"if operation == 'validate': print('{'); sys.exit(0)",
+      {R"({"validate":{"print":"{"}})",
        kTwo,
        false,
        {"! " + prefix + "plugin.unexpected.error time"}},
       // What cannot be read is still judged.
-      {"if operation == 'read': sys.exit(1)\nif operation == 'validate': sys.exit(1)",
+      {R"({"read":{"exit":1},"validate":{"exit":1}})",
        kTwo,
        false,
        {"! " + prefix + "plugin.failed time"}},

@@ -54,7 +54,7 @@ struct Module {
   std::string version;
   std::filesystem::path folder;
   Executables executables;
-  std::chrono::seconds timeout{60};
+  std::chrono::milliseconds timeout = std::chrono::seconds(60);       ///< of each of its programs
   std::map<std::pair<std::string, std::string>, KeyDefinition> keys;  ///< by group and key
   std::string text;                 ///< module.json; the description leads into it
   rapidjson::Document description;  ///< module.json

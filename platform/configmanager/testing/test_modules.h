@@ -37,10 +37,12 @@ class TestModules {
     std::ofstream(root_ / component / "state") << state;
   }
 
-  /// Python code that a module's program runs before it does its work; it knows `operation`,
-  /// `changes`, `state` and `answer`.
-  void SetBehaviour(const std::string& component, const std::string& code) const {
-    std::ofstream(root_ / component / "behaviour") << code;
+  /// Tells a module's program what to do otherwise than work.
+  /// @param behaviour  JSON: for each operation {"exit": STATUS}, {"print": TEXT},
+  ///                   {"answer": {}}, {"refuse": ID}, which answers the old value of the first
+  ///                   change as the argument, or {"touch": FILE, "hang": true}
+  void SetBehaviour(const std::string& component, const std::string& behaviour) const {
+    std::ofstream(root_ / component / "behaviour") << behaviour;
   }
 
   /// @return what modules were told to do since the last call, a line for each change
@@ -57,37 +59,10 @@ class TestModules {
   }
 
  private:
-  static constexpr char kProgram[] = R"(#!/usr/bin/python3 -IS
-import json, os, sys, time
-folder = os.path.dirname(os.path.abspath(__file__))
-request = json.load(sys.stdin)
-operation, changes, answer = request["operation"], request["changes"], {}
-try: state = json.load(open(folder + "/state"))
-except FileNotFoundError: state = {}
-if operation == "apply":
-    with open(folder + "/../calls", "a") as calls:
-        for change in changes:
-            words = request["component"], change["key"], change["action"], change["id"] or "-", json.dumps(change["new"])
-            print(*words, file=calls)
-if os.path.exists(folder + "/behaviour"): exec(open(folder + "/behaviour").read())
-if operation == "read": answer.setdefault("values", state)
-if operation == "apply" and not answer.get("errors"):
-    for change in changes:
-        name, new = change["group"] + "/" + change["key"], change["new"]
-        if change["id"] is None: state[name] = new
-        else:
-            others = [value for value in state.get(name, []) if value["name"] != change["id"]]
-            state[name] = others + [new] * (new is not None)
-    with open(folder + "/new", "w") as file: json.dump(state, file)
-    os.rename(folder + "/new", folder + "/state")
-print(json.dumps(answer))
-)";
-
   void Add(const std::string& component, const std::string& groups) const {
     const auto folder = root_ / component;
     std::filesystem::create_directories(folder);
-    std::ofstream(folder / "program") << kProgram;
-    std::filesystem::permissions(folder / "program", std::filesystem::perms::owner_all);
+    std::filesystem::create_symlink(TEST_MODULE, folder / "program");
     std::ofstream(folder / "module.json")
         << R"({"format": 1, "component": ")" << component << R"(", "version": "1.0", "groups": {)"
         << groups
