@@ -35,6 +35,14 @@ std::int32_t CodeOf(const Action& action) {
   return 0;
 }
 
+/// The connection to a database that was made last, as SQLite shows it to its extensions.
+sqlite3* lastConnection = nullptr;
+
+int NoteConnection(sqlite3* connection, const char**, const sqlite3_api_routines*) {
+  lastConnection = connection;
+  return SQLITE_OK;
+}
+
 class StoreTest : public testing::Test {
  protected:
   StoreTest() { fs::remove_all(folder_); }
@@ -82,8 +90,10 @@ TEST_F(StoreTest, ADamagedStoreIsSetAsideAndAnotherBegun) {
   };
   for (const std::function<void()>& damage : {std::function<void()>(damageHeader), {damagePage}}) {
     fs::remove_all(folder_);
-    for (int i = 0; i < 200; ++i)
-      Set(kPeers, std::to_string(i), "{\"text\":\"" + std::string(100, 'x') + "\"}");
+    store().Change([](auto& change) {
+      for (int i = 0; i < 200; ++i)
+        change.Set(kPeers, std::to_string(i), "{\"text\":\"" + std::string(100, 'x') + "\"}");
+    });
     SQLite::Database(path_, SQLite::OPEN_READWRITE).exec("PRAGMA wal_checkpoint(TRUNCATE)");
     const fs::path kept = folder_ / "kept";
     fs::rename(path_, kept);  // another file takes its place, as after a restart
@@ -113,7 +123,11 @@ TEST_F(StoreTest, TellsWhichStepFailed) {
   std::ofstream(folder_) << "a file where the folder should be";
   EXPECT_EQ(CodeOf([this] { Set(kServers, "", "{}"); }), 1001);
   fs::remove(folder_);
+  const auto extension = reinterpret_cast<void (*)()>(NoteConnection);
+  ASSERT_EQ(sqlite3_auto_extension(extension), SQLITE_OK);
   Set(kServers, "", "{}");
+  sqlite3_busy_timeout(lastConnection, 1);  // in place of the five seconds that a store waits
+  sqlite3_cancel_auto_extension(extension);
   SQLite::Database other(path_, SQLite::OPEN_READWRITE);
   other.exec("BEGIN IMMEDIATE");
   EXPECT_EQ(CodeOf([this] { Set(kServers, "", "{\"n\":1}"); }), 1011);
