@@ -16,8 +16,6 @@
 namespace RyxConfigManager {
 namespace {
 
-constexpr std::int32_t kNothingToApply = 2024;
-
 /// One run of a module.
 struct Step {
   const ModulePlan* plan;
@@ -116,7 +114,7 @@ class PlanRun {
 }  // namespace
 
 ApplyResult Apply(const std::shared_ptr<CheckApplyResult>& checked, const TaskInput* task) {
-  if (!checked) throw ConfigManagerException(kNothingToApply);
+  if (!checked) throw ConfigManagerException(CMErrorCode::kNothingToApply);
   const TaskProgress progress(task);
   const Assessment assessment = Assess(checked->document.merged(), progress.Share(0, 40));
   const std::vector<ImpactInfo>& impacts = assessment.impact.impacts;

@@ -36,7 +36,7 @@ void CreateMergedDocument(const Document& schema, Document& document);
 /// Collects every violation in a merged document, then asks the modules' validators unless the
 /// schema has already refused it.
 /// @param schema_only  leaves the modules' validators out
-/// @throws ConfigManagerException  2023: the document names no key, and nothing else is wrong
+/// @throws ConfigManagerException  kEmptyDocument: the document names no key, and nothing else is wrong
 void Validate(const Document& document, const Document& schema, ValidationResult& result,
               bool schemaOnly, const TaskInput* task);
 

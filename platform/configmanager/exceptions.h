@@ -5,6 +5,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "configmanager/error_codes.h"
 #include "configstore/status_error.h"
 
 namespace RyxConfigManager {
@@ -12,8 +13,9 @@ namespace RyxConfigManager {
 /// A failure of the configuration manager, with its status code.
 class ConfigManagerException : public RyxConfigStore::StatusError {
  public:
-  explicit ConfigManagerException(std::int32_t code,
-                                  std::initializer_list<std::string> arguments = {});
+  explicit ConfigManagerException(CMErrorCode code,
+                                  std::initializer_list<std::string> arguments = {})
+      : StatusError(CMErrorCodes, static_cast<std::int32_t>(code), arguments) {}
 };
 
 /// The caller named a key that does not exist, or a value that the key cannot have.
@@ -25,13 +27,13 @@ class InvalidArgumentException : public ConfigManagerException {
 /// Applying would no longer do what was checked.
 class InvalidImpact : public ConfigManagerException {
  public:
-  InvalidImpact() : ConfigManagerException(2025) {}
+  InvalidImpact() : ConfigManagerException(CMErrorCode::kImpactChanged) {}
 };
 
 /// What is to be applied needs the host in maintenance mode.
 class HostNotInMM : public ConfigManagerException {
  public:
-  HostNotInMM() : ConfigManagerException(2026) {}
+  HostNotInMM() : ConfigManagerException(CMErrorCode::kNotInMaintenanceMode) {}
 };
 
 /// The task was asked to end; nothing that was begun is half-done.

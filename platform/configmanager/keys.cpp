@@ -26,15 +26,9 @@ namespace {
 
 using rapidjson::Value;
 using RyxConfigStore::ConfigStoreException;
+using RyxConfigStore::CSErrorCode;
 using RyxConfigStore::KeyAddress;
 using RyxConfigStore::Store;
-
-constexpr std::int32_t kUnknownKey = 2021;
-constexpr std::int32_t kNotSingleton = 2022;
-constexpr std::int32_t kNoJson = 2080;
-constexpr std::int32_t kInvalidValue = 2084;
-constexpr std::int32_t kSetFailed = 1051;
-constexpr std::int32_t kDeleteFailed = 1054;
 
 constexpr char kInstances[] = "instances";
 
@@ -54,7 +48,7 @@ FoundKey FindKey(const std::string& component, const std::string& group, const s
   const Module* module = modules->FindModule(component);
   const KeyDefinition* definition = modules->FindKey({component, group, key});
   if (definition == nullptr) {
-    throw InvalidArgumentException(kUnknownKey, {component + "/" + group + "/" + key});
+    throw InvalidArgumentException(CMErrorCode::kUnknownKey, {component + "/" + group + "/" + key});
   }
   return {std::move(modules), module, definition};
 }
@@ -69,7 +63,7 @@ std::string Describe(const ErrorInfo& error) {
 class KeyChange {
  public:
   /// @param failure  the store's status for a change that fails
-  KeyChange(FoundKey found, std::int32_t failure, const TaskInput* task)
+  KeyChange(FoundKey found, CSErrorCode failure, const TaskInput* task)
       : found_(std::move(found)),
         failure_(failure),
         progress_(task),
@@ -146,7 +140,7 @@ class KeyChange {
 
   [[noreturn]] void Refuse(const ValidationErrorInfo& error) const {
     throw InvalidArgumentException(
-        kInvalidValue,
+        CMErrorCode::kBadValue,
         {found_.Name() + ": " + Describe(error) + (error.path.empty() ? "" : " at " + error.path)});
   }
 
@@ -155,7 +149,7 @@ class KeyChange {
   }
 
   const FoundKey found_;
-  const std::int32_t failure_;
+  const CSErrorCode failure_;
   const TaskProgress progress_;
   const std::shared_ptr<Store> store_;
   const CurrentConfiguration current_;
@@ -165,7 +159,7 @@ Document ParseValue(const std::string& value) {
   try {
     return ConfigStoreDocument::CreateDocument(value);
   } catch (const ConfigStoreException&) {
-    throw InvalidArgumentException(kNoJson);
+    throw InvalidArgumentException(CMErrorCode::kNoJson);
   }
 }
 
@@ -179,10 +173,10 @@ void SetConfig(const std::string& component, const std::string& group, const std
   if (!found.key->singleton) {
     wanted = JsonDocument::FindMember(*wanted, kInstances);
     if (wanted == nullptr || !wanted->IsArray() || document.root().MemberCount() != 1) {
-      throw InvalidArgumentException(kNotSingleton, {found.Name()});
+      throw InvalidArgumentException(CMErrorCode::kNotSingleton, {found.Name()});
     }
   }
-  KeyChange(std::move(found), kSetFailed, task).Make(wanted);
+  KeyChange(std::move(found), CSErrorCode::kSetFailed, task).Make(wanted);
 }
 
 void DeleteConfig(const std::string& component, const std::string& group, const std::string& key,
@@ -190,9 +184,9 @@ void DeleteConfig(const std::string& component, const std::string& group, const 
   FoundKey found = FindKey(component, group, key);
   if (Store::FromPath()->Get(found.key->address).empty()) {
     const std::string id = std::string(kValidationPrefix) + "invalid.delete.default";
-    throw InvalidArgumentException(kInvalidValue, {found.Name() + ": " + id});
+    throw InvalidArgumentException(CMErrorCode::kBadValue, {found.Name() + ": " + id});
   }
-  KeyChange(std::move(found), kDeleteFailed, task).Make(nullptr);
+  KeyChange(std::move(found), CSErrorCode::kDeleteFailed, task).Make(nullptr);
 }
 
 std::string GetCurrentConfig(const std::string& component, const std::string& group,

@@ -144,8 +144,8 @@ TEST(DocumentTest, AreJsonOfBoundedDepth) {
 }
 
 TEST(StatusErrorTest, FillsInItsText) {
-  EXPECT_STREQ(ConfigStoreException(1083, {"a%s", "b"}).what(), "Validation Error: 'a%s' b");
-  EXPECT_STREQ(ConfigStoreException(1103, {"7"}).what(),
+  EXPECT_STREQ(StatusError(CSErrorCodes, 1083, {"a%s", "b"}).what(), "Validation Error: 'a%s' b");
+  EXPECT_STREQ(StatusError(CSErrorCodes, 1103, {"7"}).what(),
                "Failed to wait for child process: 7, errno: %s");
 }
 

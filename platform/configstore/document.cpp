@@ -25,7 +25,7 @@ Document CreateDocument(const std::string& text) {
     Log_Level(LogLevel::kError, "[ConfigStoreDocument]: %s (at byte %zu)\n",
               tooDeep ? "Nested too deep." : rapidjson::GetParseError_En(result.Code()),
               result.Offset());
-    throw RyxConfigStore::ConfigStoreException(1080);
+    throw RyxConfigStore::ConfigStoreException(RyxConfigStore::CSErrorCode::kNoJson);
   }
   return document;
 }

@@ -46,7 +46,7 @@ class Document {
 };
 
 /// @param text  a JSON text
-/// @throws RyxConfigStore::ConfigStoreException  1080: the text is no JSON, or nests too deep; the
+/// @throws RyxConfigStore::ConfigStoreException  kNoJson: the text is no JSON, or nests too deep; the
 ///         log tells where
 Document CreateDocument(const std::string& text);
 

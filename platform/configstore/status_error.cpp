@@ -2,8 +2,6 @@
 
 #include <string_view>
 
-#include "configstore/error_codes.h"
-
 namespace RyxConfigStore {
 namespace {
 
@@ -27,9 +25,5 @@ std::string FillIn(const StatusTexts& texts, std::int32_t code,
 StatusError::StatusError(const StatusTexts& texts, std::int32_t code,
                          std::initializer_list<std::string> arguments)
     : std::runtime_error(FillIn(texts, code, arguments)), code_(code) {}
-
-ConfigStoreException::ConfigStoreException(std::int32_t code,
-                                           std::initializer_list<std::string> arguments)
-    : StatusError(CSErrorCodes, code, arguments) {}
 
 }  // namespace RyxConfigStore

@@ -6,6 +6,8 @@
 #include <string>
 #include <unordered_map>
 
+#include "configstore/error_codes.h"
+
 namespace RyxConfigStore {
 
 /// The English text of each of a library's status codes; "%s" and "%d" stand for arguments.
@@ -27,8 +29,8 @@ class StatusError : public std::runtime_error {
 /// A failure of the configuration store.
 class ConfigStoreException : public StatusError {
  public:
-  explicit ConfigStoreException(std::int32_t code,
-                                std::initializer_list<std::string> arguments = {});
+  explicit ConfigStoreException(CSErrorCode code, std::initializer_list<std::string> arguments = {})
+      : StatusError(CSErrorCodes, static_cast<std::int32_t>(code), arguments) {}
 };
 
 }  // namespace RyxConfigStore

@@ -29,7 +29,7 @@ bool IsDamage(const SQLite::Exception& e) {
 /// Does a step of an operation, whose failure has the status `code`. Damage to the database is not
 /// the step's failure and passes.
 template <typename Step>
-decltype(auto) Guarded(std::int32_t code, std::initializer_list<std::string> arguments,
+decltype(auto) Guarded(CSErrorCode code, std::initializer_list<std::string> arguments,
                        const Step& step) {
   try {
     return step();
@@ -56,7 +56,7 @@ void Prepare(SQLite::Database& database) {
   const std::string verdict = database.execAndGet("PRAGMA quick_check(1)").getString();
   if (verdict != "ok") throw SQLite::Exception(verdict, SQLITE_CORRUPT);
   const std::int64_t format = database.execAndGet("PRAGMA user_version").getInt64();
-  if (format > kFormat) throw ConfigStoreException(1018);
+  if (format > kFormat) throw ConfigStoreException(CSErrorCode::kUnknownFormat);
   if (format == kFormat) return;  // one that can only be read is not written to
   database.exec(
       "CREATE TABLE IF NOT EXISTS entries ("
@@ -101,13 +101,13 @@ SQLite::Database& Store::Open() {
     return *file_.Connect(Sqlite::DatabaseFile::Missing::kCreate);
   };
   try {
-    return Guarded(1001, {file_.path()}, connect);
+    return Guarded(CSErrorCode::kOpenFailed, {file_.path()}, connect);
   } catch (const SQLite::Exception& damage) {
     const std::string aside = file_.path() + ".damaged-" + UtcNow("%Y%m%dT%H%M%SZ");
     if (!file_.SetAside(aside)) throw;
     Log_Level(LogLevel::kCritical, "[ConfigStore]: %s is damaged (%s); it is kept as %s\n",
               file_.path().c_str(), damage.what(), aside.c_str());
-    return Guarded(1001, {file_.path()}, connect);
+    return Guarded(CSErrorCode::kOpenFailed, {file_.path()}, connect);
   }
 }
 
@@ -118,7 +118,7 @@ decltype(auto) Store::Run(const Work& work) {
     return work(Open());
   } catch (const SQLite::Exception& damage) {
     file_.Disconnect();  // the next operation sets it aside
-    const ConfigStoreException failure(1010);
+    const ConfigStoreException failure(CSErrorCode::kDamaged);
     Log_Level(LogLevel::kCritical, "[ConfigStore]: %s: %s\n", failure.what(), damage.what());
     throw failure;
   }
@@ -126,7 +126,7 @@ decltype(auto) Store::Run(const Work& work) {
 
 std::vector<Entry> Store::Get(const KeyAddress& address) {
   return Run([&](SQLite::Database& database) {
-    return Guarded(1004, {}, [&] {
+    return Guarded(CSErrorCode::kReadFailed, {}, [&] {
       SQLite::Statement rows(database, kSelect +
                                            "WHERE component = ? AND category = ? AND "
                                            "key = ? ORDER BY instance");
@@ -138,7 +138,7 @@ std::vector<Entry> Store::Get(const KeyAddress& address) {
 
 std::vector<Entry> Store::GetAll() {
   return Run([&](SQLite::Database& database) {
-    return Guarded(1004, {}, [&] {
+    return Guarded(CSErrorCode::kReadFailed, {}, [&] {
       SQLite::Statement rows(database, kSelect + "ORDER BY component, category, key, instance");
       return ReadEntries(rows);
     });
@@ -150,16 +150,17 @@ void Store::Change(const std::function<void(Transaction&)>& changes) {
     std::optional<SQLite::Transaction> open;
     // Taken for writing from the start: two that read first and then write would each wait for the
     // other.
-    Guarded(1011, {}, [&] { open.emplace(database, SQLite::TransactionBehavior::IMMEDIATE); });
+    Guarded(CSErrorCode::kBeginFailed, {},
+            [&] { open.emplace(database, SQLite::TransactionBehavior::IMMEDIATE); });
     Transaction transaction(database);
     changes(transaction);
-    Guarded(1012, {}, [&] { open->commit(); });
+    Guarded(CSErrorCode::kCommitFailed, {}, [&] { open->commit(); });
   });
 }
 
 void Store::Transaction::Set(const KeyAddress& address, const std::string& instance,
                              const std::string& value) {
-  Guarded(1005, {}, [&] {
+  Guarded(CSErrorCode::kWriteFailed, {}, [&] {
     SQLite::Statement row(database_,
                           "INSERT INTO entries VALUES (?, ?, ?, ?, ?, ?) "
                           "ON CONFLICT DO UPDATE SET value = excluded.value, "
@@ -173,7 +174,7 @@ void Store::Transaction::Set(const KeyAddress& address, const std::string& insta
 }
 
 void Store::Transaction::Delete(const KeyAddress& address, const std::string& instance) {
-  Guarded(1007, {}, [&] {
+  Guarded(CSErrorCode::kRemoveFailed, {}, [&] {
     SQLite::Statement row(database_,
                           "DELETE FROM entries WHERE component = ? AND category = ? AND key = ? "
                           "AND instance = ?");

@@ -172,13 +172,13 @@ class DocumentCheck {
 
 void CheckDocument(const ConfigStoreDocument::Document& document, const ModuleSet& modules,
                    const std::string& host, Violations& violations) {
-  constexpr std::int32_t kEmptyDocument = 2023;
   const Value& root = document.root();
-  if (root.IsObject() && root.ObjectEmpty()) throw ConfigManagerException(kEmptyDocument);
+  if (root.IsObject() && root.ObjectEmpty())
+    throw ConfigManagerException(CMErrorCode::kEmptyDocument);
   CheckWellFormed(root, {}, violations);
   CheckValue(root, nullptr, DocumentFormat(), Section::kHostSpecific, {}, violations);
   const bool hasKey = DocumentCheck(document, modules, host, violations).Run();
-  if (!hasKey && violations.empty()) throw ConfigManagerException(kEmptyDocument);
+  if (!hasKey && violations.empty()) throw ConfigManagerException(CMErrorCode::kEmptyDocument);
 }
 
 }  // namespace RyxConfigManager

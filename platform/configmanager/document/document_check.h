@@ -16,7 +16,7 @@ namespace RyxConfigManager {
 /// held to the same schema. Time grows linearly with the document.
 /// @param modules  the keys of the host
 /// @param host     its identifier
-/// @throws ConfigManagerException 2023  the document names no key, and nothing else is wrong
+/// @throws ConfigManagerException  kEmptyDocument: the document names no key, and nothing else is wrong
 void CheckDocument(const ConfigStoreDocument::Document& document, const ModuleSet& modules,
                    const std::string& host, Violations& violations);
 

@@ -23,9 +23,6 @@ namespace {
 
 using Modules = std::vector<std::unique_ptr<const Module>>;
 
-constexpr std::int32_t kNotOfItsForm = 2081;
-constexpr std::int32_t kNoDependencyGraph = 2083;
-
 /// What tells one state of a module.json from another.
 struct Stamp {
   std::filesystem::path folder;
@@ -63,16 +60,16 @@ std::vector<Stamp> FindModules(const std::filesystem::path& directory) {
 std::string ReadDescription(const std::filesystem::path& path) {
   // A pipe would never let go of who opens it, and a device has no end.
   if (!std::filesystem::is_regular_file(path))
-    throw DescriptionError(kNotOfItsForm, "module.json is not a regular file");
+    throw DescriptionError(CMErrorCode::kBadDescription, "module.json is not a regular file");
   if (std::filesystem::file_size(path) > JsonDocument::kMaxDocumentSize)
-    throw DescriptionError(kNotOfItsForm, "module.json is too large");
+    throw DescriptionError(CMErrorCode::kBadDescription, "module.json is too large");
   std::ifstream file(path, std::ios::binary);
   std::string text((std::istreambuf_iterator<char>(file)), {});
-  if (!file) throw DescriptionError(kNotOfItsForm, "module.json cannot be read");
+  if (!file) throw DescriptionError(CMErrorCode::kBadDescription, "module.json cannot be read");
   return text;
 }
 
-void LogLeftOut(const std::filesystem::path& folder, std::int32_t code, const std::string& detail) {
+void LogLeftOut(const std::filesystem::path& folder, CMErrorCode code, const std::string& detail) {
   std::string reason = ConfigManagerException(code, {detail}).what();
   if (reason.find(detail) == std::string::npos)
     reason += (reason.back() == '.' ? " " : ": ") + detail;
@@ -85,14 +82,15 @@ void AddModule(const std::filesystem::path& folder, Modules& modules) {
     auto module = ReadModule(folder, ReadDescription(folder / "module.json"));
     for (const auto& other : modules) {
       if (other->component == module->component)
-        throw DescriptionError(kNotOfItsForm, "component '" + module->component + "' is that of " +
-                                                  other->folder.string());
+        throw DescriptionError(
+            CMErrorCode::kBadDescription,
+            "component '" + module->component + "' is that of " + other->folder.string());
     }
     modules.push_back(std::move(module));
   } catch (const DescriptionError& error) {
     LogLeftOut(folder, error.code(), error.what());
   } catch (const std::filesystem::filesystem_error& error) {
-    LogLeftOut(folder, kNotOfItsForm, error.code().message());
+    LogLeftOut(folder, CMErrorCode::kBadDescription, error.code().message());
   }
 }
 
@@ -130,7 +128,7 @@ Modules OrderByReference(Modules modules) {
     if (module == nullptr) continue;
     const Reference& reference = *FindUnmet(*module, placed);
     const auto& [component, group, key] = reference.target;
-    LogLeftOut(module->folder, kNoDependencyGraph,
+    LogLeftOut(module->folder, CMErrorCode::kNoDependencyGraph,
                "'" + reference.property + "' refers to " + component + '/' + group + '/' + key +
                    ", which is no list, is not there, or depends on this module");
   }

@@ -22,16 +22,11 @@ using JsonDocument::TextOf;
 using rapidjson::Value;
 using RyxConfigStore::KeyAddress;
 
-constexpr std::int32_t kNoJson = 2080;
-constexpr std::int32_t kNotOfItsForm = 2081;
-constexpr std::int32_t kUnknownFormat = 2082;
-constexpr std::int32_t kBadValue = 2084;
-
 std::string NameOf(const KeyAddress& key) {
   return key.component + '/' + key.group + '/' + key.key;
 }
 
-void RefuseViolations(const Violations& violations, std::int32_t code, const std::string& where) {
+void RefuseViolations(const Violations& violations, CMErrorCode code, const std::string& where) {
   if (violations.empty()) return;
   const ValidationErrorInfo& first = violations.found().front();
   std::string detail = where + first.path + ' ' + first.id.substr(kValidationPrefix.size());
@@ -43,7 +38,7 @@ void RequireForm(const Value& description, const Schema& format) {
   Violations violations;
   CheckWellFormed(description, {}, violations);
   CheckValue(description, nullptr, format, Section::kHostSpecific, {}, violations);
-  RefuseViolations(violations, kNotOfItsForm, "");
+  RefuseViolations(violations, CMErrorCode::kBadDescription, "");
 }
 
 std::string ReadName(const Value& name) {
@@ -51,7 +46,7 @@ std::string ReadName(const Value& name) {
       "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789._-";
   const std::string_view text = TextOf(&name);
   if (text.empty() || text.find_first_not_of(kCharacters) != std::string_view::npos)
-    throw DescriptionError(kNotOfItsForm, "'" + std::string(text) + "' is no name");
+    throw DescriptionError(CMErrorCode::kBadDescription, "'" + std::string(text) + "' is no name");
   return std::string(text);
 }
 
@@ -64,7 +59,8 @@ KeyAddress ReadAddress(std::string_view text) {
   const auto first = text.find('/');
   const auto second = first == std::string_view::npos ? first : text.find('/', first + 1);
   if (second == std::string_view::npos)
-    throw DescriptionError(kNotOfItsForm, "'" + std::string(text) + "' is not COMPONENT/GROUP/KEY");
+    throw DescriptionError(CMErrorCode::kBadDescription,
+                           "'" + std::string(text) + "' is not COMPONENT/GROUP/KEY");
   return {std::string(text.substr(0, first)),
           std::string(text.substr(first + 1, second - first - 1)),
           std::string(text.substr(second + 1))};
@@ -78,7 +74,7 @@ void RequireTextProperty(const Schema& schema, const std::string& name, bool lis
   if (listAllowed && property != nullptr && property->type == "array")
     property = property->items.get();
   if (property == nullptr || property->type != "string")
-    throw DescriptionError(kNotOfItsForm,
+    throw DescriptionError(CMErrorCode::kBadDescription,
                            key + ": '" + name + "' is not a string property of the schema");
 }
 
@@ -87,9 +83,10 @@ void ReadInstances(const Value& description, KeyDefinition& key, Schema& schema)
   const Value* const singleton = FindMember(description, "singleton");
   key.singleton = singleton == nullptr ? key.idProperty.empty() : singleton->GetBool();
   if (key.singleton != key.idProperty.empty())
-    throw DescriptionError(kNotOfItsForm, NameOf(key.address) +
-                                              ": a key that is not a singleton, and no other, has "
-                                              "an id_property");
+    throw DescriptionError(CMErrorCode::kBadDescription,
+                           NameOf(key.address) +
+                               ": a key that is not a singleton, and no other, has "
+                               "an id_property");
   if (key.singleton) return;
   RequireTextProperty(schema, key.idProperty, false, NameOf(key.address));
   // A missing id is told by a message of its own.
@@ -111,10 +108,11 @@ void ReadRules(const Value& description, KeyDefinition& key) {
   try {
     schema = ReadSchema(*key.schema);
   } catch (const SchemaError& error) {
-    throw DescriptionError(kNotOfItsForm, NameOf(key.address) + ": schema" + error.what());
+    throw DescriptionError(CMErrorCode::kBadDescription,
+                           NameOf(key.address) + ": schema" + error.what());
   }
   if (schema->type != "object")
-    throw DescriptionError(kNotOfItsForm,
+    throw DescriptionError(CMErrorCode::kBadDescription,
                            NameOf(key.address) + ": the schema's type is not object");
   ReadInstances(description, key, *schema);
   key.rules = std::move(schema);
@@ -134,7 +132,7 @@ KeyDefinition ReadKey(const Value& description, KeyAddress address) {
   if (key.defaultValue != nullptr) {
     Violations violations;
     CheckKey(*key.defaultValue, nullptr, key, Section::kHostSpecific, {}, violations);
-    RefuseViolations(violations, kBadValue, NameOf(key.address) + ": default");
+    RefuseViolations(violations, CMErrorCode::kBadValue, NameOf(key.address) + ": default");
   }
   return key;
 }
@@ -153,7 +151,7 @@ void ReadKeys(const Value& groups, Module& module) {
 void RequireFormat(const Value& description) {
   const Value* const format = FindMember(description, "format");
   if (format != nullptr && format->IsNumber() && *format != Value(kModuleFormatVersion))
-    throw DescriptionError(kUnknownFormat,
+    throw DescriptionError(CMErrorCode::kUnknownFormat,
                            "format " + std::string(JsonDocument::Print(*format, 16).GetString()));
 }
 
@@ -165,8 +163,9 @@ std::filesystem::path ReadExecutable(const Value* executables, std::string_view 
   const auto climbs = [](const std::filesystem::path& part) { return part == ".."; };
   if (!name.has_filename() || name.is_absolute() || name == "." ||
       std::any_of(name.begin(), name.end(), climbs))
-    throw DescriptionError(kNotOfItsForm, "executable '" + name.string() +
-                                              "' is not a file within the module's folder");
+    throw DescriptionError(
+        CMErrorCode::kBadDescription,
+        "executable '" + name.string() + "' is not a file within the module's folder");
   return folder / name;
 }
 
@@ -179,8 +178,8 @@ std::unique_ptr<const Module> ReadModule(const std::filesystem::path& folder, st
   const auto result =
       JsonDocument::ParseInPlace(module->text, module->description, ConfigStoreDocument::kMaxDepth);
   if (result.IsError())
-    throw DescriptionError(kNoJson, "byte " + std::to_string(result.Offset()) + ": " +
-                                        rapidjson::GetParseError_En(result.Code()));
+    throw DescriptionError(CMErrorCode::kNoJson, "byte " + std::to_string(result.Offset()) + ": " +
+                                                     rapidjson::GetParseError_En(result.Code()));
   const Value& description = module->description;
   RequireFormat(description);
   RequireForm(description, ModuleFormat());

@@ -2,7 +2,6 @@
 
 #include <rapidjson/document.h>
 
-#include <cstdint>
 #include <filesystem>
 #include <map>
 #include <memory>
@@ -10,6 +9,7 @@
 #include <string>
 #include <utility>
 
+#include "configmanager/error_codes.h"
 #include "configmanager/module/module.h"
 
 namespace RyxConfigManager {
@@ -17,16 +17,16 @@ namespace RyxConfigManager {
 /// A description is not what it should be.
 class DescriptionError : public std::runtime_error {
  public:
-  /// @param code    the configuration manager's status code: 2080 no JSON, 2081 not of its form,
-  ///                2082 of another format, 2084 a default that its own schema refuses
+  /// @param code    kNoJson, kBadDescription, kUnknownFormat, or kBadValue for a default that its
+  ///                own schema refuses
   /// @param detail  where and why
-  DescriptionError(std::int32_t code, const std::string& detail)
+  DescriptionError(CMErrorCode code, const std::string& detail)
       : std::runtime_error(detail), code_(code) {}
 
-  [[nodiscard]] std::int32_t code() const { return code_; }
+  [[nodiscard]] CMErrorCode code() const { return code_; }
 
  private:
-  std::int32_t code_;
+  CMErrorCode code_;
 };
 
 /// Reads the description of a module.

@@ -115,7 +115,8 @@ StoredConfiguration::StoredConfiguration(std::vector<RyxConfigStore::Entry> entr
     if (value == nullptr) {
       // As an empty value it is replaced by the next apply and goes with the next delete.
       const RyxConfigStore::ConfigStoreException damage(
-          1035, {address.component + "/" + address.group + "/" + address.key});
+          RyxConfigStore::CSErrorCode::kUnreadableValue,
+          {address.component + "/" + address.group + "/" + address.key});
       Log_Level(LogLevel::kCritical, "[ConfigStore]: %s\n", damage.what());
       value = pool_.Parse("{}");
     }

@@ -18,7 +18,7 @@ namespace RyxConfigManager {
 /// What a user asked for so far, as entries of the store have it.
 class StoredConfiguration {
  public:
-  /// @throws RyxConfigStore::ConfigStoreException 1035  a value is no JSON
+  /// A value that is no JSON counts as an empty one, which is logged at level 2.
   explicit StoredConfiguration(std::vector<RyxConfigStore::Entry> entries);
 
   /// @return nothing when the user asked for nothing, or with another version of the module for
