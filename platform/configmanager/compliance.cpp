@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "configmanager/config_manager.h"
+#include "configmanager/module/installed_modules.h"
 #include "configmanager/state/current_configuration.h"
 #include "configmanager/state/plan.h"
 #include "configmanager/state/setting_values.h"

@@ -2,6 +2,7 @@
 
 #include "configmanager/config_manager.h"
 #include "configmanager/document/document_builder.h"
+#include "configmanager/module/installed_modules.h"
 #include "configmanager/state/current_configuration.h"
 #include "configmanager/state/plan.h"
 

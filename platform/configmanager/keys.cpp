@@ -13,6 +13,7 @@
 #include "configmanager/document/document_merge.h"
 #include "configmanager/exceptions.h"
 #include "configmanager/module/host_schema.h"
+#include "configmanager/module/installed_modules.h"
 #include "configmanager/schema/value_check.h"
 #include "configmanager/schema/violations.h"
 #include "configmanager/state/apply_module.h"

@@ -6,6 +6,7 @@
 
 #include "configmanager/config_manager.h"
 #include "configmanager/document/document_check.h"
+#include "configmanager/module/installed_modules.h"
 #include "configmanager/module/module_description.h"
 #include "configmanager/module/plugin.h"
 #include "configmanager/schema/violations.h"

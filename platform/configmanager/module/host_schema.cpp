@@ -5,6 +5,7 @@
 
 #include "configmanager/config_manager.h"
 #include "configmanager/module/description_format.h"
+#include "configmanager/module/installed_modules.h"
 #include "tesselibs/json_document.h"
 
 namespace RyxConfigManager {

@@ -12,13 +12,11 @@
 
 #include "configstore/store.h"
 
-/// Configuration modules: folders below kModulesDirectory, each of which teaches the manager the
-/// keys of one component and brings the programs that check, read and apply them.
+/// Configuration modules, each of which teaches the manager the keys of one component and brings
+/// the programs that check, read and apply them.
 namespace RyxConfigManager {
 
 struct Schema;
-
-inline constexpr char kModulesDirectory[] = "/usr/lib/tessel/configmanager/apply_modules";
 
 /// A property whose value has to be the id of an instance of another key.
 struct Reference {
@@ -60,7 +58,8 @@ struct Module {
   rapidjson::Document description;  ///< module.json
 };
 
-/// The modules of the host, those that others refer to first. Immutable.
+/// The modules of the host, those that others refer to first. Immutable: readable from any thread,
+/// and handed on by shared pointers, so that an operation keeps those that it began with.
 class ModuleSet {
  public:
   explicit ModuleSet(std::vector<std::unique_ptr<const Module>> modules);
@@ -75,15 +74,5 @@ class ModuleSet {
  private:
   std::vector<std::unique_ptr<const Module>> modules_;
 };
-
-/// The modules as they are installed now: read anew when a module.json has changed, came or went.
-/// Folders without one are no modules. A broken module, one that refers to a key that no module
-/// has, and modules that refer to each other in a circle are logged at level 2 with what is wrong,
-/// and left out. Whether a program can be run is not looked at before it is to run. Callable from
-/// any thread.
-[[nodiscard]] std::shared_ptr<const ModuleSet> InstalledModules();
-
-/// Reads the modules below a directory, uncached.
-[[nodiscard]] std::shared_ptr<const ModuleSet> LoadModules(const std::filesystem::path& directory);
 
 }  // namespace RyxConfigManager

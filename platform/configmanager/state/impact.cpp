@@ -9,6 +9,7 @@
 
 #include "configmanager/config_manager.h"
 #include "configmanager/exceptions.h"
+#include "configmanager/module/installed_modules.h"
 #include "tesselibs/uuid.h"
 
 namespace RyxConfigManager {

@@ -1,11 +1,10 @@
-#include "configmanager/module/module.h"
+#include "configmanager/module/installed_modules.h"
 
 #include <gmock/gmock.h>
 
 #include <string>
 #include <vector>
 
-#include "configmanager/document/host_identity.h"
 #include "configmanager/testing/module_folder.h"
 #include "tesselibs/testing/captured_log.h"
 
@@ -105,33 +104,6 @@ TEST(ModuleTest, ModulesComeBehindThoseTheyReferTo) {
   EXPECT_THAT(Components(*LoadModules(folder.path())), ElementsAre("third", "second", "first"));
   const auto circle = HasSubstr("Failed to create dependency graph from plugin JSON files.");
   EXPECT_THAT(log.TakeLines(), ElementsAre(circle, circle, circle));
-}
-
-TEST(HostIdentityTest, TakesTheFirstUsableIdentifier) {
-  constexpr char kProduct[] = "4C4C4544-0042-3510-8054-B2C04F4E4D32";
-  constexpr char kMachine[] = "0123456789abcdef0123456789abcdef";
-  constexpr char kDerived[] = "b89fbdd5-1cb9-5910-b18c-8be9d3d8b81a";
-  struct {
-    std::string product, machine, expected;
-  } const cases[] = {
-      {kProduct, kMachine, "4c4c4544-0042-3510-8054-b2c04f4e4d32"},
-      {"Not Settable", kMachine, kDerived},
-      {"00000000-0000-0000-0000-000000000000", kMachine, kDerived},
-      {"FFFFFFFF-FFFF-FFFF-FFFF-FFFFFFFFFFFF", kMachine, kDerived},
-      {"", "uninitialized", ""},
-      {"", "", ""},
-  };
-  for (const auto& [product, machine, expected] : cases) {
-    const ModuleFolder folder;
-    const auto identify = [&, product = product, machine = machine] {
-      return HostIdentity(folder.AddFile("product_uuid", product + "\n"),
-                          folder.AddFile("machine-id", machine + "\n"));
-    };
-    if (expected.empty())
-      EXPECT_THROW(static_cast<void>(identify()), std::runtime_error) << machine;
-    else
-      EXPECT_EQ(identify(), expected) << product;
-  }
 }
 
 }  // namespace
