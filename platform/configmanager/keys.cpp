@@ -14,12 +14,14 @@
 #include "configmanager/exceptions.h"
 #include "configmanager/module/host_schema.h"
 #include "configmanager/module/installed_modules.h"
+#include "configmanager/module/key_check.h"
 #include "configmanager/schema/value_check.h"
 #include "configmanager/schema/violations.h"
 #include "configmanager/state/apply_module.h"
 #include "configmanager/state/current_configuration.h"
 #include "configmanager/state/impact.h"
 #include "configmanager/state/plan.h"
+#include "configmanager/state/setting_values.h"
 #include "tesselibs/json_document.h"
 
 namespace RyxConfigManager {

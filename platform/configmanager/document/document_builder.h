@@ -5,8 +5,8 @@
 #include <map>
 #include <string>
 
+#include "configmanager/module/instance_values.h"
 #include "configmanager/module/module.h"
-#include "configmanager/state/setting_values.h"
 
 namespace RyxConfigManager {
 

@@ -8,6 +8,7 @@
 #include "configmanager/document/document_merge.h"
 #include "configmanager/exceptions.h"
 #include "configmanager/module/description_format.h"
+#include "configmanager/module/key_check.h"
 #include "configmanager/schema/member_index.h"
 #include "configmanager/schema/value_check.h"
 #include "tesselibs/json_document.h"

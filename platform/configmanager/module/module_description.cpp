@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "configmanager/module/description_format.h"
+#include "configmanager/module/key_check.h"
 #include "configmanager/schema/schema.h"
 #include "configmanager/schema/value_check.h"
 #include "configmanager/schema/violations.h"

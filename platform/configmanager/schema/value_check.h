@@ -2,7 +2,6 @@
 
 #include <rapidjson/document.h>
 
-#include "configmanager/module/module.h"
 #include "configmanager/schema/document_path.h"
 #include "configmanager/schema/schema.h"
 #include "configmanager/schema/violations.h"
@@ -27,11 +26,5 @@ void CheckWellFormed(const rapidjson::Value& value, const DocumentPath& path,
 ///               neither, that is told of the profile, or of the only one that there is.
 void CheckValue(const rapidjson::Value& value, const rapidjson::Value* other, const Schema& schema,
                 Section section, const DocumentPath& path, Violations& violations);
-
-/// Collects what a key refuses in its value: an object, or a list of instances.
-/// @param other  see CheckValue
-void CheckKey(const rapidjson::Value& value, const rapidjson::Value* other,
-              const KeyDefinition& key, Section section, const DocumentPath& path,
-              Violations& violations);
 
 }  // namespace RyxConfigManager

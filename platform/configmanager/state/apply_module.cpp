@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "configmanager/module/plugin.h"
+#include "configmanager/state/setting_values.h"
 #include "tesselibs/log.h"
 
 namespace RyxConfigManager {

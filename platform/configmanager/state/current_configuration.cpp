@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "configmanager/schema/member_index.h"
+#include "configmanager/state/setting_values.h"
 #include "configstore/status_error.h"
 #include "tesselibs/log.h"
 

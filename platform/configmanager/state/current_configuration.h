@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
+#include "configmanager/module/instance_values.h"
 #include "configmanager/module/module.h"
 #include "configmanager/module/plugin.h"
-#include "configmanager/state/setting_values.h"
 #include "configmanager/state/value_pool.h"
 #include "configmanager/task_progress.h"
 #include "configstore/store.h"

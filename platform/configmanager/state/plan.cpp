@@ -6,19 +6,12 @@
 #include <utility>
 
 #include "configmanager/schema/member_index.h"
+#include "configmanager/state/setting_values.h"
 
 namespace RyxConfigManager {
 namespace {
 
 using rapidjson::Value;
-
-/// One setting of a key, seen from all sides.
-struct Setting {
-  const Value* effective;
-  const Value* target;
-  const Value* defaultValue;
-  const Value* stored;
-};
 
 bool IsRecorded(const KeyPlan& plan) {
   const KeyState& state = *plan.state;
@@ -34,12 +27,12 @@ bool IsRecorded(const KeyPlan& plan) {
 }
 
 /// The stored value, too, has to be what is asked for: that in force may have come to it by chance.
-bool IsAsAskedFor(const Setting& s) {
-  return IsInForce({s.effective, s.target, s.defaultValue, s.stored}) &&
+bool IsAsAskedFor(const SettingComparison& s) {
+  return IsInForce(s) &&
          (s.stored == nullptr || IsInForce({s.stored, s.target, s.defaultValue, s.stored}));
 }
 
-void PlanAskedFor(KeyPlan& plan, const std::string& instance, const Setting& s) {
+void PlanAskedFor(KeyPlan& plan, const std::string& instance, const SettingComparison& s) {
   if (s.target == nullptr) {
     plan.changes.push_back(
         {plan.state->key, ChangeAction::kDelete, instance, s.effective, nullptr});
@@ -54,8 +47,8 @@ void PlanAskedFor(KeyPlan& plan, const std::string& instance, const Setting& s) 
   }
 }
 
-void PlanDefault(KeyPlan& plan, const std::string& instance, const Setting& s) {
-  const bool isDefault = IsInForce({s.effective, s.target, s.defaultValue, s.stored});
+void PlanDefault(KeyPlan& plan, const std::string& instance, const SettingComparison& s) {
+  const bool isDefault = IsInForce(s);
   if (s.stored == nullptr && isDefault) return;
   auto action = s.effective == nullptr ? ChangeAction::kAdd : ChangeAction::kSet;
   if (s.stored != nullptr || s.target == nullptr) action = ChangeAction::kDelete;
@@ -90,7 +83,7 @@ std::optional<KeyPlan> PlanKey(const KeyState& state, const Value* wanted) {
     for (const auto& [instance, value] : *values) instances.insert(instance);
   }
   for (const std::string& instance : instances) {
-    const Setting setting{
+    const SettingComparison setting{
         FindInstance(state.effective, instance), FindInstance(plan.target, instance),
         FindInstance(state.defaults, instance), FindInstance(state.stored, instance)};
     (plan.isAskedFor ? PlanAskedFor : PlanDefault)(plan, instance, setting);

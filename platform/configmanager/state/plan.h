@@ -5,9 +5,9 @@
 #include <string>
 #include <vector>
 
+#include "configmanager/module/instance_values.h"
 #include "configmanager/module/plugin.h"
 #include "configmanager/state/current_configuration.h"
-#include "configmanager/state/setting_values.h"
 #include "configstore/store.h"
 
 namespace RyxConfigManager {

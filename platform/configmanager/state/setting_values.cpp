@@ -52,29 +52,6 @@ bool AreClose(double a, double b) {
 
 }  // namespace
 
-std::string InstanceId(const KeyDefinition& key, const Value& instance) {
-  return std::string(JsonDocument::TextOf(JsonDocument::FindMember(instance, key.idProperty)));
-}
-
-std::optional<InstanceValues> SplitInstances(const KeyDefinition& key, const Value& value) {
-  if (key.singleton) {
-    if (!value.IsObject()) return {};
-    return InstanceValues{{"", &value}};
-  }
-  if (!value.IsArray()) return {};
-  InstanceValues instances;
-  for (const Value& instance : value.GetArray()) {
-    std::string id = InstanceId(key, instance);
-    if (id.empty() || !instances.emplace(std::move(id), &instance).second) return {};
-  }
-  return instances;
-}
-
-const Value* FindInstance(const InstanceValues& values, const std::string& instance) {
-  const auto found = values.find(instance);
-  return found == values.end() ? nullptr : found->second;
-}
-
 bool IsInForce(const SettingComparison& setting) {
   if (setting.effective == nullptr || setting.target == nullptr) {
     return setting.effective == setting.target;
