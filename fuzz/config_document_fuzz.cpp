@@ -11,7 +11,6 @@
 #include "configmanager/document/document_check.h"
 #include "configmanager/document/document_merge.h"
 #include "configmanager/exceptions.h"
-#include "configmanager/module/host_schema.h"
 #include "configmanager/module/module_description.h"
 #include "fuzz/target.h"
 #include "tesselibs/json_document.h"
@@ -35,21 +34,20 @@ constexpr char kModule[] =
     "properties": {"e": {"enum": ["on", 1]}, "b": {"type": "boolean"}}}},
   "h": {"host_specific": true, "schema": {"type": "object"}}}}}})";
 
-const Document& Schema() {
-  static const Document schema = [] {
-    std::vector<std::unique_ptr<const RyxConfigManager::Module>> modules;
-    modules.push_back(RyxConfigManager::ReadModule("/m", kModule));
-    return RyxConfigManager::DescribeKeys(RyxConfigManager::ModuleSet(std::move(modules)));
+const RyxConfigManager::ModuleSet& Modules() {
+  static const RyxConfigManager::ModuleSet modules = [] {
+    std::vector<std::unique_ptr<const RyxConfigManager::Module>> read;
+    read.push_back(RyxConfigManager::ReadModule("/m", kModule));
+    return RyxConfigManager::ModuleSet(std::move(read));
   }();
-  return schema;
+  return modules;
 }
 
 /// @return whether the document is valid
 bool MergeAndCheck(Document& document) {
-  RyxConfigManager::MergeDocument(Schema().root(), kHost, document);
+  RyxConfigManager::MergeDocument(Modules(), kHost, document);
   RyxConfigManager::Violations violations;
-  RyxConfigManager::CheckDocument(document, RyxConfigManager::ReadHostSchema(Schema().root()),
-                                  kHost, violations);
+  RyxConfigManager::CheckDocument(document, Modules(), kHost, violations);
   const bool hasDuplicates = std::any_of(
       violations.found().begin(), violations.found().end(),
       [](const auto& violation) { return violation.id.ends_with("duplicate.property"); });

@@ -21,23 +21,25 @@
 /// is never an exception: it is reported with a message of its own.
 namespace RyxConfigManager {
 
+class ModuleSet;
 using ConfigStoreDocument::Document;
 
-/// The schema of every key that this host knows: {"schema_version": "1.0", "components":
-/// {COMPONENT:
-/// {"version", "description", "groups"}}}, each component as its module.json has it. What a key's
-/// "schema" holds is a subset of JSON Schema, so that a client can check values by it, too.
+/// The schema that documents for this host are held to: its modules as they are installed when it
+/// is made, which it keeps. Immutable.
+using HostDocumentSchema = std::shared_ptr<const ModuleSet>;
+
 /// @param document  whose components it is for; the schema is the host's, whatever they are
-[[nodiscard]] Document GenerateHostDocumentSchema(const Document& document);
+[[nodiscard]] HostDocumentSchema GenerateHostDocumentSchema(const Document& document);
 
 /// Lays this host's "host-specific" part over the document's profile, property by property.
-void CreateMergedDocument(const Document& schema, Document& document);
+void CreateMergedDocument(const HostDocumentSchema& schema, Document& document);
 
 /// Collects every violation in a merged document, then asks the modules' validators unless the
 /// schema has already refused it.
-/// @param schema_only  leaves the modules' validators out
-/// @throws ConfigManagerException  kEmptyDocument: the document names no key, and nothing else is wrong
-void Validate(const Document& document, const Document& schema, ValidationResult& result,
+/// @param schemaOnly  leaves the modules' validators out
+/// @throws ConfigManagerException  kEmptyDocument: the document names no key, and nothing else is
+/// wrong
+void Validate(const Document& document, const HostDocumentSchema& schema, ValidationResult& result,
               bool schemaOnly, const TaskInput* task);
 
 /// What applying a valid, merged document would do, prepared to be applied.

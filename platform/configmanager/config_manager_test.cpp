@@ -39,7 +39,7 @@ class ConfigManagerTest : public testing::Test {
 
   static Document Parse(const std::string& text) {
     Document document = ConfigStoreDocument::CreateDocument(text);
-    const Document schema = GenerateHostDocumentSchema(document);
+    const auto schema = GenerateHostDocumentSchema(document);
     CreateMergedDocument(schema, document);
     return document;
   }

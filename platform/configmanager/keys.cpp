@@ -12,7 +12,6 @@
 #include "configmanager/document/document_check.h"
 #include "configmanager/document/document_merge.h"
 #include "configmanager/exceptions.h"
-#include "configmanager/module/host_schema.h"
 #include "configmanager/module/installed_modules.h"
 #include "configmanager/module/key_check.h"
 #include "configmanager/schema/value_check.h"
@@ -123,7 +122,7 @@ class KeyChange {
     if (builder.empty()) return {};
     const std::string host = GetBIOSUUID();
     Document document = ConfigStoreDocument::CreateDocument(builder.Finish(host));
-    MergeDocument(DescribeKeys(*found_.modules).root(), host, document);
+    MergeDocument(*found_.modules, host, document);
     Violations violations;
     CheckDocument(document, *found_.modules, host, violations);
     return violations.Take();

@@ -1,13 +1,15 @@
 #include <algorithm>
 #include <cstddef>
 #include <iterator>
+#include <string>
 #include <utility>
 #include <vector>
 
 #include "configmanager/config_manager.h"
 #include "configmanager/document/document_check.h"
+#include "configmanager/document/document_merge.h"
+#include "configmanager/document/host_identity.h"
 #include "configmanager/module/installed_modules.h"
-#include "configmanager/module/module_description.h"
 #include "configmanager/module/plugin.h"
 #include "configmanager/schema/violations.h"
 #include "configmanager/state/current_configuration.h"
@@ -18,14 +20,6 @@
 
 namespace RyxConfigManager {
 namespace {
-
-ModuleSet ReadKeys(const Document& schema) {
-  try {
-    return ReadHostSchema(schema.root());
-  } catch (const DescriptionError& error) {
-    throw ConfigManagerException(error.code(), {error.what()});
-  }
-}
 
 void AskValidator(const ModulePlan& plan, ValidationResult& result, const TaskInput* task) {
   const std::vector<Change> changes = plan.Changes();
@@ -40,10 +34,9 @@ void AskValidator(const ModulePlan& plan, ValidationResult& result, const TaskIn
 
 /// Has the modules judge what would change. What a module cannot read does not matter for that:
 /// what was stored is taken for it.
-void AskValidators(const Document& document, ValidationResult& result,
+void AskValidators(const Document& document, const ModuleSet& modules, ValidationResult& result,
                    const TaskProgress& progress) {
-  const auto modules = InstalledModules();
-  std::vector<const Module*> judges = AllModules(*modules);
+  std::vector<const Module*> judges = AllModules(modules);
   std::erase_if(judges, [](const Module* module) { return module->executables.validate.empty(); });
   const CurrentConfiguration current(*RyxConfigStore::Store::FromPath(), judges,
                                      progress.Share(0, 60));
@@ -57,11 +50,21 @@ void AskValidators(const Document& document, ValidationResult& result,
 
 }  // namespace
 
-void Validate(const Document& document, const Document& schema, ValidationResult& result,
+std::string GetBIOSUUID() {
+  return HostIdentity("/sys/class/dmi/id/product_uuid", "/etc/machine-id");
+}
+
+HostDocumentSchema GenerateHostDocumentSchema(const Document&) { return InstalledModules(); }
+
+void CreateMergedDocument(const HostDocumentSchema& schema, Document& document) {
+  MergeDocument(*schema, GetBIOSUUID(), document);
+}
+
+void Validate(const Document& document, const HostDocumentSchema& schema, ValidationResult& result,
               bool schemaOnly, const TaskInput* task) {
   const TaskProgress progress(task);
   Violations violations;
-  CheckDocument(document, ReadKeys(schema), GetBIOSUUID(), violations);
+  CheckDocument(document, *schema, GetBIOSUUID(), violations);
   if (violations.uncollected() != 0)
     Log_Level(LogLevel::kError,
               "A configuration document has %zu more violations than are reported.\n",
@@ -69,7 +72,7 @@ void Validate(const Document& document, const Document& schema, ValidationResult
   result.errors = violations.Take();
   progress.Report(1, 10);
   if (!schemaOnly && result.errors.empty())
-    AskValidators(document, result, progress.Share(10, 100));
+    AskValidators(document, *schema, result, progress.Share(10, 100));
   progress.Report(1, 1);
 }
 

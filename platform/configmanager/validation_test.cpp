@@ -19,7 +19,7 @@ class ValidationTest : public testing::Test {
   static std::vector<std::string> Run(const std::string& profile, bool schemaOnly = false,
                                       const TaskInput* task = nullptr) {
     Document document = ConfigStoreDocument::CreateDocument(R"({"profile":)" + profile + "}");
-    const Document schema = GenerateHostDocumentSchema(document);
+    const auto schema = GenerateHostDocumentSchema(document);
     CreateMergedDocument(schema, document);
     ValidationResult result;
     Validate(document, schema, result, schemaOnly, task);

@@ -3,12 +3,13 @@
 #include <gmock/gmock.h>
 #include <rapidjson/pointer.h>
 
+#include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "configmanager/document/document_merge.h"
 #include "configmanager/exceptions.h"
-#include "configmanager/module/host_schema.h"
 #include "configmanager/module/module_description.h"
 #include "tesselibs/json_document.h"
 
@@ -44,12 +45,12 @@ class DocumentCheckTest : public testing::Test {
   DocumentCheckTest() {
     std::vector<std::unique_ptr<const Module>> modules;
     modules.push_back(ReadModule("/modules/net", kModule));
-    schema_ = DescribeKeys(ModuleSet(std::move(modules)));
+    modules_ = std::make_unique<const ModuleSet>(std::move(modules));
   }
 
   [[nodiscard]] ConfigStoreDocument::Document Merge(const std::string& text) const {
     auto document = ConfigStoreDocument::CreateDocument(text);
-    MergeDocument(schema_.root(), kHost, document);
+    MergeDocument(*modules_, kHost, document);
     return document;
   }
 
@@ -60,7 +61,7 @@ class DocumentCheckTest : public testing::Test {
   /// Each violation as "PATH ID ARGUMENT...".
   [[nodiscard]] std::vector<std::string> Check(const std::string& text) const {
     Violations violations;
-    CheckDocument(Merge(text), ReadHostSchema(schema_.root()), kHost, violations);
+    CheckDocument(Merge(text), *modules_, kHost, violations);
     std::vector<std::string> lines;
     for (const auto& violation : violations.found()) {
       lines.push_back(violation.path + ' ' + violation.id.substr(kValidationPrefix.size()));
@@ -69,7 +70,7 @@ class DocumentCheckTest : public testing::Test {
     return lines;
   }
 
-  ConfigStoreDocument::Document schema_;
+  std::unique_ptr<const ModuleSet> modules_;
 };
 
 /// A document with these keys of net/g in its profile and in this host's part.
@@ -209,7 +210,7 @@ TEST_F(DocumentCheckTest, SurvivesDocumentsMadeOfViolations) {
   std::string nulls = R"("text": {")" + std::string(100'000, 'n') + R"(": [null)";
   for (int i = 0; i < 10'000; ++i) nulls += ",null";
   Violations violations;
-  CheckDocument(Merge(Keys(nulls + "]}")), ReadHostSchema(schema_.root()), kHost, violations);
+  CheckDocument(Merge(Keys(nulls + "]}")), *modules_, kHost, violations);
   EXPECT_LT(violations.found().size(), 100U);
   EXPECT_GT(violations.uncollected(), 9'900U);
 }

@@ -2,10 +2,10 @@
 
 #include <strings.h>
 
-#include <map>
+#include <array>
+#include <cstddef>
 #include <string_view>
 
-#include "configmanager/config_manager.h"
 #include "configmanager/schema/member_index.h"
 #include "configstore/store.h"
 #include "tesselibs/json_document.h"
@@ -19,61 +19,38 @@ using JsonDocument::TextOf;
 using rapidjson::Value;
 using RyxConfigStore::KeyAddress;
 
-/// The id properties of the keys that have instances.
-std::map<KeyAddress, std::string> ReadIdProperties(const Value& schema) {
-  std::map<KeyAddress, std::string> found;
-  const Value* const components = FindMember(schema, "components");
-  if (components == nullptr) return found;
-  for (const auto& [component, description] : Members(*components)) {
-    const Value* const groups = FindMember(description, "groups");
-    if (groups == nullptr) continue;
-    for (const auto& [group, content] : Members(*groups)) {
-      const Value* const keys = FindMember(content, "keys");
-      if (keys == nullptr) continue;
-      for (const auto& [key, definition] : Members(*keys)) {
-        const std::string_view id = TextOf(FindMember(definition, "id_property"));
-        if (!id.empty())
-          found.emplace(KeyAddress{std::string(TextOf(&component)), std::string(TextOf(&group)),
-                                   std::string(TextOf(&key))},
-                        id);
-      }
-    }
-  }
-  return found;
-}
+/// The names that lead to a key, from the outside in.
+constexpr std::array kNames{&KeyAddress::component, &KeyAddress::group, &KeyAddress::key};
 
 /// Lays sections of a document over each other.
 class Merger {
  public:
-  Merger(const Value& schema, rapidjson::Document& merged)
-      : idProperties_(ReadIdProperties(schema)), allocator_(merged.GetAllocator()) {}
+  Merger(const ModuleSet& modules, rapidjson::Document& merged)
+      : modules_(modules), allocator_(merged.GetAllocator()) {}
 
   void LaySection(Value& target, const Value& section) {
-    LayMembers(target, section, [&](Value& component, const Value& over, std::string_view name) {
-      address_.component = name;
-      LayComponent(component, over);
-    });
+    if (section.IsObject()) LayNames(target, section, 0);
   }
 
  private:
-  void LayComponent(Value& target, const Value& over) {
+  /// @param level  of the name that the members have in the address of their keys
+  void LayNames(Value& target, const Value& over, std::size_t level) {
     if (!target.IsObject() || !over.IsObject()) return Replace(target, over);
-    LayMembers(target, over, [&](Value& group, const Value& groupOver, std::string_view name) {
-      address_.group = name;
-      LayGroup(group, groupOver);
+    LayMembers(target, over, [&](Value& inner, const Value& innerOver, std::string_view name) {
+      address_.*kNames.at(level) = name;
+      if (level + 1 < kNames.size())
+        LayNames(inner, innerOver, level + 1);
+      else
+        LayKey(inner, innerOver);
     });
   }
 
-  void LayGroup(Value& target, const Value& over) {
-    if (!target.IsObject() || !over.IsObject()) return Replace(target, over);
-    LayMembers(target, over, [&](Value& key, const Value& keyOver, std::string_view name) {
-      address_.key = name;
-      const auto idProperty = idProperties_.find(address_);
-      if (idProperty != idProperties_.end() && key.IsArray() && keyOver.IsArray())
-        LayInstances(key, keyOver, idProperty->second);
-      else
-        LayValue(key, keyOver);
-    });
+  void LayKey(Value& target, const Value& over) {
+    const KeyDefinition* const key = modules_.FindKey(address_);
+    if (key != nullptr && !key->singleton && target.IsArray() && over.IsArray())
+      LayInstances(target, over, key->idProperty);
+    else
+      LayValue(target, over);
   }
 
   void LayInstances(Value& target, const Value& over, const std::string& idProperty) {
@@ -115,18 +92,18 @@ class Merger {
     }
   }
 
-  const std::map<KeyAddress, std::string> idProperties_;
+  const ModuleSet& modules_;
   rapidjson::Document::AllocatorType& allocator_;
   KeyAddress address_;  // of what is being laid over
 };
 
 }  // namespace
 
-void MergeDocument(const Value& schema, const std::string& host,
+void MergeDocument(const ModuleSet& modules, const std::string& host,
                    ConfigStoreDocument::Document& document) {
   rapidjson::Document& merged = document.EditMerged();
   merged = rapidjson::Document(rapidjson::kObjectType);
-  Merger merger(schema, merged);
+  Merger merger(modules, merged);
   if (const Value* const profile = FindMember(document.root(), "profile"))
     merger.LaySection(merged, *profile);
   if (const Value* const section = FindHostSection(document.root(), host))
@@ -144,10 +121,6 @@ const Value* FindHostSection(const Value& root, const std::string& host) {
   for (const auto& [name, section] : Members(*sections))
     if (IsSectionOf(host, name)) return &section;
   return nullptr;
-}
-
-void CreateMergedDocument(const Document& schema, Document& document) {
-  MergeDocument(schema.root(), GetBIOSUUID(), document);
 }
 
 }  // namespace RyxConfigManager

@@ -8,7 +8,6 @@
 #include <boost/uuid/name_generator_sha1.hpp>
 #include <boost/uuid/uuid_io.hpp>
 
-#include "configmanager/config_manager.h"
 #include "tesselibs/uuid.h"
 
 namespace RyxConfigManager {
@@ -52,10 +51,6 @@ std::string HostIdentity(const std::filesystem::path& productUuid,
   if (const auto uuid = ProductUuid(FirstWord(productUuid))) return to_string(*uuid);
   if (const auto uuid = DerivedUuid(FirstWord(machineId))) return to_string(*uuid);
   throw std::runtime_error("The host has neither a product UUID nor a machine id.");
-}
-
-std::string GetBIOSUUID() {
-  return HostIdentity("/sys/class/dmi/id/product_uuid", "/etc/machine-id");
 }
 
 }  // namespace RyxConfigManager

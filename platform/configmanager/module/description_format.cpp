@@ -50,20 +50,6 @@ const std::string kModule = R"({
     "timeout_seconds": {"type": "integer", "minimum": 1, "maximum": 86400},
     "groups": )" + kGroups + "}}";
 
-const std::string kHostSchema = R"({
-  "type": "object", "additionalProperties": false, "required": ["schema_version", "components"],
-  "properties": {
-    "schema_version": {"type": "string", "enum": ["1.0"]},
-    "components": {
-      "type": "object",
-      "additionalProperties": {
-        "type": "object", "additionalProperties": false, "required": ["version", "groups"],
-        "properties": {
-          "version": {"type": "string"},
-          "description": {"type": "string"},
-          "groups": )" + kGroups +
-                                "}}}}}";
-
 const std::string kSection = R"({
   "type": "object",
   "additionalProperties": {"type": "object", "additionalProperties": {"type": "object"}}})";
@@ -94,11 +80,6 @@ struct Format {
 
 const Schema& ModuleFormat() {
   static const Format format(kModule);
-  return *format.schema;
-}
-
-const Schema& HostSchemaFormat() {
-  static const Format format(kHostSchema);
   return *format.schema;
 }
 

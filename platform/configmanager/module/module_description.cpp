@@ -198,17 +198,4 @@ std::unique_ptr<const Module> ReadModule(const std::filesystem::path& folder, st
   return module;
 }
 
-ModuleSet ReadHostSchema(const Value& description) {
-  RequireForm(description, HostSchemaFormat());
-  std::vector<std::unique_ptr<const Module>> modules;
-  for (const auto& [name, component] : Members(*FindMember(description, "components"))) {
-    auto module = std::make_unique<Module>();
-    module->component = ReadName(name);
-    module->version = TextOf(FindMember(component, "version"));
-    ReadKeys(*FindMember(component, "groups"), *module);
-    modules.push_back(std::move(module));
-  }
-  return ModuleSet(std::move(modules));
-}
-
 }  // namespace RyxConfigManager

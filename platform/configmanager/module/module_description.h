@@ -35,9 +35,4 @@ class DescriptionError : public std::runtime_error {
 [[nodiscard]] std::unique_ptr<const Module> ReadModule(const std::filesystem::path& folder,
                                                        std::string text);
 
-/// Reads the description of a host's keys (host_schema.h). The modules know their keys only, and
-/// lead into the description.
-/// @throws DescriptionError
-[[nodiscard]] ModuleSet ReadHostSchema(const rapidjson::Value& description);
-
 }  // namespace RyxConfigManager
