@@ -3,17 +3,15 @@
 #include <utility>
 
 #include "configmanager/config_manager.h"
+#include "configmanager/document/key_walk.h"
 #include "configmanager/module/installed_modules.h"
 #include "configmanager/state/current_configuration.h"
 #include "configmanager/state/plan.h"
 #include "configmanager/state/setting_values.h"
-#include "tesselibs/json_document.h"
 
 namespace RyxConfigManager {
 namespace {
 
-using JsonDocument::Members;
-using JsonDocument::TextOf;
 using rapidjson::Value;
 using RyxConfigStore::KeyAddress;
 
@@ -28,18 +26,12 @@ class ComplianceCheck {
 
   /// The settings of the document, in its order.
   void CheckDocument(const Value& merged) {
-    for (const auto& [component, groups] : Members(merged)) {
-      for (const auto& [group, keys] : Members(groups)) {
-        for (const auto& [name, value] : Members(keys)) {
-          const KeyAddress address{std::string(TextOf(&component)), std::string(TextOf(&group)),
-                                   std::string(TextOf(&name))};
-          const auto key = keys_.find(address);
-          if (key == keys_.end()) continue;
-          CheckKey(key->second, value);
-          keys_.erase(key);
-        }
-      }
-    }
+    ForEachKey(merged, {}, [&](const KeyAddress& address, const Value& value, const auto&) {
+      const auto key = keys_.find(address);
+      if (key == keys_.end()) return;
+      CheckKey(key->second, value);
+      keys_.erase(key);
+    });
   }
 
   /// What the document does not name is to have its default.

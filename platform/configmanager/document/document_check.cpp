@@ -1,11 +1,11 @@
 #include "configmanager/document/document_check.h"
 
-#include <array>
 #include <map>
 #include <string_view>
 #include <utility>
 
 #include "configmanager/document/document_merge.h"
+#include "configmanager/document/key_walk.h"
 #include "configmanager/exceptions.h"
 #include "configmanager/module/description_format.h"
 #include "configmanager/module/key_check.h"
@@ -21,35 +21,6 @@ using JsonDocument::Members;
 using JsonDocument::TextOf;
 using rapidjson::Value;
 using RyxConfigStore::KeyAddress;
-
-/// Calls `visit` with the address, value and place of every key of a section.
-template <typename Visit>
-void ForEachKey(const Value& section, const DocumentPath& path, const Visit& visit) {
-  KeyAddress address;
-  for (const auto& [component, groups] : Members(section)) {
-    address.component = TextOf(&component);
-    const DocumentPath componentPath(path, TextOf(&component));
-    for (const auto& [group, keys] : Members(groups)) {
-      address.group = TextOf(&group);
-      const DocumentPath groupPath(componentPath, TextOf(&group));
-      for (const auto& [key, value] : Members(keys)) {
-        address.key = TextOf(&key);
-        visit(address, value, DocumentPath(groupPath, TextOf(&key)));
-      }
-    }
-  }
-}
-
-using KeyIndex = std::map<KeyAddress, const Value*>;
-
-KeyIndex IndexKeys(const Value* section) {
-  KeyIndex index;
-  if (section != nullptr)
-    ForEachKey(*section, {}, [&](const KeyAddress& address, const Value& value, const auto&) {
-      index.emplace(address, &value);
-    });
-  return index;
-}
 
 class DocumentCheck {
  public:
@@ -101,8 +72,7 @@ class DocumentCheck {
                                    {address.component, address.group, address.key});
                    return;
                  }
-                 const auto found = others.find(address);
-                 const Value* const other = found == others.end() ? nullptr : found->second;
+                 const Value* const other = FindKey(others, address);
                  CheckKey(value, other, *key, kind, place, violations_);
                  if (isOwn) CheckReferences(value, other, *key, kind, place);
                });

@@ -5,7 +5,7 @@
 #include <set>
 #include <utility>
 
-#include "configmanager/schema/member_index.h"
+#include "configmanager/document/key_walk.h"
 #include "configmanager/state/setting_values.h"
 
 namespace RyxConfigManager {
@@ -94,16 +94,12 @@ std::optional<KeyPlan> PlanKey(const KeyState& state, const Value* wanted) {
 
 std::vector<ModulePlan> MakePlan(const CurrentConfiguration& current, const Value& merged) {
   std::vector<ModulePlan> plans;
-  const MemberIndex components = IndexMembers(&merged);
+  const KeyIndex desired = IndexKeys(&merged);
   for (const ModuleState& module : current.modules()) {
     ModulePlan plan{&module, {}};
-    std::map<std::string, MemberIndex> groups;
-    for (const auto& [name, group] : IndexMembers(Find(components, module.module->component))) {
-      groups.emplace(name, IndexMembers(group));
-    }
     for (const KeyState& key : module.keys) {
-      const Value* wanted = Find(groups[key.key->address.group], key.key->address.key);
-      if (auto planned = PlanKey(key, wanted)) plan.keys.push_back(*std::move(planned));
+      if (auto planned = PlanKey(key, FindKey(desired, key.key->address)))
+        plan.keys.push_back(*std::move(planned));
     }
     if (!plan.keys.empty() || module.failure) plans.push_back(std::move(plan));
   }
