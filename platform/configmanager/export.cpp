@@ -1,4 +1,5 @@
 #include <chrono>
+#include <utility>
 
 #include "configmanager/config_manager.h"
 #include "configmanager/document/document_builder.h"
@@ -29,7 +30,7 @@ std::string ExportDocument() {
       if (PlanKey(key, nullptr)) document.Add(*key.key, key.effective);
     }
   }
-  return document.Finish(GetBIOSUUID());
+  return std::move(document).Finish(GetBIOSUUID()).ToText();
 }
 
 }  // namespace RyxConfigManager

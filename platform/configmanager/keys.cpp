@@ -9,8 +9,8 @@
 
 #include "configmanager/config_manager.h"
 #include "configmanager/document/document_builder.h"
-#include "configmanager/document/document_check.h"
 #include "configmanager/document/document_merge.h"
+#include "configmanager/document/reference_check.h"
 #include "configmanager/exceptions.h"
 #include "configmanager/module/installed_modules.h"
 #include "configmanager/module/key_check.h"
@@ -103,12 +103,13 @@ class KeyChange {
     }
     // Nothing but references is looked at: what was stored long ago may have become invalid with
     // another version of its module, and must not stand in the way of this key.
-    for (const ValidationErrorInfo& error : CheckAll(wanted)) {
-      if (error.id == std::string(kValidationPrefix) + "reference.not-found") Refuse(error);
-    }
+    Violations violations;
+    CheckStoredReferences(wanted, violations);
+    if (!violations.empty()) Refuse(violations.found().front());
   }
 
-  [[nodiscard]] std::vector<ValidationErrorInfo> CheckAll(const Value* wanted) const {
+  /// Checks the references of everything that is stored, with the key's new value in it.
+  void CheckStoredReferences(const Value* wanted, Violations& violations) const {
     DocumentBuilder builder;
     std::optional<InstanceValues> values;
     if (wanted != nullptr) values = SplitInstances(*found_.key, *wanted);
@@ -119,13 +120,12 @@ class KeyChange {
         if (&key != found_.key && stored) builder.Add(key, *stored);
       }
     }
-    if (builder.empty()) return {};
+    if (builder.empty()) return;
     const std::string host = GetBIOSUUID();
-    Document document = ConfigStoreDocument::CreateDocument(builder.Finish(host));
+    Document document = std::move(builder).Finish(host);
+    document.RequireBoundedDepth();  // or its export could not be handed in again
     MergeDocument(*found_.modules, host, document);
-    Violations violations;
-    CheckDocument(document, *found_.modules, host, violations);
-    return violations.Take();
+    CheckReferences(document, *found_.modules, host, violations);
   }
 
   void AskModule(const ModulePlan& plan) const {

@@ -23,6 +23,8 @@ inline constexpr unsigned kMaxDepth = 100;
 class Document {
  public:
   Document();
+  /// @param root  the document; what its strings refer to must outlive it
+  explicit Document(rapidjson::Document root);
 
   /// The document as it was given. Nothing about its shape is certain but that it is JSON.
   [[nodiscard]] const rapidjson::Value& root() const { return root_; }
@@ -31,11 +33,14 @@ class Document {
   /// was merged (RyxConfigManager::CreateMergedDocument).
   [[nodiscard]] const rapidjson::Value& merged() const { return merged_; }
 
-  [[nodiscard]] rapidjson::Document& EditRoot() { return root_; }
   [[nodiscard]] rapidjson::Document& EditMerged() { return merged_; }
 
   /// The document as it was given, as compact JSON.
   [[nodiscard]] std::string ToText() const;
+
+  /// Makes sure that CreateDocument would take the document's text.
+  /// @throws RyxConfigStore::ConfigStoreException  kNoJson: it nests too deep
+  void RequireBoundedDepth() const;
 
  private:
   friend Document CreateDocument(const std::string& text);
@@ -46,7 +51,8 @@ class Document {
 };
 
 /// @param text  a JSON text
-/// @throws RyxConfigStore::ConfigStoreException  kNoJson: the text is no JSON, or nests too deep; the
+/// @throws RyxConfigStore::ConfigStoreException  kNoJson: the text is no JSON, or nests too deep;
+/// the
 ///         log tells where
 Document CreateDocument(const std::string& text);
 

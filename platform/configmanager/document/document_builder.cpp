@@ -1,10 +1,8 @@
 #include "configmanager/document/document_builder.h"
 
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
-
 #include <utility>
 
+#include "configmanager/module/description_format.h"
 #include "configmanager/schema/schema.h"
 #include "tesselibs/json_document.h"
 
@@ -13,7 +11,6 @@ namespace {
 
 using rapidjson::Value;
 using Memory = rapidjson::MemoryPoolAllocator<>;
-using Writer = rapidjson::Writer<rapidjson::StringBuffer>;
 
 void AddCopy(Value& object, const Value& name, const Value& value, Memory& memory) {
   object.AddMember(Value(name, memory), Value(value, memory), memory);
@@ -64,39 +61,25 @@ Parts Split(const KeyDefinition& key, const Value& value, Memory& memory) {
   return parts;
 }
 
-void WriteSection(Writer& writer, const std::map<RyxConfigStore::KeyAddress, Value>& section) {
-  writer.StartObject();
-  const RyxConfigStore::KeyAddress* last = nullptr;
-  for (const auto& [address, value] : section) {
-    const bool sameComponent = last != nullptr && last->component == address.component;
-    const bool sameGroup = sameComponent && last->group == address.group;
-    if (last != nullptr && !sameGroup) writer.EndObject();
-    if (last != nullptr && !sameComponent) writer.EndObject();
-    if (!sameComponent) {
-      writer.Key(address.component.c_str());
-      writer.StartObject();
-    }
-    if (!sameGroup) {
-      writer.Key(address.group.c_str());
-      writer.StartObject();
-    }
-    writer.Key(address.key.c_str());
-    value.Accept(writer);
-    last = &address;
-  }
-  for (int open = last != nullptr ? 3 : 1; open > 0; --open) writer.EndObject();
+/// @return the value of the object's last member, which is added when it has another name: members
+/// come in the order of their names
+Value& LastMember(Value& object, const std::string& name, Memory& memory) {
+  if (object.ObjectEmpty() || JsonDocument::TextOf(&(object.MemberEnd() - 1)->name) != name)
+    object.AddMember(Value(name, memory), Value(rapidjson::kObjectType), memory);
+  return (object.MemberEnd() - 1)->value;
 }
 
 }  // namespace
 
 void DocumentBuilder::Add(const KeyDefinition& key, const InstanceValues& values) {
+  Memory& memory = root_.GetAllocator();
   Value common(rapidjson::kArrayType);
   Value specific(rapidjson::kArrayType);
   for (const auto& [instance, value] : values) {
-    Parts parts = Split(key, *value, memory_);
+    Parts parts = Split(key, *value, memory);
     const bool hasSpecific = key.hostSpecific || !parts.specific.ObjectEmpty();
-    if (!hasSpecific || !parts.common.ObjectEmpty()) common.PushBack(parts.common, memory_);
-    if (hasSpecific) specific.PushBack(parts.specific, memory_);
+    if (!hasSpecific || !parts.common.ObjectEmpty()) common.PushBack(parts.common, memory);
+    if (hasSpecific) specific.PushBack(parts.specific, memory);
   }
   const auto add = [&key](Section& section, Value& list) {
     section.insert_or_assign(key.address, std::move(key.singleton ? list[0] : list));
@@ -107,26 +90,28 @@ void DocumentBuilder::Add(const KeyDefinition& key, const InstanceValues& values
   if (!specific.Empty() || (isList && key.hostSpecific)) add(hostSpecific_, specific);
 }
 
-std::string DocumentBuilder::Finish(const std::string& host) const {
-  rapidjson::StringBuffer text;
-  Writer writer(text);
-  writer.StartObject();
-  writer.Key("metadata");
-  writer.StartObject();
-  writer.Key("schema_version");
-  writer.String("1.0");
-  writer.Key("reference_host");
-  writer.String(host);
-  writer.EndObject();
-  writer.Key("profile");
-  WriteSection(writer, profile_);
-  writer.Key("host-specific");
-  writer.StartObject();
-  writer.Key(host.c_str());
-  WriteSection(writer, hostSpecific_);
-  writer.EndObject();
-  writer.EndObject();
-  return {text.GetString(), text.GetSize()};
+Value DocumentBuilder::Nest(Section& section) {
+  Memory& memory = root_.GetAllocator();
+  Value components(rapidjson::kObjectType);
+  for (auto& [address, value] : section) {
+    Value& groups = LastMember(components, address.component, memory);
+    Value& keys = LastMember(groups, address.group, memory);
+    keys.AddMember(Value(address.key, memory), value, memory);
+  }
+  return components;
+}
+
+ConfigStoreDocument::Document DocumentBuilder::Finish(const std::string& host) && {
+  Memory& memory = root_.GetAllocator();
+  Value metadata(rapidjson::kObjectType);
+  metadata.AddMember("schema_version", rapidjson::StringRef(kSchemaVersion), memory);
+  metadata.AddMember("reference_host", Value(host, memory), memory);
+  Value own(rapidjson::kObjectType);
+  own.AddMember(Value(host, memory), Nest(hostSpecific_), memory);
+  root_.AddMember("metadata", metadata, memory);
+  root_.AddMember("profile", Nest(profile_), memory);
+  root_.AddMember("host-specific", own, memory);
+  return ConfigStoreDocument::Document(std::move(root_));
 }
 
 }  // namespace RyxConfigManager
