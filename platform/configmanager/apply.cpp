@@ -9,7 +9,7 @@
 #include "configmanager/config_manager.h"
 #include "configmanager/exceptions.h"
 #include "configmanager/state/apply_module.h"
-#include "configmanager/state/impact.h"
+#include "configmanager/state/assessment.h"
 #include "configmanager/task_progress.h"
 #include "tesselibs/log.h"
 

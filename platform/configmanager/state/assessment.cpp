@@ -1,4 +1,4 @@
-#include "configmanager/state/impact.h"
+#include "configmanager/state/assessment.h"
 
 #include <algorithm>
 #include <array>
@@ -7,10 +7,8 @@
 #include <span>
 #include <utility>
 
-#include "configmanager/config_manager.h"
 #include "configmanager/exceptions.h"
 #include "configmanager/module/installed_modules.h"
-#include "tesselibs/uuid.h"
 
 namespace RyxConfigManager {
 namespace {
@@ -89,23 +87,6 @@ Assessment Assess(const rapidjson::Value& merged, const TaskProgress& progress) 
 void RequireMaintenanceMode() {
   std::error_code error;
   if (!std::filesystem::exists(kMaintenanceModeFile, error)) throw HostNotInMM();
-}
-
-void Impact(const Document& document, ImpactResult& result, const TaskInput* task) {
-  result = Assess(document.merged(), TaskProgress(task)).impact;
-}
-
-std::shared_ptr<CheckApplyResult> CheckApply(Document document, const TaskInput* task) {
-  Assessment assessment = Assess(document.merged(), TaskProgress(task));
-  auto id = UUID_CreateRandom();
-  if (!id) throw std::runtime_error("The system has no random numbers for a specification's id.");
-  auto result = std::make_shared<CheckApplyResult>();
-  result->specId = *std::move(id);
-  result->impacts = std::move(assessment.impact.impacts);
-  result->errors = std::move(assessment.impact.errors);
-  result->digest = assessment.current.Digest();
-  result->document = std::move(document);
-  return result;
 }
 
 }  // namespace RyxConfigManager
