@@ -98,8 +98,8 @@ Svc::SettingCompliance ToSetting(const RyxConfigManager::SettingComplianceInfo& 
           info.key,
           UnlessEmpty(info.instance),
           ToStatus(info.status),
-          ToValue(info.current),
-          ToValue(info.target),
+          ToValue(info.effective),
+          ToValue(info.desired),
           ToMessages(info.messages)};
 }
 

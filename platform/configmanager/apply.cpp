@@ -97,7 +97,7 @@ class PlanRun {
       return failed_.contains(reference.target.component);
     };
     const auto needs = [&](const KeyPlan& key) {
-      return key.isAskedFor && std::ranges::any_of(key.state->key->references, hasFailed);
+      return key.isDesired && std::ranges::any_of(key.state->key->references, hasFailed);
     };
     if (std::ranges::none_of(plan.keys, needs)) return false;
     Log_Level(LogLevel::kError, "%s is not applied: what it refers to could not be applied\n",

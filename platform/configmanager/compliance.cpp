@@ -54,11 +54,11 @@ class ComplianceCheck {
 
   void CheckKey(const Key& key, const Value& value) {
     const KeyState& state = *key.state;
-    const auto check = [&](const std::string& instance, const Value& target) {
+    const auto check = [&](const std::string& instance, const Value& desired) {
       const Value* effective = FindInstance(state.effective, instance);
-      Add(key, instance, effective, &target,
-          IsInForce({effective, &target, FindInstance(state.defaults, instance),
-                     FindInstance(state.stored, instance)}));
+      Add(key, instance, effective, &desired,
+          IsAsDesired({effective, &desired, FindInstance(state.defaults, instance),
+                       FindInstance(state.stored, instance)}));
     };
     if (state.key->singleton) {
       check("", value);
@@ -73,21 +73,21 @@ class ComplianceCheck {
     for (const auto& [instance, effective] : others) Add(key, instance, effective, nullptr, false);
   }
 
-  void Add(const Key& key, const std::string& instance, const Value* current, const Value* target,
-           bool compliant) {
+  void Add(const Key& key, const std::string& instance, const Value* effective,
+           const Value* desired, bool compliant) {
     const auto& [component, group, name] = key.state->key->address;
     SettingComplianceInfo& setting = result_.settings.emplace_back();
     setting.component = component;
     setting.group = group;
     setting.key = name;
     setting.instance = instance;
-    setting.target = ToText(target);
+    setting.desired = ToText(desired);
     if (key.module->failure) {
       setting.status = ComplianceStatus::kUnavailable;
       setting.messages.push_back(*key.module->failure);
     } else {
       setting.status = compliant ? ComplianceStatus::kCompliant : ComplianceStatus::kNonCompliant;
-      setting.current = ToText(current);
+      setting.effective = ToText(effective);
     }
   }
 

@@ -81,7 +81,7 @@ class ConfigManagerTest : public testing::Test {
     return text;
   }
 
-  /// Each setting that does not comply, as "KEY INSTANCE CURRENT -> TARGET".
+  /// Each setting that does not comply, as "KEY INSTANCE EFFECTIVE -> DESIRED".
   static std::string DriftFrom(const Document& document) {
     ComplianceResult result;
     CheckCompliance(document, result, nullptr);
@@ -90,7 +90,7 @@ class ConfigManagerTest : public testing::Test {
                                                                         : "unavailable: ";
     for (const auto& s : result.settings) {
       if (s.status == ComplianceStatus::kCompliant) continue;
-      text += s.key + " " + s.instance + " " + s.current + " -> " + s.target + "; ";
+      text += s.key + " " + s.instance + " " + s.effective + " -> " + s.desired + "; ";
       for (const auto& message : s.messages) text += message.id + "; ";
     }
     return text;

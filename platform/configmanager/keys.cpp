@@ -72,13 +72,13 @@ class KeyChange {
         store_(Store::FromPath()),
         current_(*store_, std::array{found_.module}, progress_.Share(0, 40)) {}
 
-  /// @param wanted  nullptr when the key is not to be asked for any more
-  void Make(const Value* wanted) {
+  /// @param desired  nullptr when nothing is to be desired of the key any more
+  void Make(const Value* desired) {
     const ModuleState& state = current_.modules().front();
     if (state.failure) Fail(*state.failure);
-    Validate(wanted);
+    Validate(desired);
     const auto isKey = [this](const KeyState& key) { return key.key == found_.key; };
-    auto plan = PlanKey(*std::ranges::find_if(state.keys, isKey), wanted);
+    auto plan = PlanKey(*std::ranges::find_if(state.keys, isKey), desired);
     if (!plan) return;
     ModulePlan module{&state, {}};
     module.keys.push_back(*std::move(plan));
@@ -90,29 +90,29 @@ class KeyChange {
   }
 
  private:
-  /// Checks the value, then that everything that was asked for is still there for who refers to it.
-  void Validate(const Value* wanted) const {
+  /// Checks the value, then that every instance that stored values refer to is still there.
+  void Validate(const Value* desired) const {
     const KeyAddress& address = found_.key->address;
     const DocumentPath root, component(root, address.component), group(component, address.group);
     const DocumentPath path(group, address.key);
-    if (wanted != nullptr) {
+    if (desired != nullptr) {
       Violations violations;
-      CheckWellFormed(*wanted, path, violations);
-      CheckKey(*wanted, nullptr, *found_.key, Section::kHostSpecific, path, violations);
+      CheckWellFormed(*desired, path, violations);
+      CheckKey(*desired, nullptr, *found_.key, Section::kHostSpecific, path, violations);
       if (!violations.empty()) Refuse(violations.found().front());
     }
     // Nothing but references is looked at: what was stored long ago may have become invalid with
     // another version of its module, and must not stand in the way of this key.
     Violations violations;
-    CheckStoredReferences(wanted, violations);
+    CheckStoredReferences(desired, violations);
     if (!violations.empty()) Refuse(violations.found().front());
   }
 
   /// Checks the references of everything that is stored, with the key's new value in it.
-  void CheckStoredReferences(const Value* wanted, Violations& violations) const {
+  void CheckStoredReferences(const Value* desired, Violations& violations) const {
     DocumentBuilder builder;
     std::optional<InstanceValues> values;
-    if (wanted != nullptr) values = SplitInstances(*found_.key, *wanted);
+    if (desired != nullptr) values = SplitInstances(*found_.key, *desired);
     if (values) builder.Add(*found_.key, *values);
     for (const auto& module : found_.modules->modules()) {
       for (const auto& [name, key] : module->keys) {
@@ -171,14 +171,14 @@ void SetConfig(const std::string& component, const std::string& group, const std
                const std::string& value, const TaskInput* task) {
   FoundKey found = FindKey(component, group, key);
   const Document document = ParseValue(value);
-  const Value* wanted = &document.root();
+  const Value* desired = &document.root();
   if (!found.key->singleton) {
-    wanted = JsonDocument::FindMember(*wanted, kInstances);
-    if (wanted == nullptr || !wanted->IsArray() || document.root().MemberCount() != 1) {
+    desired = JsonDocument::FindMember(*desired, kInstances);
+    if (desired == nullptr || !desired->IsArray() || document.root().MemberCount() != 1) {
       throw InvalidArgumentException(CMErrorCode::kNotSingleton, {found.Name()});
     }
   }
-  KeyChange(std::move(found), CSErrorCode::kSetFailed, task).Make(wanted);
+  KeyChange(std::move(found), CSErrorCode::kSetFailed, task).Make(desired);
 }
 
 void DeleteConfig(const std::string& component, const std::string& group, const std::string& key,

@@ -67,8 +67,8 @@ struct SettingComplianceInfo {
   std::string key;
   std::string instance;  ///< empty for a singleton
   ComplianceStatus status = ComplianceStatus::kCompliant;
-  std::string current;  ///< the effective value, JSON text; empty when there is none
-  std::string target;   ///< the document's value, JSON text; empty when there is none
+  std::string effective;  ///< JSON text; empty when there is none
+  std::string desired;    ///< JSON text; empty when there is none
   std::vector<ErrorInfo> messages;
 };
 

@@ -55,7 +55,7 @@ TEST_F(ValidationTest, ModulesJudgeWhatTheSchemaTakes) {
       {"", kTwo, false, {}},
       {kRefusal, kTwo, false, {R"(/time/ntp com.example.no {"server":["b"]})"}},
       {kRefusal, kTwo, true, {}},
-      // What is in force is not judged again.
+      // What is effective already is not judged again.
       {kRefusal, R"({"time":{"ntp":{"servers":{"server":["b"]}}}})", false, {}},
       {kFailure, kTwo, false, {"! " + prefix + "plugin.failed time"}},
       {R"({"validate":{"print":"{"}})",

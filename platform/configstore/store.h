@@ -26,7 +26,7 @@ struct KeyAddress {
   auto operator<=>(const KeyAddress&) const = default;
 };
 
-/// One value of one key, as a user asked for it.
+/// One stored value of one key.
 struct Entry {
   KeyAddress address;
   std::string instance;  ///< the instance's id; empty for a singleton

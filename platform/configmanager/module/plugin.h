@@ -19,8 +19,8 @@ struct Change {
   const KeyDefinition* key;
   ChangeAction action;
   std::string instance;                        ///< the instance's id; empty for a singleton
-  const rapidjson::Value* oldValue = nullptr;  ///< what is in force; nullptr when nothing is
-  /// What is to be in force; nullptr when nothing is. With kDelete that is the default.
+  const rapidjson::Value* oldValue = nullptr;  ///< the effective one; nullptr when there is none
+  /// The desired one; nullptr when there is none. With kDelete that is the default.
   const rapidjson::Value* newValue = nullptr;
 };
 

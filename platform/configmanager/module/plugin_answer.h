@@ -22,7 +22,7 @@ struct PluginAnswer {
   std::vector<ValidationErrorInfo> errors;
   bool needsReboot = false;
   bool needsMaintenanceMode = false;
-  rapidjson::Document values;         ///< an object: "GROUP/KEY" to what is in force there
+  rapidjson::Document values;         ///< an object: "GROUP/KEY" to the effective value
   std::unique_ptr<std::string> text;  ///< what the values' texts lie in
 };
 

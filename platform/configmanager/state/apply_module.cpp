@@ -30,23 +30,23 @@ std::vector<Change> ChangesFor(const ModulePlan& plan, PlanPart part) {
   return changes;
 }
 
-void RecordValues(Store::Transaction& transaction, const KeyPlan& plan) {
-  if (!plan.isAskedFor) return;
+void StoreValues(Store::Transaction& transaction, const KeyPlan& plan) {
+  if (!plan.isDesired) return;
   const KeyState& state = *plan.state;
-  for (const auto& [instance, value] : plan.target) {
+  for (const auto& [instance, value] : plan.desired) {
     transaction.Set(state.key->address, instance, ToText(value));
   }
   // Only where the default is another list does an empty one have to be remembered.
-  if (plan.target.empty() && !state.defaults.empty()) {
+  if (plan.desired.empty() && !state.defaults.empty()) {
     transaction.Set(state.key->address, kEmptyListInstance, kEmptyListValue);
   }
 }
 
-void RecordDeletions(Store::Transaction& transaction, const KeyPlan& plan) {
+void StoreDeletions(Store::Transaction& transaction, const KeyPlan& plan) {
   const KeyState& state = *plan.state;
-  const bool keepsMarker = plan.isAskedFor && plan.target.empty() && !state.defaults.empty();
+  const bool keepsMarker = plan.isDesired && plan.desired.empty() && !state.defaults.empty();
   const auto remove = [&](const std::string& instance) {
-    if (plan.isAskedFor && plan.target.contains(instance)) return;
+    if (plan.isDesired && plan.desired.contains(instance)) return;
     if (keepsMarker && instance == kEmptyListInstance) return;
     transaction.Delete(state.key->address, instance);
   };
@@ -55,11 +55,11 @@ void RecordDeletions(Store::Transaction& transaction, const KeyPlan& plan) {
   remove(kEmptyListInstance);
 }
 
-void Record(const ModulePlan& plan, PlanPart part, Store& store) {
+void StorePlan(const ModulePlan& plan, PlanPart part, Store& store) {
   store.Change([&](Store::Transaction& transaction) {
     for (const KeyPlan& key : plan.keys) {
-      if (part != PlanPart::kDeletions) RecordValues(transaction, key);
-      if (part != PlanPart::kValues) RecordDeletions(transaction, key);
+      if (part != PlanPart::kDeletions) StoreValues(transaction, key);
+      if (part != PlanPart::kValues) StoreDeletions(transaction, key);
     }
   });
 }
@@ -75,7 +75,7 @@ std::vector<Change> Reverse(const std::vector<Change>& changes) {
   return reverse;
 }
 
-/// Whoever asked is told that nothing was recorded; so nothing should have happened, either. The
+/// The client is told that nothing was stored; so nothing should have happened, either. The
 /// task cannot stop this.
 void BringBack(const Module& module, const std::vector<Change>& changes) {
   Log_Level(LogLevel::kCritical,
@@ -100,7 +100,7 @@ std::vector<ErrorInfo> ApplyModule(const ModulePlan& plan, PlanPart part, Store&
     if (!answer.errors.empty()) return {answer.errors.begin(), answer.errors.end()};
   }
   try {
-    Record(plan, part, store);
+    StorePlan(plan, part, store);
   } catch (...) {
     if (!changes.empty()) BringBack(module, changes);
     throw;

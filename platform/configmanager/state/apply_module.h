@@ -14,14 +14,14 @@ namespace RyxConfigManager {
 /// deleted after them.
 enum class PlanPart { kAll, kValues, kDeletions };
 
-/// Has the module carry out its plan, then records what the user asked for, in one transaction.
+/// Has the module carry out its plan, then stores what is desired, in one transaction.
 ///
-/// A crash between the two leaves something in force that is not recorded. The next plan has it as
-/// a change, or as adopted, and so it is done again and recorded.
-/// @return why the module failed, in which case nothing is recorded; empty when it did not
+/// A crash between the two leaves something effective that is not stored. The next plan has it as a
+/// change, or as adopted, and so it is done again and stored.
+/// @return why the module failed, in which case nothing is stored; empty when it did not
 /// @throws Aborted
-/// @throws RyxConfigStore::ConfigStoreException  it cannot be recorded; the module was asked to
-///         bring back what was in force
+/// @throws RyxConfigStore::ConfigStoreException  it cannot be stored; the module was asked to
+///         bring back what was effective
 [[nodiscard]] std::vector<ErrorInfo> ApplyModule(const ModulePlan& plan, PlanPart part,
                                                  RyxConfigStore::Store& store,
                                                  const TaskInput* task);

@@ -33,7 +33,7 @@ void TakeEffectiveValues(ModuleState& state) {
     const std::string name = key.key->address.group + "/" + key.key->address.key;
     const rapidjson::Value* value = Find(values, name);
     if (value == nullptr) continue;
-    // null: there is nothing in force.
+    // null: nothing is effective.
     auto instances = value->IsNull() ? InstanceValues() : SplitInstances(*key.key, *value);
     if (!instances) {
       state.failure = BadAnswer(*state.module, PluginOperation::kRead, name + " has a wrong form");

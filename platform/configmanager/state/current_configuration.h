@@ -15,14 +15,14 @@
 
 namespace RyxConfigManager {
 
-/// What a user asked for so far, as entries of the store have it.
+/// What was desired so far, as entries of the store have it.
 class StoredConfiguration {
  public:
   /// A value that is no JSON counts as an empty one, which is logged at level 2.
   explicit StoredConfiguration(std::vector<RyxConfigStore::Entry> entries);
 
-  /// @return nothing when the user asked for nothing, or with another version of the module for
-  ///         something of another form; an empty list when the user asked for that
+  /// @return nothing when nothing is stored, or only what another version of the module had in
+  ///         another form; an empty list when that is stored
   [[nodiscard]] std::optional<InstanceValues> Find(const KeyDefinition& key) const;
   /// The instances of the key's entries that are of another form.
   [[nodiscard]] std::vector<std::string> FindUnfit(const KeyDefinition& key) const;
@@ -32,7 +32,7 @@ class StoredConfiguration {
   std::map<RyxConfigStore::KeyAddress, InstanceValues> values_;
 };
 
-/// The entry that says of a key with instances that the user asked for a list, though an empty one.
+/// The entry that says of a key with instances that an empty list of them is stored.
 inline constexpr char kEmptyListInstance[] = "";
 inline constexpr char kEmptyListValue[] = "{}";
 
@@ -49,14 +49,14 @@ struct KeyState {
 struct ModuleState {
   const Module* module;
   std::vector<KeyState> keys;  ///< in the order of the module's keys
-  /// Why what is in force cannot be told; what was stored is taken for it then.
+  /// Why what is effective cannot be told; what is stored is taken for it then.
   std::optional<ErrorInfo> failure;
   PluginAnswer answer;  ///< what effective values lie in
 };
 
-/// The configuration of the host's modules as it is now: what is in force there, as the modules
-/// read it from the system; for keys that a module does not read, what a user asked for, else the
-/// default.
+/// The configuration of the host's modules as it is now: what is effective, as the modules read it
+/// from the system; for keys that a module does not read, what is stored, else the default.
+/// Immutable once made; readable from any thread.
 class CurrentConfiguration {
  public:
   /// Reads the modules, one after another.
@@ -66,7 +66,7 @@ class CurrentConfiguration {
                        const TaskProgress& progress);
 
   [[nodiscard]] const std::vector<ModuleState>& modules() const { return modules_; }
-  /// What a user asked for, of all modules.
+  /// What is stored for all modules, those that were not read among them.
   [[nodiscard]] const StoredConfiguration& stored() const { return stored_; }
 
   /// A digest of everything in it: equal for equal configurations only.

@@ -13,46 +13,46 @@ namespace {
 
 using rapidjson::Value;
 
-bool IsRecorded(const KeyPlan& plan) {
+bool IsStoredAsDesired(const KeyPlan& plan) {
   const KeyState& state = *plan.state;
   if (!state.unfit.empty()) return false;
-  if (plan.isAskedFor != state.isStored) {
-    // An empty list is recorded only where it says something.
-    return plan.isAskedFor && plan.target.empty() && state.defaults.empty();
+  if (plan.isDesired != state.isStored) {
+    // An empty list is stored only where it says something.
+    return plan.isDesired && plan.desired.empty() && state.defaults.empty();
   }
   const auto equal = [](const auto& a, const auto& b) {
     return a.first == b.first && AreEqual(a.second, b.second);
   };
-  return !plan.isAskedFor || std::ranges::equal(plan.target, state.stored, equal);
+  return !plan.isDesired || std::ranges::equal(plan.desired, state.stored, equal);
 }
 
-/// The stored value, too, has to be what is asked for: that in force may have come to it by chance.
-bool IsAsAskedFor(const SettingComparison& s) {
-  return IsInForce(s) &&
-         (s.stored == nullptr || IsInForce({s.stored, s.target, s.defaultValue, s.stored}));
+/// The stored value, too, has to be as desired: the effective one may have come to it by chance.
+bool IsFirmlyAsDesired(const SettingComparison& s) {
+  return IsAsDesired(s) &&
+         (s.stored == nullptr || IsAsDesired({s.stored, s.desired, s.defaultValue, s.stored}));
 }
 
-void PlanAskedFor(KeyPlan& plan, const std::string& instance, const SettingComparison& s) {
-  if (s.target == nullptr) {
+void PlanDesired(KeyPlan& plan, const std::string& instance, const SettingComparison& s) {
+  if (s.desired == nullptr) {
     plan.changes.push_back(
         {plan.state->key, ChangeAction::kDelete, instance, s.effective, nullptr});
     return;
   }
   const auto action = s.stored == nullptr ? ChangeAction::kAdd : ChangeAction::kSet;
-  const Change change{plan.state->key, action, instance, s.effective, s.target};
-  if (!IsAsAskedFor(s)) {
+  const Change change{plan.state->key, action, instance, s.effective, s.desired};
+  if (!IsFirmlyAsDesired(s)) {
     plan.changes.push_back(change);
-  } else if (!AreEqual(s.stored, s.target)) {
+  } else if (!AreEqual(s.stored, s.desired)) {
     plan.adopted.push_back(change);
   }
 }
 
 void PlanDefault(KeyPlan& plan, const std::string& instance, const SettingComparison& s) {
-  const bool isDefault = IsInForce(s);
+  const bool isDefault = IsAsDesired(s);
   if (s.stored == nullptr && isDefault) return;
   auto action = s.effective == nullptr ? ChangeAction::kAdd : ChangeAction::kSet;
-  if (s.stored != nullptr || s.target == nullptr) action = ChangeAction::kDelete;
-  plan.changes.push_back({plan.state->key, action, instance, s.effective, s.target});
+  if (s.stored != nullptr || s.desired == nullptr) action = ChangeAction::kDelete;
+  plan.changes.push_back({plan.state->key, action, instance, s.effective, s.desired});
 }
 
 bool IsDeletion(const Change& change) { return change.action == ChangeAction::kDelete; }
@@ -68,27 +68,27 @@ std::vector<Change> ModulePlan::Changes() const {
   return changes;
 }
 
-std::optional<KeyPlan> PlanKey(const KeyState& state, const Value* wanted) {
+std::optional<KeyPlan> PlanKey(const KeyState& state, const Value* desired) {
   KeyPlan plan;
   plan.state = &state;
-  plan.isAskedFor = wanted != nullptr;
-  plan.target = state.defaults;
-  if (wanted != nullptr)
-    plan.target = SplitInstances(*state.key, *wanted).value_or(InstanceValues());
-  plan.isRecorded = IsRecorded(plan);
+  plan.isDesired = desired != nullptr;
+  plan.desired = state.defaults;
+  if (desired != nullptr)
+    plan.desired = SplitInstances(*state.key, *desired).value_or(InstanceValues());
+  plan.isStoredAsDesired = IsStoredAsDesired(plan);
 
   std::set<std::string> instances;
   for (const InstanceValues* values :
-       {&std::as_const(plan.target), &state.effective, &state.stored}) {
+       {&std::as_const(plan.desired), &state.effective, &state.stored}) {
     for (const auto& [instance, value] : *values) instances.insert(instance);
   }
   for (const std::string& instance : instances) {
     const SettingComparison setting{
-        FindInstance(state.effective, instance), FindInstance(plan.target, instance),
+        FindInstance(state.effective, instance), FindInstance(plan.desired, instance),
         FindInstance(state.defaults, instance), FindInstance(state.stored, instance)};
-    (plan.isAskedFor ? PlanAskedFor : PlanDefault)(plan, instance, setting);
+    (plan.isDesired ? PlanDesired : PlanDefault)(plan, instance, setting);
   }
-  if (plan.changes.empty() && plan.isRecorded) return {};
+  if (plan.changes.empty() && plan.isStoredAsDesired) return {};
   return plan;
 }
 

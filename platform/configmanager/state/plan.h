@@ -11,19 +11,19 @@
 
 namespace RyxConfigManager {
 
-/// What has to happen to one key for it to be as wanted.
+/// What has to happen to one key for it to be as desired.
 ///
-/// A key that is not asked for has its default. One that is asked for as it is in force is only
-/// recorded: nothing changes on the host, so that is no part of the impact. Its module gets it all
+/// A key of which nothing is desired has its default. One that is effective as desired is only
+/// stored: nothing changes on the host, so that is no part of the impact. Its module gets it all
 /// the same when the plan is carried out, for a crash may have kept it from finishing what it had
 /// begun.
 struct KeyPlan {
   const KeyState* state = nullptr;
-  bool isAskedFor = false;
-  InstanceValues target;        ///< the default's values when it is not asked for
-  std::vector<Change> changes;  ///< to what is in force or was stored
-  std::vector<Change> adopted;  ///< in force already, but not recorded
-  bool isRecorded = false;      ///< the store has what is asked for, and nothing else
+  bool isDesired = false;          ///< a client asks for it
+  InstanceValues desired;          ///< the default's values when nothing is desired
+  std::vector<Change> changes;     ///< to what is effective or was stored
+  std::vector<Change> adopted;     ///< effective already, but not stored
+  bool isStoredAsDesired = false;  ///< the store has what is desired, and nothing else
 };
 
 /// What has to happen to the keys of one module.
@@ -35,15 +35,15 @@ struct ModulePlan {
   [[nodiscard]] std::vector<Change> Changes() const;
 };
 
-/// @param wanted  the value asked for: an object or a list of instances; nullptr when the key is
-///                not asked for
+/// @param desired  an object or a list of instances; nullptr when nothing is desired of the key
 /// @return nothing when nothing has to happen
-[[nodiscard]] std::optional<KeyPlan> PlanKey(const KeyState& state, const rapidjson::Value* wanted);
+[[nodiscard]] std::optional<KeyPlan> PlanKey(const KeyState& state,
+                                             const rapidjson::Value* desired);
 
-/// @param merged  what a valid document asks of this host
-/// @return the plans of modules that have to do something or that could not be read, in the
-/// modules'
-///         order
+/// @param merged  what a valid document desires of this host
+/// @return the plans of modules that have to do something or that could not be read, in the order
+/// of
+///         the modules
 [[nodiscard]] std::vector<ModulePlan> MakePlan(const CurrentConfiguration& current,
                                                const rapidjson::Value& merged);
 

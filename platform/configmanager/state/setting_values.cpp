@@ -52,24 +52,24 @@ bool AreClose(double a, double b) {
 
 }  // namespace
 
-bool IsInForce(const SettingComparison& setting) {
-  if (setting.effective == nullptr || setting.target == nullptr) {
-    return setting.effective == setting.target;
+bool IsAsDesired(const SettingComparison& setting) {
+  if (setting.effective == nullptr || setting.desired == nullptr) {
+    return setting.effective == setting.desired;
   }
   const MemberIndex effective = IndexMembers(setting.effective);
-  const MemberIndex target = IndexMembers(setting.target);
+  const MemberIndex desired = IndexMembers(setting.desired);
   const MemberIndex defaults = IndexMembers(setting.defaultValue);
   const MemberIndex stored = IndexMembers(setting.stored);
-  const auto asWanted = [&](const auto& property) {
+  const auto isAsDesired = [&](const auto& property) {
     const Value* value = Find(effective, property.first);
     return AreEqual(value != nullptr ? value : Find(defaults, property.first), property.second);
   };
-  const auto asLeftOpen = [&](const auto& property) {
-    if (target.contains(property.first)) return true;
+  const auto isLeftOpen = [&](const auto& property) {
+    if (desired.contains(property.first)) return true;
     const Value* value = Find(defaults, property.first);
     return value != nullptr ? AreEqual(value, property.second) : !stored.contains(property.first);
   };
-  return std::ranges::all_of(target, asWanted) && std::ranges::all_of(effective, asLeftOpen);
+  return std::ranges::all_of(desired, isAsDesired) && std::ranges::all_of(effective, isLeftOpen);
 }
 
 bool AreEqual(const Value* a, const Value* b) {

@@ -10,15 +10,15 @@ namespace RyxConfigManager {
 /// What one setting is compared by. Each is nullptr when there is none.
 struct SettingComparison {
   const rapidjson::Value* effective = nullptr;
-  const rapidjson::Value* target = nullptr;
+  const rapidjson::Value* desired = nullptr;
   const rapidjson::Value* defaultValue = nullptr;
-  const rapidjson::Value* stored = nullptr;  ///< what a user asked for before
+  const rapidjson::Value* stored = nullptr;  ///< what was desired before
 };
 
-/// Whether what is in force is what is wanted. Properties that either side leaves out have their
-/// default. A property without one that the target leaves out may have any value, unless a user had
-/// asked for it before.
-[[nodiscard]] bool IsInForce(const SettingComparison& setting);
+/// Whether what is effective is what is desired. Properties that either side leaves out have their
+/// default. A property without one that the desired value leaves out may have any value, unless the
+/// stored value has it.
+[[nodiscard]] bool IsAsDesired(const SettingComparison& setting);
 
 /// Whether two values are equal, as far as numbers can be read exactly, or both missing.
 [[nodiscard]] bool AreEqual(const rapidjson::Value* a, const rapidjson::Value* b);

@@ -1,4 +1,4 @@
-// The program of the modules that tests install (test_modules.h): keeps what is in effect in its
+// The program of the modules that tests install (test_modules.h): keeps what is effective in its
 // folder's file "state" and does, before that, what the file "behaviour" says.
 
 #include <unistd.h>
@@ -47,7 +47,7 @@ void NoteCalls(const fs::path& file, const Value& request) {
   }
 }
 
-/// Does what a test asked for, which may be the end of it.
+/// Does what a test told it to do, which may be the end of it.
 /// @return members of the answer
 const Value* Behave(const Value& behaviour, const Value& request) {
   if (const Value* file = FindMember(behaviour, "touch")) std::ofstream(file->GetString()).close();

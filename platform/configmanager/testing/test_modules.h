@@ -7,8 +7,9 @@
 
 #include "configmanager/module/installed_modules.h"
 
-/// Modules for tests, at the place where the manager looks for them. Each keeps what is in force in
-/// its file "state", as JSON, and notes what it is told to do in the modules' common file "calls".
+/// Modules for tests, at the place where the manager looks for them. Each keeps what is effective
+/// in its file "state", as JSON, and notes what it is told to do in the modules' common file
+/// "calls".
 class TestModules {
  public:
   TestModules() {
