@@ -10,6 +10,7 @@
 #include "configmanager/exceptions.h"
 #include "configmanager/state/apply_module.h"
 #include "configmanager/state/assessment.h"
+#include "configmanager/state/change_turn.h"
 #include "configmanager/task_progress.h"
 #include "tesselibs/log.h"
 
@@ -115,6 +116,7 @@ class PlanRun {
 
 ApplyResult Apply(const std::shared_ptr<CheckApplyResult>& checked, const TaskInput* task) {
   if (!checked) throw ConfigManagerException(CMErrorCode::kNothingToApply);
+  const ChangeTurn turn(task);
   const TaskProgress progress(task);
   const Assessment assessment = Assess(checked->document.merged(), progress.Share(0, 40));
   const std::vector<ImpactInfo>& impacts = assessment.impact.impacts;

@@ -15,10 +15,21 @@
 /// compared with it is the effective configuration, which modules read from the system itself, so
 /// that changes made behind the manager's back are seen.
 ///
-/// Functions may be called from any thread, but only one at a time may change the configuration; a
-/// task input may be nullptr. They throw InvalidArgumentException, ConfigManagerException,
-/// RyxConfigStore::ConfigStoreException, and Aborted when the task asks for it. A module that fails
-/// is never an exception: it is reported with a message of its own.
+/// Functions may be called from any thread, several at once. What they share guards itself: the
+/// modules that were read last and the store's handle each have a mutex, and those that change the
+/// configuration (Apply, SetConfig, DeleteConfig) wait for each other (state/change_turn.h). The
+/// others wait for nobody: while the configuration changes, they see of each module and of the
+/// store what it was before or what it is after, and may have a module's program run beside
+/// another.
+///
+/// A task input may be nullptr. Whoever has to end an operation, as when the process stops, hands
+/// one in whose isAbortRequested then answers true: within 50 ms a program that runs is asked to
+/// end and a second later it is killed, and the operation throws Aborted. Without one, a program is
+/// ended at its module's time limit only.
+///
+/// Functions throw InvalidArgumentException, ConfigManagerException,
+/// RyxConfigStore::ConfigStoreException, and Aborted. A module that fails is never an exception: it
+/// is reported with a message of its own.
 namespace RyxConfigManager {
 
 class ModuleSet;
@@ -62,8 +73,8 @@ void Impact(const Document& document, ImpactResult& result, const TaskInput* tas
 void CheckCompliance(const Document& document, ComplianceResult& result, const TaskInput* task);
 
 /// The host's configuration as a document, JSON text.
-/// @throws Aborted  the modules took more than 30 seconds to tell it
-[[nodiscard]] std::string ExportDocument();
+/// @throws Aborted  the modules took more than 30 seconds to tell it, or the task is to end
+[[nodiscard]] std::string ExportDocument(const TaskInput* task = nullptr);
 
 /// One key, with the same checks and modules as a document.
 /// @param value  JSON text: an object; for a key with instances one with the member "instances",

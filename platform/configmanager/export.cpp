@@ -16,10 +16,12 @@ constexpr std::chrono::seconds kTimeLimit{30};
 
 }  // namespace
 
-std::string ExportDocument() {
+std::string ExportDocument(const TaskInput* task) {
   const auto deadline = std::chrono::steady_clock::now() + kTimeLimit;
-  TaskInput limit;
-  limit.isAbortRequested = [deadline] { return std::chrono::steady_clock::now() > deadline; };
+  TaskInput limit = task == nullptr ? TaskInput() : *task;
+  limit.isAbortRequested = [deadline, isAborted = std::move(limit.isAbortRequested)] {
+    return std::chrono::steady_clock::now() > deadline || (isAborted && isAborted());
+  };
   const auto modules = InstalledModules();
   const CurrentConfiguration current(*RyxConfigStore::Store::FromPath(), AllModules(*modules),
                                      TaskProgress(&limit));

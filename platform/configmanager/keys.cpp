@@ -18,6 +18,7 @@
 #include "configmanager/schema/violations.h"
 #include "configmanager/state/apply_module.h"
 #include "configmanager/state/assessment.h"
+#include "configmanager/state/change_turn.h"
 #include "configmanager/state/current_configuration.h"
 #include "configmanager/state/plan.h"
 #include "configmanager/state/setting_values.h"
@@ -68,6 +69,7 @@ class KeyChange {
   KeyChange(FoundKey found, CSErrorCode failure, const TaskInput* task)
       : found_(std::move(found)),
         failure_(failure),
+        turn_(task),
         progress_(task),
         store_(Store::FromPath()),
         current_(*store_, std::array{found_.module}, progress_.Share(0, 40)) {}
@@ -152,6 +154,7 @@ class KeyChange {
 
   const FoundKey found_;
   const CSErrorCode failure_;
+  const ChangeTurn turn_;
   const TaskProgress progress_;
   const std::shared_ptr<Store> store_;
   const CurrentConfiguration current_;

@@ -26,6 +26,7 @@ class TestModules {
         "leap": {"singleton": true, "schema": {"type": "object"}}}})");
     Add("zone", R"("id": {"keys": {
         "name": {"singleton": true, "host_specific": true, "schema": {"type": "object"}},
+        "label": {"singleton": true, "schema": {"type": "object"}},
         "kernel": {"singleton": true, "schema": {"type": "object"}, "requires": {"maintenance_mode": true}},
         "links": {"id_property": "name", "default": [{"name": "d"}], "schema": {"type": "object",
           "properties": {"name": {"type": "string"}}}}}})");
