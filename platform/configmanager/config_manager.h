@@ -73,7 +73,8 @@ void Impact(const Document& document, ImpactResult& result, const TaskInput* tas
 void CheckCompliance(const Document& document, ComplianceResult& result, const TaskInput* task);
 
 /// The host's configuration as a document, JSON text.
-/// @throws Aborted  the modules took more than 30 seconds to tell it, or the task is to end
+/// @throws Aborted  the modules took more than 30 seconds to tell it, the task is to end, or this
+///         process (pcore/foreground.h): this is no task, but a client waits for it
 [[nodiscard]] std::string ExportDocument(const TaskInput* task = nullptr);
 
 /// One key, with the same checks and modules as a document.

@@ -6,6 +6,7 @@
 #include "configmanager/module/installed_modules.h"
 #include "configmanager/state/current_configuration.h"
 #include "configmanager/state/plan.h"
+#include "pcore/foreground.h"
 
 namespace RyxConfigManager {
 
@@ -20,7 +21,8 @@ std::string ExportDocument(const TaskInput* task) {
   const auto deadline = std::chrono::steady_clock::now() + kTimeLimit;
   TaskInput limit = task == nullptr ? TaskInput() : *task;
   limit.isAbortRequested = [deadline, isAborted = std::move(limit.isAbortRequested)] {
-    return std::chrono::steady_clock::now() > deadline || (isAborted && isAborted());
+    return std::chrono::steady_clock::now() > deadline || (isAborted && isAborted()) ||
+           PcoreCtl::IsForegroundEnding();
   };
   const auto modules = InstalledModules();
   const CurrentConfiguration current(*RyxConfigStore::Store::FromPath(), AllModules(*modules),

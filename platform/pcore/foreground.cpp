@@ -50,4 +50,10 @@ void EndForeground() {
   for (const int descriptor : all.descriptors) Terminate(descriptor);
 }
 
+bool IsForegroundEnding() {
+  Children& all = All();
+  const std::lock_guard lock(all.mutex);
+  return all.ending;
+}
+
 }  // namespace PcoreCtl

@@ -23,4 +23,8 @@ class Foreground {
 /// Callable from any thread.
 void EndForeground();
 
+/// Whether EndForeground was called: what waits for a command in another way is to end it, too.
+/// Callable from any thread.
+[[nodiscard]] bool IsForegroundEnding();
+
 }  // namespace PcoreCtl
