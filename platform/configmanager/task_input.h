@@ -5,7 +5,8 @@
 
 namespace RyxConfigManager {
 
-/// The task on whose behalf the library works.
+/// The task on whose behalf the library works. Its functions are called on the thread that called
+/// the library, and must not throw.
 struct TaskInput {
   std::string taskId;
   unsigned progressFrom = 0;  ///< percent of the task when the library begins

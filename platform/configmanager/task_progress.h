@@ -10,7 +10,8 @@ namespace RyxConfigManager {
 /// @throws Aborted  the task is to end
 void ThrowIfAborted(const TaskInput* task);
 
-/// A part of the work done for a task, which takes a share of the task's progress.
+/// A part of the work done for a task, which takes a share of the task's progress. Used by the
+/// thread that works for the task.
 class TaskProgress {
  public:
   /// All of the library's share. @param task  may be nullptr

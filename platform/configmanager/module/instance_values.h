@@ -8,6 +8,7 @@
 
 #include "configmanager/module/module.h"
 
+/// How a key's values are told apart. Functions without state, callable from any thread.
 namespace RyxConfigManager {
 
 /// A key's values: by instance id, or the one of a singleton under "". The values are another's.

@@ -29,7 +29,7 @@ class DescriptionError : public std::runtime_error {
   CMErrorCode code_;
 };
 
-/// Reads the description of a module.
+/// Reads the description of a module. Callable from any thread.
 /// @param text  the content of module.json
 /// @throws DescriptionError
 [[nodiscard]] std::unique_ptr<const Module> ReadModule(const std::filesystem::path& folder,

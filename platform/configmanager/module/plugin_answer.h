@@ -26,8 +26,8 @@ struct PluginAnswer {
   std::unique_ptr<std::string> text;  ///< what the values' texts lie in
 };
 
-/// Reads what a program wrote: a JSON object with the members "errors", "impact" and "values", each
-/// of which may be missing. Others are left alone.
+/// Callable from any thread. Reads what a program wrote: a JSON object with the members "errors",
+/// "impact" and "values", each of which may be missing. Others are left alone.
 /// @param text  anything
 /// @throws ProgramFailure  it is no answer, or not UTF-8
 [[nodiscard]] PluginAnswer ReadPluginAnswer(std::string text);

@@ -28,7 +28,8 @@ class ProgramFailure : public std::runtime_error {
   Kind kind_;
 };
 
-/// Runs a program to its end; see RunPlugin for how it is ended otherwise.
+/// Runs a program to its end; see RunPlugin for how it is ended otherwise. Callable from any
+/// thread: the program is known to the call only, which ends it when its task is to end.
 /// @param input  what it reads from its standard input
 /// @param task   may be nullptr
 /// @return what it wrote to its standard output

@@ -11,7 +11,8 @@ namespace RyxConfigManager {
 
 /// Values by name, for finding many of them: looking each up in its object would take time that
 /// grows with the square of the object's size. A tree, because clients choose the names: they could
-/// choose such as fall together in a hash table. Refers to the names and values.
+/// choose such as fall together in a hash table. Refers to the names and values. The functions are
+/// callable from any thread.
 using MemberIndex = std::map<std::string_view, const rapidjson::Value*>;
 
 /// The members of an object, each name's first. Empty for nullptr and for anything but an object.

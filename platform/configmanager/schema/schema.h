@@ -56,6 +56,7 @@ struct Schema {
 };
 
 /// @param description  must outlive the schema
+/// Callable from any thread.
 /// @throws SchemaError  it uses something beyond the subset, or nothing can meet it
 [[nodiscard]] std::unique_ptr<Schema> ReadSchema(const rapidjson::Value& description);
 

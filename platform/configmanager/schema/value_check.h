@@ -6,10 +6,10 @@
 #include "configmanager/schema/schema.h"
 #include "configmanager/schema/violations.h"
 
-/// Collecting what is wrong with values. Time grows linearly with them. Null values, and members of
-/// one name, are found by CheckWellFormed only. Arguments of the messages are what their texts
-/// name; where a text has {2} only, as for a number beyond its bound, {1} is the value that was
-/// given.
+/// Collecting what is wrong with values. Functions without state, callable from any thread. Time
+/// grows linearly with them. Null values, and members of one name, are found by CheckWellFormed
+/// only. Arguments of the messages are what their texts name; where a text has {2} only, as for a
+/// number beyond its bound, {1} is the value that was given.
 namespace RyxConfigManager {
 
 /// The part of a document that a value stands in.

@@ -4,7 +4,8 @@
 
 #include <string_view>
 
-/// The types of JSON Schema (draft 2020-12, Validation, section 6.1.1) but "null".
+/// The types of JSON Schema (draft 2020-12, Validation, section 6.1.1) but "null". Functions
+/// without state, callable from any thread.
 namespace RyxConfigManager {
 
 [[nodiscard]] bool IsTypeName(std::string_view name);

@@ -15,7 +15,7 @@ namespace RyxConfigManager {
 inline constexpr std::string_view kValidationPrefix = "com.tessel.ryx.settings.validation.";
 
 /// Collects what is wrong with a document, or what a module reports, in the order in which it is
-/// found.
+/// found. Used by one thread at a time.
 class Violations {
  public:
   /// A document can be made of nothing but violations, each with names of any length: once this

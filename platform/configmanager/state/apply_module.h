@@ -14,7 +14,8 @@ namespace RyxConfigManager {
 /// deleted after them.
 enum class PlanPart { kAll, kValues, kDeletions };
 
-/// Has the module carry out its plan, then stores what is desired, in one transaction.
+/// The caller has the turn to change (change_turn.h). Has the module carry out its plan, then
+/// stores what is desired, in one transaction.
 ///
 /// A crash between the two leaves something effective that is not stored. The next plan has it as a
 /// change, or as adopted, and so it is done again and stored.

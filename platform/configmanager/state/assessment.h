@@ -10,6 +10,7 @@
 #include "configmanager/state/plan.h"
 #include "configmanager/task_progress.h"
 
+/// Judging what is to come. Callable from any thread.
 namespace RyxConfigManager {
 
 /// What the modules' programs make of changes to come.

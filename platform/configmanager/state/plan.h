@@ -9,6 +9,8 @@
 #include "configmanager/state/current_configuration.h"
 #include "configstore/store.h"
 
+/// Planning. Functions without state, callable from any thread; a plan leads into the configuration
+/// that it was made from.
 namespace RyxConfigManager {
 
 /// What has to happen to one key for it to be as desired.
