@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "lifecycle/waiting.h"
 #include "pcore/foreground.h"
 
 namespace Host::Settings::SettingsApi {
@@ -20,7 +21,10 @@ bool CallThreads::Run(Orbi::Authn::Wait wait, const std::string& peer, Check che
   return true;
 }
 
-void CallThreads::HurryUp() { PcoreCtl::EndForeground(); }
+void CallThreads::HurryUp() {
+  LifeCycle::StopWaiting();
+  PcoreCtl::EndForeground();
+}
 
 void CallThreads::Stop() {
   authentication_.Stop();

@@ -49,7 +49,7 @@ std::string FileContent::Read() && {
   errno = 0;
   if (access(path_.c_str(), F_OK) != 0) throw TaskFileNotFoundError(path_, errno);
   // A FIFO in its place would otherwise hold up whoever opens it.
-  const PcoreCtl::UniqueFd file(open(path_.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  const UniqueFd file(open(path_.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
   struct stat status {};
   if (!file || fstat(file.Get(), &status) != 0) Fail(path_);
   if (!S_ISREG(status.st_mode)) throw std::runtime_error(path_ + " is not a regular file");

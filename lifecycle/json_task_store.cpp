@@ -127,7 +127,7 @@ void JsonTaskStore::Replace(std::string_view text) const {
   WriteToFile(fresh, text);
   try {
     // Otherwise a power failure could leave the new name with none of the content.
-    const PcoreCtl::UniqueFd file(open(fresh.c_str(), O_RDONLY | O_CLOEXEC));
+    const UniqueFd file(open(fresh.c_str(), O_RDONLY | O_CLOEXEC));
     if (!file || fsync(file.Get()) != 0 || rename(fresh.c_str(), path_.c_str()) != 0)
       throw std::system_error(errno, std::generic_category(), path_);
   } catch (const std::system_error& e) {
