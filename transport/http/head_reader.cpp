@@ -17,12 +17,6 @@ struct HeadReader::Visitor {
 };
 
 const HeadReader::Visitor HeadReader::Visitor::kAll[] = {
-    {"accept",
-     [](HeadReader& reader, std::string_view value) {
-       reader.head_.accept = value;
-       if (value.find(".stream.json") != value.npos) reader.head_.acceptStream = true;
-       return boost::system::error_code();
-     }},
     {"connection",
      [](HeadReader& reader, std::string_view value) {
        if (Ascii::ContainsIgnoringCase(value, "keep-alive")) reader.asksToKeep_ = true;
@@ -33,7 +27,6 @@ const HeadReader::Visitor HeadReader::Visitor::kAll[] = {
      [](HeadReader& reader, std::string_view value) { return reader.VisitContentLength(value); }},
     {"content-type",
      [](HeadReader& reader, std::string_view value) {
-       reader.head_.contentType = value;
        if (value.find(".stream.json") != value.npos || value.find(".framed") != value.npos)
          reader.head_.framed = true;
        return boost::system::error_code();

@@ -21,10 +21,7 @@ struct RequestHead {
   /// Names in lower case, sorted by name, with the pseudo-header ":method" among them.
   std::span<const HeaderField> headers;
 
-  std::string_view contentType;  ///< empty when the request has none
-  std::string_view accept;       ///< empty when the request has none
-  bool acceptStream = false;     ///< the accept header names a ".stream.json" type
-  bool framed = false;           ///< the content type is a ".stream.json" or ".framed" type
+  bool framed = false;    ///< the content type is a ".stream.json" or ".framed" type
   bool keepAlive = true;  ///< the client is willing to send another request on this connection
 
   /// @param name  in lower case
