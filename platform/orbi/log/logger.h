@@ -1,5 +1,8 @@
 #pragma once
 
+#include <array>
+#include <charconv>
+#include <cstdint>
 #include <memory>
 #include <ostream>
 #include <string_view>
@@ -32,15 +35,24 @@ class Logger {
   virtual ~Logger() = default;
 };
 
-/// Puts a value on a line. Texts go straight into the stream's buffer: no line has fields of a set
-/// width, and the stream's own way costs several times what copying them does.
+/// Puts a value on a line. Texts, addresses and whole numbers go straight into the stream's buffer:
+/// no line has fields of a set width, and the stream's own way costs several times as much.
 template <typename Arg>
 void Put(std::ostream& line, const Arg& arg) {
+  const auto put = [&line](std::string_view text) {
+    line.rdbuf()->sputn(text.data(), static_cast<std::streamsize>(text.size()));
+  };
+  std::array<char, 24> digits;
   if constexpr (std::is_same_v<Arg, char>) {
     line.rdbuf()->sputc(arg);
   } else if constexpr (std::is_convertible_v<const Arg&, std::string_view>) {
-    const std::string_view text = arg;
-    line.rdbuf()->sputn(text.data(), static_cast<std::streamsize>(text.size()));
+    put(arg);
+  } else if constexpr (std::is_integral_v<Arg> && !std::is_same_v<Arg, bool>) {
+    put({digits.data(), std::to_chars(digits.begin(), digits.end(), arg).ptr});
+  } else if constexpr (std::is_same_v<Arg, const void*>) {
+    put("0x");
+    const auto address = reinterpret_cast<std::uintptr_t>(arg);
+    put({digits.data(), std::to_chars(digits.begin(), digits.end(), address, 16).ptr});
   } else {
     line << arg;
   }
