@@ -8,6 +8,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <system_error>
+#include <vector>
 
 #include "tesselibs/utf8.h"
 
@@ -33,7 +34,7 @@ Scalar ToNumber(std::string_view text) {
   return number;
 }
 
-/// The parser takes an escaped lone low surrogate for a character.
+/// The parser takes an escaped lone low surrogate for a character. The text's own bytes hold none.
 bool HoldsSurrogate(std::string_view text) {
   for (std::size_t at = text.find('\xED'); at != std::string_view::npos;
        at = text.find('\xED', at + 1)) {
@@ -45,7 +46,9 @@ bool HoldsSurrogate(std::string_view text) {
 /// Hands RapidJSON's events on, and bounds the nesting before its parser recurses.
 class Handler {
  public:
-  Handler(Events& events, std::size_t maxNesting) : events_(events), maxNesting_(maxNesting) {}
+  /// @param escapes  whether the text holds any
+  Handler(Events& events, std::size_t maxNesting, bool escapes)
+      : events_(events), maxNesting_(maxNesting), escapes_(escapes) {}
 
   bool Null() { return events_.OnScalar(Json::Null{}); }
   bool Bool(bool value) { return events_.OnScalar(value); }
@@ -77,7 +80,7 @@ class Handler {
 
  private:
   bool Valid(std::string_view string) {
-    if (!HoldsSurrogate(string)) return true;
+    if (!escapes_ || !HoldsSurrogate(string)) return true;
     objection_ = rapidjson::GetParseError_En(rapidjson::kParseErrorStringUnicodeSurrogateInvalid);
     return false;
   }
@@ -93,6 +96,7 @@ class Handler {
 
   Events& events_;
   const std::size_t maxNesting_;
+  const bool escapes_;
   std::size_t nesting_ = 0;
   std::string objection_;
 };
@@ -109,7 +113,8 @@ std::optional<ParseFailure> ParseInPlace(std::string& text, std::size_t maxNesti
   // The stream ends at the first zero byte, of which a JSON text has none.
   const std::size_t zero = text.find('\0');
 
-  Handler handler(events, maxNesting);
+  const bool escapes = text.find('\\') != std::string::npos;
+  Handler handler(events, maxNesting, escapes);
   rapidjson::InsituStringStream stream(text.data());
   rapidjson::Reader reader;
   const rapidjson::ParseResult result = reader.Parse<kFlags>(stream, handler);
@@ -126,7 +131,7 @@ std::optional<ParseFailure> ParseInPlace(std::string& text, std::size_t maxNesti
   return ParseFailure{handler.objection(), result.Offset(), handler.objection().empty()};
 }
 
-bool HasDuplicates(std::vector<std::string_view> names) {
+bool HasDuplicates(std::span<const std::string_view> names) {
   constexpr std::size_t kFew = 8;
   if (names.size() <= kFew) {
     for (auto name = names.begin(); name != names.end(); ++name) {
@@ -134,8 +139,9 @@ bool HasDuplicates(std::vector<std::string_view> names) {
     }
     return false;
   }
-  std::ranges::sort(names);
-  return std::ranges::adjacent_find(names) != names.end();
+  std::vector<std::string_view> sorted(names.begin(), names.end());
+  std::ranges::sort(sorted);
+  return std::ranges::adjacent_find(sorted) != sorted.end();
 }
 
 }  // namespace Orbi::Protocol::Json

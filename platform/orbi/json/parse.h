@@ -3,10 +3,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <variant>
-#include <vector>
 
 namespace Orbi::Protocol::Json {
 
@@ -54,6 +54,6 @@ inline constexpr std::size_t kMaxNesting = 100;
                                                        Events& events);
 
 /// Whether a name occurs twice. Takes O(n log n) time whatever the names are.
-[[nodiscard]] bool HasDuplicates(std::vector<std::string_view> names);
+[[nodiscard]] bool HasDuplicates(std::span<const std::string_view> names);
 
 }  // namespace Orbi::Protocol::Json

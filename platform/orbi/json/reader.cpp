@@ -162,10 +162,11 @@ bool ValueBuilder::SetText(Frame& frame, std::string_view text) {
 
 bool ValueBuilder::CheckFields(Frame& frame) {
   const auto& fields = *FieldsOf(frame.value);
+  if (fields.size() < 2) return true;
   std::vector<std::string_view> names;
   names.reserve(fields.size());
   for (const Data::Field& field : fields) names.push_back(field.name);
-  return !HasDuplicates(std::move(names)) || Refuse("A structure has a field twice.");
+  return !HasDuplicates(names) || Refuse("A structure has a field twice.");
 }
 
 bool ValueBuilder::RefuseShape() {

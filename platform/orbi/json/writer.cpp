@@ -122,7 +122,10 @@ bool IsUnset(const Value& value) {
 }  // namespace
 
 JsonWriter::JsonWriter(const Value& value, Form form, Secrets secrets)
-    : form_(form), secrets_(secrets), root_(&value) {}
+    : form_(form), secrets_(secrets), root_(&value) {
+  constexpr std::size_t kUsualDepth = 8;
+  frames_.reserve(kUsualDepth);
+}
 
 bool JsonWriter::Write(std::string& out, std::size_t limit) {
   while (root_ || inText_ || !frames_.empty()) {

@@ -6,6 +6,7 @@
 #include <iterator>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -80,6 +81,14 @@ const Member& MemberOf(Place place, std::string_view name) {
 /// found wherever it stands, and which fault is told does not depend on the members' order.
 class RequestReader final : public Events {
  public:
+  RequestReader() {
+    // What a request of the usual shape needs.
+    constexpr std::size_t kOpenAtOnce = 4;
+    constexpr std::size_t kNamesAtOnce = 12;
+    open_.reserve(kOpenAtOnce);
+    names_.reserve(kNamesAtOnce);
+  }
+
   bool OnScalar(const Scalar& scalar) override;
   bool OnKey(std::string_view name) override;
   bool OnStart(Container container) override;
@@ -93,7 +102,7 @@ class RequestReader final : public Events {
  private:
   struct OpenObject {
     Place place;
-    std::vector<std::string_view> names;  ///< of its members so far
+    std::size_t firstName;  ///< of its members so far, in names_
     const Member* member = &kIgnoredMember;
   };
 
@@ -109,6 +118,7 @@ class RequestReader final : public Events {
   std::optional<ProtocolError> Check() const;
 
   std::vector<OpenObject> open_;
+  std::vector<std::string_view> names_;  ///< of the open objects' members, the innermost's last
   // Inside a member whose parts are no members of the envelope: ignored, or the input's.
   std::size_t subtreeNesting_ = 0;
   std::optional<ValueBuilder> builder_;  ///< while the input is read and good
@@ -139,7 +149,7 @@ bool RequestReader::OnKey(std::string_view name) {
     Build([&](ValueBuilder& builder) { return builder.OnKey(name); });
   } else {
     OpenObject& object = open_.back();
-    object.names.push_back(name);
+    names_.push_back(name);
     object.member = &MemberOf(object.place, name);
   }
   return true;
@@ -154,7 +164,7 @@ bool RequestReader::OnStart(Container container) {
   const bool object = container == Container::kObject;
   if (open_.empty()) {
     if (object) {
-      open_.push_back({Place::kRoot, {}});
+      open_.push_back({Place::kRoot, 0});
     } else {
       requestFault_ = "the request is a batch or a list";
       subtreeNesting_ = 1;
@@ -177,9 +187,11 @@ bool RequestReader::OnEnd() {
     Build([](ValueBuilder& builder) { return builder.OnEnd(); });
     return true;
   }
-  OpenObject object = std::move(open_.back());
+  const OpenObject object = open_.back();
   open_.pop_back();
-  if (HasDuplicates(std::move(object.names))) {
+  const bool twice = HasDuplicates(std::span(names_).subspan(object.firstName));
+  names_.resize(object.firstName);
+  if (twice) {
     std::string& fault = object.place == Place::kRoot ? requestFault_ : paramsFault_;
     if (fault.empty()) fault = "an object has a member twice";
   }
@@ -190,7 +202,7 @@ void RequestReader::Enter(Place place) {
   if (place == Place::kParams) hasParams_ = true;
   if (place == Place::kSecurity)
     call_.context->security = std::make_unique<Core::SecurityContext>();
-  open_.push_back({place, {}});
+  open_.push_back({place, names_.size()});
 }
 
 void RequestReader::StartSubtree(const Member& member, Container container) {
@@ -251,7 +263,7 @@ void RequestReader::TakeString(const Member& member, std::string_view text) {
       call_.method.operation = text;
       break;
     case Slot::kApplicationEntry:
-      context.application[std::string(open_.back().names.back())] = text;
+      context.application[std::string(names_.back())] = text;
       break;
     case Slot::kScheme:
       context.security->schemeId = text;

@@ -6,8 +6,14 @@
 namespace Orbi::Protocol::Json {
 namespace {
 
+/// Of the answer's text before its value, and of a short answer.
+constexpr std::size_t kUsualEnvelope = 96;
+constexpr std::size_t kUsualAnswer = 512;
+
 std::string EnvelopeStart(const RequestId& id) {
-  std::string text = R"({"jsonrpc":"2.0","id":)";
+  std::string text;
+  text.reserve(kUsualEnvelope);
+  text += R"({"jsonrpc":"2.0","id":)";
   if (const auto* words = std::get_if<std::string>(&id)) {
     AppendJsonString(*words, text);
   } else if (const auto* number = std::get_if<std::int64_t>(&id)) {
@@ -53,6 +59,7 @@ bool ResponseText::Write(std::string& out, std::size_t limit) {
 
 std::string ApiResponseSerializer::Serialize(const RequestId& id, Core::MethodResult result) const {
   std::string text;
+  text.reserve(kUsualAnswer);
   ResponseText(id, std::move(result), form_).Write(text);
   return text;
 }

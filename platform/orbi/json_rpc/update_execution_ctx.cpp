@@ -18,9 +18,9 @@ using Headers = std::span<const HeaderField>;
 constexpr std::string_view kMixedCaseEntries[] = {"opId"};
 
 Headers Named(Headers headers, std::string_view name) {
-  // Not std::ranges::equal_range: Clang 14 cannot compile that of libstdc++ 12.
-  return {std::ranges::lower_bound(headers, name, {}, &HeaderField::name),
-          std::ranges::upper_bound(headers, name, {}, &HeaderField::name)};
+  const auto first = std::ranges::lower_bound(headers, name, {}, &HeaderField::name);
+  return {first, std::find_if(first, headers.end(),
+                              [&](const HeaderField& header) { return header.name != name; })};
 }
 
 bool Contradict(Headers headers, std::string_view name, std::string_view payload) {

@@ -19,8 +19,8 @@ std::optional<Arguments> ReadArguments(const std::vector<Core::FieldDefinition>&
   struct Filled {
     Arguments values;
   };
-  const Data::Value none = Data::Structure{};
-  const auto filled =
+  static const Data::Value none = Data::Structure{};
+  auto filled =
       Bindings::ReadStructure<Filled>("operation-input", input.As<Data::Void>() ? none : input,
                                       errors, [&fields](auto& arguments, auto& field) {
                                         arguments.values.resize(fields.size());
@@ -28,7 +28,7 @@ std::optional<Arguments> ReadArguments(const std::vector<Core::FieldDefinition>&
                                           field(fields[i].name.c_str(), arguments.values[i]);
                                       });
   if (!filled) return std::nullopt;
-  return filled->values;
+  return std::move(filled->values);
 }
 
 }  // namespace
