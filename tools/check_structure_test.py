@@ -52,6 +52,10 @@ class StructureTest(unittest.TestCase):
             "the inside of a library": (
                 {"configuration/a.cpp": include("configmanager/apply.h", "configmanager/state/plan.h")},
                 "configuration/a.cpp:2: configmanager/state/plan.h is the inside of platform/configmanager"),
+            "up, inside a library": (
+                {"platform/configmanager/schema/a.h": include("configmanager/state/plan.h")},
+                "platform/configmanager/schema/a.h:1: platform/configmanager/schema -> platform/configmanager/state "
+                "is not allowed (configmanager/state/plan.h)"),
             "test code in the daemon": (
                 {"lifecycle/a.cpp": include("lifecycle/testing/host.h"), "lifecycle/testing/host.h": ""},
                 "lifecycle/a.cpp:1: lifecycle/testing/host.h is for tests"),

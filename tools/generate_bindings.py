@@ -196,7 +196,8 @@ class Writer:
 class Header(Writer):
     def text(self):
         standard, own = self.generator.headers(self.package)
-        parts = ["// Generated from the interface definitions; changes are lost.\n#pragma once\n\n"]
+        parts = ["// Generated from the interface definitions; changes are lost.\n#pragma once\n\n",
+                 "// NOLINTBEGIN(readability-identifier-naming): the definitions name what is here\n\n"]
         parts.append("".join(f"#include <{name}>\n" for name in sorted(standard)) + ("\n" if standard else ""))
         parts.append("".join(f'#include "{name}"\n' for name in sorted(own)))
         parts.append(f"\nnamespace {self.package.namespace} {{\n")
@@ -208,7 +209,7 @@ class Header(Writer):
         parts.append(f"\n}}  // namespace {self.package.namespace}\n\nnamespace Orbi::Bindings {{\n")
         parts += [self.adapter(camel(entry.identifier.rpartition(".")[2])) for entry in self.package.enumerations]
         parts += [self.adapter(name) for _, name, _, _ in self.structures()]
-        parts.append("\n}  // namespace Orbi::Bindings\n")
+        parts.append("\n}  // namespace Orbi::Bindings\n\n// NOLINTEND(readability-identifier-naming)\n")
         return "".join(parts)
 
     def enumeration(self, enumeration):
