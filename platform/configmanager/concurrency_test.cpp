@@ -46,10 +46,11 @@ class ConcurrencyTest : public testing::Test {
 /// and what is effective would be two things in the end.
 TEST_F(ConcurrencyTest, WhatIsStoredIsEffectiveAfterChangesAtOnce) {
   constexpr int kChanges = 6;
+  modules_.SetBehaviour("zone", R"({"apply":{"alone":true}})");
   const auto setKey = [](const std::string& key, int tries) {
     for (int i = 0; i < tries; ++i) {
       const std::string value = R"({"name":")" + key + std::to_string(i) + "\"}";
-      SetConfig("zone", "id", key, value, nullptr);
+      EXPECT_NO_THROW(SetConfig("zone", "id", key, value, nullptr));
       const std::string stored = GetCurrentConfig("zone", "id", key);
       EXPECT_TRUE(stored.empty() || stored == value) << stored;
     }

@@ -10,6 +10,7 @@
 #include <iostream>
 #include <iterator>
 #include <string>
+#include <system_error>
 #include <utility>
 
 #include "tesselibs/json_document.h"
@@ -51,6 +52,12 @@ void NoteCalls(const fs::path& file, const Value& request) {
 /// @return members of the answer
 const Value* Behave(const Value& behaviour, const Value& request) {
   if (const Value* file = FindMember(behaviour, "touch")) std::ofstream(file->GetString()).close();
+  if (FindMember(behaviour, "alone") != nullptr) {
+    std::error_code error;  // of two at once, one finds the other's folder
+    if (!fs::create_directory("/tmp/alone", error)) std::_Exit(1);
+    usleep(5000);
+    fs::remove("/tmp/alone");
+  }
   if (FindMember(behaviour, "hang") != nullptr) sleep(600);
   if (const Value* output = FindMember(behaviour, "print")) {
     std::cout << output->GetString() << std::flush;

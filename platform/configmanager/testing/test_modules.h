@@ -42,7 +42,8 @@ class TestModules {
   /// Tells a module's program what to do otherwise than work.
   /// @param behaviour  JSON: for each operation {"exit": STATUS}, {"print": TEXT},
   ///                   {"answer": {}}, {"refuse": ID}, which answers the old value of the first
-  ///                   change as the argument, or {"touch": FILE, "hang": true}
+  ///                   change as the argument, {"touch": FILE, "hang": true}, or
+  ///                   {"alone": true}, which fails when another program does that at once
   void SetBehaviour(const std::string& component, const std::string& behaviour) const {
     std::ofstream(root_ / component / "behaviour") << behaviour;
   }
