@@ -53,11 +53,22 @@ bool TryToStart(const HelperKind& kind, const HelperCommand& command, int retrie
   return false;
 }
 
+void Prepare(const HelperKind& kind, const HelperCommand& command) {
+  if (!command.prepare) return;
+  try {
+    command.prepare();
+  } catch (...) {
+    ReleaseHost(kind.marker, command.taskId);
+    throw;
+  }
+}
+
 }  // namespace
 
 TaskError StartHelper(const HelperKind& kind, const HelperCommand& command) {
   const std::string& id = command.taskId;
   if (TaskError error = ClaimHost(kind.marker, id, command.retries)) return error;
+  Prepare(kind, command);
   if (TaskError error =
           RecordTask(kind.marker, id, kind.recording, command.errors,
                      [&id](TaskFile& file) { file.AddEmptyTask(id, kStatusFileRetries); }))

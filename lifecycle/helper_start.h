@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -37,6 +38,9 @@ struct HelperCommand {
   std::vector<std::string> documents;  ///< the command's own input files, which it removes
   ErrorKind errors;  ///< what becomes of a task that cannot be recorded, or the command not started
   int retries;       ///< of claiming the host, and again of starting the command
+  /// Done once the host is the task's, before it is recorded; may be empty. What it throws frees
+  /// the host and is passed on.
+  std::function<void()> prepare = {};
 };
 
 /// @return empty when the command runs. With an error the host is free again; a record that was

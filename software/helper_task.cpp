@@ -17,15 +17,21 @@ std::string NewTaskId(const TaskOperation& operation) {
 }
 
 void StartHelperTask(const TaskOperation& operation, const std::string& id,
-                     const std::vector<std::string>& more, const std::vector<std::string>& files) {
+                     const std::vector<std::string>& more, const std::vector<std::string>& files,
+                     const std::function<void()>& write) {
   std::vector<std::string> arguments{id};
   arguments.insert(arguments.end(), more.begin(), more.end());
   const std::string command =
       operation.helper.command + Orbi::Data::FillPlaceholders(operation.arguments, arguments);
-  const TaskError error = StartHelper(
-      operation.helper.kind, {id, command, files, operation.errors, operation.helper.retries});
+  bool written = !write;
+  const auto prepare = [&write, &written] {
+    if (write) write();
+    written = true;
+  };
+  const TaskError error = StartHelper(operation.helper.kind, {id, command, files, operation.errors,
+                                                              operation.helper.retries, prepare});
   if (!error) return;
-  RemoveFiles(files);
+  if (written) RemoveFiles(files);
   throw OperationError(*error);
 }
 

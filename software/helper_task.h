@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -41,8 +42,11 @@ struct TaskOperation {
 /// @param more  the arguments for "{2}" and up, each with its leading blank when it has one
 /// @param files  documents for the helper; they are removed when it cannot be started, and are its
 ///               own otherwise
+/// @param write  writes the files once the host is the task's, where their paths are not: until
+///               then they are another task's. Without it they are there already.
 void StartHelperTask(const TaskOperation& operation, const std::string& id,
                      const std::vector<std::string>& more = {},
-                     const std::vector<std::string>& files = {});
+                     const std::vector<std::string>& files = {},
+                     const std::function<void()>& write = {});
 
 }  // namespace LifeCycle

@@ -87,8 +87,14 @@ std::string StartSpecTask(const SpecOperation& operation, const std::vector<std:
   RequireSome(depots);
   std::string id = NewTaskId(operation.task);
   const std::string path = SpecPath(operation, id);
-  WriteSpec(operation, path, spec);
-  StartHelperTask(operation.task, id, {Repeat(" --depot ", depots), path}, {path});
+  const auto write = [&] { WriteSpec(operation, path, spec); };
+  const std::vector<std::string> more{Repeat(" --depot ", depots), path};
+  if (operation.file == SpecFile::kOfScans) {
+    StartHelperTask(operation.task, id, more, {path}, write);
+  } else {
+    write();
+    StartHelperTask(operation.task, id, more, {path});
+  }
   return id;
 }
 

@@ -1,5 +1,6 @@
 """Tasks of the host's software where they are kept, and what happens when something dies on the way."""
 
+import concurrent.futures
 import json
 import os
 import pathlib
@@ -9,7 +10,7 @@ import subprocess
 import pytest
 
 from sandboxed_host import LIFECYCLE, processes, served, wait_until
-from orbi_client import envelope
+from orbi_client import OrbiError, envelope
 
 DEPOTS = "com.tessel.ryx.host_settings.depots"
 SOFTWARE = "com.tessel.ryx.kestrel_daemon.software"
@@ -48,6 +49,30 @@ def test_tasks_in_the_database(database, depot):
     tasks = database.call(TASKS, "list")
     assert len(tasks) == 2 and list(tasks) == sorted(tasks)
     assert os.listdir(LIFECYCLE / "image") and not (LIFECYCLE / "task-status.json").exists()
+
+
+def test_a_refused_scan_leaves_the_running_one_its_document(daemon, depot):
+    """The document of scans has one path."""
+    specifications = [SPECIFICATION, {"base_image": {"version": "8.0.2-1"}, "components": {}}]
+
+    def scan(specification):
+        try:
+            return daemon.client().call(SOFTWARE, "scan$task", depots=[depot], software_spec=specification)
+        except OrbiError as error:
+            assert error.message_ids == ["com.tessel.ryx.task.contention"]
+            return None
+
+    scans = 0
+    with concurrent.futures.ThreadPoolExecutor() as pool:
+        for _ in range(3):
+            for specification, task in zip(specifications, pool.map(scan, specifications)):
+                if task is None:
+                    continue
+                info = daemon.client().wait_for_task(task, interval=0.01)
+                assert info["status"] == "SUCCEEDED", info
+                assert info["result"]["base_image"]["target"]["version"] == specification["base_image"]["version"]
+                scans += 1
+    assert scans >= 3
 
 
 def test_plain_and_clean_answers_say_the_same(root, depot):

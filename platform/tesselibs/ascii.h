@@ -11,11 +11,13 @@ constexpr char ToLower(char c) {
 }
 
 constexpr bool EqualsIgnoringCase(std::string_view a, std::string_view b) {
-  return std::ranges::equal(a, b, {}, ToLower, ToLower);
+  return std::equal(a.begin(), a.end(), b.begin(), b.end(),
+                    [](char left, char right) { return ToLower(left) == ToLower(right); });
 }
 
 constexpr bool ContainsIgnoringCase(std::string_view text, std::string_view word) {
-  return !std::ranges::search(text, word, {}, ToLower, ToLower).empty();
+  return std::search(text.begin(), text.end(), word.begin(), word.end(),
+                     [](char a, char b) { return ToLower(a) == ToLower(b); }) != text.end();
 }
 
 }  // namespace Ascii
