@@ -18,10 +18,11 @@ const std::string kOperation = "com.tessel.orbi.std.introspection.operation";
 using Arguments = std::vector<std::string>;
 
 Data::Value OperationNames(const Core::ApiInterface& service) {
-  std::vector<std::string> names;
+  Data::List names;
+  names.items.reserve(service.operations.size());
   for (const Core::Operation& operation : service.operations)
-    names.push_back(operation.definition.name);
-  return ListOfTexts(names);
+    names.items.emplace_back(operation.definition.name);
+  return names;
 }
 
 Data::Value OperationInfo(const Core::OperationDefinition& definition) {
