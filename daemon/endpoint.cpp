@@ -11,7 +11,6 @@
 #include "apps/lifecycle/orbi/include/verify.h"
 #include "daemon/stop_deadline.h"
 #include "lifecycle/task_schedular.h"
-#include "orbi/l10n/localizer.h"
 #include "tesselibs/feature_state.h"
 #include "tesselibs/log.h"
 #include "tesselibs/signals_blocked.h"
@@ -64,7 +63,6 @@ int LookUpPort() {
 Orbi::Transport::PicoHttp::ServerConfig MakeServerConfig(int port) {
   Orbi::Transport::PicoHttp::ServerConfig config;
   config.port = port;
-  config.localizer = Orbi::L10n::LocalizerHelpers::GetDefaultLocalizer();
   config.serverSpec.readTimeout = std::chrono::minutes(20);
   config.serverSpec.writeTimeout = std::chrono::minutes(30);
   config.serverSpec.httpBodySizeLimitInBytes = 2'500'000;

@@ -2,8 +2,6 @@
 
 #include <ostream>
 
-#include "orbi/l10n/localizer.h"
-
 namespace Orbi::Transport::PicoHttp {
 
 std::string DurationText(std::chrono::nanoseconds duration) {
@@ -31,12 +29,8 @@ std::ostream& operator<<(std::ostream& out, const ProtocolHandlerSpec& spec) {
 
 std::ostream& operator<<(std::ostream& out, const ServerConfig& config) {
   out << "ServerConfig{port:" << config.port << "endpoint4:" << config.endpoint4
-      << ";endpoint6:" << config.endpoint6;
-  if (config.localizer)
-    out << ";" << *config.localizer;
-  else
-    out << ";Localizer not set";
-  return out << ";" << config.serverSpec << "}";
+      << ";endpoint6:" << config.endpoint6 << ";Localizer not set;" << config.serverSpec;
+  return out << "}";
 }
 
 }  // namespace Orbi::Transport::PicoHttp

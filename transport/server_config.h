@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <functional>
 #include <iosfwd>
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -12,10 +11,6 @@
 #include <boost/asio/ip/tcp.hpp>
 
 #include "transport/http/request_head.h"
-
-namespace Orbi::L10n {
-class Localizer;
-}
 
 namespace Orbi::Transport::PicoHttp {
 
@@ -37,11 +32,11 @@ struct ServerConfig {
       0;  ///< when not zero, listening puts the wildcard addresses and this port into the endpoints
   boost::asio::ip::tcp::endpoint endpoint4{boost::asio::ip::tcp::v4(), 0};
   boost::asio::ip::tcp::endpoint endpoint6{boost::asio::ip::tcp::v6(), 0};
-  std::shared_ptr<const L10n::Localizer> localizer;
   ProtocolHandlerSpec serverSpec;
 };
 
-/// Text forms for diagnostics.
+/// Text forms for diagnostics. They tell of a localizer, which the server does not have: answers
+/// are localized by whoever makes them.
 std::ostream& operator<<(std::ostream& out, const ProtocolHandlerSpec& spec);
 std::ostream& operator<<(std::ostream& out, const ServerConfig& config);
 

@@ -4,15 +4,13 @@
 
 #include <sstream>
 
-#include "orbi/l10n/localizer.h"
-
 namespace Orbi::Transport::PicoHttp {
 namespace {
 
 using namespace std::chrono_literals;
 
 TEST(ServerConfig, TextFormNamesEveryFieldAndDurationsInWholeUnits) {
-  ServerConfig config{.port = 8080, .localizer = {}, .serverSpec = {}};
+  ServerConfig config{.port = 8080, .serverSpec = {}};
   config.endpoint4.port(8080);
   EXPECT_EQ((std::ostringstream() << config).str(),
             "ServerConfig{port:8080endpoint4:0.0.0.0:8080;endpoint6:[::]:0;Localizer not set;"

@@ -104,7 +104,6 @@ class LoopbackServer {
     };
     return {.endpoint4 = any("127.0.0.1"),
             .endpoint6 = any("::1"),
-            .localizer = {},
             .serverSpec = spec};
   }
 

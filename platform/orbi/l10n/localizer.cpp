@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <charconv>
-#include <ostream>
 #include <utility>
 
 #include "orbi/l10n/catalogue.h"
@@ -85,10 +84,6 @@ void Localizer::Localize(Data::ErrorValue& error, std::string_view locale,
       ec = LocalizationError::kErrorValueNotLocalized;
     }
   }
-}
-
-std::ostream& operator<<(std::ostream& out, const Localizer& localizer) {
-  return out << "Localizer{locale:" << localizer.locale() << '}';
 }
 
 std::shared_ptr<const Localizer> LocalizerHelpers::GetDefaultLocalizer() {

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <iosfwd>
 #include <memory>
 #include <optional>
 #include <string>
@@ -23,8 +22,6 @@ class Localizer {
   /// @param locale  serves for locales that the bundle does not have
   Localizer(std::string locale, std::shared_ptr<const LocalizationBundle> bundle);
 
-  [[nodiscard]] const std::string& locale() const { return locale_; }
-
   /// @param locale  for example "de_DE"
   /// @param ec  kLocaleNotSupported comes with the text in the localizer's own locale; with any
   ///            other error there is none
@@ -43,9 +40,6 @@ class Localizer {
   const std::string locale_;
   const std::shared_ptr<const LocalizationBundle> bundle_;
 };
-
-/// "Localizer{locale:en_US}", for diagnostics.
-std::ostream& operator<<(std::ostream& out, const Localizer& localizer);
 
 struct LocalizerHelpers {
   /// The localizer over the framework's own catalogue, for the locale "en_US".
