@@ -14,7 +14,7 @@ def least_acceptance_level():
     except (OSError, ValueError) as error:
         raise ImageError("AcceptanceGetError", detail=error) from error
     if level not in ACCEPTANCE_LEVELS:
-        raise ImageError("AcceptanceGetError", detail=f"unknown level {level!a}")
+        raise ImageError("AcceptanceGetError", detail=f"unknown level {ascii(level)[1:-1]}")
     return level
 
 
