@@ -105,7 +105,7 @@ def test_a_stop_does_not_wait_for_what_callers_wait_for(daemon, helper, stubborn
     begin = time.monotonic()
     assert daemon.stop() == 0
     assert (time.monotonic() - begin > 5) is stubborn
-    assert time.monotonic() - begin < 6
+    assert time.monotonic() - begin < 7  # six, and the second that ThreadSanitizer takes to exit
     assert helpers_running() == (8 if stubborn else 0)
     assert all(call.exception(10) for call in waiting)
 
