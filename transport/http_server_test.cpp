@@ -36,10 +36,25 @@ class PieceSource : public BodySource {
 /// Answers with what it understood: "METHOD PATH BODY". Some paths ask for other things.
 class EchoHandler : public RequestHandler {
  public:
-  bool Accepts(const RequestHead& head) override { return !head.Find("x-refuse"); }
+  std::shared_ptr<AcceptedRequest> Accept(const RequestHead& head, std::string_view) override {
+    if (head.Find("x-refuse")) return nullptr;
+    return std::make_shared<Request>(*this, head);
+  }
 
-  void Handle(const RequestHead& head, std::string_view, std::string body,
-              ResponseSink sink) override {
+  std::list<ResponseSink> kept;
+  std::vector<std::string> sent;  ///< how the sending of each answer ended
+
+ private:
+  struct Request : AcceptedRequest {
+    Request(EchoHandler& owner, const RequestHead& head) : owner(owner), head(head) {}
+    void Handle(std::string body, ResponseSink sink) override {
+      owner.Handle(head, body, std::move(sink));
+    }
+    EchoHandler& owner;
+    const RequestHead& head;
+  };
+
+  void Handle(const RequestHead& head, const std::string& body, ResponseSink sink) {
     const auto& path = head.path;
     if (path == "/drop") return;
     if (path == "/keep") return kept.push_back(std::move(sink));
@@ -56,9 +71,6 @@ class EchoHandler : public RequestHandler {
     response.sent = [this](const auto& ec) { sent.push_back(ec.message()); };
     sink(std::move(response));
   }
-
-  std::list<ResponseSink> kept;
-  std::vector<std::string> sent;  ///< how the sending of each answer ended
 };
 
 std::string Answer(std::string_view head, std::string_view body) {

@@ -31,12 +31,13 @@ constexpr std::size_t kPieceSize = std::size_t{16} * 1024;
 ///
 /// Begins and ends on the server's thread. In between it belongs to the thread where the provider's
 /// result arrives, which makes the answer of it.
-class ApiExchange : public std::enable_shared_from_this<ApiExchange> {
+class ApiExchange : public AcceptedRequest, public std::enable_shared_from_this<ApiExchange> {
  public:
-  ApiExchange(SpecPtr handler, const RequestSpec& spec, ResponseSink sink)
-      : handler_(std::move(handler)), spec_(spec), sink_(std::move(sink)) {}
+  ApiExchange(SpecPtr handler, const RequestSpec& spec, const RequestHead& head,
+              std::string_view peer)
+      : handler_(std::move(handler)), spec_(spec), head_(head), peer_(peer) {}
 
-  void Handle(const RequestHead& head, std::string_view peer, std::string body);
+  void Handle(std::string body, ResponseSink sink) override;
 
   void LogLine(int level, std::string_view what, std::string_view reason = {}) const {
     Log::Write(*handler_->logger, level, what, '[', static_cast<const void*>(this), ']',
@@ -57,7 +58,7 @@ class ApiExchange : public std::enable_shared_from_this<ApiExchange> {
       Log::kDebug, "Response head sent (Deserializer error):", "Failed to sent Deserializer error"};
   using Body = decltype(Response::body);
 
-  void Decode(const RequestHead& head, std::string_view peer, std::string& body);
+  void Decode(std::string& body);
   void Call(Protocol::Json::ApiCall call);
   void Failed(std::string_view reason);
   template <class Step>
@@ -68,12 +69,14 @@ class ApiExchange : public std::enable_shared_from_this<ApiExchange> {
   void AnswerInvalidRequest(const ProtocolError& error);
   void Localize(Data::ErrorValue& error) const;
   [[nodiscard]] Body Serialize(Core::MethodResult result);
-  [[nodiscard]] Response MakeResponse(std::string errorId, Body body, const LogTexts& texts);
+  [[nodiscard]] Response MakeResponse(const std::string& errorId, Body body, const LogTexts& texts);
   void Sent(const LogTexts& texts, const boost::system::error_code& ec) const;
 
   const SpecPtr handler_;
   const RequestSpec spec_;
-  ResponseSink sink_;
+  const RequestHead& head_;      ///< until the request is answered
+  const std::string_view peer_;  ///< until then, too
+  ResponseSink sink_{nullptr};
   Protocol::Json::RequestId id_;
   std::string language_;
   bool called_ = false;        ///< the provider owes the result
@@ -115,10 +118,11 @@ class AnswerStream : public BodySource {
   std::string first_;
 };
 
-void ApiExchange::Handle(const RequestHead& head, std::string_view peer, std::string body) {
+void ApiExchange::Handle(std::string body, ResponseSink sink) {
+  sink_ = std::move(sink);
   LogLine(Log::kTrace, "Request received");
   try {
-    Decode(head, peer, body);
+    Decode(body);
   } catch (const std::exception& error) {
     Failed(error.what());
   } catch (...) {
@@ -126,7 +130,7 @@ void ApiExchange::Handle(const RequestHead& head, std::string_view peer, std::st
   }
 }
 
-void ApiExchange::Decode(const RequestHead& head, std::string_view peer, std::string& body) {
+void ApiExchange::Decode(std::string& body) {
   if (body.size() > handler_->requestSizeLimitInBytes) {
     return AnswerInvalidRequest(
         {ProtocolErrorCode::kInvalidRequest, "protocol error: message too long"});
@@ -140,10 +144,10 @@ void ApiExchange::Decode(const RequestHead& head, std::string_view peer, std::st
   auto& call = std::get<Protocol::Json::ApiCall>(request.content);
   boost::system::error_code localization;
   const auto mismatch = Provider::JsonRpc1_1::UpdateExecutionCtxHelper::Update(
-      head.headers, call.method, *call.context, localization);
+      head_.headers, call.method, *call.context, localization);
   if (mismatch) return AnswerInvalidRequest(*mismatch);
   if (localization) LogLine(Log::kTrace, "Localization error: ", localization.message());
-  call.context->peer = peer;
+  call.context->peer = peer_;
   Call(std::move(call));
 }
 
@@ -206,7 +210,7 @@ Response ApiExchange::Answer(Core::MethodResult result, const LogTexts& texts) {
     Localize(*result.error);
     errorId = result.error->id;
   }
-  return MakeResponse(std::move(errorId), Serialize(std::move(result)), texts);
+  return MakeResponse(errorId, Serialize(std::move(result)), texts);
 }
 
 void ApiExchange::AnswerInvalidRequest(const ProtocolError& error) {
@@ -227,15 +231,20 @@ ApiExchange::Body ApiExchange::Serialize(Core::MethodResult result) {
                                         spec_.serializer->Start(id_, std::move(result)));
 }
 
-Response ApiExchange::MakeResponse(std::string errorId, Body body, const LogTexts& texts) {
-  Response response{.headers = {{":status", "200"},
-                                {":reason", "OK"},
-                                {"Content-Type", std::string(NameOf(spec_.responseFormat))},
-                                {"Connection", spec_.keepAlive ? "Keep-Alive" : "close"}},
+Response ApiExchange::MakeResponse(const std::string& errorId, Body body, const LogTexts& texts) {
+  Response response{.headers = {},
                     .body = std::move(body),
                     .sent = [self = shared_from_this(), &texts](
                                 const boost::system::error_code& ec) { self->Sent(texts, ec); }};
-  if (!errorId.empty()) response.headers.push_back({"orbi-error", std::move(errorId)});
+  response.headers.reserve(5);
+  const auto add = [&response](std::string_view name, std::string_view value) {
+    response.headers.push_back({name, std::string(value)});
+  };
+  add(":status", "200");
+  add(":reason", "OK");
+  add("Content-Type", NameOf(spec_.responseFormat));
+  add("Connection", spec_.keepAlive ? "Keep-Alive" : "close");
+  if (!errorId.empty()) add("orbi-error", errorId);
   return response;
 }
 
@@ -252,15 +261,11 @@ void ApiExchange::Sent(const LogTexts& texts, const boost::system::error_code& e
 PicoHttpApiRequestHandler::PicoHttpApiRequestHandler(ApiRequestHandlerSpec spec)
     : spec_(std::make_shared<const ApiRequestHandlerSpec>(std::move(spec))) {}
 
-bool PicoHttpApiRequestHandler::Accepts(const RequestHead& head) {
+std::shared_ptr<AcceptedRequest> PicoHttpApiRequestHandler::Accept(const RequestHead& head,
+                                                                   std::string_view peer) {
   const RequestSpec spec = ExtractRequestSpec(head);
-  return spec.deserializer && spec.serializer;
-}
-
-void PicoHttpApiRequestHandler::Handle(const RequestHead& head, std::string_view peer,
-                                       std::string body, ResponseSink sink) {
-  std::make_shared<ApiExchange>(spec_, ExtractRequestSpec(head), std::move(sink))
-      ->Handle(head, peer, std::move(body));
+  if (!spec.deserializer || !spec.serializer) return nullptr;
+  return std::make_shared<ApiExchange>(spec_, spec, head, peer);
 }
 
 }  // namespace Orbi::Transport::PicoHttp

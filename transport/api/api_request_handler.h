@@ -35,10 +35,9 @@ class PicoHttpApiRequestHandler final : public RequestHandler {
  public:
   explicit PicoHttpApiRequestHandler(ApiRequestHandlerSpec spec);
 
-  /// Whether the body is announced as plain JSON.
-  [[nodiscard]] bool Accepts(const RequestHead& head) override;
-  void Handle(const RequestHead& head, std::string_view peer, std::string body,
-              ResponseSink sink) override;
+  /// Accepts requests whose body is announced as plain JSON.
+  [[nodiscard]] std::shared_ptr<AcceptedRequest> Accept(const RequestHead& head,
+                                                        std::string_view peer) override;
 
  private:
   const std::shared_ptr<const ApiRequestHandlerSpec> spec_;

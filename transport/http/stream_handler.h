@@ -123,13 +123,13 @@ class PicoHttpStreamHandler final
     const auto& extractors = context_->spec.extractors;
     const auto accepts = [&head](const auto& extractor) { return extractor(head); };
     return (!extractors || std::ranges::all_of(*extractors, accepts)) &&
-           context_->handler.Accepts(head);
+           (request_ = context_->handler.Accept(head, peer_));
   }
 
   void RequestReadCb(ErrorCode ec, std::string body) {
     if (ec) return ReadFailed(ec);
-    context_->handler.Handle(head_.Head(), peer_, std::move(body),
-                             ResponseSink(this->shared_from_this()));
+    std::exchange(request_, nullptr)
+        ->Handle(std::move(body), ResponseSink(this->shared_from_this()));
   }
 
   /// A client that speaks wrongly is told so; to one that is gone or silent there is nothing to
@@ -252,6 +252,7 @@ class PicoHttpStreamHandler final
   Stream stream_;
   HeadReader head_;
   HttpServerTransaction<Stream> transaction_;
+  std::shared_ptr<AcceptedRequest> request_;    ///< whose body is being read
   std::function<void(const ErrorCode&)> sent_;  ///< whom to tell how the answer's sending ends
   std::size_t drained_ = 0;
 };

@@ -61,7 +61,8 @@ void MetadataContainer::Add(const std::string& component, const Data::Value& doc
 
 const MetadataContainer::Schemes& MetadataContainer::RequiredSchemes(
     const Core::MethodIdentifier& method) const {
-  const auto operation = operations_.find(method.ToText());
+  const auto operation =
+      operations_.empty() ? operations_.end() : operations_.find(method.ToText());
   if (operation != operations_.end()) return operation->second;
   const auto service = services_.find(method.service);
   return service == services_.end() ? default_ : service->second;
