@@ -33,6 +33,7 @@ LocalizableMessage ToMessage(const RyxConfigManager::ErrorInfo& info) {
 
 std::vector<LocalizableMessage> ToMessages(const std::vector<RyxConfigManager::ErrorInfo>& infos) {
   std::vector<LocalizableMessage> messages;
+  messages.reserve(infos.size());
   for (const auto& info : infos) messages.push_back(ToMessage(info));
   return messages;
 }

@@ -123,7 +123,7 @@ TEST(ThreadedProviderTest, CallsOfServicesThatWaitLeaveTheCallersThread) {
     ThreadedProvider provider(recorder, {"waits"}, threads);
     provider.Invoke({waits ? "waits" : "does.not", "get"}, {},
                     std::make_shared<Orbi::Core::ExecutionContext>(),
-                    Orbi::Core::MethodCompletion([](Orbi::Core::MethodResult) {}));
+                    Orbi::Core::MethodCompletion([](const Orbi::Core::MethodResult&) {}));
     EXPECT_EQ(recorder->thread.get_future().get() != std::this_thread::get_id(), waits);
   }
 }

@@ -16,9 +16,9 @@ using Orbi::Data::Some;
 using Orbi::Data::Structure;
 using Orbi::Data::Value;
 
-Structure Object(std::vector<std::pair<const char*, Value>> fields, const char* name = "") {
+Structure Object(const std::vector<std::pair<const char*, Value>>& fields, const char* name = "") {
   Structure structure{name, {}};
-  for (auto& [field, value] : fields) structure.Add(field, std::move(value));
+  for (const auto& [field, value] : fields) structure.Add(field, value);
   return structure;
 }
 

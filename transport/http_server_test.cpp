@@ -16,8 +16,6 @@ namespace {
 using namespace std::literals;
 using testing::AnyOf;
 using testing::EndsWith;
-using testing::HasSubstr;
-using testing::StartsWith;
 
 class PieceSource : public BodySource {
  public:

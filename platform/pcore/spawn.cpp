@@ -28,7 +28,7 @@
 
 // The C library's own name for clone(2), which has no sanitizer's function in its place either. The
 // child ends when `run` returns.
-// NOLINTNEXTLINE(bugprone-reserved-identifier)
+// NOLINTNEXTLINE(readability-identifier-naming)
 extern "C" int __clone(int (*run)(void*), void* stack, int flags, void* argument, ...);
 
 namespace PcoreCtl {

@@ -55,8 +55,8 @@ TEST_F(DocumentsTest, AFailedWriteLeavesNothingBehind) {
 
 TEST_F(DocumentsTest, TextThatIsNoJsonIsAnErrorInBothForms) {
   for (const char* text : {"", "{", "{} {}", "not JSON"}) {
-    EXPECT_THROW(JsonToValue(text), OrbiJsonSerializationError) << text;
-    EXPECT_THROW(TypedJsonToValue(text), OrbiJsonSerializationError) << text;
+    EXPECT_THROW((void)JsonToValue(text), OrbiJsonSerializationError) << text;
+    EXPECT_THROW((void)TypedJsonToValue(text), OrbiJsonSerializationError) << text;
     EXPECT_THAT(log_.TakeLines(), testing::Each(StartsWith("2 Deserialize from JSON failed: ")));
   }
 }

@@ -38,7 +38,7 @@ class Provider : public Core::AsyncApiProvider {
   const Function function_;
 };
 
-Provider::Function Answering(MethodResult result) {
+Provider::Function Answering(const MethodResult& result) {
   return [result](const auto&, auto, auto, MethodCompletion completion) { completion(result); };
 }
 Provider::Function Answering(Data::Value output) {
@@ -80,7 +80,7 @@ class ApiServer {
 TEST(ApiRequestHandler, AnswersInTheFormatThatIsAskedFor) {
   const std::string json = "application/json", orbi = "application/vnd.tessel.orbi.";
   const std::string clean = orbi + "cleanjson", stream = orbi + "stream.json",
-                    clean_stream = orbi + "clean.stream.json";
+                    cleanStream = orbi + "clean.stream.json";
   const struct {
     std::string contentType, accept;
     std::string answer;  ///< the type of the answer, empty for a refusal
@@ -91,7 +91,7 @@ TEST(ApiRequestHandler, AnswersInTheFormatThatIsAskedFor) {
       {json, orbi + "framed", json},
       {json, orbi + "cframed.cleanjson", json},
       {json, stream, stream},
-      {json, "application/json;q=1, " + clean_stream, clean_stream},
+      {json, "application/json;q=1, " + cleanStream, cleanStream},
       {clean, "", ""},
       {json + ", " + clean, "", ""},
       {"text/json", "", ""},

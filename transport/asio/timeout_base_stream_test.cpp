@@ -32,7 +32,7 @@ class TimeoutBaseStreamTest : public testing::Test {
 
   /// Starts a read whose result goes to `result`, and `next` after it.
   void Read(
-      Stream& stream, Result& result, std::function<void()> next = [] {}) {
+      Stream& stream, Result& result, const std::function<void()>& next = [] {}) {
     stream.async_read_some(boost::asio::buffer(buffer_), [&result, next](auto ec, std::size_t) {
       result = ec;
       next();

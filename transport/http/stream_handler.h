@@ -171,6 +171,7 @@ class PicoHttpStreamHandler final
     ReadHead();
   }
 
+  // NOLINTNEXTLINE(performance-unnecessary-value-param): the linter does not see that it is moved
   void AnswerBadRequest(std::string text) {
     Respond({.headers = {{":status", "400"},
                          {":reason", "Bad Request"},

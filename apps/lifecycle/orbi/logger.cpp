@@ -44,12 +44,12 @@ struct OrbiLoggerWrapper::Record::TextStream {
 
 /// Of the thread's last record, for its next: making one costs more than most lines.
 thread_local std::unique_ptr<OrbiLoggerWrapper::Record::TextStream>
-    OrbiLoggerWrapper::Record::spare;
+    OrbiLoggerWrapper::Record::spare_;
 
 OrbiLoggerWrapper::Record::Record(LogFunction log, LogLevel platformLevel)
     : log_(log),
       platformLevel_(platformLevel),
-      stream_(spare ? std::move(spare) : std::make_unique<TextStream>()) {}
+      stream_(spare_ ? std::move(spare_) : std::make_unique<TextStream>()) {}
 
 OrbiLoggerWrapper::Record::~Record() {
   std::string& text = stream_->buffer.text;
@@ -58,7 +58,7 @@ OrbiLoggerWrapper::Record::~Record() {
   text.clear();
   stream_->stream.clear();
   stream_->stream.flags(std::ios_base::skipws | std::ios_base::dec);
-  spare = std::move(stream_);
+  spare_ = std::move(stream_);
 }
 
 std::ostream& OrbiLoggerWrapper::Record::Stream() { return stream_->stream; }

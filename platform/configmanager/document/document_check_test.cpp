@@ -17,7 +17,6 @@ namespace RyxConfigManager {
 namespace {
 
 using testing::ElementsAreArray;
-using testing::IsEmpty;
 
 constexpr char kHost[] = "0a1b2c3d-0000-4000-8000-00000000000a";
 

@@ -44,16 +44,16 @@ void ReadOptions(const Value& value, const DocumentPath& path, Schema& schema) {
   schema.options = &value;
 }
 
-template <const Value* Schema::*bound>
+template <const Value* Schema::*Bound>
 void ReadBound(const Value& value, const DocumentPath& path, Schema& schema) {
   if (!value.IsNumber()) Refuse(path, "is not a number");
-  schema.*bound = &value;
+  schema.*Bound = &value;
 }
 
-template <std::optional<std::uint64_t> Schema::*bound>
+template <std::optional<std::uint64_t> Schema::*Bound>
 void ReadSize(const Value& value, const DocumentPath& path, Schema& schema) {
   if (!value.IsUint64()) Refuse(path, "is not a whole number from 0");
-  schema.*bound = value.GetUint64();
+  schema.*Bound = value.GetUint64();
 }
 
 void ReadPattern(const Value& value, const DocumentPath& path, Schema& schema) {

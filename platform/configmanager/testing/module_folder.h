@@ -20,7 +20,7 @@ class ModuleFolder {
   [[nodiscard]] const std::filesystem::path& path() const { return path_; }
 
   std::filesystem::path AddFile(const std::string& name, const std::string& content) const {
-    const auto file = path_ / name;
+    auto file = path_ / name;
     std::filesystem::create_directories(file.parent_path());
     std::ofstream(file) << content;
     return file;
@@ -28,7 +28,7 @@ class ModuleFolder {
 
   /// A shell script.
   std::filesystem::path AddProgram(const std::string& name, const std::string& script) const {
-    const auto file = AddFile(name, "#!/bin/sh\n" + script + "\n");
+    auto file = AddFile(name, "#!/bin/sh\n" + script + "\n");
     std::filesystem::permissions(file, std::filesystem::perms::owner_all);
     return file;
   }

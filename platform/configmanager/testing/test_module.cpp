@@ -19,7 +19,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using JsonDocument::FindMember;
-using JsonDocument::Members;
 using JsonDocument::TextOf;
 using rapidjson::Document;
 using rapidjson::Value;

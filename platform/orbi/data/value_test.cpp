@@ -23,7 +23,7 @@ TEST(Placeholders, AreFilledInOnePass) {
 }
 
 TEST(MethodCompletionDeathTest, SecondAnswerEndsTheProcess) {
-  Core::MethodCompletion completion([](Core::MethodResult) {});
+  Core::MethodCompletion completion([](const Core::MethodResult&) {});
   completion(Core::MethodResult::Output(Value{}));
   EXPECT_DEATH(completion(Core::MethodResult::Output(Value{})), "");
 }

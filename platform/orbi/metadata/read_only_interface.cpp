@@ -38,11 +38,11 @@ Core::Operation ReadOnlyOperation(const std::string& name, const std::vector<std
   Core::OperationDefinition definition{name, {}, false, output, {}};
   for (const std::string& field : fields) definition.input.push_back({field, "string"});
   if (!fields.empty()) definition.errors.emplace_back(Errors::NotFound.id());
-  auto invoke = [input_fields = definition.input, answer = std::move(answer)](
+  auto invoke = [inputFields = definition.input, answer = std::move(answer)](
                     const Data::Value& input, const Core::ExecutionContextPtr&,
                     Core::MethodCompletion completion) {
     Bindings::AdaptErrors errors;
-    const auto arguments = ReadArguments(input_fields, input, errors);
+    const auto arguments = ReadArguments(inputFields, input, errors);
     completion(arguments ? answer(*arguments)
                          : Core::MethodResult::Error(Errors::InvalidArgument(errors.messages())));
   };

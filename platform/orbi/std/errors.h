@@ -25,6 +25,7 @@ class StandardError {
   std::string_view id_;
 };
 
+// NOLINTBEGIN(readability-identifier-naming): used like the functions that they are called as
 inline constexpr StandardError Error{"com.tessel.orbi.std.errors.error"};
 inline constexpr StandardError InternalServerError{
     "com.tessel.orbi.std.errors.internal_server_error"};
@@ -40,5 +41,6 @@ inline constexpr StandardError Unsupported{"com.tessel.orbi.std.errors.unsupport
 inline constexpr StandardError Unauthenticated{"com.tessel.orbi.std.errors.unauthenticated"};
 inline constexpr StandardError Unauthorized{"com.tessel.orbi.std.errors.unauthorized"};
 inline constexpr StandardError OperationNotFound{"com.tessel.orbi.std.errors.operation_not_found"};
+// NOLINTEND(readability-identifier-naming)
 
 }  // namespace Com::Tessel::Orbi::Std::Errors

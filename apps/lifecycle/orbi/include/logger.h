@@ -40,7 +40,7 @@ class OrbiLoggerWrapper::Record : public Orbi::Log::LogRecord {
 
  private:
   struct TextStream;
-  static thread_local std::unique_ptr<TextStream> spare;
+  static thread_local std::unique_ptr<TextStream> spare_;
 
   const LogFunction log_;
   const LogLevel platformLevel_;
