@@ -65,7 +65,7 @@ TEST(RequestThreadsTest, WhatFindsNoPlaceIsRefusedAndAnothersPlaceIsKept) {
   Gate gate;
   int taken = 0;
   while (taken < 200 && threads.Submit("greedy", gate.Work())) ++taken;
-  EXPECT_GE(taken, 64 + 4);
+  EXPECT_GE(taken, 64);
   EXPECT_LE(taken, 64 + 4 + 4);  // what had begun before all were submitted left its place
   EXPECT_TRUE(threads.Submit("other", [] {}));
   gate.Open();
