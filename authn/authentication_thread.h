@@ -37,8 +37,7 @@ class AuthenticationThread {
   };
 
   /// @param io  refusals are told on the thread that runs it; outlives this object
-  explicit AuthenticationThread(boost::asio::io_context& io)
-      : AuthenticationThread(io, Limits{}) {}
+  explicit AuthenticationThread(boost::asio::io_context& io) : AuthenticationThread(io, Limits{}) {}
   AuthenticationThread(boost::asio::io_context& io, const Limits& limits);
   AuthenticationThread(const AuthenticationThread&) = delete;
   AuthenticationThread& operator=(const AuthenticationThread&) = delete;

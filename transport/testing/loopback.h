@@ -102,9 +102,7 @@ class LoopbackServer {
     const auto any = [](const char* address) {
       return boost::asio::ip::tcp::endpoint(boost::asio::ip::make_address(address), 0);
     };
-    return {.endpoint4 = any("127.0.0.1"),
-            .endpoint6 = any("::1"),
-            .serverSpec = spec};
+    return {.endpoint4 = any("127.0.0.1"), .endpoint6 = any("::1"), .serverSpec = spec};
   }
 
   const std::shared_ptr<RecordingLogger> logger_;
