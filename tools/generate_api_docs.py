@@ -35,7 +35,8 @@ written either way.
 
 An operation whose name ends in `$task` answers with a task's identifier at once; `com.tessel.cis.tasks` tells how the
 task stands and, in the end, its result. Any call can end with `unauthenticated`, `unauthorized`, `operation_not_found`,
-`invalid_argument` (the input does not fit) or `internal_server_error`; operations list what they say beyond that.
+`invalid_argument` (the input does not fit), `service_unavailable` (too many calls wait for their turn: try again) or
+`internal_server_error`; operations list what they say beyond that.
 
 Types: `integer` has 64 bits and a sign; `date_time` is UTC in the form `2026-11-21T02:12:52.123Z`; `dynamic_structure`
 is a structure of any fields, `any` any value, `error` any error; `void` is null.
