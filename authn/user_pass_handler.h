@@ -12,8 +12,9 @@ namespace Host::Settings::SettingsApi::Authn {
 ///
 /// Where the two are equal they are a one-time ticket of the host's lifecycle tooling, which is
 /// used up; such a pair never reaches PAM, so that an account whose password is its name stays
-/// shut. Any other pair is a system account, checked under the PAM service "kestreld", one at a
-/// time. Tickets may be checked on any thread, also while an account is.
+/// shut. Any other pair is a system account, checked under the PAM service "kestreld"; only one
+/// such check may be made at a time, which Takes tells by Wait::kSystem. Tickets may be checked on
+/// any thread, also meanwhile.
 class UserPassHandler : public Orbi::Authn::AuthnHandler {
  public:
   explicit UserPassHandler(PamAuthenticator pam = PamAuthenticator{});

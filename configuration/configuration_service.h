@@ -7,7 +7,7 @@
 namespace Com::Tessel::Ryx::KestrelDaemon::ConfigurationSvc {
 
 /// Works with configuration documents: every operation but Export starts a task and answers with
-/// its identifier. Blocks for a second while another task runs.
+/// its identifier. Blocks for up to two seconds while another task runs.
 class ConfigurationServiceImpl final : public AsyncServiceInterface {
  public:
   void Validate(const ::Orbi::Core::ExecutionContextPtr& context, const ValidateInput& input,

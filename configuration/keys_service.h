@@ -8,7 +8,7 @@
 namespace Com::Tessel::Ryx::Configuration::Components::Groups::KeysSvc {
 
 /// Reads single configuration keys at once, and starts tasks that set or delete them. Starting one
-/// blocks for a second while another task runs.
+/// blocks for up to two seconds while another task runs.
 class AsyncServiceImpl final : public AsyncServiceInterface {
  public:
   void Get(

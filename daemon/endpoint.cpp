@@ -88,11 +88,11 @@ void Endpoint::Start() {
   // A daemon that no family lets listen stays up: its tasks go on, and a restart is the operator's
   // decision.
   (void)server_.Listen();
-  if (worker_.joinable()) std::terminate();
+  if (ioThread_.joinable()) std::terminate();
   // The first request may bring a task: it must find a scheduler that takes it.
   std::promise<void> ready;
   const SignalsBlocked blocked;
-  worker_ = std::thread([&io = io_, begin = ready.get_future()] {
+  ioThread_ = std::thread([&io = io_, begin = ready.get_future()] {
     begin.wait();
     io.run();
   });
@@ -104,9 +104,9 @@ void Endpoint::Start() {
 
 void Endpoint::Stop() {
   io_.stop();
-  if (!worker_.joinable()) return;
+  if (!ioThread_.joinable()) return;
   const StopDeadline deadline(kStopTime);
-  worker_.join();
+  ioThread_.join();
   CallThreads::HurryUp();
   if (FeatureState_IsEnabled(Feature::kTaskScheduler)) LifeCycle::TaskSchedular::Instance().abort();
   threads_.Stop();

@@ -14,7 +14,7 @@
 namespace Host::Settings::SettingsApi {
 
 /// The HTTP service of the daemon: the port of the services-database entry "kestreld", the server
-/// that listens there on IPv4 and IPv6, and the one worker thread that carries all connections;
+/// that listens there on IPv4 and IPv6, and the one I/O thread that carries all connections;
 /// with it the threads that calls wait on and the scheduler of the daemon's own tasks (feature
 /// switch "task_scheduler").
 ///
@@ -28,14 +28,14 @@ class Endpoint {
            CallThreads& threads, std::shared_ptr<OrbiLoggerWrapper> logger);
   ~Endpoint();
 
-  /// Listens and starts the worker thread. A family that cannot listen is logged and left out.
+  /// Listens and starts the I/O thread. A family that cannot listen is logged and left out.
   /// Starting twice ends the process.
   /// @throws std::system_error when no thread can be had
   void Start();
 
-  /// Abandons what is pending, joins the worker, then ends the scheduler and the calls that run.
-  /// What has not ended after some five seconds ends with the process, here. Does nothing when not
-  /// started.
+  /// Abandons what is pending, joins the I/O thread, then ends the scheduler and the calls that
+  /// run. What has not ended after some five seconds ends with the process, here. Does nothing when
+  /// not started.
   void Stop();
 
  private:
@@ -45,7 +45,7 @@ class Endpoint {
   Orbi::Transport::PicoHttp::HttpServer server_;
   boost::asio::io_context& io_;
   CallThreads& threads_;
-  std::thread worker_;
+  std::thread ioThread_;
 };
 
 }  // namespace Host::Settings::SettingsApi

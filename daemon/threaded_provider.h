@@ -9,8 +9,8 @@
 namespace Host::Settings::SettingsApi {
 
 /// The link of the provider chain that has operations run on the request threads. Services that
-/// touch nothing but memory are called at once, on the caller's thread. A call that finds no place
-/// to wait is answered `service_unavailable`.
+/// are not among those that wait are called at once, on the caller's thread. A call that finds no
+/// place to wait is answered `service_unavailable`.
 class ThreadedProvider : public Orbi::Core::AsyncApiProvider {
  public:
   /// @param waiting  identifiers of the services whose operations may wait

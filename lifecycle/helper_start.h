@@ -33,7 +33,7 @@ extern const HelperKind kImageManagerTask;
 extern const HelperKind kApplyTask;
 
 struct HelperCommand {
-  std::string taskId;                  ///< from NewTaskId
+  std::string taskId;                  ///< from GetTaskId
   std::string line;                    ///< the command line
   std::vector<std::string> documents;  ///< the command's own input files, which it removes
   ErrorKind errors;  ///< what becomes of a task that cannot be recorded, or the command not started

@@ -29,8 +29,8 @@ constexpr std::size_t kPieceSize = std::size_t{16} * 1024;
 
 /// One request on its way to its answer. Its address tells its log lines from those of others.
 ///
-/// Begins and ends on the server's thread. In between it belongs to the thread where the provider's
-/// result arrives, which makes the answer of it.
+/// Begins and ends on the thread that runs the server's I/O context. In between it belongs to the
+/// thread where the provider's result arrives, which makes the answer of it.
 class ApiExchange : public AcceptedRequest, public std::enable_shared_from_this<ApiExchange> {
  public:
   ApiExchange(SpecPtr handler, const RequestSpec& spec, const RequestHead& head,

@@ -39,7 +39,8 @@ struct Response {
   std::vector<ResponseHeader> headers;
   /// A sized body, or the source of one that is sent in chunks. A source is not null.
   std::variant<std::string, std::unique_ptr<BodySource>> body;
-  /// Told, on the server's thread, when the last byte has been written or writing has failed.
+  /// Told, on the thread that runs the server's I/O context, when the last byte has been written or
+  /// writing has failed.
   /// Destroyed without a call when the connection ends for another reason. May be empty.
   std::function<void(const boost::system::error_code&)> sent{};
 };
