@@ -278,9 +278,13 @@ class Source(Writer):
             parts.append(f"\n}}  // namespace {self.package.namespace}\n")
         return "".join(parts)
 
+    def constant(self, name, kind):
+        """The name of a constant that no other file has: several files are compiled as one."""
+        return "k" + camel(self.package.identifier.replace(".", "_")) + name + kind
+
     def enumeration(self, enumeration):
         name = camel(enumeration.identifier.rpartition(".")[2])
-        native, names = self.qualified(name), f"k{name}Names"
+        native, names = self.qualified(name), self.constant(name, "Names")
         values = ", ".join(map(quoted, enumeration.values))
         return (f"\nconstexpr std::string_view {names}[] = {{{values}}};\n\n"
                 f"std::string_view Adapter<{native}>::TypeName() {{ return {quoted(enumeration.identifier)}; }}\n"
@@ -293,7 +297,7 @@ class Source(Writer):
                 f"  return static_cast<{native}>(*index);\n}}\n")
 
     def structure(self, wire_name, name, fields, _):
-        native, list_name = self.qualified(name), f"k{name}Fields"
+        native, list_name = self.qualified(name), self.constant(name, "Fields")
         shown = "".join(f"  field({quoted(field.name)}, native.{field_name(field.name)});\n" for field in fields)
         parameters = "[[maybe_unused]] auto& native, [[maybe_unused]] auto& field"
         return (f"\nconstexpr auto {list_name} = []({parameters}) {{\n{shown}}};\n\n"
