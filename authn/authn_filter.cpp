@@ -38,12 +38,17 @@ struct AsyncAuthnFilter::Call {
   Orbi::Core::ExecutionContextPtr context;
   Orbi::Core::MethodCompletion completion;
 
-  void Checked(bool accepted) {
-    if (accepted) {
+  /// No thread that checks credentials ends by what becomes of a call: one that cannot go on ends
+  /// with its completion.
+  void Checked(bool accepted) noexcept {
+    try {
+      if (!accepted) return Refuse(Unauthenticated());
       ErasePassword();
       next->Invoke(method, std::move(input), std::move(context), std::move(completion));
-    } else {
-      Refuse(Unauthenticated());
+    } catch (const std::exception& error) {
+      BrokenOff(error.what());
+    } catch (...) {
+      BrokenOff("unknown exception");
     }
   }
 
@@ -53,6 +58,11 @@ struct AsyncAuthnFilter::Call {
   }
 
  private:
+  void BrokenOff(const char* reason) const {
+    Log_Level(LogLevel::kCritical, "Call of method %s.%s broken off. Error: %s\n",
+              method.service.c_str(), method.operation.c_str(), reason);
+  }
+
   void ErasePassword() const {
     if (context->security) context->security->ClearPassword();
   }

@@ -80,4 +80,22 @@ TEST(AsyncAuthnFilterTest, OnlyWhatAHandlerAcceptsOrNeedsNoCredentialsReachesThe
   EXPECT_TRUE(context->security->password.empty()) << "still in memory";
 }
 
+TEST(AsyncAuthnFilterTest, WhateverComesOutOfTheServiceEndsTheCallOnly) {
+  struct Broken : Orbi::Core::AsyncApiProvider {
+    void Invoke(const MethodIdentifier& method, Orbi::Data::Value, Orbi::Core::ExecutionContextPtr,
+                Orbi::Core::MethodCompletion) override {
+      if (method.operation == "get") throw std::runtime_error("broken");
+      throw 1;
+    }
+  };
+  Threads threads;
+  Host::Settings::SettingsApi::Authn::AsyncAuthnFilter filter(
+      std::make_shared<Broken>(), [](const MethodIdentifier&) { return true; }, {}, threads);
+  for (const char* operation : {"get", "set"}) {
+    const auto result = Call(filter, {"metadata", operation}, "input",
+                             std::make_shared<Orbi::Core::ExecutionContext>());
+    EXPECT_FALSE(result.output || result.error) << "an internal error for the client";
+  }
+}
+
 }  // namespace
