@@ -65,7 +65,7 @@ void Prepare(const HelperKind& kind, const HelperCommand& command) {
 
 }  // namespace
 
-TaskError StartHelper(const HelperKind& kind, const HelperCommand& command) {
+TaskError RunTask(const HelperKind& kind, const HelperCommand& command) {
   const std::string& id = command.taskId;
   if (TaskError error = ClaimHost(kind.marker, id, command.retries)) return error;
   Prepare(kind, command);

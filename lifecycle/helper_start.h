@@ -45,6 +45,6 @@ struct HelperCommand {
 
 /// @return empty when the command runs. With an error the host is free again; a record that was
 ///         made stays, and the documents are the caller's.
-[[nodiscard]] TaskError StartHelper(const HelperKind& kind, const HelperCommand& command);
+[[nodiscard]] TaskError RunTask(const HelperKind& kind, const HelperCommand& command);
 
 }  // namespace LifeCycle

@@ -42,8 +42,8 @@ class TaskCreationTest : public testing::Test {
 
   /// @return the error's text, or nothing when the command runs
   static std::string StartTask(const std::string& command, int retries) {
-    const TaskError error = StartHelper(
-        kImageManagerTask, {"id", command, {}, ErrorKind::kInternalServerError, retries});
+    const TaskError error =
+        RunTask(kImageManagerTask, {"id", command, {}, ErrorKind::kInternalServerError, retries});
     return error ? ErrorText(*error) : "";
   }
 

@@ -28,8 +28,8 @@ void StartHelperTask(const TaskOperation& operation, const std::string& id,
     if (write) write();
     written = true;
   };
-  const TaskError error = StartHelper(operation.helper.kind, {id, command, files, operation.errors,
-                                                              operation.helper.retries, prepare});
+  const TaskError error = RunTask(operation.helper.kind, {id, command, files, operation.errors,
+                                                          operation.helper.retries, prepare});
   if (!error) return;
   if (written) RemoveFiles(files);
   throw OperationError(*error);
