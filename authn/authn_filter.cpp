@@ -92,7 +92,7 @@ void AsyncAuthnFilter::Check(const std::shared_ptr<Call>& call) const {
     const auto wait = handler->Takes(*call->context);
     if (!wait) continue;
     const bool taken = threads_.Run(
-        *wait, call->context->peer,
+        *wait, call->context->peer.party,
         [call, handler] { return IsAccepted(*handler, call->method, *call->context); },
         [call](bool accepted) { call->Checked(accepted); });
     if (!taken) call->Refuse(Orbi::Core::Overloaded());

@@ -1,18 +1,23 @@
 #include "daemon/endpoint.h"
 
 #include <netdb.h>
+#include <pwd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <future>
 #include <memory>
+#include <optional>
+#include <string>
 
 #include "apps/lifecycle/orbi/include/verify.h"
 #include "daemon/stop_deadline.h"
 #include "lifecycle/task_schedular.h"
 #include "tesselibs/feature_state.h"
 #include "tesselibs/log.h"
+#include "tesselibs/preference.h"
 #include "tesselibs/signals_blocked.h"
 #include "transport/api/api_request_handler.h"
 
@@ -60,12 +65,24 @@ int LookUpPort() {
   return ntohs(address.sin_port);
 }
 
+/// The account of the TLS front; none when the host does not know it.
+std::optional<uid_t> FrontAccount() {
+  const std::string name = Preference_GetString("front_account", "www-data");
+  passwd entry = {};
+  passwd* found = nullptr;
+  std::array<char, 4096> texts;
+  if (getpwnam_r(name.c_str(), &entry, texts.data(), texts.size(), &found) != 0 || !found)
+    return std::nullopt;
+  return found->pw_uid;
+}
+
 Orbi::Transport::PicoHttp::ServerConfig MakeServerConfig(int port) {
   Orbi::Transport::PicoHttp::ServerConfig config;
   config.port = port;
   config.serverSpec.readTimeout = std::chrono::minutes(20);
   config.serverSpec.writeTimeout = std::chrono::minutes(30);
   config.serverSpec.httpBodySizeLimitInBytes = 2'500'000;
+  config.serverSpec.front = FrontAccount();
   return config;
 }
 

@@ -29,7 +29,7 @@ void ThreadedProvider::Invoke(const Orbi::Core::MethodIdentifier& method, Orbi::
   }
   const auto call = std::make_shared<Call>(
       Call{next_, method, std::move(input), std::move(context), std::move(completion)});
-  const bool taken = threads_.Submit(call->context->peer, [call] {
+  const bool taken = threads_.Submit(call->context->peer.party, [call] {
     call->next->Invoke(call->method, std::move(call->input), std::move(call->context),
                        std::move(call->completion));
   });

@@ -34,7 +34,7 @@ class PieceSource : public BodySource {
 /// Answers with what it understood: "METHOD PATH BODY". Some paths ask for other things.
 class EchoHandler : public RequestHandler {
  public:
-  std::shared_ptr<AcceptedRequest> Accept(const RequestHead& head, std::string_view) override {
+  std::shared_ptr<AcceptedRequest> Accept(const RequestHead& head, Core::Peer) override {
     if (head.Find("x-refuse")) return nullptr;
     return std::make_shared<Request>(*this, head);
   }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -22,6 +24,9 @@ struct ProtocolHandlerSpec {
   std::chrono::nanoseconds readTimeout = std::chrono::minutes(20);   ///< of each single read
   std::chrono::nanoseconds writeTimeout = std::chrono::minutes(30);  ///< of each single write
   std::uint64_t httpBodySizeLimitInBytes = 2'500'000;
+  /// The account of the program that passes on others' requests, whose word on their addresses is
+  /// taken.
+  std::optional<uid_t> front = std::nullopt;
   /// When set, all of them must accept a request's head before the request handler is asked.
   std::optional<std::vector<RequestSpecExtractor>> extractors;
 };

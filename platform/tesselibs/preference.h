@@ -6,6 +6,7 @@
 ///
 /// | preference | meaning | default |
 /// |---|---|---|
+/// | front_account | account of the program that takes TLS connections and passes on their requests | www-data |
 /// | libdir | directory of the libraries that come bundled with the host | /usr/lib/tessel |
 
 /// Reads the preferences. Called once at start-up, before threads that ask for any are started; a

@@ -33,9 +33,8 @@ constexpr std::size_t kPieceSize = std::size_t{16} * 1024;
 /// thread where the provider's result arrives, which makes the answer of it.
 class ApiExchange : public AcceptedRequest, public std::enable_shared_from_this<ApiExchange> {
  public:
-  ApiExchange(SpecPtr handler, const RequestSpec& spec, const RequestHead& head,
-              std::string_view peer)
-      : handler_(std::move(handler)), spec_(spec), head_(head), peer_(peer) {}
+  ApiExchange(SpecPtr handler, const RequestSpec& spec, const RequestHead& head, Core::Peer peer)
+      : handler_(std::move(handler)), spec_(spec), head_(head), peer_(std::move(peer)) {}
 
   void Handle(std::string body, ResponseSink sink) override;
 
@@ -74,8 +73,8 @@ class ApiExchange : public AcceptedRequest, public std::enable_shared_from_this<
 
   const SpecPtr handler_;
   const RequestSpec spec_;
-  const RequestHead& head_;      ///< until the request is answered
-  const std::string_view peer_;  ///< until then, too
+  const RequestHead& head_;  ///< until the request is answered
+  Core::Peer peer_;          ///< until the call has it
   ResponseSink sink_{nullptr};
   Protocol::Json::RequestId id_;
   std::string language_;
@@ -147,7 +146,7 @@ void ApiExchange::Decode(std::string& body) {
       head_.headers, call.method, *call.context, localization);
   if (mismatch) return AnswerInvalidRequest(*mismatch);
   if (localization) LogLine(Log::kTrace, "Localization error: ", localization.message());
-  call.context->peer = peer_;
+  call.context->peer = std::move(peer_);
   Call(std::move(call));
 }
 
@@ -262,10 +261,10 @@ PicoHttpApiRequestHandler::PicoHttpApiRequestHandler(ApiRequestHandlerSpec spec)
     : spec_(std::make_shared<const ApiRequestHandlerSpec>(std::move(spec))) {}
 
 std::shared_ptr<AcceptedRequest> PicoHttpApiRequestHandler::Accept(const RequestHead& head,
-                                                                   std::string_view peer) {
+                                                                   Core::Peer peer) {
   const RequestSpec spec = ExtractRequestSpec(head);
   if (!spec.deserializer || !spec.serializer) return nullptr;
-  return std::make_shared<ApiExchange>(spec_, spec, head, peer);
+  return std::make_shared<ApiExchange>(spec_, spec, head, std::move(peer));
 }
 
 }  // namespace Orbi::Transport::PicoHttp

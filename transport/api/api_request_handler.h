@@ -37,7 +37,7 @@ class PicoHttpApiRequestHandler final : public RequestHandler {
 
   /// Accepts requests whose body is announced as plain JSON.
   [[nodiscard]] std::shared_ptr<AcceptedRequest> Accept(const RequestHead& head,
-                                                        std::string_view peer) override;
+                                                        Core::Peer peer) override;
 
  private:
   const std::shared_ptr<const ApiRequestHandlerSpec> spec_;

@@ -2,8 +2,8 @@
 
 #include <memory>
 #include <string>
-#include <string_view>
 
+#include "orbi/core/peer.h"
 #include "transport/http/request_head.h"
 #include "transport/http/response.h"
 
@@ -33,11 +33,11 @@ class RequestHandler {
 
   /// @param head  this object and its views stay valid until the sink of the request is called or
   ///     destroyed
-  /// @param peer  the address of the client, in text; valid as long
+  /// @param peer  whose request it is
   /// @return nothing when a request with this head cannot be handled at all: it is answered 400 and
   ///     its connection closed, without its body being read
   [[nodiscard]] virtual std::shared_ptr<AcceptedRequest> Accept(const RequestHead& head,
-                                                                std::string_view peer) = 0;
+                                                                Core::Peer peer) = 0;
 };
 
 }  // namespace Orbi::Transport::PicoHttp

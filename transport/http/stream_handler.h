@@ -4,6 +4,7 @@
 #include <exception>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -21,6 +22,7 @@
 #include "transport/http/head_reader.h"
 #include "transport/http/request_handler.h"
 #include "transport/http/transaction.h"
+#include "transport/peer.h"
 #include "transport/server_config.h"
 
 namespace Orbi::Transport::PicoHttp {
@@ -47,7 +49,7 @@ class PicoHttpStreamHandler final
 
   PicoHttpStreamHandler(Socket socket, std::shared_ptr<const Context> context)
       : context_(std::move(context)),
-        peer_(AddressOf(socket)),
+        peer_(PeerOf(socket, context_->spec.front)),
         base_(std::make_shared<BaseStream>(
             WithoutDelay(std::move(socket)),
             Orbi::Asio::IOTimeouts{context_->spec.readTimeout, context_->spec.writeTimeout})),
@@ -78,10 +80,11 @@ class PicoHttpStreamHandler final
     return socket;
   }
 
-  static std::string AddressOf(const Socket& socket) {
+  static ConnectionPeer PeerOf(const Socket& socket, std::optional<uid_t> front) {
     ErrorCode gone;
-    const auto peer = socket.remote_endpoint(gone);
-    return gone ? std::string() : peer.address().to_string();
+    const auto remote = socket.remote_endpoint(gone);
+    const auto local = socket.local_endpoint(gone);
+    return gone ? ConnectionPeer() : PeerOfConnection(local, remote, front);
   }
 
   // Reading a request.
@@ -123,7 +126,7 @@ class PicoHttpStreamHandler final
     const auto& extractors = context_->spec.extractors;
     const auto accepts = [&head](const auto& extractor) { return extractor(head); };
     return (!extractors || std::ranges::all_of(*extractors, accepts)) &&
-           (request_ = context_->handler.Accept(head, peer_));
+           (request_ = context_->handler.Accept(head, PeerOfRequest(peer_, head)));
   }
 
   void RequestReadCb(ErrorCode ec, std::string body) {
@@ -248,7 +251,7 @@ class PicoHttpStreamHandler final
   }
 
   const std::shared_ptr<const Context> context_;
-  const std::string peer_;
+  const ConnectionPeer peer_;
   const std::shared_ptr<BaseStream> base_;
   Stream stream_;
   HeadReader head_;

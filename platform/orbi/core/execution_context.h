@@ -5,6 +5,8 @@
 #include <optional>
 #include <string>
 
+#include "orbi/core/peer.h"
+
 /// What accompanies a call beside its input: who calls, for whom the answer is worded, what the
 /// client told about itself. Filled while a request travels down the provider chain, then read by
 /// services; belongs to one call, and is handed from thread to thread with it.
@@ -40,7 +42,7 @@ struct AuthenticationResult {
 };
 
 struct ExecutionContext {
-  std::string peer;                                ///< the address that the call came from, in text
+  Peer peer;                                       ///< where the call came from
   std::map<std::string, std::string> application;  ///< "opId" and whatever else the client sent
   std::unique_ptr<SecurityContext> security;       ///< empty when the call carries no credentials
   std::optional<AuthenticationResult> authentication;
