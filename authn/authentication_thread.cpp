@@ -1,109 +1,102 @@
 #include "authn/authentication_thread.h"
 
-#include <memory>
+#include <algorithm>
 #include <system_error>
 #include <utility>
-
-#include <boost/asio/post.hpp>
-#include <boost/asio/steady_timer.hpp>
 
 #include "tesselibs/signals_blocked.h"
 
 namespace Host::Settings::SettingsApi::Authn {
 
-/// Who is next. A peer is among those that are ready while it has checks that wait and none that is
-/// being made or has yet to be answered.
-struct AuthenticationThread::Turns {
-  std::mutex mutex;  ///< guards what follows
-  std::condition_variable changed;
-  std::map<std::string, std::deque<Waiting>> peers;  ///< with what waits; empty while one is made
-  std::deque<std::string> ready;
-  std::size_t waiting = 0;
-  bool stopping = false;
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
 
-  /// Ends the turn of a peer.
-  void Release(const std::string& peer) {
-    const std::lock_guard lock(mutex);
-    const auto place = peers.find(peer);
-    if (place == peers.end()) return;
-    if (place->second.empty()) {
-      peers.erase(place);
-      return;
-    }
-    ready.push_back(peer);
-    changed.notify_one();
+AuthenticationThread::AuthenticationThread(const Limits& limits)
+    : limits_(limits), guesses_(limits.guesses), failureTime_(limits.failureTime) {}
+
+bool AuthenticationThread::Submit(const std::string& party, Check check, Done done) {
+  if (guesses_.IsShutOut(party)) {
+    done(false);
+    return true;
   }
-};
-
-AuthenticationThread::AuthenticationThread(boost::asio::io_context& io, const Limits& limits)
-    : io_(io), limits_(limits), turns_(std::make_shared<Turns>()) {}
-
-bool AuthenticationThread::Submit(const std::string& peer, Check check, Done done) {
-  const std::lock_guard lock(turns_->mutex);
-  if (turns_->stopping || turns_->waiting >= limits_.waiting) return false;
-  if (!thread_.joinable()) {
-    try {
-      const SignalsBlocked blocked;
-      thread_ = std::thread([turns = turns_, &io = io_, failureTime = limits_.failureTime] {
-        Run(turns, io, failureTime);
-      });
-    } catch (const std::system_error&) {
-      return false;
-    }
+  const Lock lock(mutex_);
+  if (stopping_ || waiting_ >= limits_.waiting || !HasThread()) return false;
+  const auto turn = std::ranges::find(turns_, party, &Turn::party);
+  if (turn == turns_.end()) {
+    Enqueue(party, {std::move(check), std::move(done)});
+  } else {
+    if (turn->waiting.size() >= limits_.waitingOfParty) return false;
+    turn->waiting.push_back({std::move(check), std::move(done)});
   }
-  const auto [place, isNew] = turns_->peers.try_emplace(peer);
-  if (place->second.size() >= limits_.waitingOfPeer) return false;
-  place->second.push_back({std::move(check), std::move(done)});
-  ++turns_->waiting;
-  if (isNew) {
-    turns_->ready.push_back(peer);
-    turns_->changed.notify_one();
+  ++waiting_;
+  return true;
+}
+
+bool AuthenticationThread::HasThread() {
+  if (thread_.joinable()) return true;
+  try {
+    const SignalsBlocked blocked;
+    thread_ = std::thread([this] { Run(); });
+  } catch (const std::system_error&) {
+    return false;
   }
   return true;
 }
 
+void AuthenticationThread::Enqueue(const std::string& party, Waiting waiting) {
+  std::list<Turn> turn;
+  turn.emplace_back(party).waiting.push_back(std::move(waiting));
+  turns_.splice(turns_.end(), turn);
+  changed_.notify_one();
+}
+
 void AuthenticationThread::Stop() {
-  std::map<std::string, std::deque<Waiting>> dropped;
+  std::list<Turn> dropped;
   std::thread thread;
   {
-    const std::lock_guard lock(turns_->mutex);
-    turns_->stopping = true;
-    turns_->ready.clear();
-    dropped.swap(turns_->peers);
+    const Lock lock(mutex_);
+    stopping_ = true;
+    dropped.swap(turns_);
     thread = std::move(thread_);
-    turns_->changed.notify_one();
+    changed_.notify_one();
   }
   if (thread.joinable()) thread.join();
 }
 
-void AuthenticationThread::Run(const std::shared_ptr<Turns>& turns, boost::asio::io_context& io,
-                               std::chrono::milliseconds failureTime) {
+void AuthenticationThread::Run() {
+  Lock lock(mutex_);
   for (;;) {
-    std::unique_lock lock(turns->mutex);
-    turns->changed.wait(lock, [&] { return turns->stopping || !turns->ready.empty(); });
-    if (turns->stopping) return;
-    std::string peer = std::move(turns->ready.front());
-    turns->ready.pop_front();
-    auto& queue = turns->peers.at(peer);
-    Waiting current = std::move(queue.front());
-    queue.pop_front();
-    --turns->waiting;
+    changed_.wait(lock, [this] { return stopping_ || !turns_.empty(); });
+    if (stopping_) return;
+    Turn& turn = turns_.front();
+    const Waiting next = std::move(turn.waiting.front());
+    turn.waiting.pop_front();
+    --waiting_;
+    const bool accepted = IsAccepted(lock, turn.party, next.check);
+    if (stopping_) return;
+    if (turn.waiting.empty())
+      turns_.pop_front();
+    else
+      turns_.splice(turns_.end(), turns_, turns_.begin());
     lock.unlock();
-
-    const auto answerAt = std::chrono::steady_clock::now() + failureTime;
-    if (current.check()) {
-      current.done(true);
-      turns->Release(peer);
-      continue;
-    }
-    const auto timer = std::make_shared<boost::asio::steady_timer>(io, answerAt);
-    boost::asio::post(io, [turns, timer, peer = std::move(peer), done = std::move(current.done)] {
-      timer->async_wait([turns, timer, peer, done](const boost::system::error_code&) {
-        done(false);
-        turns->Release(peer);
-      });
-    });
+    next.done(accepted);
+    lock.lock();
   }
+}
+
+bool AuthenticationThread::IsAccepted(Lock& lock, const std::string& party, const Check& check) {
+  if (guesses_.IsShutOut(party)) return false;  // since it was submitted
+  lock.unlock();
+  const auto begin = steady_clock::now();
+  const bool accepted = check();
+  const auto time = std::chrono::ceil<milliseconds>(steady_clock::now() - begin);
+  // Half as long again, so that the time of a busy machine does not stand out.
+  if (time * 5 > failureTime_ * 4)
+    failureTime_ = std::max(failureTime_, std::min(time * 3 / 2, limits_.longestFailureTime));
+  if (!accepted) guesses_.Failed(party);
+  lock.lock();
+  if (!accepted) changed_.wait_until(lock, begin + failureTime_, [this] { return stopping_; });
+  return accepted;
 }
 
 }  // namespace Host::Settings::SettingsApi::Authn

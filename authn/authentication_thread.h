@@ -5,50 +5,54 @@
 #include <cstddef>
 #include <deque>
 #include <functional>
-#include <map>
-#include <memory>
+#include <list>
 #include <mutex>
 #include <string>
 #include <thread>
 
-#include <boost/asio/io_context.hpp>
+#include "authn/guess_limiter.h"
 
 namespace Host::Settings::SettingsApi::Authn {
 
 /// The one thread on which passwords are checked, one at a time: the PAM library's conversation is
 /// the process's, and a check takes as long as the system's authentication does.
 ///
-/// Each peer address has one place at a time, and the peers take turns: whoever sends wrong
-/// passwords without end delays nobody but itself. A failed check is answered a fixed time after it
-/// began, or when it ends if that is later, and keeps its peer's place for so long, so that the
-/// time of an answer does not tell which accounts there are.
+/// Whatever is wrong takes the same time. A check that fails is answered, and the next one begun, a
+/// fixed time after it began; the time grows with the longest check there was, so that neither the
+/// answer nor the wait of others tells which accounts there are. The parties that checks come from
+/// take turns, and who has failed too often is refused without a check (see GuessLimiter): whoever
+/// sends wrong passwords without end delays nobody but itself.
 ///
 /// The thread is made with the first check. Submit may be called from any thread, Stop from one
 /// that runs none of the callbacks.
 class AuthenticationThread {
  public:
-  using Check = std::function<bool()>;  ///< must not throw
-  using Done = std::function<void(bool accepted)>;
+  using Check = std::function<bool()>;              ///< must not throw
+  using Done = std::function<void(bool accepted)>;  ///< must not throw
 
   struct Limits {
     std::size_t waiting = 1024;
-    std::size_t waitingOfPeer = 64;
-    std::chrono::milliseconds failureTime{50};  ///< from a check's begin to its refusal
+    std::size_t waitingOfParty = 64;
+    std::chrono::milliseconds failureTime{50};  ///< from a check's begin to its refusal, at least
+    std::chrono::milliseconds longestFailureTime{2000};
+    GuessLimiter::Limits guesses = {};
   };
 
-  /// @param io  refusals are told on the thread that runs it; outlives this object
-  explicit AuthenticationThread(boost::asio::io_context& io) : AuthenticationThread(io, Limits{}) {}
-  AuthenticationThread(boost::asio::io_context& io, const Limits& limits);
+  AuthenticationThread() : AuthenticationThread(Limits{}) {}
+  explicit AuthenticationThread(const Limits& limits);
   AuthenticationThread(const AuthenticationThread&) = delete;
   AuthenticationThread& operator=(const AuthenticationThread&) = delete;
   ~AuthenticationThread() { Stop(); }
 
   /// Has a check made.
-  /// @param done  told of the result: that it was accepted on this thread, that it was not on the
-  ///              I/O context's; destroyed without a call when the thread or the context is stopped
+  /// @param party  see Orbi::Core::Peer
+  /// @param done   told of the result, on this thread or, when the party is refused without a
+  /// check,
+  ///               on the caller's; destroyed without a call when the thread is stopped
   /// @return false when as many wait already as may, when the thread cannot be made, or after Stop:
   ///         nothing comes of the check then
-  [[nodiscard]] bool Submit(const std::string& peer, Check check, Done done);
+  /// @throws std::bad_alloc, and nothing has changed
+  [[nodiscard]] bool Submit(const std::string& party, Check check, Done done);
 
   /// Drops the checks that wait and returns when the one that runs has ended.
   void Stop();
@@ -58,15 +62,28 @@ class AuthenticationThread {
     Check check;
     Done done;
   };
-  struct Turns;
+  struct Turn {
+    std::string party;
+    std::deque<Waiting> waiting;
+  };
+  using Lock = std::unique_lock<std::mutex>;
 
-  static void Run(const std::shared_ptr<Turns>& turns, boost::asio::io_context& io,
-                  std::chrono::milliseconds failureTime);
+  // With the mutex held, which Run gives up while it waits or checks.
+  [[nodiscard]] bool HasThread();
+  void Enqueue(const std::string& party, Waiting waiting);
+  [[nodiscard]] bool IsAccepted(Lock& lock, const std::string& party, const Check& check);
+  void Run();
 
-  boost::asio::io_context& io_;
   const Limits limits_;
-  const std::shared_ptr<Turns> turns_;  ///< shared with refusals that are still to be told
-  std::thread thread_;                  ///< guarded by the mutex of the turns
+  GuessLimiter guesses_;
+  std::chrono::milliseconds failureTime_;  ///< of the thread alone
+
+  std::mutex mutex_;  ///< guards what follows
+  std::condition_variable changed_;
+  std::list<Turn> turns_;  ///< first the party whose check is made, then those with more to come
+  std::size_t waiting_ = 0;
+  bool stopping_ = false;
+  std::thread thread_;
 };
 
 }  // namespace Host::Settings::SettingsApi::Authn

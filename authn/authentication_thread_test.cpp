@@ -2,13 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <future>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <boost/asio/executor_work_guard.hpp>
 
 namespace Host::Settings::SettingsApi::Authn {
 namespace {
@@ -18,23 +17,8 @@ using Clock = std::chrono::steady_clock;
 
 constexpr auto kPatience = 20s;
 
-class AuthenticationThreadTest : public testing::Test {
- protected:
-  ~AuthenticationThreadTest() override {
-    io_.stop();
-    worker_.join();
-  }
-
-  boost::asio::io_context io_;
-
- private:
-  boost::asio::executor_work_guard<boost::asio::io_context::executor_type> work_{
-      io_.get_executor()};
-  std::thread worker_{[this] { io_.run(); }};
-};
-
-TEST_F(AuthenticationThreadTest, OneCheckAtATimeAndPeersTakeTurns) {
-  AuthenticationThread thread(io_, {.failureTime = 1ms});
+TEST(AuthenticationThreadTest, OneCheckAtATimeAndPartiesTakeTurns) {
+  AuthenticationThread thread({.failureTime = 1ms});
   std::mutex mutex;
   std::vector<std::string> order;
   std::promise<void> begin, all;
@@ -62,22 +46,53 @@ TEST_F(AuthenticationThreadTest, OneCheckAtATimeAndPeersTakeTurns) {
                                              "flood", "flood"}));
 }
 
-TEST_F(AuthenticationThreadTest, RefusalsTakeAFixedTimeInWhichThePeerHasNoOtherTurn) {
-  AuthenticationThread thread(io_, {.failureTime = 40ms});
-  std::promise<void> refused, accepted;
-  const auto begin = Clock::now();
-  Clock::time_point refusedAt, nextAt, othersAt;
-  ASSERT_TRUE(thread.Submit(
-      "peer", [] { return false; }, [&](bool) { refusedAt = Clock::now(); }));
-  ASSERT_TRUE(thread.Submit(
-      "peer", [&] { return nextAt = Clock::now(), false; }, [&](bool) { refused.set_value(); }));
-  ASSERT_TRUE(thread.Submit(
-      "other", [&] { return othersAt = Clock::now(), true; }, [&](bool) { accepted.set_value(); }));
-  ASSERT_EQ(accepted.get_future().wait_for(kPatience), std::future_status::ready);
-  ASSERT_EQ(refused.get_future().wait_for(kPatience), std::future_status::ready);
-  EXPECT_GE(refusedAt - begin, 40ms);
-  EXPECT_GE(nextAt, refusedAt);
-  EXPECT_LT(othersAt, refusedAt) << "waited for another's refusal";
+/// What a check that takes so long is told, and when after its begin.
+std::pair<bool, Clock::duration> Answer(AuthenticationThread& thread, const std::string& party,
+                                        bool accepted, Clock::duration time) {
+  std::promise<bool> answer;
+  Clock::time_point begin;
+  EXPECT_TRUE(thread.Submit(
+      party,
+      [&] {
+        begin = Clock::now();
+        std::this_thread::sleep_for(time);
+        return accepted;
+      },
+      [&](bool result) { answer.set_value(result); }));
+  const bool told = answer.get_future().get();
+  return {told, Clock::now() - begin};
+}
+
+TEST(AuthenticationThreadTest, RefusalsTakeTheTimeOfTheLongestCheck) {
+  AuthenticationThread thread({.failureTime = 20ms});
+  EXPECT_GE(Answer(thread, "peer", false, 0ms).second, 20ms);
+  EXPECT_LT(Answer(thread, "peer", true, 60ms).second, 90ms);
+  EXPECT_GE(Answer(thread, "peer", false, 0ms).second, 90ms);
+  EXPECT_GE(Answer(thread, "other", false, 70ms).second, 90ms);
+}
+
+TEST(AuthenticationThreadTest, AfterTooManyFailuresNothingIsChecked) {
+  AuthenticationThread thread({.failureTime = 1ms, .guesses = {.failures = 3}});
+  std::atomic<int> checks = 0;
+  std::promise<void> begin, all;
+  const auto begun = begin.get_future().share();
+  std::atomic<int> refused = 0;
+  const auto submit = [&](const std::string& party) {
+    return thread.Submit(
+        party, [&, begun] { return begun.wait(), ++checks, false; },
+        [&](bool accepted) {
+          if (!accepted && ++refused == 5) all.set_value();
+        });
+  };
+  for (int i = 0; i < 5; ++i) ASSERT_TRUE(submit("guesser"));
+  begin.set_value();
+  ASSERT_EQ(all.get_future().wait_for(kPatience), std::future_status::ready);
+  EXPECT_EQ(checks, 3) << "what waited already";
+  EXPECT_FALSE(Answer(thread, "other", false, 0ms).first);
+  ASSERT_TRUE(submit("guesser"));
+  EXPECT_EQ(refused, 6) << "answered at once";
+  EXPECT_EQ(checks, 3);
+  EXPECT_TRUE(Answer(thread, "other", true, 0ms).first);
 }
 
 /// A check that is being made, until it is told to end.
@@ -96,8 +111,8 @@ struct Held {
   std::promise<void> begun, end;
 };
 
-TEST_F(AuthenticationThreadTest, WhatFindsNoPlaceIsRefused) {
-  AuthenticationThread thread(io_, {.waiting = 3, .waitingOfPeer = 2});
+TEST(AuthenticationThreadTest, WhatFindsNoPlaceIsRefused) {
+  AuthenticationThread thread({.waiting = 3, .waitingOfParty = 2});
   Held held(thread);
   const auto submit = [&](const std::string& peer) {
     return thread.Submit(
@@ -105,14 +120,14 @@ TEST_F(AuthenticationThreadTest, WhatFindsNoPlaceIsRefused) {
   };
   EXPECT_TRUE(submit("a"));
   EXPECT_TRUE(submit("a"));
-  EXPECT_FALSE(submit("a")) << "more than a peer may have";
+  EXPECT_FALSE(submit("a")) << "more than a party may have";
   EXPECT_TRUE(submit("b"));
   EXPECT_FALSE(submit("c")) << "more than all may have";
   held.end.set_value();
 }
 
-TEST_F(AuthenticationThreadTest, StopDropsWhatWaitsAndAwaitsWhatRuns) {
-  AuthenticationThread thread(io_);
+TEST(AuthenticationThreadTest, StopDropsWhatWaitsAndAwaitsWhatRuns) {
+  AuthenticationThread thread;
   Held held(thread);
   const auto token = std::make_shared<int>();
   const auto submit = [&](const std::string& peer) {

@@ -16,11 +16,11 @@ class CheckThreads {
   virtual ~CheckThreads() = default;
 
   /// Has a check made where it may wait.
-  /// @param peer  the address that the credentials came from
+  /// @param party  where the credentials came from (see Orbi::Core::Peer)
   /// @param done  told of the result, on any thread; destroyed without a call when the daemon stops
   ///              first
   /// @return false when the check finds no place to wait: nothing comes of it then
-  [[nodiscard]] virtual bool Run(Orbi::Authn::Wait wait, const std::string& peer, Check check,
+  [[nodiscard]] virtual bool Run(Orbi::Authn::Wait wait, const std::string& party, Check check,
                                  Done done) = 0;
 };
 

@@ -7,13 +7,13 @@
 
 namespace Host::Settings::SettingsApi {
 
-bool CallThreads::Run(Orbi::Authn::Wait wait, const std::string& peer, Check check, Done done) {
+bool CallThreads::Run(Orbi::Authn::Wait wait, const std::string& party, Check check, Done done) {
   switch (wait) {
     case Orbi::Authn::Wait::kSystem:
-      return authentication_.Submit(peer, std::move(check), std::move(done));
+      return authentication_.Submit(party, std::move(check), std::move(done));
     case Orbi::Authn::Wait::kFiles:
       return requests_.Submit(
-          peer, [check = std::move(check), done = std::move(done)] { done(check()); });
+          party, [check = std::move(check), done = std::move(done)] { done(check()); });
     case Orbi::Authn::Wait::kNone:
       break;
   }

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <boost/asio/io_context.hpp>
-
 #include "authn/authentication_thread.h"
 #include "authn/check_threads.h"
 #include "daemon/request_threads.h"
@@ -13,12 +11,9 @@ namespace Host::Settings::SettingsApi {
 /// passwords.
 class CallThreads : public Authn::CheckThreads {
  public:
-  /// @param io  outlives this object
-  explicit CallThreads(boost::asio::io_context& io) : authentication_(io) {}
-
   [[nodiscard]] RequestThreads& Requests() { return requests_; }
 
-  [[nodiscard]] bool Run(Orbi::Authn::Wait wait, const std::string& peer, Check check,
+  [[nodiscard]] bool Run(Orbi::Authn::Wait wait, const std::string& party, Check check,
                          Done done) override;
 
   /// Has the calls that run come to their end soon, without waiting for it: no answer of theirs

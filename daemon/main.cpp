@@ -82,7 +82,7 @@ std::unique_ptr<LifeCycle::TaskFile> OpenTaskFile() {
 int Serve() {
   const auto logger = std::make_shared<OrbiLoggerWrapper>(&Log_Level);
   boost::asio::io_context io(kIoThreads);
-  CallThreads threads(io);
+  CallThreads threads;
   const auto provider = BuildProvider(logger, threads);
   Endpoint endpoint(provider, io, threads, logger);
   const auto reaper = std::make_shared<Ticket::Reaper>(io);

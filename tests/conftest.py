@@ -77,6 +77,15 @@ def fresh_host(system_log):
 
 
 @pytest.fixture
+def trusted_front(fresh_host):
+    """Has the daemon take the tests' own word on the addresses of their clients, as it takes that of the TLS front."""
+    preferences = pathlib.Path("/etc/tessel/preferences")
+    preferences.write_text("front_account = root\n")
+    yield
+    preferences.unlink()
+
+
+@pytest.fixture
 def start_daemon(fresh_host):
     """Starts daemons on a fresh host; those that still run at the end must stop in order."""
     started = []

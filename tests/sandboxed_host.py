@@ -100,8 +100,8 @@ class Daemon:
             return connection.recv(1) == b"H"
         return False
 
-    def client(self, user="root", password="kestrel", source=""):
-        return Client(port=PORT, user=user, password=password, source=source)
+    def client(self, user="root", password="kestrel", forwarded_for=None):
+        return Client(port=PORT, user=user, password=password, forwarded_for=forwarded_for)
 
     def stop(self):
         if self.process.poll() is None:

@@ -17,8 +17,10 @@ from test_callers import issue_ticket
 TASKS = "com.tessel.cis.tasks"
 DEPOTS = "com.tessel.ryx.host_settings.depots"
 METAMODEL = "com.tessel.orbi.metadata.metamodel.service"
-OTHERS = "127.0.0.2"
+OTHERS = "192.0.2.7"
 tickets = itertools.count()
+
+pytestmark = pytest.mark.usefixtures("trusted_front")
 
 
 @pytest.fixture
@@ -36,15 +38,15 @@ def helper():
 class Callers:
     """Callers at one address, each with a connection and a ticket of its own."""
 
-    def __init__(self, daemon, source):
-        self._daemon, self._source = daemon, source
+    def __init__(self, daemon, address):
+        self._daemon, self._address = daemon, address
         self._pool = concurrent.futures.ThreadPoolExecutor(100)
 
     def list_depots(self):
         """Starts a call; the result tells its answer."""
         ticket = f"ticket-of-a-waiting-caller-{next(tickets)}"
         issue_ticket(ticket)
-        client = self._daemon.client(ticket, ticket, source=self._source)
+        client = self._daemon.client(ticket, ticket, forwarded_for=self._address)
         return self._pool.submit(client.call, DEPOTS, "list")
 
 
@@ -53,7 +55,7 @@ def helpers_running():
 
 
 def test_a_caller_with_many_calls_leaves_threads_to_others(daemon, helper):
-    greedy, other = Callers(daemon, OTHERS), Callers(daemon, "127.0.0.3")
+    greedy, other = Callers(daemon, OTHERS), Callers(daemon, "192.0.2.8")
     waiting = [greedy.list_depots() for _ in range(10)]
     wait_until(lambda: helpers_running() == 4, what="helpers on half of the threads")
     client = daemon.client()
@@ -97,7 +99,7 @@ def test_a_stop_does_not_wait_for_what_callers_wait_for(daemon, helper, stubborn
     if stubborn:
         command = BINARIES / "imagemanagerctl.py"
         command.write_text("import signal\nsignal.signal(signal.SIGTERM, signal.SIG_IGN)\n" + command.read_text())
-    callers = [Callers(daemon, source) for source in (OTHERS, "127.0.0.3")]
+    callers = [Callers(daemon, address) for address in (OTHERS, "192.0.2.8")]
     waiting = [caller.list_depots() for caller in callers for _ in range(8)]
     wait_until(lambda: helpers_running() == 8)
     if stubborn:
@@ -114,7 +116,7 @@ def test_wrong_passwords_of_one_address_do_not_keep_others_out(daemon):
     stop = threading.Event()
 
     def guess():
-        guesser = daemon.client("nobody-here", "guess", source=OTHERS)
+        guesser = daemon.client("nobody-here", "guess", forwarded_for=OTHERS)
         while not stop.is_set():
             with pytest.raises(OrbiError):
                 guesser.call(TASKS, "list")
@@ -147,7 +149,7 @@ def test_any_operations_at_once(daemon, request):
     seed = random.randrange(1 << 32)
 
     def work(number):
-        client, choose, answers = daemon.client(source=f"127.0.1.{number + 1}"), random.Random(seed + number), set()
+        client, choose, answers = daemon.client(forwarded_for=f"198.51.100.{number + 1}"), random.Random(seed + number), set()
         while time.monotonic() < end:
             service, operation, fields = choose.choice(everything)
             given = {name: VALUES.get(kind, {}) for name, kind in fields}

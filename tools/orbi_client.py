@@ -59,16 +59,19 @@ class _UnixConnection(http.client.HTTPConnection):
 
 class Client:
     """One keep-alive connection, to a port or through the Unix socket `path`. Answers are read in clean JSON.
-    `source` is the address to connect from, when it matters which.
+    `forwarded_for` is the address that a front tells of, which the daemon believes of the front's account alone.
 
     Not for use from several threads.
     """
 
     def __init__(self, host="127.0.0.1", port=None, user=None, password=None, timeout=60, path=None,
-                 source=""):
+                 forwarded_for=None):
         port = port or socket.getservbyname("kestreld", "tcp")
         self._connection = (_UnixConnection(path, timeout) if path
-                            else http.client.HTTPConnection(host, port, timeout=timeout, source_address=(source, 0)))
+                            else http.client.HTTPConnection(host, port, timeout=timeout))
+        self._headers = {"Content-Type": "application/json", "Accept": "application/vnd.tessel.orbi.cleanjson"}
+        if forwarded_for:
+            self._headers["X-Forwarded-For"] = forwarded_for
         self._user = user
         self._password = password
 
@@ -76,9 +79,7 @@ class Client:
         """Sends raw bytes or a document; returns the HTTP response and its body."""
         if not isinstance(body, (bytes, str)):
             body = json.dumps(body)
-        all_headers = {"Content-Type": "application/json", "Accept": "application/vnd.tessel.orbi.cleanjson"}
-        all_headers.update(headers or {})
-        self._connection.request("POST", "/api", body, all_headers)
+        self._connection.request("POST", "/api", body, self._headers | (headers or {}))
         response = self._connection.getresponse()
         return response, response.read()
 
