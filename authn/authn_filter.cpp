@@ -1,14 +1,19 @@
 #include "authn/authn_filter.h"
 
+#include <algorithm>
 #include <exception>
+#include <string_view>
 #include <utility>
 
 #include "orbi/l10n/catalogue.h"
+#include "orbi/metadata/authentication_container.h"
 #include "orbi/std/errors.h"
 #include "tesselibs/log.h"
 
 namespace Host::Settings::SettingsApi::Authn {
 namespace {
+
+using Orbi::Provider::Metadata::Authentication::kNoAuthentication;
 
 /// Says nothing about why: whoever guesses learns no more than that it was wrong.
 Orbi::Data::ErrorValue Unauthenticated() {
@@ -31,11 +36,22 @@ bool IsAccepted(Orbi::Authn::AuthnHandler& handler, const Orbi::Core::MethodIden
 }  // namespace
 
 /// A call on its way through the filter. Its password does not outlive the check.
-struct AsyncAuthnFilter::Call {
-  Orbi::Core::AsyncApiProviderPtr next;
-  Orbi::Core::MethodIdentifier method;
+struct AsyncAuthnFilter::Call : std::enable_shared_from_this<Call> {
+  Call(std::shared_ptr<AuditLog> auditLog, Orbi::Core::AsyncApiProviderPtr nextLink,
+       Orbi::Core::MethodIdentifier calledMethod, Orbi::Data::Value givenInput,
+       Orbi::Core::ExecutionContextPtr callContext, Orbi::Core::MethodCompletion done)
+      : audit(std::move(auditLog)),
+        next(std::move(nextLink)),
+        method(std::move(calledMethod)),
+        input(std::move(givenInput)),
+        context(std::move(callContext)),
+        completion(std::move(done)) {}
+
+  const std::shared_ptr<AuditLog> audit;
+  const Orbi::Core::AsyncApiProviderPtr next;
+  const Orbi::Core::MethodIdentifier method;
   Orbi::Data::Value input;
-  Orbi::Core::ExecutionContextPtr context;
+  const Orbi::Core::ExecutionContextPtr context;
   Orbi::Core::MethodCompletion completion;
 
   /// No thread that checks credentials ends by what becomes of a call: one that cannot go on ends
@@ -44,7 +60,7 @@ struct AsyncAuthnFilter::Call {
     try {
       if (!accepted) return Refuse(Unauthenticated());
       ErasePassword();
-      next->Invoke(method, std::move(input), std::move(context), std::move(completion));
+      next->Invoke(method, std::move(input), context, Told());
     } catch (const std::exception& error) {
       BrokenOff(error.what());
     } catch (...) {
@@ -53,11 +69,26 @@ struct AsyncAuthnFilter::Call {
   }
 
   void Refuse(Orbi::Data::ErrorValue error) {
+    const auto* const security = context->security.get();
+    // A ticket is no name.
+    const bool named = security && security->userName != security->password;
+    audit->Refused(method, named ? security->userName : "-", context->peer, error.id);
     ErasePassword();
     completion(Orbi::Core::MethodResult::Error(std::move(error)));
   }
 
  private:
+  /// The call's completion, and where it acts for somebody, a line that tells so.
+  Orbi::Core::MethodCompletion Told() {
+    if (!context->authentication) return std::move(completion);
+    return Orbi::Core::MethodCompletion(
+        [call = shared_from_this(),
+         user = context->authentication->userName](Orbi::Core::MethodResult result) {
+          call->audit->Done(call->method, user, call->context->peer, result);
+          call->completion(std::move(result));
+        });
+  }
+
   void BrokenOff(const char* reason) const {
     Log_Level(LogLevel::kCritical, "Call of method %s.%s broken off. Error: %s\n",
               method.service.c_str(), method.operation.c_str(), reason);
@@ -69,22 +100,30 @@ struct AsyncAuthnFilter::Call {
 };
 
 AsyncAuthnFilter::AsyncAuthnFilter(Orbi::Core::AsyncApiProviderPtr next,
-                                   NeedsNoCredentials needsNoCredentials,
+                                   AllowedSchemes allowedSchemes,
                                    std::vector<Orbi::Authn::AuthnHandlerPtr> handlers,
-                                   CheckThreads& threads)
+                                   CheckThreads& threads, boost::asio::io_context& io)
     : next_(std::move(next)),
-      needsNoCredentials_(std::move(needsNoCredentials)),
+      allowedSchemes_(std::move(allowedSchemes)),
       handlers_(std::move(handlers)),
-      threads_(threads) {}
+      threads_(threads),
+      audit_(std::make_shared<AuditLog>(io)) {}
 
 void AsyncAuthnFilter::Invoke(const Orbi::Core::MethodIdentifier& method, Orbi::Data::Value input,
                               Orbi::Core::ExecutionContextPtr context,
                               Orbi::Core::MethodCompletion completion) {
   context->authentication.reset();
-  const auto call = std::make_shared<Call>(
-      Call{next_, method, std::move(input), std::move(context), std::move(completion)});
-  if (needsNoCredentials_(method)) return call->Checked(true);
-  Check(call);
+  const auto call = std::make_shared<Call>(audit_, next_, method, std::move(input),
+                                           std::move(context), std::move(completion));
+  const auto& allowed = allowedSchemes_(method);
+  const auto isAllowed = [&allowed](std::string_view scheme) {
+    return std::ranges::find(allowed, scheme) != allowed.end();
+  };
+  const auto* const security = call->context->security.get();
+  if (security && security->schemeId && *security->schemeId != kNoAuthentication &&
+      isAllowed(*security->schemeId))
+    return Check(call);
+  call->Checked(isAllowed(kNoAuthentication));
 }
 
 void AsyncAuthnFilter::Check(const std::shared_ptr<Call>& call) const {

@@ -2,16 +2,22 @@
 
 #include <functional>
 #include <memory>
+#include <string>
 #include <vector>
 
+#include <boost/asio/io_context.hpp>
+
+#include "authn/audit_log.h"
 #include "authn/check_threads.h"
 #include "orbi/authn/authn_handler.h"
 #include "orbi/core/provider.h"
 
 namespace Host::Settings::SettingsApi::Authn {
 
-/// The outermost link of the provider chain: forwards a call when one of its handlers accepts the
-/// call's credentials, or when the method needs none, and answers all others `unauthenticated`.
+/// The outermost link of the provider chain: forwards a call that uses one of the schemes which its
+/// method allows, when one of the handlers accepts the call's credentials, and answers all others
+/// `unauthenticated`. Where "no authentication" is one of several schemes, credentials of another
+/// one are checked all the same. Each authenticated or refused call is told in the audit log.
 ///
 /// The first handler that takes the credentials decides, on a thread that may wait for what its
 /// check waits for; an accepted call goes on from there. However a call ends, its password is
@@ -20,12 +26,15 @@ namespace Host::Settings::SettingsApi::Authn {
 /// `service_unavailable`.
 class AsyncAuthnFilter : public Orbi::Core::AsyncApiProvider {
  public:
-  /// Whether the method may be called without credentials.
-  using NeedsNoCredentials = std::function<bool(const Orbi::Core::MethodIdentifier&)>;
+  /// The schemes that a method may be called by; what it returns outlives the filter.
+  using AllowedSchemes =
+      std::function<const std::vector<std::string>&(const Orbi::Core::MethodIdentifier&)>;
 
   /// @param threads  outlives the filter and every call
-  AsyncAuthnFilter(Orbi::Core::AsyncApiProviderPtr next, NeedsNoCredentials needsNoCredentials,
-                   std::vector<Orbi::Authn::AuthnHandlerPtr> handlers, CheckThreads& threads);
+  /// @param io       see AuditLog
+  AsyncAuthnFilter(Orbi::Core::AsyncApiProviderPtr next, AllowedSchemes allowedSchemes,
+                   std::vector<Orbi::Authn::AuthnHandlerPtr> handlers, CheckThreads& threads,
+                   boost::asio::io_context& io);
 
   void Invoke(const Orbi::Core::MethodIdentifier& method, Orbi::Data::Value input,
               Orbi::Core::ExecutionContextPtr context,
@@ -37,9 +46,10 @@ class AsyncAuthnFilter : public Orbi::Core::AsyncApiProvider {
   void Check(const std::shared_ptr<Call>& call) const;
 
   const Orbi::Core::AsyncApiProviderPtr next_;
-  const NeedsNoCredentials needsNoCredentials_;
+  const AllowedSchemes allowedSchemes_;
   const std::vector<Orbi::Authn::AuthnHandlerPtr> handlers_;
   CheckThreads& threads_;
+  const std::shared_ptr<AuditLog> audit_;
 };
 
 }  // namespace Host::Settings::SettingsApi::Authn

@@ -2,7 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
 #include <stdexcept>
+#include <string>
+#include <vector>
 
 #include "orbi/core/testing/echo_provider.h"
 
@@ -10,6 +13,8 @@ namespace {
 
 using Orbi::Authn::Wait;
 using Orbi::Core::MethodIdentifier;
+
+constexpr const char* kNone = "com.tessel.orbi.std.security.no_authentication";
 
 /// Takes its own scheme only, and the password "good".
 struct Handler : Orbi::Authn::AuthnHandler {
@@ -41,17 +46,39 @@ TEST(AsyncAuthnFilterTest, OnlyWhatAHandlerAcceptsOrNeedsNoCredentialsReachesThe
   const struct {
     const char *service, *scheme, *password, *authenticated_by;  // scheme "": no credentials
   } cases[] = {
-      {"host", "one", "good", "one"},    {"host", "two", "good", "two"},
-      {"host", "one", "bad", nullptr},   {"host", "two", "bad", nullptr},
-      {"host", "six", "good", nullptr},  {"host", "", "", nullptr},
-      {"host", "one", "throw", nullptr}, {"metadata", "", "", ""},
+      {"host", "one", "good", "one"},
+      {"host", "two", "good", "two"},
+      {"host", "one", "bad", nullptr},
+      {"host", "two", "bad", nullptr},
+      {"host", "six", "good", nullptr},
+      {"host", "", "", nullptr},
+      {"host", "one", "throw", nullptr},
+      {"metadata", "", "", ""},
       {"metadata", "one", "bad", ""},
+      {"host", "three", "good", nullptr},
+      {"host", kNone, "", nullptr},
+      {"metadata", kNone, "", ""},
+      {"either", "", "", ""},
+      {"either", kNone, "", ""},
+      {"either", "one", "good", "one"},
+      {"either", "one", "bad", nullptr},
+      {"either", "two", "bad", ""},
+      {"unruled", "one", "good", nullptr},
   };
   Threads threads;
+  boost::asio::io_context io;
   Host::Settings::SettingsApi::Authn::AsyncAuthnFilter filter(
       std::make_shared<Orbi::Core::EchoProvider>(),
-      [](const MethodIdentifier& method) { return method.service == "metadata"; },
-      {std::make_shared<Handler>("one"), std::make_shared<Handler>("two")}, threads);
+      [](const MethodIdentifier& method) -> const std::vector<std::string>& {
+        static const std::map<std::string, std::vector<std::string>> rules{
+            {"host", {"one", "two", "six"}}, {"metadata", {kNone}}, {"either", {kNone, "one"}}};
+        static const std::vector<std::string> none;
+        const auto rule = rules.find(method.service);
+        return rule == rules.end() ? none : rule->second;
+      },
+      {std::make_shared<Handler>("one"), std::make_shared<Handler>("two"),
+       std::make_shared<Handler>("three")},
+      threads, io);
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.service) + " " + c.scheme + " " + c.password);
     const auto context = std::make_shared<Orbi::Core::ExecutionContext>();
@@ -89,8 +116,14 @@ TEST(AsyncAuthnFilterTest, WhateverComesOutOfTheServiceEndsTheCallOnly) {
     }
   };
   Threads threads;
+  boost::asio::io_context io;
   Host::Settings::SettingsApi::Authn::AsyncAuthnFilter filter(
-      std::make_shared<Broken>(), [](const MethodIdentifier&) { return true; }, {}, threads);
+      std::make_shared<Broken>(),
+      [](const MethodIdentifier&) -> const std::vector<std::string>& {
+        static const std::vector<std::string> open{kNone};
+        return open;
+      },
+      {}, threads, io);
   for (const char* operation : {"get", "set"}) {
     const auto result = Call(filter, {"metadata", operation}, "input",
                              std::make_shared<Orbi::Core::ExecutionContext>());

@@ -83,7 +83,7 @@ int Serve() {
   const auto logger = std::make_shared<OrbiLoggerWrapper>(&Log_Level);
   boost::asio::io_context io(kIoThreads);
   CallThreads threads;
-  const auto provider = BuildProvider(logger, threads);
+  const auto provider = BuildProvider(logger, threads, io);
   Endpoint endpoint(provider, io, threads, logger);
   const auto reaper = std::make_shared<Ticket::Reaper>(io);
   MemoryTrimmer trimmer(io);

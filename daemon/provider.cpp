@@ -143,7 +143,7 @@ std::set<std::string> InterfacesThatNeedAUser() {
 }  // namespace
 
 Orbi::Core::AsyncApiProviderPtr BuildProvider(const std::shared_ptr<OrbiLoggerWrapper>& logger,
-                                              CallThreads& threads) {
+                                              CallThreads& threads, boost::asio::io_context& io) {
   LoadMetadata();
 
   const auto local = std::make_shared<AsyncLocalProvider>(logger);
@@ -158,11 +158,11 @@ Orbi::Core::AsyncApiProviderPtr BuildProvider(const std::shared_ptr<OrbiLoggerWr
       hostFilter, InterfacesThatNeedAUser());
   return std::make_shared<Authn::AsyncAuthnFilter>(
       authorised,
-      [](const Orbi::Core::MethodIdentifier& method) {
-        return Metadata::Authentication::MetadataContainer::Instance().IsPublic(method);
+      [](const Orbi::Core::MethodIdentifier& method) -> const std::vector<std::string>& {
+        return Metadata::Authentication::MetadataContainer::Instance().RequiredSchemes(method);
       },
       std::vector<Orbi::Authn::AuthnHandlerPtr>{std::make_shared<Authn::UserPassHandler>()},
-      threads);
+      threads, io);
 }
 
 }  // namespace Host::Settings::SettingsApi

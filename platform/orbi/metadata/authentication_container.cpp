@@ -1,7 +1,5 @@
 #include "orbi/metadata/authentication_container.h"
 
-#include <algorithm>
-
 #include "orbi/bindings/adapter.h"
 #include "orbi/metadata/document.h"
 
@@ -66,11 +64,6 @@ const MetadataContainer::Schemes& MetadataContainer::RequiredSchemes(
   if (operation != operations_.end()) return operation->second;
   const auto service = services_.find(method.service);
   return service == services_.end() ? default_ : service->second;
-}
-
-bool MetadataContainer::IsPublic(const Core::MethodIdentifier& method) const {
-  const Schemes& schemes = RequiredSchemes(method);
-  return std::find(schemes.begin(), schemes.end(), kNoAuthentication) != schemes.end();
 }
 
 }  // namespace Orbi::Provider::Metadata::Authentication

@@ -28,8 +28,6 @@ class MetadataContainer : public ProcessContainer<MetadataContainer> {
   /// The schemes that a call may use, any one of them: those of the operation, else those of the
   /// service, else the default. Empty when no rule says anything: such a call is refused.
   [[nodiscard]] const Schemes& RequiredSchemes(const Core::MethodIdentifier& method) const;
-  /// Whether the call needs no credentials.
-  [[nodiscard]] bool IsPublic(const Core::MethodIdentifier& method) const;
 
   /// com.tessel.orbi.metadata.authentication.component.info by component name.
   [[nodiscard]] const Descriptions& components() const { return components_; }

@@ -96,18 +96,19 @@ TEST_F(ContainersTest, NarrowestAuthenticationRuleHolds) {
   const std::string none(Authentication::kNoAuthentication);
   const std::string schemes = R"("schemes": {"password": "", ")" + none + R"(": ""}, )";
   Authentication::MetadataContainer container;
-  EXPECT_FALSE(container.IsPublic({"any", "get"}));
+  using Schemes = Authentication::MetadataContainer::Schemes;
+  EXPECT_EQ(container.RequiredSchemes({"any", "get"}), Schemes{});
   container.Add("test", Document(schemes + R"("default": ["password"],
       "services": {"open": [")" + none +
                                  R"("], "closed": ["password"]},
       "operations": {"open.set": ["password"], "closed.list": ["password", ")" +
                                  none + R"("]})"));
 
-  EXPECT_TRUE(container.IsPublic({"open", "get"}));
-  EXPECT_FALSE(container.IsPublic({"open", "set"}));
-  EXPECT_FALSE(container.IsPublic({"closed", "get"}));
-  EXPECT_TRUE(container.IsPublic({"closed", "list"}));
-  EXPECT_FALSE(container.IsPublic({"any", "get"}));
+  EXPECT_EQ(container.RequiredSchemes({"open", "get"}), Schemes{none});
+  EXPECT_EQ(container.RequiredSchemes({"open", "set"}), Schemes{"password"});
+  EXPECT_EQ(container.RequiredSchemes({"closed", "get"}), Schemes{"password"});
+  EXPECT_EQ(container.RequiredSchemes({"closed", "list"}), (Schemes{"password", none}));
+  EXPECT_EQ(container.RequiredSchemes({"any", "get"}), Schemes{"password"});
 
   const Refusal refused[] = {
       {R"("services": {"s": ["pasword"]})",
