@@ -138,7 +138,9 @@ TEST_F(PamTest, HandlerTakesEqualNameAndPasswordForATicketAndAsksPamForAllOthers
     std::string scheme, user, password;
     std::optional<Wait> wait;  // none: not for this handler
     bool accepted;
-    std::string lastLine, issuedFor = "";  // the service of a ticket issued before the call
+    std::string lastLine;
+    std::string issuedFor = "";    // the service of a ticket issued before the call, and its user
+    std::string account = "user";  // that the accepted call is made for
   } cases[] = {
       {"com.tessel.orbi.std.security.session_id", "user", "pw", std::nullopt, false, ""},
       {scheme, "user", "pw", Wait::kSystem, true, "5 PAM up and running."},
@@ -147,7 +149,9 @@ TEST_F(PamTest, HandlerTakesEqualNameAndPasswordForATicketAndAsksPamForAllOthers
       {scheme, "user", "user", Wait::kFiles, false, refused + "user"},
       {scheme, "", "", Wait::kFiles, false, refused},
       {scheme, ticket, ticket, Wait::kFiles, true, "6 [Ticket] Deleted ticket " + ticket,
-       "Lifecycle"},
+       "Lifecycle", "root"},
+      {scheme, ticket, ticket, Wait::kFiles, true, "6 [Ticket] Deleted ticket " + ticket,
+       "Lifecycle\0alice"s, "alice"},
       {scheme, ticket, ticket, Wait::kFiles, false, refused + ticket},
       {scheme, ticket, ticket, Wait::kFiles, false,
        "2 Ticket's service name invalid, ticket: " + ticket + ", service: lifecycle", "lifecycle"},
@@ -175,7 +179,7 @@ TEST_F(PamTest, HandlerTakesEqualNameAndPasswordForATicketAndAsksPamForAllOthers
     ASSERT_EQ(context.authentication.has_value(), c.accepted);
     if (!context.authentication) continue;
     EXPECT_EQ(context.authentication->type, "UserPassAuthentication");
-    EXPECT_EQ(context.authentication->userName, c.user);
+    EXPECT_EQ(context.authentication->userName, c.account);
     EXPECT_EQ(context.localization.language, "de_DE") << "the client's own wish";
   }
   EXPECT_TRUE(fs::remove(path)) << "a ticket for another service is not ours to use up";

@@ -3,6 +3,7 @@
 #include <optional>
 #include <string>
 
+#include "authn/guess_limiter.h"
 #include "authn/pam.h"
 #include "orbi/authn/authn_handler.h"
 
@@ -14,7 +15,11 @@ namespace Host::Settings::SettingsApi::Authn {
 /// used up; such a pair never reaches PAM, so that an account whose password is its name stays
 /// shut. Any other pair is a system account, checked under the PAM service "kestreld"; only one
 /// such check may be made at a time, which Takes tells by Wait::kSystem. Tickets may be checked on
-/// any thread, also meanwhile.
+/// any thread, also meanwhile. Who has brought too many wrong tickets is refused without a look at
+/// the next one for a while (see GuessLimiter), but for processes of the daemon's own account,
+/// which write them.
+///
+/// A call is its account's: of a ticket, that on whose behalf it was issued.
 class UserPassHandler : public Orbi::Authn::AuthnHandler {
  public:
   explicit UserPassHandler(PamAuthenticator pam = PamAuthenticator{});
@@ -24,9 +29,15 @@ class UserPassHandler : public Orbi::Authn::AuthnHandler {
   [[nodiscard]] bool Authenticate(Orbi::Core::ExecutionContext& context) override;
 
  private:
-  [[nodiscard]] bool CheckAccount(const std::string& user, const std::string& password);
+  /// @return the account that the call is made for
+  [[nodiscard]] std::optional<std::string> CheckTicket(const std::string& party,
+                                                       const std::string& text);
+  [[nodiscard]] std::optional<std::string> CheckAccount(const std::string& user,
+                                                        const std::string& password);
 
+  const std::string ownParty_;
   PamAuthenticator pam_;
+  GuessLimiter tickets_;
 };
 
 }  // namespace Host::Settings::SettingsApi::Authn

@@ -12,35 +12,38 @@ namespace Com::Tessel::Ryx::KestrelDaemon::ConfigurationSvc {
 using ::Orbi::Core::AsyncResult;
 using ::Orbi::Core::ExecutionContextPtr;
 
-void ConfigurationServiceImpl::Validate(const ExecutionContextPtr&, const ValidateInput& input,
+void ConfigurationServiceImpl::Validate(const ExecutionContextPtr& context,
+                                        const ValidateInput& input,
                                         AsyncResult<std::string> result) {
-  ::LifeCycle::StartTask<::LifeCycle::ValidateTask>("Validate", ValidateMethod::taskMethodName,
-                                                    result, input.document, input.schema_only);
+  ::LifeCycle::StartTask<::LifeCycle::ValidateTask>(context, "Validate",
+                                                    ValidateMethod::taskMethodName, result,
+                                                    input.document, input.schema_only);
 }
 
-void ConfigurationServiceImpl::CheckApply(const ExecutionContextPtr&, const CheckApplyInput& input,
+void ConfigurationServiceImpl::CheckApply(const ExecutionContextPtr& context,
+                                          const CheckApplyInput& input,
                                           AsyncResult<std::string> result) {
   ::LifeCycle::StartTask<::LifeCycle::CheckApplyTask>(
-      "CheckApply", CheckApplyMethod::taskMethodName, result, input.document);
+      context, "CheckApply", CheckApplyMethod::taskMethodName, result, input.document);
 }
 
-void ConfigurationServiceImpl::Apply(const ExecutionContextPtr&, const ApplyInput& input,
+void ConfigurationServiceImpl::Apply(const ExecutionContextPtr& context, const ApplyInput& input,
                                      AsyncResult<std::string> result) {
-  ::LifeCycle::StartTask<::LifeCycle::ApplyTask>("Apply", ApplyMethod::taskMethodName, result,
-                                                 input.spec_id);
+  ::LifeCycle::StartTask<::LifeCycle::ApplyTask>(context, "Apply", ApplyMethod::taskMethodName,
+                                                 result, input.spec_id);
 }
 
-void ConfigurationServiceImpl::Impact(const ExecutionContextPtr&, const ImpactInput& input,
+void ConfigurationServiceImpl::Impact(const ExecutionContextPtr& context, const ImpactInput& input,
                                       AsyncResult<std::string> result) {
-  ::LifeCycle::StartTask<::LifeCycle::ImpactTask>("Impact", ImpactMethod::taskMethodName, result,
-                                                  input.document);
+  ::LifeCycle::StartTask<::LifeCycle::ImpactTask>(context, "Impact", ImpactMethod::taskMethodName,
+                                                  result, input.document);
 }
 
-void ConfigurationServiceImpl::CheckCompliance(const ExecutionContextPtr&,
+void ConfigurationServiceImpl::CheckCompliance(const ExecutionContextPtr& context,
                                                const CheckComplianceInput& input,
                                                AsyncResult<std::string> result) {
   ::LifeCycle::StartTask<::LifeCycle::CheckComplianceTask>(
-      "CheckCompliance", CheckComplianceMethod::taskMethodName, result, input.document);
+      context, "CheckCompliance", CheckComplianceMethod::taskMethodName, result, input.document);
 }
 
 void ConfigurationServiceImpl::Export(const ExecutionContextPtr&, const ExportInput&,

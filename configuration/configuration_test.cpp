@@ -97,7 +97,7 @@ class ConfigurationTest : public testing::Test {
 
 TEST_F(ConfigurationTest, WhatKeepsATaskFromItsEndIsRecorded) {
   TaskError error;
-  const auto init = [&] { return task_ = InitTask(kOperation, error, ErrorKind::kError); };
+  const auto init = [&] { return task_ = InitTask(kOperation, {}, error, ErrorKind::kError); };
   const auto run = [this](Task& task) {
     task.preRun();
     task.run();
@@ -138,7 +138,7 @@ TEST_F(ConfigurationTest, AnAbortedTaskEndsItsModulesAndIsRecorded) {
   modules_.SetBehaviour("time",
                         R"({"validate":{"touch":")" + begun.string() + R"(","hang":true}})");
   TaskError error;
-  task_ = InitTask(kOperation, error, ErrorKind::kError);
+  task_ = InitTask(kOperation, {}, error, ErrorKind::kError);
   TaskSchedularImpl schedular;
   schedular.initialise();
   schedular.submit(std::make_shared<ValidateTask>(
@@ -156,7 +156,7 @@ TEST_F(ConfigurationTest, AnAbortedTaskEndsItsModulesAndIsRecorded) {
 TEST_F(ConfigurationTest, ATaskThatIsRefusedIsFailedByTheNextStart) {
   std::promise<void> mayEnd;
   TaskError error;
-  const std::string running = InitTask(kOperation, error, ErrorKind::kError);
+  const std::string running = InitTask(kOperation, {}, error, ErrorKind::kError);
   TaskSchedular::Instance().submit(std::make_shared<FakeTask>(running, [&] {
     mayEnd.get_future().wait();
     return Orbi::Data::Value();

@@ -63,17 +63,17 @@ void AsyncServiceImpl::Get(const ExecutionContextPtr&, const GetInput& input,
   ::LifeCycle::CompleteOperation("Get", result, [&input] { return KeysSvc::Get(input); });
 }
 
-void AsyncServiceImpl::Set(const ExecutionContextPtr&, const SetInput& input,
+void AsyncServiceImpl::Set(const ExecutionContextPtr& context, const SetInput& input,
                            AsyncResult<std::string> result) {
   ::LifeCycle::StartTask<::LifeCycle::SetTask>(
-      "Set", SetMethod::taskMethodName, result,
+      context, "Set", SetMethod::taskMethodName, result,
       RyxConfigStore::KeyAddress{input.component, input.group, input.key}, input.value);
 }
 
-void AsyncServiceImpl::Delete(const ExecutionContextPtr&, const DeleteInput& input,
+void AsyncServiceImpl::Delete(const ExecutionContextPtr& context, const DeleteInput& input,
                               AsyncResult<std::string> result) {
   ::LifeCycle::StartTask<::LifeCycle::DeleteTask>(
-      "Delete", DeleteMethod::taskMethodName, result,
+      context, "Delete", DeleteMethod::taskMethodName, result,
       RyxConfigStore::KeyAddress{input.component, input.group, input.key});
 }
 

@@ -16,12 +16,14 @@ namespace LifeCycle {
 ///
 /// A scheduler that does not take the task leaves the caller with the identifier all the same.
 /// @tparam TaskType  constructed from the task's identifier and `arguments`
+/// @param context    of the call
 /// @param method     what the task is recorded as
 template <typename TaskType, typename... Arguments>
-void StartTask(const char* operation, const char* method,
-               Orbi::Core::AsyncResult<std::string>& result, Arguments&&... arguments) {
+void StartTask(const Orbi::Core::ExecutionContextPtr& context, const char* operation,
+               const char* method, Orbi::Core::AsyncResult<std::string>& result,
+               Arguments&&... arguments) {
   TaskError error;
-  const std::string id = InitTask(method, error, ErrorKind::kError);
+  const std::string id = InitTask(method, CallerOf(*context), error, ErrorKind::kError);
   if (error) {
     Log_Level(LogLevel::kCritical, "[%s] Failed to get TaskId\n", operation);
     return result.SetError(*error);

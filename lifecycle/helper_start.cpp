@@ -44,7 +44,8 @@ bool TryToStart(const HelperKind& kind, const HelperCommand& command, int retrie
   try {
     const int result = PcoreCtl::Util::PcoreCtl_Daemon(
         command.line, false, false, true, true,
-        EndOfHelper({command.taskId, kind.marker, command.documents}));
+        EndOfHelper({command.taskId, kind.marker, command.documents}),
+        {"KESTRELD_USER=" + command.caller.user, "KESTRELD_PEER=" + command.caller.peer});
     if (result == 0) return true;
     log(LogLevel::kCritical, kind.refused, std::to_string(result));
   } catch (const std::exception& e) {

@@ -38,6 +38,7 @@ struct HelperCommand {
   std::vector<std::string> documents;  ///< the command's own input files, which it removes
   ErrorKind errors;  ///< what becomes of a task that cannot be recorded, or the command not started
   int retries;       ///< of claiming the host, and again of starting the command
+  Caller caller;     ///< told the command in its environment, as KESTRELD_USER and KESTRELD_PEER
   /// Done once the host is the task's, before it is recorded; may be empty. What it throws frees
   /// the host and is passed on.
   std::function<void()> prepare = {};

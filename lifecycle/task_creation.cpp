@@ -16,6 +16,10 @@ constexpr RecordTexts kOwnTask{.creating = "[InitTask]: Creating task: {1}",
 
 }  // namespace
 
+Caller CallerOf(const Orbi::Core::ExecutionContext& context) {
+  return {context.authentication ? context.authentication->userName : "", context.peer.address};
+}
+
 std::string GetTaskId(TaskError& error, ErrorKind kind) {
   const auto id = UUID_CreateRandom();
   UUID_Packed packed;
@@ -41,11 +45,13 @@ TaskError RecordTask(const HostMarker& marker, const std::string& taskId, const 
   }
 }
 
-std::string InitTask(const std::string& operation, TaskError& error, ErrorKind kind) {
+std::string InitTask(const std::string& operation, const Caller& caller, TaskError& error,
+                     ErrorKind kind) {
   const std::string id = GetTaskId(error, kind);
   if (error || (error = ClaimHost(kTaskMarker, id, 0))) return "";
-  error = RecordTask(kTaskMarker, id, kOwnTask, kind,
-                     [&](TaskFile& file) { file.AddTask(id, operation, kStatusFileRetries); });
+  error = RecordTask(kTaskMarker, id, kOwnTask, kind, [&](TaskFile& file) {
+    file.AddTask(id, operation, kStatusFileRetries, caller);
+  });
   return error ? "" : id;
 }
 

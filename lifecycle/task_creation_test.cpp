@@ -42,8 +42,8 @@ class TaskCreationTest : public testing::Test {
 
   /// @return the error's text, or nothing when the command runs
   static std::string StartTask(const std::string& command, int retries) {
-    const TaskError error =
-        RunTask(kImageManagerTask, {"id", command, {}, ErrorKind::kInternalServerError, retries});
+    const TaskError error = RunTask(
+        kImageManagerTask, {"id", command, {}, ErrorKind::kInternalServerError, retries, {}});
     return error ? ErrorText(*error) : "";
   }
 
@@ -53,15 +53,16 @@ class TaskCreationTest : public testing::Test {
 };
 
 TEST_F(TaskCreationTest, InProcessTaskIsRecordedAndHoldsTheHostUntilItEnds) {
-  const std::string id = InitTask("op", error_, ErrorKind::kError);
+  const std::string id = InitTask("op", {"alice", "192.0.2.7"}, error_, ErrorKind::kError);
   ASSERT_FALSE(error_);
   EXPECT_EQ(id.size(), 36U);
   EXPECT_EQ(ReadFile(kTaskSyncFile), "PRECURSOR: " + id);
   EXPECT_EQ(Tasks().at(id).status, "PENDING");
   EXPECT_EQ(Tasks().at(id).operation, "op");
+  EXPECT_EQ(Tasks().at(id).user, "alice");
 
   CapturedLog log;
-  EXPECT_EQ(InitTask("op", error_, ErrorKind::kError), "");
+  EXPECT_EQ(InitTask("op", {"alice", "192.0.2.7"}, error_, ErrorKind::kError), "");
   EXPECT_EQ(ErrorText(*error_), "not_allowed_in_current_state task.contention");
   EXPECT_EQ(log.TakeLines().back(),
             "2 [_CheckTaskContention]: Task sync file exists, another task is progress, 0 retries "
@@ -70,7 +71,7 @@ TEST_F(TaskCreationTest, InProcessTaskIsRecordedAndHoldsTheHostUntilItEnds) {
 
   fs::remove(kTaskSyncFile);
   TaskError none;
-  EXPECT_NE(InitTask("op", none, ErrorKind::kError), "");
+  EXPECT_NE(InitTask("op", {"alice", "192.0.2.7"}, none, ErrorKind::kError), "");
   EXPECT_FALSE(none);
 }
 
@@ -89,7 +90,7 @@ TEST_F(TaskCreationTest, CommandThatCannotStartIsTriedAgainAndFreesTheHost) {
 TEST_F(TaskCreationTest, TaskThatCannotBeRecordedFreesTheHost) {
   fs::create_directories(folder_);
   std::ofstream(kTaskStatusFile) << "{";
-  EXPECT_EQ(InitTask("op", error_, ErrorKind::kError), "");
+  EXPECT_EQ(InitTask("op", {"alice", "192.0.2.7"}, error_, ErrorKind::kError), "");
   EXPECT_EQ(ErrorText(*error_), "error task.create.error");
   EXPECT_FALSE(fs::exists(kTaskSyncFile));
   EXPECT_EQ(StartTask("/usr/bin/true", 0), "internal_server_error task.create.error");

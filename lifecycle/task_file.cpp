@@ -109,9 +109,10 @@ void TaskFile::WithDatabase(const Operation& operation) const {
   }
 }
 
-void TaskFile::AddTask(const std::string& id, const std::string& operation, int retries) {
+void TaskFile::AddTask(const std::string& id, const std::string& operation, int retries,
+                       const TaskDB::Caller& caller) {
   WithStore(retries, [&](auto& store) {
-    store.Add(id, TaskDB::PendingRecord(operation), TaskDB::OnDuplicate::kRefuse);
+    store.Add(id, TaskDB::PendingRecord(operation, caller), TaskDB::OnDuplicate::kRefuse);
   });
 }
 

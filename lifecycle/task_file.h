@@ -39,7 +39,8 @@ class TaskFile {
   TaskFile(std::string path, Initialise initialise);
 
   /// Adds a PENDING record. Refused when there is one of that identifier.
-  void AddTask(const std::string& id, const std::string& operation, int retries);
+  void AddTask(const std::string& id, const std::string& operation, int retries,
+               const TaskDB::Caller& caller = {});
   /// Adds a record without members, for a helper process to fill.
   void AddEmptyTask(const std::string& id, int retries);
   /// PENDING to RUNNING.

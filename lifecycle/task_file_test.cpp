@@ -306,7 +306,7 @@ TEST_F(JsonTaskFileTest, TaskThatWasTakenCanEndHoweverFullTheFile) {
   WriteFile("{}");
   JsonTaskStore store(path_, 0, 3 * kMiB);
   const auto add = [&](const char* id) {
-    store.Add(id, TaskDB::PendingRecord("op"), TaskDB::OnDuplicate::kRefuse);
+    store.Add(id, TaskDB::PendingRecord("op", {}), TaskDB::OnDuplicate::kRefuse);
   };
   const auto succeed = [&](const char* id, std::size_t size) {
     store.Change(id, TaskDB::Succeed('"' + std::string(size, 'x') + '"'));

@@ -50,7 +50,7 @@ class ThreadsTest : public testing::TestWithParam<const char*> {
   /// Runs a task from its creation to its end, if no other has the host.
   void RunTask() {
     TaskError error;
-    const std::string id = InitTask("op", error, ErrorKind::kError);
+    const std::string id = InitTask("op", {}, error, ErrorKind::kError);
     if (error) {
       EXPECT_EQ(ErrorText(*error), "not_allowed_in_current_state task.contention");
       return;

@@ -16,9 +16,9 @@ std::string NewTaskId(const TaskOperation& operation) {
   return id;
 }
 
-void StartHelperTask(const TaskOperation& operation, const std::string& id,
-                     const std::vector<std::string>& more, const std::vector<std::string>& files,
-                     const std::function<void()>& write) {
+void StartHelperTask(const Orbi::Core::ExecutionContext& context, const TaskOperation& operation,
+                     const std::string& id, const std::vector<std::string>& more,
+                     const std::vector<std::string>& files, const std::function<void()>& write) {
   std::vector<std::string> arguments{id};
   arguments.insert(arguments.end(), more.begin(), more.end());
   const std::string command =
@@ -28,8 +28,9 @@ void StartHelperTask(const TaskOperation& operation, const std::string& id,
     if (write) write();
     written = true;
   };
-  const TaskError error = RunTask(operation.helper.kind, {id, command, files, operation.errors,
-                                                          operation.helper.retries, prepare});
+  const TaskError error = RunTask(
+      operation.helper.kind,
+      {id, command, files, operation.errors, operation.helper.retries, CallerOf(context), prepare});
   if (!error) return;
   if (written) RemoveFiles(files);
   throw OperationError(*error);

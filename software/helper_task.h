@@ -39,13 +39,14 @@ struct TaskOperation {
 /// Records the task and starts its helper. With the image manager it blocks for up to three seconds
 /// while another task is being started or runs, and for up to two while the helper cannot be
 /// started.
+/// @param context  of the call
 /// @param more  the arguments for "{2}" and up, each with its leading blank when it has one
 /// @param files  documents for the helper; they are removed when it cannot be started, and are its
 ///               own otherwise
 /// @param write  writes the files once the host is the task's, where their paths are not: until
 ///               then they are another task's. Without it they are there already.
-void StartHelperTask(const TaskOperation& operation, const std::string& id,
-                     const std::vector<std::string>& more = {},
+void StartHelperTask(const Orbi::Core::ExecutionContext& context, const TaskOperation& operation,
+                     const std::string& id, const std::vector<std::string>& more = {},
                      const std::vector<std::string>& files = {},
                      const std::function<void()>& write = {});
 

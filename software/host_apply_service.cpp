@@ -68,20 +68,20 @@ std::string WriteDocuments(const SetInput& input, const std::string& id,
   return options;
 }
 
-std::string StartApply(const SetInput& input) {
+std::string StartApply(const ::Orbi::Core::ExecutionContext& context, const SetInput& input) {
   CheckInput(input);
   std::string id = NewTaskId(kSet);
   std::vector<std::string> documents;
   const std::string options = WriteDocuments(input, id, documents);
-  StartHelperTask(kSet, id, {std::to_string(kCleanupInterval), options}, documents);
+  StartHelperTask(context, kSet, id, {std::to_string(kCleanupInterval), options}, documents);
   return id;
 }
 
 }  // namespace
 
-void AsyncServiceImpl::Set(const ExecutionContextPtr&, const SetInput& input,
+void AsyncServiceImpl::Set(const ExecutionContextPtr& context, const SetInput& input,
                            AsyncResult<std::string> result) {
-  CompleteOperation(kSet.name, result, [&input] { return StartApply(input); });
+  CompleteOperation(kSet.name, result, [&context, &input] { return StartApply(*context, input); });
 }
 
 }  // namespace Com::Tessel::Ryx::Hosts::SettingsSvc

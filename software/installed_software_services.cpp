@@ -99,12 +99,12 @@ void AsyncServiceImpl::Get(const ExecutionContextPtr&, const GetInput&, AsyncRes
   });
 }
 
-void AsyncServiceImpl::ExtractDepot(const ExecutionContextPtr&, const ExtractDepotInput&,
+void AsyncServiceImpl::ExtractDepot(const ExecutionContextPtr& context, const ExtractDepotInput&,
                                     AsyncResult<std::string> result) {
   LogCall(kExtractDepot.name);
-  CompleteOperation(kExtractDepot.name, result, [] {
+  CompleteOperation(kExtractDepot.name, result, [&context] {
     std::string id = NewTaskId(kExtractDepot);
-    StartHelperTask(kExtractDepot, id);
+    StartHelperTask(*context, kExtractDepot, id);
     return id;
   });
 }

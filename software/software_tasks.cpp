@@ -17,6 +17,7 @@
 using namespace ::LifeCycle;
 using ::Com::Tessel::Ryx::HostSettings::SoftwareSpec;
 using ::Orbi::Core::AsyncResult;
+using ::Orbi::Core::ExecutionContext;
 using ::Orbi::Core::ExecutionContextPtr;
 
 namespace {
@@ -82,23 +83,24 @@ void WriteSpec(const SpecOperation& operation, const std::string& path, const So
   }
 }
 
-std::string StartSpecTask(const SpecOperation& operation, const std::vector<std::string>& depots,
-                          const SoftwareSpec& spec) {
+std::string StartSpecTask(const ExecutionContext& context, const SpecOperation& operation,
+                          const std::vector<std::string>& depots, const SoftwareSpec& spec) {
   RequireSome(depots);
   std::string id = NewTaskId(operation.task);
   const std::string path = SpecPath(operation, id);
   const auto write = [&] { WriteSpec(operation, path, spec); };
   const std::vector<std::string> more{Repeat(" --depot ", depots), path};
   if (operation.file == SpecFile::kOfScans) {
-    StartHelperTask(operation.task, id, more, {path}, write);
+    StartHelperTask(context, operation.task, id, more, {path}, write);
   } else {
     write();
-    StartHelperTask(operation.task, id, more, {path});
+    StartHelperTask(context, operation.task, id, more, {path});
   }
   return id;
 }
 
-std::string StartComponentsTask(const std::vector<std::string>& depots,
+std::string StartComponentsTask(const ExecutionContext& context,
+                                const std::vector<std::string>& depots,
                                 const std::map<std::string, std::string>& components) {
   RequireSome(depots);
   RequireSome(components);
@@ -106,23 +108,24 @@ std::string StartComponentsTask(const std::vector<std::string>& depots,
   std::string words;
   for (const auto& [name, version] : components)
     words.append(" --component ").append(name).append(":").append(version);
-  StartHelperTask(kApplyComponents, id, {Repeat(" --depot ", depots), words});
+  StartHelperTask(context, kApplyComponents, id, {Repeat(" --depot ", depots), words});
   return id;
 }
 
-std::string StartRemoval(const std::vector<std::string>& solutions) {
+std::string StartRemoval(const ExecutionContext& context,
+                         const std::vector<std::string>& solutions) {
   RequireSome(solutions);
   std::string id = NewTaskId(kRemoveSolutions);
-  StartHelperTask(kRemoveSolutions, id, {Repeat(" --name ", solutions)});
+  StartHelperTask(context, kRemoveSolutions, id, {Repeat(" --name ", solutions)});
   return id;
 }
 
 /// Completes an operation on a software specification, whichever input type it has.
 template <typename Input>
-void CompleteSpecTask(const SpecOperation& operation, const Input& input,
-                      AsyncResult<std::string>& result) {
-  CompleteOperation(operation.task.name, result, [&operation, &input] {
-    return StartSpecTask(operation, input.depots, input.software_spec);
+void CompleteSpecTask(const ExecutionContextPtr& context, const SpecOperation& operation,
+                      const Input& input, AsyncResult<std::string>& result) {
+  CompleteOperation(operation.task.name, result, [&context, &operation, &input] {
+    return StartSpecTask(*context, operation, input.depots, input.software_spec);
   });
 }
 
@@ -130,49 +133,50 @@ void CompleteSpecTask(const SpecOperation& operation, const Input& input,
 
 namespace Com::Tessel::Ryx::KestrelDaemon::SoftwareSvc {
 
-void AsyncServiceImpl::Apply(const ExecutionContextPtr&, const ApplyInput& input,
+void AsyncServiceImpl::Apply(const ExecutionContextPtr& context, const ApplyInput& input,
                              AsyncResult<std::string> result) {
-  CompleteSpecTask(kApplySoftware, input, result);
+  CompleteSpecTask(context, kApplySoftware, input, result);
 }
 
-void AsyncServiceImpl::Stage(const ExecutionContextPtr&, const StageInput& input,
+void AsyncServiceImpl::Stage(const ExecutionContextPtr& context, const StageInput& input,
                              AsyncResult<std::string> result) {
-  CompleteSpecTask(kStageSoftware, input, result);
+  CompleteSpecTask(context, kStageSoftware, input, result);
 }
 
-void AsyncServiceImpl::Scan(const ExecutionContextPtr&, const ScanInput& input,
+void AsyncServiceImpl::Scan(const ExecutionContextPtr& context, const ScanInput& input,
                             AsyncResult<std::string> result) {
-  CompleteSpecTask(kScanSoftware, input, result);
+  CompleteSpecTask(context, kScanSoftware, input, result);
 }
 
 }  // namespace Com::Tessel::Ryx::KestrelDaemon::SoftwareSvc
 
 namespace Com::Tessel::Ryx::KestrelDaemon::ComponentsSvc {
 
-void AsyncServiceImpl::Apply(const ExecutionContextPtr&, const ApplyInput& input,
+void AsyncServiceImpl::Apply(const ExecutionContextPtr& context, const ApplyInput& input,
                              AsyncResult<std::string> result) {
-  CompleteOperation(kApplyComponents.name, result,
-                    [&input] { return StartComponentsTask(input.depots, input.components); });
+  CompleteOperation(kApplyComponents.name, result, [&context, &input] {
+    return StartComponentsTask(*context, input.depots, input.components);
+  });
 }
 
 }  // namespace Com::Tessel::Ryx::KestrelDaemon::ComponentsSvc
 
 namespace Com::Tessel::Ryx::KestrelDaemon::SolutionsSvc {
 
-void AsyncServiceImpl::Apply(const ExecutionContextPtr&, const ApplyInput& input,
+void AsyncServiceImpl::Apply(const ExecutionContextPtr& context, const ApplyInput& input,
                              AsyncResult<std::string> result) {
-  CompleteSpecTask(kApplySolutions, input, result);
+  CompleteSpecTask(context, kApplySolutions, input, result);
 }
 
-void AsyncServiceImpl::Stage(const ExecutionContextPtr&, const StageInput& input,
+void AsyncServiceImpl::Stage(const ExecutionContextPtr& context, const StageInput& input,
                              AsyncResult<std::string> result) {
-  CompleteSpecTask(kStageSolutions, input, result);
+  CompleteSpecTask(context, kStageSolutions, input, result);
 }
 
-void AsyncServiceImpl::Remove(const ExecutionContextPtr&, const RemoveInput& input,
+void AsyncServiceImpl::Remove(const ExecutionContextPtr& context, const RemoveInput& input,
                               AsyncResult<std::string> result) {
   CompleteOperation(kRemoveSolutions.name, result,
-                    [&input] { return StartRemoval(input.solutions); });
+                    [&context, &input] { return StartRemoval(*context, input.solutions); });
 }
 
 }  // namespace Com::Tessel::Ryx::KestrelDaemon::SolutionsSvc

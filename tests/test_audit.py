@@ -1,10 +1,16 @@
 """Who acted, as the log and the records tell."""
 
+import json
+import pathlib
+
 import pytest
 
 from orbi_client import Client, OrbiError, envelope
 from sandboxed_host import PORT, wait_until
-from test_callers import TASKS
+from test_callers import TASKS, issue_ticket
+
+CONFIGURATION = "com.tessel.ryx.kestrel_daemon.configuration"
+SETTINGS = "com.tessel.ryx.hosts.settings"
 
 
 def audit(daemon, part):
@@ -48,3 +54,31 @@ def test_floods_of_refused_calls_are_summed_up(trusted_front, daemon):
     assert len(told) == 11 and told[-1] == "... and 50 more from 192.0.2.7 in the last minute"
     lines = daemon.log.lines[daemon.mark:]
     assert sum("authentication failed for user" in line for line in lines) == 10
+
+
+def records():
+    return json.loads(pathlib.Path("/var/tessel/lifecycle/task-status.json").read_text())
+
+
+def test_tasks_are_their_callers(daemon, sample_depot):
+    """Of the daemon's own, of a helper's, of those that a helper asks for with a ticket, and of a ticket by itself."""
+    root, alice = daemon.client(), daemon.client("alice")
+    validation = alice.call(CONFIGURATION, "validate$task", document="{}")
+    assert root.wait_for_task(validation)["user"] == "alice"
+    assert audit(daemon, validation) == [
+        f"user=alice peer=uid:0@127.0.0.1 method={CONFIGURATION}.validate$task outcome=ok task={validation}"]
+    assert (records()[validation]["user"], records()[validation]["peer"]) == ("alice", "uid:0@127.0.0.1")
+
+    apply = alice.call(SETTINGS, "set$task", depots=[sample_depot], configuration={
+        "metadata": {"schema_version": "1.0"}, "profile": {"system": {"banner": {"motd": {"text": "new\\n"}}}}})
+    assert root.wait_for_task(apply)["user"] == "alice"
+    asked = {task: record for task, record in records().items() if task not in (apply, validation)}
+    assert asked and {record["user"] for record in asked.values()} == {"alice"}
+    assert records()[apply]["peer"] == "uid:0@127.0.0.1"
+
+    for number, (user, account) in enumerate((("bob", "bob"), ("", "root"))):
+        ticket = f"ticket-on-behalf-of-{number}"
+        issue_ticket(ticket, user=user)
+        task = daemon.client(ticket, ticket).call(CONFIGURATION, "validate$task", document="{}")
+        assert root.wait_for_task(task)["user"] == account
+        assert f"user={account} " in audit(daemon, task)[0]

@@ -16,10 +16,10 @@ TICKETS = pathlib.Path("/run/tessel/tickets")
 TASKS = "com.tessel.cis.tasks"
 
 
-def issue_ticket(text, service="Lifecycle", config="kestreld"):
+def issue_ticket(text, service="Lifecycle", config="kestreld", user=""):
     TICKETS.mkdir(parents=True, exist_ok=True, mode=0o700)
     path = TICKETS / f"rntkt-{text}"
-    path.write_bytes(text.encode() + b"\n" + config.encode() + b"\0" + service.encode() + b"\0")
+    path.write_bytes(text.encode() + b"\n" + config.encode() + b"\0" + service.encode() + b"\0" + user.encode() + b"\0")
     path.chmod(0o600)
     return path
 

@@ -149,7 +149,8 @@ def test_any_operations_at_once(daemon, request):
     seed = random.randrange(1 << 32)
 
     def work(number):
-        client, choose, answers = daemon.client(forwarded_for=f"198.51.100.{number + 1}"), random.Random(seed + number), set()
+        client = daemon.client(forwarded_for=f"198.51.100.{number + 1}")
+        choose, answers = random.Random(seed + number), set()
         while time.monotonic() < end:
             service, operation, fields = choose.choice(everything)
             given = {name: VALUES.get(kind, {}) for name, kind in fields}

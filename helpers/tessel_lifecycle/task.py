@@ -2,13 +2,11 @@
 
 import contextlib
 import datetime
-import os
-import pwd
 import signal
 import syslog
 import time
 
-from tessel_lifecycle import files, host_claim
+from tessel_lifecycle import caller, files, host_claim
 from tessel_lifecycle.document import compact
 from tessel_lifecycle.lock import LockTimeout
 from tessel_lifecycle.records import open_records
@@ -57,7 +55,7 @@ class Task:
         def edit(record):
             if record.get("status") in _FINISHED:
                 raise Terminated("it has ended already")
-            record.update(status="RUNNING", operation=self.operation, user=_user(),
+            record.update(status="RUNNING", operation=self.operation, **caller.recorded(),
                           progress=_progress(0), startTime=utc_now())
         with uninterrupted():
             self._records.change_at_last(self.id, edit, _PATIENCE)
@@ -104,7 +102,8 @@ class Task:
 
     def _fail(self, record, error):
         record.setdefault("operation", self.operation)
-        record.setdefault("user", _user())
+        for member, value in caller.recorded().items():
+            record.setdefault(member, value)
         record.setdefault("progress", _progress(0))
         record.setdefault("startTime", utc_now())  # a record of an end without a start is not readable
         record.update(status="FAILED", endTime=utc_now(), **error.recorded())
@@ -133,10 +132,3 @@ def is_task_id(word):
 
 def _progress(percent):
     return {"completed": percent, "total": 100}
-
-
-def _user():
-    try:
-        return pwd.getpwuid(os.geteuid()).pw_name
-    except KeyError:
-        return str(os.geteuid())

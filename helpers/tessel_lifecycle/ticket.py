@@ -1,15 +1,16 @@
 """One-time tickets, by which the host's own tooling calls the daemon without a password.
 
-A ticket's file holds the ticket, a line end, and two texts that end with a NUL each: the name of a configuration file,
-which nobody uses, and what the ticket is good for.
+A ticket's file holds the ticket, a line end, and three texts that end with a NUL each: the name of a configuration
+file, which nobody uses, what the ticket is good for, and on whose behalf it is.
 """
 
 import contextlib
 import os
 
-from tessel_lifecycle import files, paths
+from tessel_lifecycle import caller, files, paths
 
 _SERVICE = "Lifecycle"
+_LONGEST_NAME = 127  # bytes; a longer one is left out
 
 
 @contextlib.contextmanager
@@ -17,10 +18,12 @@ def issued():
     """A new ticket, void at the end at the latest. @throws OSError"""
     text = os.urandom(32).hex()
     path = f"{paths.TICKETS}/rntkt-{text}"
+    user = caller.user().encode()
+    user = user if len(user) <= _LONGEST_NAME else b""
     os.makedirs(paths.TICKETS, mode=0o700, exist_ok=True)
     os.chmod(paths.TICKETS, 0o700)
     try:
-        files.replace(path, f"{text}\n\0{_SERVICE}\0".encode(), 0o600)
+        files.replace(path, f"{text}\n\0{_SERVICE}\0".encode() + user + b"\0", 0o600)
         yield text
     finally:
         files.remove(path)

@@ -88,6 +88,15 @@ std::optional<std::string> ReadName(int fd, std::size_t offset, const char* what
   return std::nullopt;
 }
 
+/// Reads the user name; empty when the ticket ends before it, or with something else.
+std::string ReadUser(int fd, std::size_t offset) {
+  std::array<char, kNameBufferSize> buffer;
+  const ssize_t length = pread(fd, buffer.data(), buffer.size(), static_cast<off_t>(offset));
+  const auto end = buffer.begin() + std::max<ssize_t>(length, 0);
+  const auto nul = std::find(buffer.begin(), end, '\0');
+  return nul == end ? std::string() : std::string(buffer.begin(), nul);
+}
+
 }  // namespace
 
 bool IsWellFormed(const std::string& text) {
@@ -147,7 +156,8 @@ std::optional<Content> ReadContent(int fd, const std::string& text) {
   if (!configFile) return std::nullopt;
   auto service = ReadName(fd, begin + configFile->size() + 1, "service name");
   if (!service) return std::nullopt;
-  return Content{std::move(*configFile), std::move(*service)};
+  const std::size_t userBegin = begin + configFile->size() + 1 + service->size() + 1;
+  return Content{std::move(*configFile), std::move(*service), ReadUser(fd, userBegin)};
 }
 
 bool SetUpDirectory(const char* path) {

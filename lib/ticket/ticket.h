@@ -12,10 +12,11 @@
 /// it the file "rntkt-" + TEXT with mode 0600, under a temporary name first and then renamed, so
 /// that no reader sees half of it:
 ///
-///     TEXT '\n' CONFIG-FILE-NAME '\0' SERVICE-NAME '\0'
+///     TEXT '\n' CONFIG-FILE-NAME '\0' SERVICE-NAME '\0' [ USER-NAME '\0' ]
 ///
 /// Each name is shorter than 128 bytes and may be empty. The service name tells what the ticket is
-/// good for. The functions here log why a ticket is refused, never throw for a reason that lies in
+/// good for, the user name on whose behalf its bearer acts: the issuer itself when it is left out
+/// or empty. The functions here log why a ticket is refused, never throw for a reason that lies in
 /// the ticket, and can be called from any thread and process at the same time.
 namespace Ticket {
 
@@ -27,6 +28,7 @@ inline constexpr char kFilePrefix[] = "rntkt-";
 struct Content {
   std::string configFile;
   std::string service;
+  std::string user;
 
   bool operator==(const Content&) const = default;
 };

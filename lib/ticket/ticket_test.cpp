@@ -42,7 +42,9 @@ class TicketTest : public testing::Test {
 TEST_F(TicketTest, OnlyAWellFormedTextWithAWholeTicketIsFound) {
   const std::string name(127, 'n');
   Issue(kText, kText + "\n\0"s + name + "\0trailing"s);
-  EXPECT_EQ(Ticket::Find(kText), (Ticket::Content{"", name}));
+  EXPECT_EQ(Ticket::Find(kText), (Ticket::Content{"", name, ""}));
+  Issue(kText, kText + "\n\0service\0"s + name + "\0trailing"s);
+  EXPECT_EQ(Ticket::Find(kText), (Ticket::Content{"", "service", name}));
   EXPECT_THAT(log_.TakeLines(), ElementsAre());
   const struct {
     std::string content, line, text = kText;

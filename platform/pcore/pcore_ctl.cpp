@@ -11,12 +11,14 @@
 namespace PcoreCtl::Util {
 
 int PcoreCtl_Daemon(const std::string& command, bool changeToRoot, bool discardStreams,
-                    bool honourGroup, bool logUsage, EndObserver onEnd) {
+                    bool honourGroup, bool logUsage, EndObserver onEnd,
+                    std::vector<std::string> variables) {
   SpawnDetached(command,
                 {.discardStreams = discardStreams,
                  .changeToRoot = changeToRoot,
                  .honourGroup = honourGroup,
-                 .logUsage = logUsage},
+                 .logUsage = logUsage,
+                 .variables = std::move(variables)},
                 std::move(onEnd));
   return 0;
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "pcore/end_observer.h"
 #include "pcore/host_ctl_exception.h"
@@ -17,10 +18,12 @@ namespace PcoreCtl::Util {
 /// a
 ///                        second while it runs
 /// @param onEnd           told of the end of the process, if any end is to be told
+/// @param variables       "NAME=value", beside this process's environment
 /// @return 0; the program has begun
 /// @throws HostCtl::Lib::HostCtlException when it cannot be started
 int PcoreCtl_Daemon(const std::string& command, bool changeToRoot, bool discardStreams,
-                    bool honourGroup, bool logUsage, EndObserver onEnd = {});
+                    bool honourGroup, bool logUsage, EndObserver onEnd = {},
+                    std::vector<std::string> variables = {});
 
 /// Has an observer asked as at the end of a detached process: for processes that an earlier run of
 /// this program started, whose end can only be looked for.

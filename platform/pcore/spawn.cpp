@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <memory>
+#include <string_view>
 #include <vector>
 
 #include "pcore/command_line.h"
@@ -196,9 +197,11 @@ class Preparation {
  private:
   void PrepareGroup(const ResourceGroup& group);
   void PrepareStreams(const SpawnOptions& options);
+  [[nodiscard]] bool IsReplaced(std::string_view variable) const;
   void PrepareEnvironment();
 
   std::vector<std::string> words_;
+  std::vector<std::string> variables_;
   std::string defaultPath_ = "PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
   UniqueFd nullDevice_;
   UniqueFd groupProcesses_;
@@ -206,7 +209,7 @@ class Preparation {
 };
 
 Preparation::Preparation(const std::string& commandLine, const SpawnOptions& options)
-    : words_(SplitCommandLine(commandLine)) {
+    : words_(SplitCommandLine(commandLine)), variables_(options.variables) {
   const auto group = TakeResourceGroup(words_);
   if (words_.empty()) throw HostCtl::Lib::HostCtlException(EINVAL, "Bad command line: no command");
   for (std::string& word : words_) launch.arguments.push_back(word.data());
@@ -220,12 +223,18 @@ Preparation::Preparation(const std::string& commandLine, const SpawnOptions& opt
   if (group && group->logUsage && options.logUsage) usage_.emplace(group->name);
 }
 
+bool Preparation::IsReplaced(std::string_view variable) const {
+  const std::string_view name = variable.substr(0, variable.find('=') + 1);
+  return std::ranges::any_of(variables_, [name](const auto& own) { return own.starts_with(name); });
+}
+
 void Preparation::PrepareEnvironment() {
   bool hasPath = false;
   for (char** variable = environ; variable != nullptr && *variable != nullptr; ++variable) {
     hasPath = hasPath || std::string_view(*variable).starts_with("PATH=");
-    launch.environment.push_back(*variable);
+    if (!IsReplaced(*variable)) launch.environment.push_back(*variable);
   }
+  for (std::string& variable : variables_) launch.environment.push_back(variable.data());
   if (!hasPath) launch.environment.push_back(defaultPath_.data());
   launch.environment.push_back(nullptr);
 }

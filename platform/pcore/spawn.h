@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "pcore/child.h"
 #include "pcore/end_observer.h"
@@ -19,7 +20,8 @@ struct SpawnOptions {
   bool discardStreams = false;
   bool changeToRoot = false;
   bool honourGroup = true;
-  bool logUsage = true;  ///< when the resource group says "stats"
+  bool logUsage = true;                     ///< when the resource group says "stats"
+  std::vector<std::string> variables = {};  ///< of its environment, "NAME=value", in place of ours
 };
 
 /// Starts the command of a command line (see SplitCommandLine; a resource-group word is removed).
@@ -30,7 +32,8 @@ struct SpawnOptions {
 ///
 /// - standard input, output and error and no other descriptor,
 /// - default signal dispositions and an empty signal mask,
-/// - this process's environment, with the system's default PATH when that has none,
+/// - this process's environment, with the system's default PATH when that has none, and the
+///   variables of the options,
 /// - the memory limit of its resource group: as a control group where the host delegates one, else
 ///   as a limit on its data segment (RLIMIT_DATA), which shared libraries and mapped files do not
 ///   count against.

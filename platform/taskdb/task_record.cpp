@@ -104,12 +104,14 @@ void ReadError(const Record& error, TaskInfo& info) {
 
 }  // namespace
 
-RecordMaker PendingRecord(const std::string& operation) {
-  return [operation](Allocator& allocator) {
+RecordMaker PendingRecord(const std::string& operation, const Caller& caller) {
+  return [operation, caller](Allocator& allocator) {
     Record record(rapidjson::kObjectType);
     SetText(record, "status", "PENDING", allocator);
     SetText(record, "operation", operation, allocator);
     SetCompleted(record, 0, allocator);
+    if (!caller.user.empty()) SetText(record, "user", caller.user, allocator);
+    if (!caller.peer.empty()) SetText(record, "peer", caller.peer, allocator);
     return record;
   };
 }

@@ -8,7 +8,8 @@
 #include "taskdb/task_info.h"
 
 /// The rules of a task record, whatever it is kept in: a JSON object with the members "status",
-/// "operation", "user", "progress", "startTime", "endTime", "result", "exception" and "error".
+/// "operation", "user", "peer", "progress", "startTime", "endTime", "result", "exception" and
+/// "error".
 ///
 /// A task goes from PENDING over RUNNING to SUCCEEDED or FAILED, and can end from any state.
 /// Members that are not of this list belong to whoever wrote them and are never touched. A change
@@ -33,8 +34,14 @@ using RecordVisit = std::function<void(const std::string& id, const Record&)>;
 /// What happens when a task is added whose identifier exists.
 enum class OnDuplicate { kReplace, kRefuse };
 
+/// On whose behalf a task runs.
+struct Caller {
+  std::string user;
+  std::string peer;  ///< where the call came from
+};
+
 /// PENDING, with no progress.
-[[nodiscard]] RecordMaker PendingRecord(const std::string& operation);
+[[nodiscard]] RecordMaker PendingRecord(const std::string& operation, const Caller& caller);
 /// An object without members, for a task whose record somebody else fills.
 [[nodiscard]] RecordMaker EmptyRecord();
 

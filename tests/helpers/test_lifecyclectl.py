@@ -49,7 +49,7 @@ class StandIn(http.server.ThreadingHTTPServer):
         path = TICKETS / f"rntkt-{user}"
         assert [at.stat().st_mode & 0o777 for at in (TICKETS, path)] == [0o700, 0o600]
         text, _, names = path.read_bytes().partition(b"\n")
-        assert text == user.encode() and names.split(b"\0")[1:] == [b"Lifecycle", b""]
+        assert text == user.encode() and names.split(b"\0")[1:] == [b"Lifecycle", b"root", b""]
         self.tickets.append(user)
         path.unlink()
 
