@@ -3,7 +3,8 @@
 #include <algorithm>
 #include <string_view>
 
-/// Comparisons of protocol words, which ignore the case of ASCII letters and no locale's rules.
+/// Protocol words: their letters are those of ASCII, and comparisons ignore their case, by no
+/// locale's rules.
 namespace Ascii {
 
 constexpr char ToLower(char c) {
@@ -18,6 +19,13 @@ constexpr bool EqualsIgnoringCase(std::string_view a, std::string_view b) {
 constexpr bool ContainsIgnoringCase(std::string_view text, std::string_view word) {
   return std::search(text.begin(), text.end(), word.begin(), word.end(),
                      [](char a, char b) { return ToLower(a) == ToLower(b); }) != text.end();
+}
+
+/// @return the text without the blanks and tabs around it
+constexpr std::string_view Trimmed(std::string_view text) {
+  const auto first = text.find_first_not_of(" \t");
+  if (first == std::string_view::npos) return {};
+  return text.substr(first, text.find_last_not_of(" \t") - first + 1);
 }
 
 }  // namespace Ascii

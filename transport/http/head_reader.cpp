@@ -41,10 +41,7 @@ const HeadReader::Visitor HeadReader::Visitor::kAll[] = {
      }},
     {"transfer-encoding",
      [](HeadReader& reader, std::string_view value) {
-       // Names of codings ignore case (RFC 9112, section 7): a body missed here would be read as
-       // the next request.
-       if (Ascii::ContainsIgnoringCase(value, "chunked")) reader.framing_.chunked = true;
-       return boost::system::error_code();
+       return reader.VisitTransferEncoding(value);
      }},
 };
 
@@ -82,8 +79,42 @@ boost::system::error_code HeadReader::VisitHeaders() {
   // And they do not know interim responses (RFC 9110, section 10.1.1).
   if (head_.minorVersion == 0) expectation_ = Expectation::kNone;
 
-  if (framing_.chunked) framing_ = {.chunked = true};
+  return SettleFraming();
+}
+
+/// Where the end of the body is. When two readers of one connection may see it at different places,
+/// a proxy and this server for instance, the request is refused or is the connection's last: what
+/// follows could be somebody's way to smuggle a request in (RFC 9112, section 11.2).
+boost::system::error_code HeadReader::SettleFraming() {
+  if (coded_) {
+    if (!framing_.chunked) return PicoHttpError::kInvalidRequest;
+    // RFC 9112, section 6.1.
+    if (framing_.hasContentLength || head_.minorVersion == 0) head_.keepAlive = false;
+    framing_ = {.chunked = true};
+  }
   ForceEmptyBody();
+  return {};
+}
+
+/// One line of a list that may have several. A coding other than chunked is left to whoever reads
+/// the body, as long as chunked is the last one and the only one of its name, without parameters:
+/// anything else does not tell where the body ends (RFC 9112, sections 6.3 and 7.1). No registered
+/// coding has a parameter that needs quotes, and a comma in quotes would be read in two ways.
+boost::system::error_code HeadReader::VisitTransferEncoding(std::string_view value) {
+  coded_ = true;
+  if (value.find('"') != value.npos) return PicoHttpError::kInvalidRequest;
+  for (bool more = true; more;) {
+    const auto comma = value.find(',');
+    const auto coding = Ascii::Trimmed(value.substr(0, comma));
+    const auto name = Ascii::Trimmed(coding.substr(0, coding.find(';')));
+    if (framing_.chunked || !IsToken(name)) return PicoHttpError::kInvalidRequest;
+    // Names of codings ignore case (RFC 9112, section 7).
+    framing_.chunked = Ascii::EqualsIgnoringCase(coding, "chunked");
+    if (!framing_.chunked && Ascii::EqualsIgnoringCase(name, "chunked"))
+      return PicoHttpError::kInvalidRequest;
+    more = comma != value.npos;
+    if (more) value.remove_prefix(comma + 1);
+  }
   return {};
 }
 
@@ -121,7 +152,7 @@ void HeadReader::Reset() {
   head_ = {};
   framing_ = {};
   expectation_ = Expectation::kNone;
-  asksToKeep_ = asksToClose_ = false;
+  coded_ = asksToKeep_ = asksToClose_ = false;
 }
 
 }  // namespace Orbi::Transport::PicoHttp

@@ -66,6 +66,8 @@ class HeadReader {
 
   boost::system::error_code VisitHeaders();
   boost::system::error_code VisitContentLength(std::string_view value);
+  boost::system::error_code VisitTransferEncoding(std::string_view value);
+  boost::system::error_code SettleFraming();
   void ForceEmptyBody();
 
   std::array<char, kBufferSize> buffer_;
@@ -75,6 +77,7 @@ class HeadReader {
   RequestHead head_;
   BodyFraming framing_;
   Expectation expectation_ = Expectation::kNone;
+  bool coded_ = false;  ///< there is a transfer-encoding
   bool asksToKeep_ = false;
   bool asksToClose_ = false;
 };

@@ -77,19 +77,13 @@ Outcome TakeRequestLine(std::string_view& input, PhrRequest& request) {
   return TakeVersion(input, request.minorVersion);
 }
 
-std::string_view TrimBlanks(std::string_view text) {
-  const auto first = text.find_first_not_of(" \t");
-  if (first == std::string_view::npos) return {};
-  return text.substr(first, text.find_last_not_of(" \t") - first + 1);
-}
-
 Outcome TakeHeader(std::string_view& input, PhrRequest& request) {
   if (request.headerCount == kMaxHeaders) return Outcome::kMalformed;
   HeaderField& field = request.headers[request.headerCount];
   if (const auto outcome = TakeWord(input, kToken, ':', field.name); outcome != Outcome::kTaken)
     return outcome;
   const std::size_t n = Span(input, kFieldValue);
-  field.value = TrimBlanks(input.substr(0, n));
+  field.value = Ascii::Trimmed(input.substr(0, n));
   input.remove_prefix(n);
   const auto outcome = TakeLineEnd(input);
   if (outcome == Outcome::kTaken) ++request.headerCount;
@@ -131,6 +125,8 @@ int PhrParse(std::string_view buffer, PhrRequest& request, std::size_t parsedBef
   }
   return static_cast<int>(buffer.size() - rest.size());
 }
+
+bool IsToken(std::string_view text) { return !text.empty() && Span(text, kToken) == text.size(); }
 
 void TolowerAndSortHeaders(std::span<char> buffer, PhrRequest& request) {
   // An insertion sort: stable, without the memory that the library's stable sort asks for, and

@@ -48,6 +48,9 @@ inline constexpr int kPhrIncomplete = -2;
 /// @return the head's length including its empty line, kPhrMalformed, or kPhrIncomplete
 [[nodiscard]] int PhrParse(std::string_view buffer, PhrRequest& request, std::size_t parsedBefore);
 
+/// @return whether a text is a token (RFC 9110, section 5.6.2)
+[[nodiscard]] bool IsToken(std::string_view text);
+
 /// Lower-cases the header names, in `buffer` itself, and sorts the table by name; fields of one
 /// name keep their order (RFC 9110, section 5.3).
 /// @param buffer  the bytes that `request` was parsed from
