@@ -119,6 +119,7 @@ class AnswerStream : public BodySource {
 
 void ApiExchange::Handle(std::string body, ResponseSink sink) {
   sink_ = std::move(sink);
+  if (!spec_.bodyCounts) body.clear();
   LogLine(Log::kTrace, "Request received");
   try {
     Decode(body);

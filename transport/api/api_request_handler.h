@@ -35,7 +35,8 @@ class PicoHttpApiRequestHandler final : public RequestHandler {
  public:
   explicit PicoHttpApiRequestHandler(ApiRequestHandlerSpec spec);
 
-  /// Accepts requests whose body is announced as plain JSON.
+  /// Accepts requests whose body is announced as plain JSON and whose method is one of the API's: a
+  /// call comes with POST, or with a DELETE that brings it as its body.
   [[nodiscard]] std::shared_ptr<AcceptedRequest> Accept(const RequestHead& head,
                                                         Core::Peer peer) override;
 

@@ -95,6 +95,7 @@ TEST(ApiRequestHandler, AnswersInTheFormatThatIsAskedFor) {
       {clean, "", ""},
       {json + ", " + clean, "", ""},
       {"text/json", "", ""},
+      {"text/plain; x=application/json", "", ""},
       {"", json, ""},
   };
   ApiServer server(Answering(Data::Secret{"x"}));
@@ -114,6 +115,24 @@ TEST(ApiRequestHandler, AnswersInTheFormatThatIsAskedFor) {
               c.answer.find("stream") != answer.npos)
         << c.accept;
   }
+}
+
+TEST(ApiRequestHandler, CallsComeWithTheApisMethodsOnly) {
+  ApiServer server(Answering(Data::Value("text")));
+  const auto exchange = [&server](const std::string& method) {
+    return Client(server.Endpoint())
+        .Send(method + " /api HTTP/1.1\r\nConnection: close\r\nTransfer-Encoding: chunked\r\n" +
+              kJson + "\r\n57\r\n" + kCall + "\r\n0\r\n\r\n")
+        .ReadToEnd();
+  };
+  ASSERT_EQ(kCall.size(), 0x57);
+  for (const char* method : {"POST", "DELETE", "Post"})
+    EXPECT_THAT(exchange(method), EndsWith(R"("result":{"output":"text"}})")) << method;
+  for (const char* method : {"GET", "OPTIONS"})
+    EXPECT_THAT(exchange(method), HasSubstr(R"("id":null,"error":{"code":-32700)")) << method;
+  EXPECT_THAT(exchange("HEAD"), AllOf(StartsWith("HTTP/1.1 200 OK\r\n"), EndsWith("\r\n\r\n")));
+  for (const char* word : {"helloPOST", "POSTS", "GARBAGE", "PUT", "TRACE", "CONNECT"})
+    EXPECT_THAT(exchange(word), StartsWith("HTTP/1.1 400 Bad Request\r\n")) << word;
 }
 
 TEST(ApiRequestHandler, ResultIsAnsweredAndLogged) {

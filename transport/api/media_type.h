@@ -16,9 +16,15 @@ enum MediaType : unsigned {
   kCleanStream = 32,
 };
 
-/// The types that occur anywhere in a header value: a list of types sets all of their bits, and
-/// parameters do not matter.
+/// The types that occur anywhere in a header value: a list of types sets all of their bits.
 [[nodiscard]] unsigned FindMediaTypes(std::string_view headerValue);
+
+/// A header value up to its first parameter. A browser lets every page send "text/plain" without
+/// asking the server first, and whatever parameters the page likes (the Fetch standard's
+/// CORS-safelisted request-headers): a type that stands among them is none.
+[[nodiscard]] constexpr std::string_view TypeOf(std::string_view headerValue) {
+  return headerValue.substr(0, headerValue.find(';'));
+}
 
 [[nodiscard]] std::string_view NameOf(MediaType type);
 

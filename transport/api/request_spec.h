@@ -11,8 +11,9 @@ namespace Orbi::Transport::PicoHttp {
 struct RequestSpec {
   MediaType responseFormat = kPlainJson;
   const Protocol::Json::ApiResponseSerializer* serializer = nullptr;
-  /// Empty unless the body is announced as plain JSON.
+  /// Empty unless the body is announced as plain JSON, with a method that the API knows.
   const Protocol::Json::JsonApiRequestDeserializer* deserializer = nullptr;
+  bool bodyCounts = true;  ///< the method is one whose body is the call
   bool streamResponse = false;
   bool keepAlive = true;
 };
