@@ -83,6 +83,7 @@ Orbi::Transport::PicoHttp::ServerConfig MakeServerConfig(int port) {
   config.serverSpec.writeTimeout = std::chrono::minutes(30);
   config.serverSpec.httpBodySizeLimitInBytes = 2'500'000;
   config.serverSpec.front = FrontAccount();
+  config.serverSpec.allowedOrigin = Preference_GetString("console_origin", "");
   return config;
 }
 

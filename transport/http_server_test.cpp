@@ -108,6 +108,9 @@ std::size_t MemoryInUse() {
   return info.uordblks + info.hblkhd;
 }
 
+const std::string kForeign =
+    Bad("invalid request: web pages may not call this service, except those of the origin that the "
+        "preference console_origin names");
 constexpr auto kChunked = "Transfer-Encoding: chunked\r\n"sv;
 const std::string kNext = "GET /next HTTP/1.1\r\n\r\n";
 const std::string kNextOk = Ok("GET /next ");
@@ -182,6 +185,16 @@ const Conversation kConversations[] = {
      Bad("invalid request: no Content-Type or method that is supported here")},
     {"framed content", Post("Content-Type: application/vnd.tessel.orbi.framed\r\n", ""),
      Bad("invalid request: framed and streamed content types are not supported")},
+    {"page of another origin", Post("Origin: https://console.example.org\r\n", ""), kForeign},
+    {"page without an origin", Post("Origin: null\r\n", ""), kForeign},
+    {"page of another site that sends no origin", Post("Sec-Fetch-Site: cross-site\r\n", ""),
+     kForeign},
+    {"two origins",
+     Post("Origin: https://console.example\r\nOrigin: https://other.example\r\n", ""), kForeign},
+    {"page of the console",
+     Post("Origin: https://console.example\r\nSec-Fetch-Site: same-site\r\n", ""),
+     Ok("POST /p ") + kNextOk},
+    {"user's own request", Post("Sec-Fetch-Site: none\r\n", ""), Ok("POST /p ") + kNextOk},
     {"body breaks off", Post("Content-Length: 500\r\n", "abc"), ""},
     // Keeping the connection, and expectations.
     {"client asks to close",
@@ -210,7 +223,9 @@ const Conversation kConversations[] = {
 
 TEST(HttpServer, AConversationIsTheSameWhateverThePacketBoundaries) {
   EchoHandler handler;
-  const LoopbackServer server(handler, {.httpBodySizeLimitInBytes = kBodyLimit, .extractors = {}});
+  const LoopbackServer server(handler, {.httpBodySizeLimitInBytes = kBodyLimit,
+                                        .allowedOrigin = "https://console.example",
+                                        .extractors = {}});
   for (const auto& [name, sent, received] : kConversations) {
     for (const std::size_t step : {std::string::npos, std::size_t{1}, std::size_t{7}}) {
       Client client(server);

@@ -27,6 +27,8 @@ struct ProtocolHandlerSpec {
   /// The account of the program that passes on others' requests, whose word on their addresses is
   /// taken.
   std::optional<uid_t> front = std::nullopt;
+  /// The origin whose web pages may call, as browsers tell it; none when empty.
+  std::string allowedOrigin{};
   /// When set, all of them must accept a request's head before the request handler is asked.
   std::optional<std::vector<RequestSpecExtractor>> extractors;
 };

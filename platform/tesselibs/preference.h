@@ -6,6 +6,7 @@
 ///
 /// | preference | meaning | default |
 /// |---|---|---|
+/// | console_origin | origin of the web console whose pages may call the API, "https://console.example" | none |
 /// | front_account | account of the program that takes TLS connections and passes on their requests | www-data |
 /// | libdir | directory of the libraries that come bundled with the host | /usr/lib/tessel |
 

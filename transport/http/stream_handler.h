@@ -22,6 +22,7 @@
 #include "transport/http/head_reader.h"
 #include "transport/http/request_handler.h"
 #include "transport/http/transaction.h"
+#include "transport/http/web_page.h"
 #include "transport/peer.h"
 #include "transport/server_config.h"
 
@@ -111,6 +112,12 @@ class PicoHttpStreamHandler final
       Log("Request is framed. Not supported");
       return AnswerBadRequest(
           "invalid request: framed and streamed content types are not supported");
+    }
+    if (IsOfForeignPage(head_.Head(), context_->spec.allowedOrigin)) {
+      Log("Request of a web page. Refused");
+      return AnswerBadRequest(
+          "invalid request: web pages may not call this service, except those of the origin that "
+          "the preference console_origin names");
     }
     if (!IsAcceptable()) {
       Log("Request is considered as bad");
