@@ -127,6 +127,12 @@ const Conversation kConversations[] = {
     {"body by length", Post("Content-Length: 5\r\n", "hello"), Ok("POST /p hello") + kNextOk},
     {"bytes announced by a GET are the next request",
      "GET /a HTTP/1.1\r\nContent-Length: 10\r\n\r\n", Ok("GET /a ") + kNextOk},
+    {"they are another client's when a proxy has passed on the GET",
+     "GET /a HTTP/1.1\r\nVia: 1.1 p\r\nContent-Length: 10\r\n\r\n", Ok("GET /a ")},
+    {"nor are they a request behind a HEAD or OPTIONS",
+     "OPTIONS /a HTTP/1.1\r\nContent-Length: 10\r\n\r\n", Ok("OPTIONS /a ")},
+    {"they are no request", "GET /a HTTP/1.1\r\nContent-Length: 4\r\n\r\n{\r\n",
+     Ok("GET /a ") + Bad("headers parse error")},
     {"DELETE keeps the body it announces",
      "DELETE /d HTTP/1.1\r\nContent-Length: 10\r\n\r\n0123456789",
      Ok("DELETE /d 0123456789") + kNextOk},
@@ -233,6 +239,15 @@ TEST(HttpServer, AConversationIsTheSameWhateverThePacketBoundaries) {
       EXPECT_EQ(client.ReadToEnd(), received) << name << " in steps of " << step;
     }
   }
+}
+
+TEST(HttpServer, AnAnswerDoesNotWaitLongForWhatIsNotRead) {
+  EchoHandler handler;
+  const LoopbackServer server(handler);
+  const std::string head = "GET /a HTTP/1.1\r\nContent-Length: 40\r\n\r\n";
+  for (const auto& part : {""s, "GET /next HT"s, Post("Content-Length: 3\r\n", "ab"),
+                           Post("Content-Length: 3\r\nExpect: 100-continue\r\n", "")})
+    EXPECT_EQ(Client(server).Send(head + part).ReadToEnd(), Ok("GET /a ", "close")) << part;
 }
 
 TEST(HttpServer, ThousandsOfRequestsInOneWriteDoNotUseUpTheStack) {

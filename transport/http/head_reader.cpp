@@ -141,6 +141,7 @@ void HeadReader::ForceEmptyBody() {
   const bool emptyDelete =
       Ascii::EqualsIgnoringCase(head_.method, "delete") && !framing_.hasContentLength;
   if (!bodyless && !emptyDelete) return;
+  framing_.leftUnread = framing_.contentLength != 0;
   framing_.hasContentLength = true;
   framing_.contentLength = 0;
 }

@@ -18,6 +18,9 @@ struct BodyFraming {
   bool chunked = false;
   bool hasContentLength = false;
   std::uint64_t contentLength = 0;  ///< in bytes; 0 when chunked
+  /// A body is announced, but the method is one whose body is not read: what follows is taken as
+  /// the next request here, and as this one's body by a proxy.
+  bool leftUnread = false;
 };
 
 /// What the expect header asks for.
@@ -57,6 +60,9 @@ class HeadReader {
   [[nodiscard]] std::string_view Rest() const {
     return std::string_view(buffer_.data(), filled_).substr(headLength_);
   }
+
+  /// Has the connection end with the answer.
+  void DoNotKeep() { head_.keepAlive = false; }
 
   /// Forgets the request, to read the next one; all views into it are dead.
   void Reset();

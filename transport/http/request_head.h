@@ -33,6 +33,10 @@ struct RequestHead {
   }
 };
 
+/// Whether a proxy has passed the request on, by its own account: what follows on the connection
+/// may be another client's.
+[[nodiscard]] bool PassedProxy(const RequestHead& head);
+
 /// One line for the log: the request line and the header fields, without the values of those that
 /// carry credentials.
 std::ostream& operator<<(std::ostream& out, const RequestHead& head);

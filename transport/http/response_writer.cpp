@@ -18,8 +18,8 @@ bool IsPseudo(const ResponseHeader& header) { return header.name.starts_with(':'
 
 }  // namespace
 
-ResponseWriter::ResponseWriter(Response response, const RequestHead& head)
-    : response_(std::move(response)) {
+ResponseWriter::ResponseWriter(Response response, const RequestHead& head, std::string earlier)
+    : response_(std::move(response)), framing_(std::move(earlier)) {
   status_ = Required(":status") + ' ' + Required(":reason");
   WriteHead(head);
   headLength_ = framing_.size();
@@ -34,7 +34,7 @@ const std::string& ResponseWriter::Required(std::string_view name) const {
 }
 
 void ResponseWriter::WriteHead(const RequestHead& head) {
-  framing_.reserve(256);
+  framing_.reserve(framing_.size() + 256);
   framing_.append("HTTP/1.1 ").append(status_).append("\r\n");
   if (const auto* body = std::get_if<std::string>(&response_.body)) {
     // The method's spelling is the protocol's own: clients rely on every sized answer having its

@@ -24,8 +24,9 @@ class ResponseWriter {
   /// @param head  of the request that is answered: a HEAD is answered without a body (RFC 9110,
   ///     section 9.3.2), and a streamed body goes to a client older than HTTP/1.1 without chunks,
   ///     ended by the end of the connection
+  /// @param earlier  bytes that are sent before the answer, in the same write
   /// @throws std::invalid_argument when ":status" or ":reason" is missing
-  ResponseWriter(Response response, const RequestHead& head);
+  ResponseWriter(Response response, const RequestHead& head, std::string earlier = {});
 
   ResponseWriter(const ResponseWriter&) = delete;
   ResponseWriter& operator=(const ResponseWriter&) = delete;

@@ -16,10 +16,12 @@
 #include <boost/asio/write.hpp>
 
 #include "orbi/log/logger.h"
+#include "tesselibs/ascii.h"
 #include "transport/asio/putback_stream.h"
 #include "transport/asio/timeout_base_stream.h"
 #include "transport/errors.h"
 #include "transport/http/head_reader.h"
+#include "transport/http/held_answer.h"
 #include "transport/http/request_handler.h"
 #include "transport/http/transaction.h"
 #include "transport/http/web_page.h"
@@ -72,6 +74,8 @@ class PicoHttpStreamHandler final
   /// way.
   static constexpr std::size_t kDrainLimit = 64 * 1024;
   static constexpr std::chrono::seconds kDrainTime{1};
+  /// How long an answer waits for what was announced to follow its request.
+  static constexpr std::chrono::seconds kHoldTime{1};
 
   /// An answer leaves in one write, so there is nothing to be gained by holding back its last
   /// segment.
@@ -96,7 +100,7 @@ class PicoHttpStreamHandler final
   }
 
   void HeadReadCb(ErrorCode ec, std::size_t count) {
-    if (ec == boost::asio::error::eof && head_.Empty()) return base_->Close();
+    if (ec == boost::asio::error::eof && head_.Empty()) return Leave();
     if (ec) return ReadFailed(ec);
     if (head_.Take(count, ec)) return HeadComplete();
     if (ec) return ReadFailed(ec);
@@ -105,6 +109,8 @@ class PicoHttpStreamHandler final
 
   void HeadComplete() {
     stream_.PutBack(head_.Rest());
+    // An interim answer would overtake the one that waits.
+    if (held_ && head_.Expects() != Expectation::kNone) return Leave();
     if (head_.Expects() == Expectation::kUnknown) return RefuseExpectation();
     if (head_.Framing().contentLength > context_->spec.httpBodySizeLimitInBytes)
       return ReadFailed(Http::HttpError::kMessageTooLong);
@@ -113,6 +119,7 @@ class PicoHttpStreamHandler final
       return AnswerBadRequest(
           "invalid request: framed and streamed content types are not supported");
     }
+    if (head_.Framing().leftUnread && !MayHoldAnswer()) head_.DoNotKeep();
     if (IsOfForeignPage(head_.Head(), context_->spec.allowedOrigin)) {
       Log("Request of a web page. Refused");
       return AnswerBadRequest(
@@ -126,6 +133,14 @@ class PicoHttpStreamHandler final
     LogRequest("Request head: ", head_.Head());
     transaction_.Begin(head_.Framing(), head_.Expects() == Expectation::kContinue);
     transaction_.AsyncReadBody(context_->spec.httpBodySizeLimitInBytes, Then(&Self::RequestReadCb));
+  }
+
+  /// Whether what follows a request whose announced body is not read may be taken as the next one.
+  /// A proxy's next bytes may be another client's; and to a HEAD, proxies take an answer as ended
+  /// by its head and look no further.
+  [[nodiscard]] bool MayHoldAnswer() const {
+    const auto& head = head_.Head();
+    return Ascii::EqualsIgnoringCase(head.method, "get") && !peer_.isFront && !PassedProxy(head);
   }
 
   bool IsAcceptable() {
@@ -149,18 +164,61 @@ class PicoHttpStreamHandler final
     const bool clientsFault =
         ec == Http::HttpError::kMessageTooLong ||
         (ec.category() == PicoHttpCategory() && ec != PicoHttpError::kIncompleteBody);
-    if (!clientsFault) return base_->Close();
+    if (!clientsFault) return Leave();
     AnswerBadRequest(ec.message());
   }
 
   // Answering it.
 
   void Respond(Response response) override {
-    sent_ = std::exchange(response.sent, nullptr);
-    transaction_.AsyncWriteResponse(std::move(response), head_.Head(), Then(&Self::ResponseSentCb));
+    if (head_.Framing().leftUnread && head_.Head().keepAlive && !held_)
+      Hold(std::move(response));
+    else
+      Send(std::move(response));
   }
 
-  void Abandon() noexcept override { base_->Close(); }
+  void Hold(Response response) {
+    held_.emplace(std::move(response), head_.Head());
+    transaction_.End();
+    head_.Reset();
+    base_->FinishBy(Orbi::Asio::DeadlineIn(kHoldTime));
+    ReadHead();
+  }
+
+  void Send(Response response) {
+    sent_ = std::exchange(response.sent, nullptr);
+    std::string earlier;
+    if (held_) {
+      earlier = held_->Bytes();
+      sent_ = [first = std::move(held_->sent), second = std::move(sent_)](const ErrorCode& ec) {
+        for (const auto& told : {first, second})
+          if (told) told(ec);
+      };
+      EndWithThis();
+    }
+    transaction_.AsyncWriteResponse(std::move(response), head_.Head(), std::move(earlier),
+                                    Then(&Self::ResponseSentCb));
+  }
+
+  /// Ends the connection, with the answer that waits if there is one.
+  void Leave() {
+    if (!held_) return base_->Close();
+    sent_ = std::move(held_->sent);
+    const RequestHead head = held_->Head();
+    Response response = held_->AsLast();
+    EndWithThis();
+    transaction_.AsyncWriteResponse(std::move(response), head, {}, Then(&Self::ResponseSentCb));
+  }
+
+  void EndWithThis() {
+    held_.reset();
+    last_ = true;
+    base_->FinishBy(Orbi::Asio::SteadyClock::time_point::max());
+  }
+
+  void Abandon() noexcept override {
+    Guarded([this] { Leave(); });
+  }
 
   void ResponseSentCb(ErrorCode ec, std::size_t sent) {
     const auto& writer = transaction_.Writer();
@@ -174,7 +232,7 @@ class PicoHttpStreamHandler final
     if (const auto told = std::exchange(sent_, nullptr)) told(ec);
     const bool brokenOff = ec == PicoHttpError::kIncompleteBody;
     if (ec && !brokenOff) return base_->Close();
-    const bool keep = !brokenOff && head_.Head().keepAlive && writer.KeepsConnection();
+    const bool keep = !brokenOff && !last_ && head_.Head().keepAlive && writer.KeepsConnection();
     transaction_.End();
     head_.Reset();
     if (!keep) return Drain();
@@ -183,11 +241,11 @@ class PicoHttpStreamHandler final
 
   // NOLINTNEXTLINE(performance-unnecessary-value-param): the linter does not see that it is moved
   void AnswerBadRequest(std::string text) {
-    Respond({.headers = {{":status", "400"},
-                         {":reason", "Bad Request"},
-                         {"Content-Type", "text/plain"},
-                         {"Connection", "close"}},
-             .body = std::move(text)});
+    Send({.headers = {{":status", "400"},
+                      {":reason", "Bad Request"},
+                      {"Content-Type", "text/plain"},
+                      {"Connection", "close"}},
+          .body = std::move(text)});
   }
 
   /// The answer is a fixed text that clients of this service know: it ends in a zero byte, and no
@@ -265,6 +323,8 @@ class PicoHttpStreamHandler final
   HttpServerTransaction<Stream> transaction_;
   std::shared_ptr<AcceptedRequest> request_;    ///< whose body is being read
   std::function<void(const ErrorCode&)> sent_;  ///< whom to tell how the answer's sending ends
+  std::optional<HeldAnswer> held_;
+  bool last_ = false;  ///< the answer that is being sent is the connection's last
   std::size_t drained_ = 0;
 };
 

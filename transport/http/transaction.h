@@ -57,12 +57,13 @@ class HttpServerTransaction {
         body_);
   }
 
-  /// Sends the response.
+  /// Sends the response, behind bytes that are owed from before.
   /// @param handler  void(error_code, std::size_t): the number of bytes that have been sent, the
   ///     head's included. A body whose source broke off ends in PicoHttpError::kIncompleteBody.
   template <class Handler>
-  void AsyncWriteResponse(Response response, const RequestHead& head, Handler&& handler) {
-    writer_.emplace(std::move(response), head);
+  void AsyncWriteResponse(Response response, const RequestHead& head, std::string earlier,
+                          Handler&& handler) {
+    writer_.emplace(std::move(response), head, std::move(earlier));
     WriteNext(0, std::forward<Handler>(handler));
   }
 
