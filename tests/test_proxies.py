@@ -61,40 +61,49 @@ def proxy(kind, config, folder, port):
         process.wait(20)
 
 
-def smuggling(method):
-    """A request whose body is a whole call."""
-    call = json.dumps(envelope(*LIST) | {"id": "smuggled"})
-    inner = (f"POST /api HTTP/1.1\r\nHost: localhost\r\nContent-Type: application/json\r\nContent-Length: {len(call)}"
-             f"\r\n\r\n{call}")
-    return (f"{method} /api HTTP/1.1\r\nHost: localhost\r\nContent-Type: application/json\r\nContent-Length: {len(inner)}"
-            f"\r\n\r\n{inner}").encode()
+def post(document, method="POST", more=""):
+    body = document if isinstance(document, bytes) else json.dumps(document).encode()
+    return (f"{method} /api HTTP/1.1\r\nHost: localhost\r\nContent-Type: application/json\r\n{more}"
+            f"Content-Length: {len(body)}\r\n\r\n").encode() + body
+
+
+def exchange(port, request, method="POST", source=""):
+    """The status of an answer, and whose it is."""
+    with contextlib.ExitStack() as stack:
+        connection = stack.enter_context(socket.create_connection(("127.0.0.1", port), 20, (source, 0)))
+        if port == 443:
+            tls = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)
+            tls.check_hostname, tls.verify_mode = False, ssl.CERT_NONE
+            connection = stack.enter_context(tls.wrap_socket(connection))
+        connection.sendall(request)
+        response = http.client.HTTPResponse(connection, method=method)
+        response.begin()
+        answer = response.read()
+        return response.status, json.loads(answer)["id"] if response.status == 200 and answer else None
 
 
 def attack(port, method, ended):
-    """What a client gets that smuggles, again and again."""
+    """What a client gets that sends requests whose body is a whole call, again and again."""
+    request = post(post(envelope(*LIST) | {"id": "smuggled"}), method)
     seen = set()
     while not ended.is_set():
         with contextlib.suppress(OSError, http.client.HTTPException):
-            with socket.create_connection(("127.0.0.1", port), timeout=5) as connection:
-                connection.sendall(smuggling(method))
-                response = http.client.HTTPResponse(connection, method=method)
-                response.begin()
-                answer = response.read()
-                seen.add(json.loads(answer)["id"] if response.status == 200 and answer else response.status)
+            seen.add(exchange(port, request, method))
     return seen
 
 
-def calls(port):
-    """What a client gets that calls again and again, up to the first answer that is not its own."""
-    for number in range(ROUNDS):
-        with contextlib.closing(http.client.HTTPConnection("127.0.0.1", port, timeout=20)) as connection:
-            connection.request("POST", "/api", json.dumps(envelope(*LIST) | {"id": f"own {number}"}),
-                               {"Content-Type": "application/json"})
-            response = connection.getresponse()
-            answer = response.read()
-            if response.status != 200 or json.loads(answer)["id"] != f"own {number}":
-                return number, response.status, answer[:100]
-    return "own answers"
+def all_get_their_own(port, method):
+    """Whether a client that calls again and again gets its own answers while others attack."""
+    ended = threading.Event()
+    with concurrent.futures.ThreadPoolExecutor(2) as pool:
+        attackers = [pool.submit(attack, port, method, ended) for _ in range(2)]
+        try:
+            for number in range(ROUNDS):
+                own = f"own {number}"
+                assert (method, *exchange(port, post(envelope(*LIST) | {"id": own}))) == (method, 200, own)
+        finally:
+            ended.set()
+    return set.union(*(attacker.result() for attacker in attackers))
 
 
 @pytest.mark.parametrize("kind, config", [
@@ -105,12 +114,49 @@ def calls(port):
     ("haproxy", HAPROXY.format(HAPROXY_KEPT.format("option forwardfor")))],
     ids=["nginx", "nginx that tells", "apache that tells", "apache", "haproxy", "haproxy that tells"])
 def test_nobody_gets_anothers_answer_on_a_connection_that_clients_share(daemon, tmp_path, kind, config):
-    with proxy(kind, config, tmp_path, 8080), concurrent.futures.ThreadPoolExecutor(2) as pool:
+    with proxy(kind, config, tmp_path, 8080):
         for method in ("GET", "HEAD", "OPTIONS"):
-            ended = threading.Event()
-            attackers = [pool.submit(attack, 8080, method, ended) for _ in range(2)]
-            try:
-                assert (method, calls(8080)) == (method, "own answers")
-            finally:
-                ended.set()
-            assert set.union(*(attacker.result() for attacker in attackers)) <= {None, 200, 400, 502}
+            assert {whose for _, whose in all_get_their_own(8080, method)} == {None}
+
+
+@pytest.fixture
+def shipped_proxy(fresh_host, tmp_path):
+    """Runs a proxy by the configuration that is shipped for it."""
+    subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-subj", "/CN=localhost",
+                    "-keyout", CERTIFICATE, "-out", tmp_path / "certificate"], check=True, capture_output=True)
+    with open(CERTIFICATE, "ab") as file:
+        file.write((tmp_path / "certificate").read_bytes())
+    return lambda kind: proxy(kind, {
+        "nginx": NGINX.format(f"include {SHIPPED}/nginx.conf;"),
+        "apache": APACHE.format(f"Listen 443\nInclude {SHIPPED}/apache.conf"),
+        "haproxy": HAPROXY.format((SHIPPED / "haproxy.cfg").read_text())}[kind], tmp_path, 443)
+
+
+@pytest.mark.parametrize("kind", COMMANDS)
+def test_the_shipped_configurations_pass_on_calls_and_nothing_else(shipped_proxy, daemon, kind):
+    with shipped_proxy(kind):
+        assert all_get_their_own(443, "GET") == {(405, None)}
+
+
+@pytest.mark.parametrize("kind", COMMANDS)
+def test_the_shipped_configurations_tell_the_clients_address(shipped_proxy, kind):
+    heads = []
+
+    class Recorder(http.server.BaseHTTPRequestHandler):
+        protocol_version = "HTTP/1.1"
+
+        def do_POST(self):
+            heads.append((self.client_address, self.headers))
+            self.rfile.read(int(self.headers["Content-Length"]))
+            self.send_response(204)
+            self.end_headers()
+
+    lies = "X-Forwarded-For: 192.0.2.1\r\nx-forwarded-for: 192.0.2.2\r\nForwarded: for=192.0.2.3\r\n"
+    with http.server.ThreadingHTTPServer(("127.0.0.1", PORT), Recorder) as recorder, shipped_proxy(kind):
+        threading.Thread(target=recorder.serve_forever, daemon=True).start()
+        for source in ("127.0.0.2", "127.0.0.3"):
+            assert exchange(443, post({}, more=lies), source=source)[0] == 204
+        recorder.shutdown()
+    assert [head.get_all("X-Forwarded-For") for _, head in heads] == [["127.0.0.2"], ["127.0.0.3"]]
+    assert all((head["Connection"], head["Forwarded"]) == ("close", None) for _, head in heads)
+    assert heads[0][0] != heads[1][0]  # each on a connection of its own
