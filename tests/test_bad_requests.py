@@ -76,6 +76,29 @@ def test_large_inputs_are_answered(daemon, text):
     assert status == 200 and "error" in json.loads(answer)["result"]
 
 
+def memory_holds(daemon, text):
+    with open(f"/proc/{daemon.process.pid}/maps") as maps, open(f"/proc/{daemon.process.pid}/mem", "rb") as memory:
+        for line in maps:
+            start, end = (int(address, 16) for address in line.split()[0].split("-"))
+            if " rw-p " in line and end - start < 1 << 30:  # a sanitizer's own are larger
+                memory.seek(start)
+                if text in memory.read(end - start):
+                    return True
+    return False
+
+
+@pytest.mark.parametrize("bad", [b"", b"Expect: no\r\n", b"a b\r\n"], ids=["checked", "refused", "unreadable"])
+def test_no_password_stays_in_memory(start_daemon, monkeypatch, bad):
+    monkeypatch.setenv("LD_BIND_NOW", "1")  # the linker's work at a first call leaves the registers on the stack
+    daemon = start_daemon()
+    call = json.dumps(envelope(TASKS, "list", {}, "mallory", "Ki9-never-kept-Zu3")).encode()
+    head = HEAD.replace(b"\r\nC", b"\r\n" + bad + b"C")
+    with socket.create_connection(("127.0.0.1", PORT), timeout=20) as connection:
+        connection.sendall(head + b"Content-Length: %d\r\n\r\n" % len(call) + call)
+        assert connection.recv(65536).startswith(b"HTTP/1.1 ")
+        wait_until(lambda: not memory_holds(daemon, b"never-kept"), seconds=5, what="the end of the password")
+
+
 def open_files(daemon):
     return len(os.listdir(f"/proc/{daemon.process.pid}/fd"))
 

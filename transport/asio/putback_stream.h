@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <span>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -11,6 +12,7 @@
 #include <boost/asio/post.hpp>
 #include <boost/system/system_error.hpp>
 
+#include "tesselibs/wipe.h"
 #include "transport/errors.h"
 
 namespace Orbi::Asio {
@@ -30,6 +32,9 @@ class AsyncPutbackStream {
   using executor_type = typename next_layer_type::executor_type;
 
   explicit AsyncPutbackStream(NextLayer next) : next_(std::forward<NextLayer>(next)) {}
+  AsyncPutbackStream(const AsyncPutbackStream&) = delete;
+  AsyncPutbackStream& operator=(const AsyncPutbackStream&) = delete;
+  ~AsyncPutbackStream() { Wipe(held_); }
 
   executor_type get_executor() { return next_.get_executor(); }
 
@@ -48,6 +53,7 @@ class AsyncPutbackStream {
   void async_read_some(boost::asio::mutable_buffer buffer, Handler&& handler) {
     if (Held() == 0) return next_.async_read_some(buffer, std::forward<Handler>(handler));
     const auto copied = boost::asio::buffer_copy(buffer, boost::asio::buffer(held_) + taken_);
+    Wipe(std::span(held_).subspan(taken_, copied));  // it may hold a password
     taken_ += copied;
     if (Held() == 0) {
       // An idle connection holds no memory for this, and an assignment would keep the capacity.

@@ -146,6 +146,11 @@ void HeadReader::ForceEmptyBody() {
   framing_.contentLength = 0;
 }
 
+void HeadReader::WipeRest() {
+  Wipe(std::span(buffer_).subspan(headLength_, filled_ - headLength_));
+  filled_ = headLength_;
+}
+
 void HeadReader::Reset() {
   filled_ = 0;
   headLength_ = 0;

@@ -9,6 +9,7 @@
 #include <boost/system/error_code.hpp>
 
 #include "orbi/http/phr_parse.h"
+#include "tesselibs/wipe.h"
 #include "transport/http/request_head.h"
 
 namespace Orbi::Transport::PicoHttp {
@@ -35,6 +36,7 @@ class HeadReader {
   static constexpr std::size_t kBufferSize = 4096;
 
   HeadReader() = default;
+  ~HeadReader() { Wipe(buffer_); }
   HeadReader(const HeadReader&) = delete;  // the head's views point into the object
   HeadReader& operator=(const HeadReader&) = delete;
 
@@ -60,6 +62,8 @@ class HeadReader {
   [[nodiscard]] std::string_view Rest() const {
     return std::string_view(buffer_.data(), filled_).substr(headLength_);
   }
+  /// Overwrites them, once they stand elsewhere: they may be a body that holds a password.
+  void WipeRest();
 
   /// Has the connection end with the answer.
   void DoNotKeep() { head_.keepAlive = false; }

@@ -109,6 +109,7 @@ class PicoHttpStreamHandler final
 
   void HeadComplete() {
     stream_.PutBack(head_.Rest());
+    head_.WipeRest();
     // An interim answer would overtake the one that waits.
     if (held_ && head_.Expects() != Expectation::kNone) return Leave();
     if (head_.Expects() == Expectation::kUnknown) return RefuseExpectation();

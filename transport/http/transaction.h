@@ -10,6 +10,7 @@
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/write.hpp>
 
+#include "tesselibs/wipe.h"
 #include "transport/errors.h"
 #include "transport/http/body_stream.h"
 #include "transport/http/chunked_body_stream.h"
@@ -72,6 +73,7 @@ class HttpServerTransaction {
   /// Forgets the request and its answer, and gives back their memory.
   void End() {
     body_ = std::monostate();
+    Wipe(collected_);
     std::string().swap(collected_);  // an assignment would keep the capacity
     writer_.reset();
   }

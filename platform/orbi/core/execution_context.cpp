@@ -1,16 +1,11 @@
 #include "orbi/core/execution_context.h"
 
-#include <string.h>
+#include "tesselibs/wipe.h"
 
 namespace Orbi::Core {
 
 SecurityContext::~SecurityContext() { ClearPassword(); }
 
-void SecurityContext::ClearPassword() {
-  // The whole capacity: a string that was longer before keeps its old bytes past its length.
-  password.resize(password.capacity());
-  explicit_bzero(password.data(), password.size());
-  password.clear();
-}
+void SecurityContext::ClearPassword() { Wipe(password); }
 
 }  // namespace Orbi::Core

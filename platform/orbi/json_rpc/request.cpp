@@ -1,7 +1,5 @@
 #include "orbi/json_rpc/request.h"
 
-#include <string.h>
-
 #include <algorithm>
 #include <iterator>
 #include <memory>
@@ -12,6 +10,7 @@
 #include <vector>
 
 #include "orbi/json/reader.h"
+#include "tesselibs/wipe.h"
 
 namespace Orbi::Protocol::Json {
 namespace {
@@ -318,17 +317,13 @@ ApiRequest RequestReader::Finish() && {
   return {std::move(id_), std::move(call_)};
 }
 
-/// Overwrites a text when its reader is done with it, in a way that the compiler keeps.
+/// Overwrites a text when its reader is done with it.
 class Wiper {
  public:
   explicit Wiper(std::string& text) : text_(text) {}
   Wiper(const Wiper&) = delete;
   Wiper& operator=(const Wiper&) = delete;
-  ~Wiper() {
-    text_.resize(text_.capacity());  // what it was longer once may still stand behind its end
-    explicit_bzero(text_.data(), text_.size());
-    text_.clear();
-  }
+  ~Wiper() { Wipe(text_); }
 
  private:
   std::string& text_;
