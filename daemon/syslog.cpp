@@ -17,8 +17,10 @@ extern "C" {
 void vsyslog(int priority, const char* format, std::va_list arguments) {
   std::array<char, 1024> text;
   if (std::vsnprintf(text.data(), text.size(), format, arguments) < 0) return;
-  constexpr int kSeverity = 7;  // the facility is in the bits above
-  Log_Level(static_cast<LogLevel>(priority & kSeverity), "%s\n", text.data());
+  constexpr int kSeverity = 7;
+  const int facility = priority & ~kSeverity;
+  Log_Facility(facility == 0 ? kDaemonFacility : facility,
+               static_cast<LogLevel>(priority & kSeverity), text.data());
 }
 
 void syslog(int priority, const char* format, ...) {

@@ -2,6 +2,7 @@
 
 import json
 import pathlib
+import syslog
 
 import pytest
 
@@ -82,3 +83,9 @@ def test_tasks_are_their_callers(daemon, sample_depot):
         task = daemon.client(ticket, ticket).call(CONFIGURATION, "validate$task", document="{}")
         assert root.wait_for_task(task)["user"] == account
         assert f"user={account} " in audit(daemon, task)[0]
+
+
+def test_lines_of_pam_go_to_its_facility(daemon):
+    refused(daemon.client("mallory", "wrong").call, TASKS, "list")
+    line = daemon.log.wait_for("pam_unix(kestreld:auth): authentication failure", daemon.mark)
+    assert line.startswith(f"<{syslog.LOG_AUTHPRIV | syslog.LOG_NOTICE}>")

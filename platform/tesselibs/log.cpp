@@ -110,4 +110,11 @@ void Log_Level(LogLevel level, const char* format, ...) {
   errno = callersErrno;
 }
 
+void Log_Facility(int facility, LogLevel level, std::string_view text) {
+  if (!Log_IsEnabled(level)) return;
+  const int callersErrno = errno;
+  Writer().Push(level, TrimLineEnd(text), facility);
+  errno = callersErrno;
+}
+
 bool Log_Flush() { return Writer().Flush(); }

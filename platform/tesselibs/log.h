@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "tesselibs/log_level.h"
 #include "tesselibs/log_output.h"
@@ -53,6 +54,10 @@ std::unique_ptr<LogOutput> Log_RemoveOutput();
 /// Logs one line. The format ends in "\n" by custom; one such line end is trimmed. A text of more
 /// than 8192 bytes is cut, and the cut is told in the line. Leaves errno as it was.
 void Log_Level(LogLevel level, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+/// Logs a line on behalf of code with a facility of its own, like LOG_AUTHPRIV: see syslog(3). The
+/// lines of Log_Level go to LOG_DAEMON.
+void Log_Facility(int facility, LogLevel level, std::string_view text);
 
 /// @return whether a line of this level would go anywhere. Costs one atomic read.
 [[nodiscard]] bool Log_IsEnabled(LogLevel level);

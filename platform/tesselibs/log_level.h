@@ -12,3 +12,6 @@ enum class LogLevel : int {
   kInformation = 6,
   kDebug = 7,
 };
+
+/// The facility of the lines of a service (LOG_DAEMON of syslog(3)).
+inline constexpr int kDaemonFacility = 3 << 3;

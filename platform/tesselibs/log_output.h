@@ -12,6 +12,7 @@ struct LogLine {
   std::time_t when;
   LogLevel level;
   std::string_view text;
+  int facility = kDaemonFacility;
 };
 
 /// A place where log lines go. The log's writer thread is the only caller of Write.

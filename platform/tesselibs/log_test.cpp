@@ -43,11 +43,14 @@ TEST_F(LogTest, EachLineIsOneDatagramWithPriorityStampAndIdent) {
   errno = ERANGE;
   Log_Level(LogLevel::kCritical, "[%s] code %d\n", "RunCommand", 3);
   Log_Level(LogLevel::kDebug, "beyond the most verbose level");
+  constexpr int kAuthPriv = 10 << 3;  // LOG_AUTHPRIV
+  Log_Facility(kAuthPriv, LogLevel::kWarning, "of another facility\n");
   EXPECT_EQ(errno, ERANGE);
   const std::string form =
       "[A-Z][a-z][a-z] [ 1-3][0-9] [0-9]+:[0-9]+:[0-9]+ kestreld\\[" + std::to_string(getpid());
   EXPECT_THAT(log_.Receive(), MatchesRegex("<26>" + form + "\\]: \\[RunCommand\\] code 3"));
   EXPECT_THAT(log_.Receive(), MatchesRegex("<31>" + form + "\\]: beyond the most verbose level"));
+  EXPECT_THAT(log_.Receive(), MatchesRegex("<84>" + form + "\\]: of another facility"));
 }
 
 TEST_F(LogTest, TextFromOutsideCannotForgeALine) {

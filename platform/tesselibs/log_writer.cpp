@@ -50,7 +50,7 @@ std::unique_ptr<LogOutput> LogWriter::Remove() {
   return std::move(output_);
 }
 
-void LogWriter::Push(LogLevel level, std::string_view text) {
+void LogWriter::Push(LogLevel level, std::string_view text, int facility) {
   const std::time_t now = std::time(nullptr);
   std::unique_lock lock(mutex_);
   if (!running_) return;
@@ -60,7 +60,7 @@ void LogWriter::Push(LogLevel level, std::string_view text) {
   }
   bool wake = queued_.entries.empty() && !writing_;
   queued_.text.append(text);
-  queued_.entries.push_back({now, level, text.size()});
+  queued_.entries.push_back({now, level, facility, text.size()});
   if (level <= kLastUrgentLevel || queued_.Bytes() > limits_.queuedBytes / 2)
     wake |= !std::exchange(urgent_, true);
   lock.unlock();
@@ -121,7 +121,8 @@ void LogWriter::WriteBatch(const Batch& batch) {
   while (!entries.empty()) {
     const std::size_t count = std::min(entries.size(), lines.size());
     for (std::size_t i = 0; i < count; ++i) {
-      lines[i] = {entries[i].when, entries[i].level, text.substr(0, entries[i].length)};
+      lines[i] = {entries[i].when, entries[i].level, text.substr(0, entries[i].length),
+                  entries[i].facility};
       text.remove_prefix(entries[i].length);
     }
     lost += WriteLines({lines.data(), count});

@@ -43,7 +43,7 @@ class LogWriter {
   std::unique_ptr<LogOutput> Remove();
 
   /// Queues a line, or counts it as lost; without an output does nothing.
-  void Push(LogLevel level, std::string_view text);
+  void Push(LogLevel level, std::string_view text, int facility = kDaemonFacility);
 
   /// @return whether everything that was pushed before the call is written
   bool Flush();
@@ -54,6 +54,7 @@ class LogWriter {
     struct Entry {
       std::time_t when;
       LogLevel level;
+      int facility;
       std::size_t length;
     };
     std::string text;

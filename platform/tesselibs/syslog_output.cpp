@@ -4,7 +4,6 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -109,9 +108,21 @@ void SyslogOutput::Disconnect() {
 void SyslogOutput::StampHeads(std::time_t when) {
   if (when == stampTime_) return;
   stampTime_ = when;
-  const std::string rest = TimeStamp(when) + ' ' + ident_ + '[' + std::to_string(getpid()) + "]: ";
+  headEnd_ = '>' + TimeStamp(when) + ' ' + ident_ + '[' + std::to_string(getpid()) + "]: ";
   for (std::size_t severity = 0; severity < heads_.size(); ++severity)
-    heads_[severity] = '<' + std::to_string(LOG_DAEMON | severity) + '>' + rest;
+    heads_[severity] = '<' + std::to_string(kDaemonFacility | severity) + headEnd_;
+}
+
+void SyslogOutput::AppendHead(const LogLine& line) {
+  StampHeads(line.when);
+  const auto severity = static_cast<std::size_t>(line.level) % heads_.size();
+  if (line.facility == kDaemonFacility) {
+    datagrams_.append(heads_[severity]);
+  } else {
+    datagrams_ += '<';
+    datagrams_ += std::to_string(line.facility | static_cast<int>(severity));
+    datagrams_.append(headEnd_);
+  }
 }
 
 /// Makes datagrams of the first lines.
@@ -120,8 +131,7 @@ void SyslogOutput::Format(std::span<const LogLine> lines) {
   ends_.clear();
   for (const LogLine& line : lines) {
     if (ends_.size() == kDatagramsAtOnce || datagrams_.size() >= kBytesAtOnce) return;
-    StampHeads(line.when);
-    datagrams_.append(heads_[static_cast<std::size_t>(line.level) % heads_.size()]);
+    AppendHead(line);
     AppendEscaped(datagrams_, line.text);
     ends_.push_back(datagrams_.size());
   }

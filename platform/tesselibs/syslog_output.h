@@ -12,7 +12,7 @@
 #include "tesselibs/log_output.h"
 
 /// Writes lines to the system log's local datagram socket, one datagram a line, in the form of
-/// RFC 3164, section 4.1: priority (facility daemon, the level as severity), time stamp in local
+/// RFC 3164, section 4.1: priority (the level as severity), time stamp in local
 /// time, ident, process id and text.
 ///
 /// Control characters in the text are written as "#" and three octal digits, so that no text that
@@ -29,6 +29,7 @@ class SyslogOutput : public LogOutput {
   bool Connect();
   void Disconnect();
   void StampHeads(std::time_t when);
+  void AppendHead(const LogLine& line);
   void Format(std::span<const LogLine> lines);
   Progress Send();
 
@@ -36,8 +37,10 @@ class SyslogOutput : public LogOutput {
   const std::string socketPath_;
   int socket_ = -1;
   std::chrono::steady_clock::time_point nextConnect_;
-  std::time_t stampTime_ = -1;        ///< the second that the heads tell
-  std::array<std::string, 8> heads_;  ///< what stands before the text, by level
-  std::string datagrams_;             ///< one after the other
-  std::vector<std::size_t> ends_;     ///< of each of them
+  std::time_t stampTime_ = -1;  ///< the second that the heads tell
+  std::string headEnd_;         ///< what stands before the text, but for the priority
+  std::array<std::string, 8>
+      heads_;                      ///< what stands before the text of the facility daemon, by level
+  std::string datagrams_;          ///< one after the other
+  std::vector<std::size_t> ends_;  ///< of each of them
 };
