@@ -11,12 +11,7 @@ namespace LifeCycle {
 using ValuePtr = std::shared_ptr<const Orbi::Data::Value>;
 
 /// A text could not be read into a value, or a value not be written as text; the log tells why.
-class OrbiJsonSerializationError : public std::exception {
- public:
-  [[nodiscard]] const char* what() const noexcept override {
-    return "A value could not be read from JSON or written as JSON";
-  }
-};
+class OrbiJsonSerializationError : public std::exception {};
 
 /// Reads a command's JSON output (clean JSON) into a value. Callable from any thread.
 /// @throws OrbiJsonSerializationError
