@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <optional>
 
+#include "bindings/task_results.h"
 #include "configuration/messages/api_errors.h"
 #include "orbi/data/message.h"
 #include "orbi/data/value.h"
@@ -55,7 +56,9 @@ std::optional<Orbi::Data::Value> ResultOf(const TaskDB::TaskInfo& record) {
   if (record.result.empty()) return std::nullopt;
   Log_Level(LogLevel::kNotice, "Result %s\n", record.result.c_str());
   try {
-    return *TypedJsonToValue(record.result);
+    Orbi::Data::Value result = *TypedJsonToValue(record.result);
+    Orbi::Bindings::MarkMapsOfTaskResult(record.operation, result);
+    return result;
   } catch (const OrbiJsonSerializationError& e) {
     Log_Level(LogLevel::kCritical, "Error de-serializing task result: %s\n", e.what());
   }

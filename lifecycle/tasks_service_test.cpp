@@ -2,6 +2,8 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
 #include <sys/resource.h>
 
 #include <filesystem>
@@ -105,6 +107,34 @@ TEST_F(TasksServiceTest, FailureWithoutUsableReasonHasNoError) {
   EXPECT_THAT(log_.TakeLines(),
               IsSupersetOf({"2 Error de-serializing task exception: std::exception",
                             "3 Task id failed without any error details."}));
+}
+
+TEST_F(TasksServiceTest, EmptyMapsOfAResultAreObjects) {
+  const struct {
+    const char* operation;
+    const char* result;
+    const char* told;
+  } cases[] = {
+      {"kestrel_daemon.software.scan$task",
+       R"({"STRUCTURE":{"x":{"components":[],"hardware_support":[],"messages":[],"solutions":[]}}})",
+       R"({"components":{},"hardware_support":{},"messages":[],"solutions":{}})"},
+      {"kestrel_daemon.components.apply$task", R"({"STRUCTURE":{"x":{"components":[]}}})",
+       R"({"components":{}})"},
+      {"hosts.settings.set$task",
+       R"({"STRUCTURE":{"x":{"image":{"OPTIONAL":{"STRUCTURE":{"y":{"components":[]}}}},"messages":[]}}})",
+       R"({"image":{"components":{}},"messages":[]})"},
+      {"hosts.settings.set$task", R"({"STRUCTURE":{"x":{"image":{"OPTIONAL":null}}}})", "{}"},
+      {"kestrel_daemon.software.scan$task", R"([{"STRUCTURE":{"x":{"components":[]}}}])",
+       R"([{"components":[]}])"},
+      {"nobody.knows", R"({"STRUCTURE":{"x":{"components":[]}}})", R"({"components":[]})"},
+  };
+  for (const auto& [operation, result, told] : cases) {
+    rapidjson::StringBuffer text;
+    rapidjson::Writer<rapidjson::StringBuffer>(text).String(result);
+    Store(std::string(R"("id":{"status":"SUCCEEDED","operation":"com.tessel.ryx.)") + operation +
+          R"(","result":)" + text.GetString() + "," + kTimes + "}");
+    EXPECT_THAT(Get("id"), HasSubstr(std::string(R"("result":)") + told + "}")) << operation;
+  }
 }
 
 TEST_F(TasksServiceTest, ListLeavesOutWhatGetCannotTell) {

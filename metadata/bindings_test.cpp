@@ -4,7 +4,9 @@
 #include <vector>
 
 #include "bindings/com/tessel/ryx/host_settings.h"
+#include "orbi/bindings/map_places.h"
 #include "orbi/data/message.h"
+#include "orbi/json/writer.h"
 
 namespace {
 
@@ -104,6 +106,16 @@ TEST(StructureAdapter, SaysWhatDoesNotFitAndWhere) {
     EXPECT_EQ(errors.messages()[0].id, "orbi.data." + message);
     EXPECT_EQ(errors.messages()[0].args, args);
   }
+}
+
+TEST(MapPlaces, AreFoundInListsAndMaps) {
+  const auto empty = [] { return Object({{"m", ListOf({})}}); };
+  Value value =
+      ListOf({MapEntry("a", ListOf({empty(), Value(1)})), Value(true), ListOf({empty()})});
+  Orbi::Bindings::MarkMaps("*.*.m", value);
+  EXPECT_EQ(Orbi::Protocol::Json::JsonDirectDataSerializer(Orbi::Protocol::Json::Secrets::kWritten)
+                .Serialize(value),
+            R"([{"key":"a","value":[{"m":{}},1]},true,[{"m":{}}]])");
 }
 
 }  // namespace

@@ -5,7 +5,7 @@ Usage: generate_bindings.py [--list] OUTPUT_DIR METAMODEL_FILE...
 
 One header and one source file per package (a service, or a namespace of shared types) at
 OUTPUT_DIR/bindings/PACKAGE/WITH/SLASHES.{h,cpp}: native structures and enumerations with their adapters, and for a
-service its asynchronous interface, method constants and binder.
+service its asynchronous interface, method constants and binder. Besides, OUTPUT_DIR/bindings/task_results.{h,cpp}.
 A file whose content stays the same is not touched. With --list, only prints the paths of the files.
 """
 import os
@@ -34,6 +34,45 @@ STANDARD_HEADERS = {"std::int64_t": "cstdint", "std::string": "string", "std::ve
                     "std::optional": "optional", "std::map": "map"}
 FRAMEWORK_HEADERS = {"::Orbi::DateTime": "orbi/date_time.h",
                      "::Orbi::Data::LocalizableMessage": "orbi/data/message.h"}
+
+TASK_RESULTS_HEADER = """// Generated from the interface definitions; changes are lost.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "orbi/data/value.h"
+
+namespace Orbi::Bindings {
+
+/// Marks the maps in the result of a task, as the operation that started it declares them: plain JSON, which results
+/// are kept in, does not tell an empty map from an empty list. Callable from any thread.
+/// @param operation  with its service, "SERVICE.OPERATION"; of one that is not known nothing is marked
+void MarkMapsOfTaskResult(std::string_view operation, Data::Value& result);
+
+}  // namespace Orbi::Bindings
+"""
+
+TASK_RESULTS_SOURCE = """// Generated from the interface definitions; changes are lost.
+#include "bindings/task_results.h"
+
+#include "orbi/bindings/map_places.h"
+
+namespace Orbi::Bindings {
+
+constexpr struct {
+  std::string_view operation;
+  std::string_view place;
+} kMapsOfTaskResults[] = {
+ROWS};
+
+void MarkMapsOfTaskResult(std::string_view operation, Data::Value& result) {
+  for (const auto& map : kMapsOfTaskResults)
+    if (map.operation == operation) MarkMaps(map.place, result);
+}
+
+}  // namespace Orbi::Bindings
+"""
 
 
 def camel(name):
@@ -162,6 +201,26 @@ class Generator:
         for package in self.packages.values():
             yield package.header, Header(self, package).text()
             yield package.header[:-2] + ".cpp", Source(self, package).text()
+        yield "bindings/task_results.h", TASK_RESULTS_HEADER
+        yield "bindings/task_results.cpp", self.task_results()
+
+    def map_places(self, entry, place=()):
+        """Where the values of a type have maps: names of fields, and "*" for each element of a list or map."""
+        if entry.name in ("list", "map"):
+            if entry.name == "map":
+                yield ".".join(place)
+            yield from self.map_places(entry.arguments[-1], (*place, "*"))
+        elif entry.name == "optional":
+            yield from self.map_places(entry.arguments[0], place)
+        elif entry.name in self.model.structures:
+            for field in self.model.structures[entry.name].fields:
+                yield from self.map_places(field.type, (*place, field.name))
+
+    def task_results(self):
+        rows = "".join(f"    {{{quoted(service.identifier + '.' + operation.name)}, {quoted(place)}}},\n"
+                       for service in self.model.services.values() for operation in service.operations
+                       if operation.task_result for place in self.map_places(operation.task_result.type))
+        return TASK_RESULTS_SOURCE.replace("ROWS", rows)
 
 
 class Writer:

@@ -41,7 +41,8 @@ inline constexpr std::string_view kMapEntry = "map-entry";
 struct List {
   std::vector<Value> items;
   /// The list stands for a map: without entries, its clean JSON is {} and not []. Not part of the
-  /// value, and unknown of a list that was read from JSON.
+  /// value, and unknown of a list that was read from JSON until somebody who knows its type marks
+  /// it.
   bool is_map = false;
 
   bool operator==(const List&) const;
