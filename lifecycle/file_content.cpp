@@ -10,7 +10,6 @@
 #include <utility>
 
 #include "lifecycle/task_file_errors.h"
-#include "tesselibs/json_document.h"
 #include "tesselibs/unique_fd.h"
 
 namespace LifeCycle {
@@ -40,7 +39,8 @@ std::size_t ReadInto(std::string& text, int descriptor, const std::string& path)
 
 }  // namespace
 
-FileContent::FileContent(const std::string& path) : path_(path) {
+FileContent::FileContent(const std::string& path, std::size_t largest)
+    : path_(path), largest_(largest) {
   struct stat status {};
   if (stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode)) MakeRoom(status);
 }
@@ -53,15 +53,14 @@ std::string FileContent::Read() && {
   struct stat status {};
   if (!file || fstat(file.Get(), &status) != 0) Fail(path_);
   if (!S_ISREG(status.st_mode)) throw std::runtime_error(path_ + " is not a regular file");
-  if (SizeOf(status) > JsonDocument::kMaxDocumentSize)
-    throw JsonParseError("The file is too large.");
+  if (SizeOf(status) > largest_) throw UnusableTaskFileError(path_, "is larger than can be read");
   if (text_.size() < SizeOf(status)) MakeRoom(status);
   text_.resize(ReadInto(text_, file.Get(), path_));
   return std::move(text_);
 }
 
 void FileContent::MakeRoom(const struct stat& status) {
-  text_.resize(std::min(SizeOf(status), JsonDocument::kMaxDocumentSize) + kGrowth);
+  text_.resize(std::min(SizeOf(status), largest_) + kGrowth);
 }
 
 }  // namespace LifeCycle

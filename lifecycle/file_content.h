@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <cstddef>
 #include <string>
 
 namespace LifeCycle {
@@ -13,11 +14,12 @@ namespace LifeCycle {
 class FileContent {
  public:
   /// @param path  outlives this object
-  explicit FileContent(const std::string& path);
+  /// @param largest  what is read at most, in bytes
+  FileContent(const std::string& path, std::size_t largest);
 
   /// Reads the file as it is now.
   /// @throws TaskFileNotFoundError  there is none
-  /// @throws JsonParseError  it is larger than any document read
+  /// @throws UnusableTaskFileError  it is larger than what is read at most
   /// @throws std::runtime_error  it is no regular file, or cannot be read
   [[nodiscard]] std::string Read() &&;
 
@@ -25,6 +27,7 @@ class FileContent {
   void MakeRoom(const struct stat& status);
 
   const std::string& path_;
+  const std::size_t largest_;
   std::string text_;
 };
 

@@ -1,12 +1,13 @@
 #pragma once
 
-#include <rapidjson/document.h>
-
+#include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
 
 #include "lifecycle/access_lock.h"
+#include "lifecycle/status_text.h"
 #include "taskdb/task_record.h"
 #include "tesselibs/json_document.h"
 
@@ -20,18 +21,23 @@ namespace LifeCycle {
 /// full disk, a crash or a kill leaves the file as it was. Records and members that the daemon does
 /// not know are kept. May be used from any thread; nothing is kept between operations.
 ///
+/// A file that has no room for a change, that is larger than can be read or that holds no records
+/// is set aside, under its name with the time behind it, which is told at level 2. The one that
+/// takes its place begins with the records that are still asked for (TextToGoOn).
+///
 /// Operations throw AccessLockError when the lock cannot be had (access_lock.h),
 /// TaskFileNotFoundError, JsonParseError, FileIOError or std::system_error when the file cannot be
-/// read or replaced, and std::runtime_error for a change that the rules of a task forbid.
+/// read or replaced, and std::runtime_error for a change that the rules of a task forbid; a visit
+/// also UnusableTaskFileError.
 class JsonTaskStore {
  public:
   /// @param retries  of the access lock
-  /// @param largest  no change makes the file larger, in bytes
+  /// @param largest  no change makes the file larger, and no larger one is read, in bytes
   JsonTaskStore(std::string path, int retries, std::size_t largest = JsonDocument::kMaxDocumentSize)
       : path_(std::move(path)), retries_(retries), largest_(largest) {}
 
   /// Makes sure that the file can be read: writes one without records when it is missing, and also
-  /// when it is not what it should be. Clears away what a writer left that was killed.
+  /// when it does not parse. Clears away what a writer left that was killed.
   void Initialise();
 
   void Add(const std::string& id, const TaskDB::RecordMaker& make, TaskDB::OnDuplicate onDuplicate);
@@ -41,18 +47,16 @@ class JsonTaskStore {
   void ForEach(const TaskDB::RecordVisit& visit) const;
 
  private:
-  /// What the file holds. The document refers to the text.
-  struct Tasks {
-    explicit Tasks(std::string fileText);
-
-    std::string text;
-    rapidjson::Document document;
-  };
-
   [[nodiscard]] AccessLock Lock() const;
-  [[nodiscard]] Tasks Read() const;
-  void Write(const Tasks& tasks, std::size_t roomLeft = 0) const;
+  void ReadOrMakeAnew() const;
+  [[nodiscard]] StatusText ReadOrSetAside() const;
+  [[nodiscard]] std::string RecordsOfLargeFile() const;
+  void Write(const StatusText& tasks, std::optional<std::size_t> changed,
+             std::size_t roomLeft = 0) const;
   void Replace(std::string_view text) const;
+  void SetAsideFor(std::string_view text, const std::string& reason) const;
+  [[nodiscard]] std::string WriteSuccessor(std::string_view text) const;
+  void TakePlace(const std::string& successor) const;
   void RemoveLeftovers() const;
 
   const std::string path_;

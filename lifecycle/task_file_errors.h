@@ -16,7 +16,7 @@ class TaskFileNotFoundError : public std::exception {
   std::string text_;
 };
 
-/// The task status file is not the JSON object that it should be.
+/// The task status file does not parse.
 class JsonParseError : public std::exception {
  public:
   explicit JsonParseError(const std::string& reason) : text_("Json Parsing Error: " + reason) {}
@@ -24,6 +24,21 @@ class JsonParseError : public std::exception {
 
  private:
   std::string text_;
+};
+
+/// The task status file may be JSON, but none that records can be read from: it is larger than any
+/// document read, or no object.
+class UnusableTaskFileError : public std::exception {
+ public:
+  /// @param reason  goes on from the file's name
+  UnusableTaskFileError(const std::string& path, const std::string& reason)
+      : text_("TaskFile(" + path + ") " + reason), reason_(reason) {}
+  [[nodiscard]] const char* what() const noexcept override { return text_.c_str(); }
+  [[nodiscard]] const std::string& reason() const { return reason_; }
+
+ private:
+  std::string text_;
+  std::string reason_;
 };
 
 }  // namespace LifeCycle

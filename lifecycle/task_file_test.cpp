@@ -6,9 +6,11 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -264,7 +266,6 @@ TEST_F(JsonTaskFileTest, TellsWhyTheFileCannotBeRead) {
   } cases[] = {
       {"", "The document is empty."},
       {"{} x", "The document root must not be followed by other values."},
-      {"[]", "Invalid value."},
       {std::string("{}\0x", 4), "The document root must not be followed by other values."},
       {"{\"id\":" + std::string(100000, '['), "Terminate parsing due to Handler error."},
   };
@@ -273,8 +274,13 @@ TEST_F(JsonTaskFileTest, TellsWhyTheFileCannotBeRead) {
     EXPECT_THAT(read, testing::ThrowsMessage<JsonParseError>(std::string("Json Parsing Error: ") +
                                                              c.reason));
   }
+  const auto unusable = [&](const char* reason) {
+    return testing::ThrowsMessage<UnusableTaskFileError>("TaskFile(" + path_ + ") " + reason);
+  };
+  WriteFile("[]");
+  EXPECT_THAT(read, unusable("is no JSON object"));
   fs::resize_file(path_, JsonDocument::kMaxDocumentSize + 1);
-  EXPECT_THROW(read(), JsonParseError);
+  EXPECT_THAT(read, unusable("is larger than can be read"));
 }
 
 TEST_F(JsonTaskFileTest, ChecksTheProgressValueBeforeItTakesTheLock) {
@@ -301,23 +307,111 @@ TEST_F(JsonTaskFileTest, FullDiskLosesNothing) {
   EXPECT_THAT(Files(), ElementsAre("task-status.json"));
 }
 
-TEST_F(JsonTaskFileTest, TaskThatWasTakenCanEndHoweverFullTheFile) {
-  constexpr std::size_t kMiB = std::size_t{1} << 20;
-  WriteFile("{}");
-  JsonTaskStore store(path_, 0, 3 * kMiB);
-  const auto add = [&](const char* id) {
-    store.Add(id, TaskDB::PendingRecord("op", {}), TaskDB::OnDuplicate::kRefuse);
-  };
-  const auto succeed = [&](const char* id, std::size_t size) {
-    store.Change(id, TaskDB::Succeed('"' + std::string(size, 'x') + '"'));
-  };
-  add("old");
-  add("id");
-  succeed("old", 3 * kMiB - 10'000);
-  EXPECT_THROW(succeed("id", kMiB), std::runtime_error);
-  EXPECT_THROW(add("new"), std::runtime_error);
-  store.Change("id", TaskDB::Fail("{}"));
-  EXPECT_EQ(TaskFile(path_, Initialise::kNever).GetTasks(0).at("id").status, "FAILED");
+constexpr std::size_t kMiB = std::size_t{1} << 20;
+
+/// What concerns files that are set aside; none is larger than three MiB.
+class SetAsideTest : public TaskFolder {
+ protected:
+  void Add(const std::string& id) {
+    store_.Add(id, TaskDB::PendingRecord("op", {}), TaskDB::OnDuplicate::kRefuse);
+  }
+  void Succeed(const std::string& id, std::size_t size) {
+    store_.Change(id, TaskDB::Succeed('"' + std::string(size, 'x') + '"'));
+  }
+  /// Makes the file so full that no task can be added to it.
+  void Fill(const char* status) {
+    WriteFile(R"({"old":{"status":")" + std::string(status) +
+              R"("},"filler":{"status":"SUCCEEDED","result":")" +
+              std::string(3 * kMiB - 10'000, 'x') + R"("},"last":{"status":"SUCCEEDED"}})");
+  }
+  [[nodiscard]] std::string Ids() const {
+    std::string ids;
+    for (const auto& [id, task] : TaskFile(path_, Initialise::kNever).GetTasks(0)) ids += id + " ";
+    return ids;
+  }
+  /// What the files hold that were set aside, in the order of their names.
+  [[nodiscard]] std::vector<std::string> Aside() const {
+    std::vector<std::string> names = Files();
+    std::ranges::sort(names);
+    std::vector<std::string> contents;
+    for (const std::string& name : names) {
+      if (folder_ / name == path_) continue;
+      EXPECT_THAT(name, testing::MatchesRegex("task-status.json.[0-9]{8}T[0-9]{6}Z(-[0-9]+)?"));
+      std::ostringstream text;
+      text << std::ifstream(folder_ / name).rdbuf();
+      contents.push_back(text.str());
+    }
+    return contents;
+  }
+
+  JsonTaskStore store_{path_, 0, 3 * kMiB};
+  CapturedLog log_;
+};
+
+TEST_F(SetAsideTest, FullFileGoesOnWithWhatIsStillAskedFor) {
+  const std::function<void()> changes[] = {[&] { Add("new"); }, [&] { Succeed("old", kMiB); }};
+  const struct {
+    const char* status;
+    std::size_t change;
+    const char* goesOn;
+  } cases[] = {{"RUNNING", 0, "last new old "},
+               {"FAILED", 0, "last new "},
+               {"RUNNING", 1, "last old "},
+               {"FAILED", 1, "last old "}};
+  std::vector<std::string> before;
+  for (const auto& c : cases) {  // all in one second or two: no name is used twice
+    Fill(c.status);
+    chmod(path_.c_str(), 0640);
+    before.push_back(ReadFile());
+    (void)log_.TakeLines();
+    changes[c.change]();
+    EXPECT_EQ(Ids(), c.goesOn) << c.status;
+    EXPECT_EQ(fs::status(path_).permissions(), fs::perms(0640));
+    EXPECT_THAT(log_.TakeLines(),
+                testing::Contains(testing::StartsWith("2 Task file " + path_ +
+                                                      " has no room left, set aside as ")));
+  }
+  EXPECT_THAT(Aside(), testing::UnorderedElementsAreArray(before));
+  EXPECT_THROW(Succeed("old", 3 * kMiB), std::runtime_error);  // there is no file for that
+  EXPECT_EQ(Ids(), "last old ");
+}
+
+TEST_F(SetAsideTest, UnusableFileIsKeptWhoeverMeetsIt) {
+  const std::string large = R"({"old":{"status":"RUNNING","result":")" + std::string(100, 'x') +
+                            R"("},"filler":")" + std::string(3 * kMiB, 'x') + R"(","last":{}})";
+  const std::pair<std::string, std::string> cases[] = {
+      {large, "last old "}, {large + "x", ""}, {"[1]", ""}, {"5", ""}, {"null", ""}};
+  std::vector<std::string> before;
+  for (const auto& [text, goesOn] : cases) {
+    WriteFile(text);
+    store_.Initialise();
+    EXPECT_EQ(Ids(), goesOn) << text.substr(0, 10);
+    WriteFile(text);
+    Add("new");
+    EXPECT_EQ(Ids(), goesOn.empty() ? "new " : "last new old ") << text.substr(0, 10);
+    before.insert(before.end(), 2, text);
+  }
+  WriteFile(large);
+  Succeed("old", 0);
+  WriteFile("{] what nobody can parse");
+  store_.Initialise();
+  EXPECT_EQ(ReadFile(), "{}");
+  before.insert(before.end(), {large, "{] what nobody can parse"});
+  EXPECT_THAT(Aside(), testing::UnorderedElementsAreArray(before));
+}
+
+TEST_F(SetAsideTest, FullDiskLeavesTheFullFileAlone) {
+  Fill("RUNNING");
+  const std::string before = ReadFile();
+  signal(SIGXFSZ, SIG_IGN);
+  rlimit limit{};
+  getrlimit(RLIMIT_FSIZE, &limit);
+  const rlimit full{10, limit.rlim_max};
+  setrlimit(RLIMIT_FSIZE, &full);
+  EXPECT_THROW(Add("new"), FileIOError);
+  setrlimit(RLIMIT_FSIZE, &limit);
+  EXPECT_EQ(ReadFile(), before);
+  EXPECT_THAT(Files(), ElementsAre("task-status.json"));
 }
 
 /// Runs a process that changes the records over and over, and kills it after some changes.

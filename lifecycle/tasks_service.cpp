@@ -39,6 +39,11 @@ struct ReadFailure {
   ErrorValue error;
 };
 
+ReadFailure Unreadable(const Operation& operation, const std::exception& reason) {
+  Log_Level(LogLevel::kCritical, "[%s] :  %s\n", operation.name, reason.what());
+  return {ApiError(operation.unreadable, "com.tessel.ryx.task.parse.error")};
+}
+
 /// @param read  reads what the operation needs
 /// @throws LifeCycle::TaskFileNotFoundError, ReadFailure
 template <typename Read>
@@ -52,8 +57,9 @@ auto ReadTasks(const Operation& operation, const Read& read) {
     Log_Level(LogLevel::kCritical, "[%s]: Failed to acquire lock: %s\n", operation.name, e.what());
     throw ReadFailure{ApiError(Errors::ResourceInaccessible, "com.tessel.ryx.task.lock.error")};
   } catch (const ::LifeCycle::JsonParseError& e) {
-    Log_Level(LogLevel::kCritical, "[%s] :  %s\n", operation.name, e.what());
-    throw ReadFailure{ApiError(operation.unreadable, "com.tessel.ryx.task.parse.error")};
+    throw Unreadable(operation, e);
+  } catch (const ::LifeCycle::UnusableTaskFileError& e) {
+    throw Unreadable(operation, e);
   } catch (...) {
     Log_Level(LogLevel::kCritical, "[%s]: Unknown error\n", operation.name);
     throw ReadFailure{ApiError(operation.unknown, kUnknownError)};

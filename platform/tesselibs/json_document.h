@@ -5,9 +5,11 @@
 #include <rapidjson/stringbuffer.h>
 
 #include <cstddef>
+#include <cstdio>
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 /// Reading and writing the JSON documents that task records and configuration are kept in. Other
 /// processes and clients write them too, so nothing about their shape is taken for granted.
@@ -15,7 +17,7 @@
 namespace JsonDocument {
 
 /// The largest document read or written, in bytes. The record of a task takes some 400 bytes, so
-/// this is room for a good hundred thousand tasks.
+/// this is room for a good hundred thousand tasks. Helpers know the same limit.
 inline constexpr std::size_t kMaxDocumentSize = std::size_t{64} << 20;
 
 /// Nesting beyond this is refused: readers and writers of JSON recurse.
@@ -35,6 +37,26 @@ enum class Strings { kAnyBytes, kUtf8 };
 [[nodiscard]] rapidjson::ParseResult ParseInPlace(std::string& text, rapidjson::Document& document,
                                                   unsigned maxDepth = kMaxDocumentDepth,
                                                   Strings strings = Strings::kAnyBytes);
+
+/// Where a member of an object stands in the text, in bytes from its start.
+struct MemberPlace {
+  std::size_t begin;    ///< right behind the member before it, or the object's opening bracket
+  std::size_t nameEnd;  ///< behind the quotation mark that ends its name
+  std::size_t end;      ///< behind its value
+};
+
+struct ObjectScan {
+  rapidjson::ParseResult result;     ///< as of ParseInPlace
+  bool isObject = false;             ///< the document begins with an object
+  std::vector<MemberPlace> members;  ///< of that object, in the order of the text
+};
+
+/// Checks a document as ParseInPlace does and finds the members of the object that it is, without
+/// keeping anything else of it in memory.
+[[nodiscard]] ObjectScan ScanObject(std::string_view text);
+/// The same of a file of any size, read from where it stands to its end.
+/// @param size  of what is to be read, in bytes
+[[nodiscard]] ObjectScan ScanObject(std::FILE* file, std::size_t size);
 
 /// @return the value as compact JSON
 /// @param expectedSize  of the text, in bytes
