@@ -2,10 +2,12 @@
 
 import json
 import os
+import re
 import stat
+import uuid
 
 import pytest
-from tessel_lifecycle import files, record_span
+from tessel_lifecycle import files, record_span, records
 from tessel_lifecycle.lock import LockTimeout, access_lock
 from tessel_lifecycle.records import FileRecords
 
@@ -29,9 +31,10 @@ IN_PLACE = {
     "brackets in texts": '{"a":"}","b":"{{[","OWN":RECORD,"c":"\\"}{\\"","d":["}","]"]}',
     "empty texts": '{"":"","a":["",""],"OWN":RECORD,"b":""}',
     "members twice elsewhere": '{"a":1,"a":2,"OWN":RECORD}',
-    "numbers as they were written": '{"a":{"n":1E400,"m":-0.0,"k":12345678901234567890.10},"OWN":RECORD}',
+    "numbers as they were written": '{"a":{"n":1E30,"m":-0.0,"k":12345678901234567890.10},"OWN":RECORD}',
+    "what looks like a large number": '{"a":"\\" 5e400: ,1E999 ","OWN":RECORD}',
     "not UTF-8": '{"a":"\udcff\udcc3","OWN":RECORD}',
-    "escapes": '{"a":"\\u00e9\\ud800","\\u0062":1,"OWN":RECORD}',
+    "escapes": '{"a":"\\u00e9\\ud83d\\ude00\\udc00\\\\ud800","\\u0062":1,"OWN":RECORD}',
     "deep": '{"a":' + "[" * 90 + "]" * 90 + ',"OWN":RECORD}',
     "long neighbours": '{"a":"' + "\\\\\\\"{" * 200_000 + '","OWN":RECORD,"b":"' + "x}" * 400_000 + '"}',
     "many neighbours": "{" + ",".join('"%d":{"a":"\\"{"}' % n for n in range(30_000)) + ',"OWN":RECORD,"b":[]}',
@@ -57,6 +60,8 @@ AS_A_WHOLE = {
     "two texts": ('{"a":1}{"OWN":RECORD}', '{"OWN":{"status":"RUNNING"}}'),
     "brackets that do not fit": ('{"a":[1},"OWN":RECORD,"b":{2]}', '{"OWN":{"status":"RUNNING"}}'),
     "no number": ('{"OWN":{"status":"PENDING","n":NaN}}', '{"OWN":{"status":"RUNNING"}}'),
+    "number beyond all numbers": ('{"a":{"n":1E400},"OWN":RECORD}', '{"OWN":{"status":"RUNNING"}}'),
+    "half a character": ('{"a":"\\ud800","OWN":RECORD}', '{"OWN":{"status":"RUNNING"}}'),
     "too deep": ("{\"a\":" + "[" * 100_000 + "],\"OWN\":RECORD}", '{"OWN":{"status":"RUNNING"}}'),
     "nothing but backslashes": ('{"OWN":RECORD' + "\\" * 1_000_001, '{"OWN":{"status":"RUNNING"}}'),
 }
@@ -78,7 +83,13 @@ def kept(tmp_path):
 
 
 def leftovers(path):
-    return sorted(set(os.listdir(path.parent)) - {path.name, path.name + ".corrupt"})
+    """What is there beside the file, but for what was set aside."""
+    return sorted(name for name in set(os.listdir(path.parent)) - {path.name} if not re.search(r"Z(-\d+)?$", name))
+
+
+def aside(path):
+    """What was set aside."""
+    return sorted(kept.read_bytes() for kept in path.parent.glob(path.name + ".2*Z*"))
 
 
 @pytest.mark.parametrize("name", IN_PLACE)
@@ -98,6 +109,40 @@ def test_what_is_in_doubt_is_read_as_a_whole(kept, name):
     assert record_span.find(before, OWN) is None
     FileRecords(str(kept)).change(OWN, run, 5)
     assert kept.read_bytes() == after and leftovers(kept) == []
+    assert aside(kept) == ([before] if len(json.loads(after)) == 1 and b"n" not in after else [])
+
+
+NAMES = [str(uuid.UUID(int=n)) for n in range(40)]
+FULL = {  # the records of a file that is too full for a change of OWN
+    "own among the last": [*NAMES[:39], OWN, NAMES[39]],
+    "own before the last": [*NAMES[:10], OWN, *NAMES[10:]],
+    "own behind the last": [*NAMES, OWN],
+    "own missing": NAMES,
+}
+
+
+@pytest.mark.parametrize("name", FULL)
+@pytest.mark.parametrize("larger", [False, True])
+@pytest.mark.parametrize("named", [True, False])
+def test_a_file_without_room_is_set_aside(kept, monkeypatch, name, larger, named):
+    under_way = {NAMES[0]: "RUNNING", NAMES[20]: "PENDING"}
+    text = json.dumps({name: {"status": under_way.get(name, "FAILED"), "result": '{"status":"RUNNING"}' + "x" * 200}
+                       for name in FULL[name]}, separators=(",", ":")).encode()
+    monkeypatch.setattr(records, "LARGEST", len(text) + (-1 if larger else 1))
+    monkeypatch.setattr(records, "_LARGEST_DECODED", 0)
+    if not named:
+        monkeypatch.setattr(files.Successor, "__init__", lambda *_: (_ for _ in ()).throw(OSError(95, "unknown")))
+    for _ in range(2):
+        kept.write_bytes(text)
+        kept.chmod(0o640)
+        FileRecords(str(kept)).change(OWN, lambda record: record.update(status="RUNNING", more="y" * 300), 5)
+        after = json.loads(kept.read_text())
+        first, second, *last, own = after
+        assert [first, second, own] == [NAMES[0], NAMES[20], OWN] and after[OWN]["more"]
+        assert last == NAMES[-len(last):] and 5 < len(last) < 12
+        assert stat.S_IMODE(kept.stat().st_mode) == 0o640
+        assert after[NAMES[0]] == json.loads(text)[NAMES[0]]
+    assert aside(kept) == [text, text] and leftovers(kept) == []
 
 
 def test_a_record_is_written_as_before_whatever_it_holds(kept):
