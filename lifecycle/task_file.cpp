@@ -13,6 +13,7 @@
 
 #include "lifecycle/access_lock.h"
 #include "lifecycle/json_task_store.h"
+#include "lifecycle/set_aside.h"
 #include "lifecycle/task_file_errors.h"
 #include "tesselibs/feature_state.h"
 #include "tesselibs/log.h"
@@ -76,7 +77,10 @@ void TaskFile::InitialiseDatabase() const {
               database_->path().c_str(), e.what());
   }
   try {
-    database_->Recreate();
+    const std::string aside = NameToSetAside(database_->path());
+    database_->Recreate(aside);
+    Log_Level(LogLevel::kCritical, "Task file %s does not parse, set aside as %s\n",
+              database_->path().c_str(), aside.c_str());
   } catch (const std::exception& e) {
     Log_Level(LogLevel::kCritical, "Failed to initiate task file %s: %s\n",
               database_->path().c_str(), e.what());
@@ -146,34 +150,39 @@ void TaskFile::ChangeAll(const TaskDB::RecordSweep& sweep, int retries) {
   WithStore(retries, [&](auto& store) { store.ChangeAll(sweep); });
 }
 
-/// @param keep  gets the read form of each record in the order of the store
-template <typename Keep>
-void TaskFile::ReadTasks(int retries, const Keep& keep) const {
-  WithStore(retries, [&](auto& store) {
-    store.ForEach([&](const std::string& id, const TaskDB::Record& record) {
-      Log_Level(LogLevel::kNotice, "Process task %s\n", id.c_str());
-      try {
-        TaskDB::TaskInfo task;
-        TaskDB::ReadRecord(id, record, task);
-        keep(std::move(task));
-      } catch (const std::exception& e) {
-        Log_Level(LogLevel::kCritical, "[%s]: %s\n", "GetTasks", e.what());
-        throw;
-      }
-    });
-  });
+namespace {
+
+TaskDB::TaskInfo ReadTask(const std::string& id, const TaskDB::Record& record) {
+  Log_Level(LogLevel::kNotice, "Process task %s\n", id.c_str());
+  try {
+    TaskDB::TaskInfo task;
+    TaskDB::ReadRecord(id, record, task);
+    return task;
+  } catch (const std::exception& e) {
+    Log_Level(LogLevel::kCritical, "[%s]: %s\n", "GetTasks", e.what());
+    throw;
+  }
 }
+
+}  // namespace
 
 std::map<std::string, TaskDB::TaskInfo> TaskFile::GetTasks(int retries) const {
   std::deque<TaskDB::TaskInfo> tasks;
-  ReadTasks(retries, [&](TaskDB::TaskInfo task) { tasks.push_back(std::move(task)); });
+  WithStore(retries, [&](auto& store) {
+    store.ForEach([&](const std::string& id, const TaskDB::Record& record) {
+      tasks.push_back(ReadTask(id, record));
+    });
+  });
   return ById(std::move(tasks));
 }
 
 std::optional<TaskDB::TaskInfo> TaskFile::GetTask(const std::string& id, int retries) const {
   std::optional<TaskDB::TaskInfo> found;
-  ReadTasks(retries, [&](TaskDB::TaskInfo task) {
-    if (!found && task.id == id) found = std::move(task);
+  WithStore(retries, [&](auto& store) {
+    store.Visit(id, [&](const std::string& name, const TaskDB::Record& record) {
+      TaskDB::TaskInfo task = ReadTask(name, record);
+      if (!found && name == id) found = std::move(task);
+    });
   });
   return found;
 }

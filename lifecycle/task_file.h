@@ -60,7 +60,7 @@ class TaskFile {
 
   /// Reads all records, by identifier.
   [[nodiscard]] std::map<std::string, TaskDB::TaskInfo> GetTasks(int retries) const;
-  /// Reads all records and keeps one: tells the same of each as GetTasks.
+  /// Reads one record, and of the task status file all: tells the same of each as GetTasks.
   /// @return nothing when there is none of that identifier
   [[nodiscard]] std::optional<TaskDB::TaskInfo> GetTask(const std::string& id, int retries) const;
 
@@ -69,8 +69,6 @@ class TaskFile {
   void WithStore(int retries, const Operation& operation) const;
   template <typename Operation>
   void WithDatabase(const Operation& operation) const;
-  template <typename Keep>
-  void ReadTasks(int retries, const Keep& keep) const;
 
   void Change(const std::string& id, const TaskDB::RecordEdit& edit, int retries);
   void InitialiseDatabase() const;

@@ -223,9 +223,31 @@ TEST_P(TaskFileTest, UnreadableIsToldUntilStartUpMakesItAnew) {
   EXPECT_THROW(static_cast<void>(file.GetTasks(0)), JsonParseError);
   EXPECT_THROW(file.AddTask("id", "op", 0), JsonParseError);
   TaskFile(path_, Initialise::kAlways);
+  EXPECT_THAT(Files(), testing::Contains(testing::MatchesRegex(".*\\.[0-9]{8}T[0-9]{6}Z")));
   file.AddTask("id", "op", 0);
   TaskFile(path_, Initialise::kAlways);
   EXPECT_EQ(file.GetTasks(0).size(), 1U);
+}
+
+TEST_P(TaskFileTest, UnreadableRowCostsNoOtherTask) {
+  if (!InDatabase()) return;  // the file is one text
+  TaskFile file(path_, Initialise::kAlways);
+  for (const char* id : {"a", "bad", "z"}) file.AddTask(id, "op", 0);
+  SQLite::Database(StoragePath(), SQLite::OPEN_READWRITE)
+      .exec("UPDATE tasks SET record = '{\"sta' WHERE id = 'bad'");
+  CapturedLog log;
+  TaskFile(path_, Initialise::kAlways);
+  file.ChangeAll([](const auto&, auto&, auto&) { return false; }, 0);
+  EXPECT_EQ(file.GetTasks(0).size(), 2U);
+  const std::string told =
+      "3 Record of task bad cannot be read: Missing a closing quotation mark in string., skipping "
+      "task";
+  EXPECT_THAT(log.TakeLines(), ElementsAre(told, "5 Process task a", told, "5 Process task z"));
+  EXPECT_EQ(file.GetTask("a", 0)->status, "PENDING");
+  EXPECT_THROW(static_cast<void>(file.GetTask("bad", 0)), JsonParseError);
+  EXPECT_THAT(log.TakeLines(), ElementsAre("5 Process task a"));
+  file.AddEmptyTask("bad", 0);
+  EXPECT_EQ(file.GetTasks(0).size(), 3U);
 }
 
 TEST_P(TaskFileTest, StartUpFailsWhatNoThreadWillFinish) {

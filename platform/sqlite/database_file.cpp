@@ -56,12 +56,6 @@ void DatabaseFile::Disconnect() {
   connected_.reset();
 }
 
-void DatabaseFile::Remove() {
-  Disconnect();
-  std::remove(path_.c_str());
-  for (const char* suffix : kCompanions) std::remove((path_ + suffix).c_str());
-}
-
 bool DatabaseFile::SetAside(const std::string& target) {
   Disconnect();
   if (std::rename(path_.c_str(), target.c_str()) != 0) return false;

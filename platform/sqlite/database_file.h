@@ -36,8 +36,6 @@ class DatabaseFile {
   /// Forgets the connection: the next use makes another.
   void Disconnect();
 
-  /// Removes the database.
-  void Remove();
   /// Gives the database another name, after which there is none at the path.
   /// @return whether it worked; errno then tells why not
   [[nodiscard]] bool SetAside(const std::string& target);

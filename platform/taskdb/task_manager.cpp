@@ -7,11 +7,15 @@
 #include <rapidjson/error/en.h>
 #include <sqlite3.h>
 
+#include <cerrno>
 #include <map>
+#include <optional>
+#include <system_error>
 #include <utility>
 #include <vector>
 
 #include "tesselibs/json_document.h"
+#include "tesselibs/log.h"
 
 namespace TaskDB {
 namespace {
@@ -64,12 +68,21 @@ void Store(SQLite::Database& database, const std::string& id, const std::string&
   }
 }
 
+/// A row that cannot be read is told and left out: it costs no other task.
 void VisitRows(SQLite::Database& database,
                const std::function<void(const std::string&, rapidjson::Document&)>& visit) {
   SQLite::Statement rows(database, "SELECT id, record FROM tasks ORDER BY rowid");
   while (rows.executeStep()) {
-    RowRecord record(rows.getColumn(1));
-    visit(rows.getColumn(0).getString(), record.document());
+    const std::string id = rows.getColumn(0).getString();
+    std::optional<RowRecord> record;
+    try {
+      record.emplace(rows.getColumn(1));
+    } catch (const CorruptError& e) {
+      Log_Level(LogLevel::kError, "Record of task %s cannot be read: %s, skipping task\n",
+                id.c_str(), e.what());
+      continue;
+    }
+    visit(id, record->document());
   }
 }
 
@@ -121,14 +134,13 @@ void TaskManager::Create() {
   Run(Missing::kCreate, [](SQLite::Database& database) {
     if (database.execAndGet("PRAGMA quick_check(1)").getString() != "ok")
       throw CorruptError("The database is malformed.");
-    VisitRows(database, [](const std::string&, rapidjson::Document&) {});
   });
 }
 
-void TaskManager::Recreate() {
+void TaskManager::Recreate(const std::string& keptAs) {
   {
     const std::lock_guard guard(mutex_);
-    file_.Remove();
+    if (!file_.SetAside(keptAs)) throw std::system_error(errno, std::generic_category(), keptAs);
   }
   Create();
 }
@@ -162,6 +174,14 @@ void TaskManager::ChangeAll(const RecordSweep& sweep) {
       if (sweep(id, record, record.GetAllocator())) changed.emplace_back(id, PrintRecord(record));
     });
     for (const auto& [id, record] : changed) Store(database, id, record);
+  });
+}
+
+void TaskManager::Visit(const std::string& id, const RecordVisit& visit) {
+  Run(Missing::kRefuse, [&](SQLite::Database& database) {
+    SQLite::Statement row(database, "SELECT record FROM tasks WHERE id = ?");
+    row.bind(1, id);
+    if (row.executeStep()) visit(id, RowRecord(row.getColumn(0)).document());
   });
 }
 

@@ -21,7 +21,7 @@ class MissingError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-/// What is at the path is no database, or holds a record that is no JSON.
+/// What is at the path is no database, or the record that is asked for is no JSON.
 class CorruptError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
@@ -39,6 +39,7 @@ class BusyError : public std::runtime_error {
 /// Handles are shared: there is one per path while anybody holds it. It connects on first use, and
 /// anew when the file at the path is no longer the one that it knows. May be used from any thread.
 ///
+/// A record that cannot be read is told at level 3 and left out, unless it is the one asked for.
 /// Every operation throws the errors above, std::runtime_error when a rule of the records is
 /// violated, and SQLite::Exception for any other failure of the database. A change that throws has
 /// changed nothing.
@@ -52,14 +53,17 @@ class TaskManager {
 
   [[nodiscard]] const std::string& path() const { return file_.path(); }
 
-  /// Creates the database unless there is one, and checks that all of it can be read.
+  /// Creates the database unless there is one, and checks that it is whole.
   void Create();
-  /// Removes the database with everything in it and creates it anew.
-  void Recreate();
+  /// Gives the database another name and creates it anew.
+  /// @throws std::system_error  it cannot be renamed
+  void Recreate(const std::string& keptAs);
 
   void Add(const std::string& id, const RecordMaker& make, OnDuplicate onDuplicate);
   void Change(const std::string& id, const RecordEdit& edit);
   void ChangeAll(const RecordSweep& sweep);
+  /// Visits the record of that identifier, if there is one.
+  void Visit(const std::string& id, const RecordVisit& visit);
   /// Visits all records in the order in which they were added.
   void ForEach(const RecordVisit& visit);
 
