@@ -133,6 +133,50 @@ def test_a_scan_that_succeeds_is_told_so_whatever_the_feature_states_say(feature
     assert client.wait_for_task(scan, interval=0.02)["status"] == "SUCCEEDED"
 
 
+OWN = "3b7c1c0e-4d1b-4f0e-9f57-0d9a6f1e2a33"
+NO_JSON = ("NaN", "-Infinity", "01", '"\t"', "[1,]", "{a:1}", "'a'", "1.", ".5", "+1", "tru")
+LIMITS = {  # values in a status file: whether it can be read
+    "nested as deep as can be": ("[" * 998 + "]" * 998, True),
+    "nested deeper than that": ("[" * 1000 + "]" * 1000, False),
+    "nested too deep for most": ("[" * 990 + '{"a":1}' + "]" * 990, True),
+    "nested deep in a text": (json.dumps("[" * 2000), True),
+    "largest number": ("1.7976931348623157e308", True),
+    "number beyond all": ("1e400", False),
+    "number beyond all, below": ("-1.5E+309", False),
+    "number beyond all, spelled out": ("1" * 310, False),
+    "large number": ("1" * 308, True),
+    "number of many digits": ("0." + "1" * 1000, True),
+    "smallest number": ("1e-400", True),
+    "large number in a text": ('"1e400, 1e400"', True),
+    "half a character": ('"\\ud800"', False),
+    "two first halves": ('"\\ud83d\\ud83d"', False),
+    "second half of a character": ('"\\ude00"', True),
+    "a whole one": ('"\\ud83d\\ude00"', True),
+    "backslash before it": ('"\\\\ud800"', True),
+    "not UTF-8": ('"\udcff"', True),
+}
+
+
+def test_both_take_and_refuse_the_same_records(root):
+    """What is no JSON at all is found by helpers in their own records only: they do not take others apart."""
+    file = LIFECYCLE / "task-status.json"
+    own, other = '{"x":1,"%s":%%s}' % OWN, '{"%s":{"n":1},"x":%%s}' % OWN
+    for form, value, readable in (*((form, *entry) for entry in LIMITS.values() for form in (own, other)),
+                                  *((own, value, False) for value in NO_JSON)):
+        text = form % ('{"status":"PENDING","x":%s}' % value)
+        file.write_bytes(text.encode(errors="surrogateescape"))
+        try:
+            by_daemon = len(root.call(TASKS, "list")) == 2
+        except OrbiError as error:
+            assert error.message_ids == ["com.tessel.ryx.task.parse.error"]
+            by_daemon = False
+        records.FileRecords(str(file)).change(OWN, lambda record: record.update(status="RUNNING"), 5)
+        aside = list(LIFECYCLE.glob("task-status.json.2*"))
+        for path in aside:
+            path.unlink()
+        assert (by_daemon, not aside) == (readable, readable), text[:100]
+
+
 def message_of(error):
     ((_, fields),) = error.items()
     return fields["messages"][0]
