@@ -35,15 +35,32 @@ std::string_view TrimLineEnd(std::string_view text) {
   return text;
 }
 
-/// @param text  may end early, but not before the first byte that is too many
+/// @return as much of the text as fits into a line, without half of a UTF-8 character at its end:
+///         system logs take such a text for binary
+std::string_view Piece(std::string_view text) {
+  std::size_t length = std::min(text.size(), kLongestText);
+  while (length > 0 && length < text.size() && (text[length] & 0xC0) == 0x80) --length;
+  return text.substr(0, length == 0 ? kLongestText : length);
+}
+
+/// Lines that a full queue makes drop out hold nobody up however many they are; the others would.
+bool IsToldWhole(LogLevel level) { return level >= LogLevel::kInformation; }
+
+/// @param text  may end early where it is not told whole, but not before the first byte too many
 /// @param length  of the whole text
 void PushText(LogLevel level, std::string_view text, std::size_t length) {
   if (length <= kLongestText) return Writer().Push(level, TrimLineEnd(text));
-  std::size_t kept = kLongestText;
-  // No half of a UTF-8 character stays: system logs take such a text for binary.
-  while (kept > 0 && (text[kept] & 0xC0) == 0x80) --kept;
-  Writer().Push(level, std::string(text.substr(0, kept)) + "... (" + std::to_string(length - kept) +
-                           " more bytes)");
+  std::string_view piece = Piece(text);
+  if (!IsToldWhole(level)) {
+    return Writer().Push(level, std::string(piece) + "... (" +
+                                    std::to_string(length - piece.size()) + " more bytes)");
+  }
+  text = TrimLineEnd(text);
+  Writer().Push(level, piece);
+  for (text.remove_prefix(piece.size()); !text.empty(); text.remove_prefix(piece.size())) {
+    piece = Piece(text);
+    Writer().Push(level, "..." + std::string(piece));
+  }
 }
 
 void PushFormatted(LogLevel level, const char* format, std::va_list arguments) {
@@ -55,7 +72,7 @@ void PushFormatted(LogLevel level, const char* format, std::va_list arguments) {
   if (result >= 0 && length < sizeof buffer) {
     PushText(level, {buffer, length}, length);
   } else if (result >= 0) {
-    std::string text(std::min(length, kLongestText + 1), '\0');
+    std::string text(IsToldWhole(level) ? length : std::min(length, kLongestText + 1), '\0');
     std::vsnprintf(text.data(), text.size() + 1, format, again);
     PushText(level, text, length);
   }

@@ -51,8 +51,10 @@ void Log_FreeOutput(std::unique_ptr<LogOutput> output);
 /// end of the process does the same.
 std::unique_ptr<LogOutput> Log_RemoveOutput();
 
-/// Logs one line. The format ends in "\n" by custom; one such line end is trimmed. A text of more
-/// than 8192 bytes is cut, and the cut is told in the line. Leaves errno as it was.
+/// Logs one line. The format ends in "\n" by custom; one such line end is trimmed. Leaves errno as
+/// it was. Of a text of more than 8192 bytes, which is what system logs take, the levels 6 and 7
+/// tell the rest in further lines that begin with "..."; at any other level it is cut, and the cut
+/// is told in the line.
 void Log_Level(LogLevel level, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 /// Logs a line on behalf of code with a facility of its own, like LOG_AUTHPRIV: see syslog(3). The

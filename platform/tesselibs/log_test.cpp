@@ -63,10 +63,30 @@ TEST_F(LogTest, TextFromOutsideCannotForgeALine) {
       {std::string(8191, 'x') + "\xc3\xa4yz", std::string(8191, 'x') + "... (4 more bytes)"},
   };
   for (const auto& [text, expected] : cases) {
-    Log_Level(LogLevel::kInformation, "%s", text.c_str());
+    Log_Level(LogLevel::kNotice, "%s", text.c_str());
     EXPECT_EQ(log_.ReceiveText(), expected);
-    Log_Level(LogLevel::kInformation, "%.0s%s", "formatted", text.c_str());
+    Log_Level(LogLevel::kNotice, "%.0s%s", "formatted", text.c_str());
     EXPECT_EQ(log_.ReceiveText(), expected);
+  }
+}
+
+TEST_F(LogTest, LongTextIsToldWholeWhereItHoldsNobodyUp) {
+  const std::string piece(8191, 'x');
+  const std::string text = piece + "\xc3\xa4" + piece + "z\n";
+  for (const char* format : {"%s", "%.0s%s"}) {
+    for (const LogLevel level : {LogLevel::kInformation, LogLevel::kNotice}) {
+      if (std::string_view(format) == "%s")
+        Log_Level(level, "%s", text.c_str());
+      else
+        Log_Level(level, "%.0s%s", "formatted", text.c_str());
+      if (level == LogLevel::kNotice) {
+        EXPECT_EQ(log_.ReceiveText(), piece + "... (8195 more bytes)");
+        continue;
+      }
+      EXPECT_EQ(log_.ReceiveText(), piece);
+      EXPECT_EQ(log_.ReceiveText(), "...\xc3\xa4" + piece.substr(1));
+      EXPECT_EQ(log_.ReceiveText(), "...xz");
+    }
   }
 }
 
