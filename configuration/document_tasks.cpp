@@ -20,6 +20,7 @@ using Orbi::Data::LocalizableMessage;
 using Orbi::Data::Value;
 
 constexpr char kValidationError[] = "com.tessel.ryx.host_settings.cm.validation.error";
+constexpr char kMoreViolations[] = "com.tessel.ryx.settings.validation.more";
 
 /// What the last check left to be applied. Needs no lock: only one task runs at a time.
 std::shared_ptr<RyxConfigManager::CheckApplyResult>& CheckedDocument() {
@@ -146,6 +147,10 @@ DocumentTask::Validated DocumentTask::Validate(bool schemaOnly, Range range) {
     validated.messages = ToMessages(result.pluginErrors);
     for (const auto& error : result.errors)
       validated.errors.push_back({validated.host, UnlessEmpty(error.path), {ToMessage(error)}});
+    if (result.moreErrors != 0) {
+      const auto more = ConfigManagerMessage(kMoreViolations, {std::to_string(result.moreErrors)});
+      validated.errors.push_back({validated.host, std::nullopt, {more}});
+    }
     validated.passed = result.valid();
     return validated;
   } catch (const std::exception& e) {

@@ -116,8 +116,10 @@ def test_enormous_documents_are_judged(daemon):
     host = Host(daemon)
     strange = {"profile": {f"component{number}": {"group": {"key": {"x": 1}}} for number in range(40000)}}
     assert 1_900_000 < len(json.dumps(strange)) < 2_400_000
-    (*_, last) = host.run("validate", document=json.dumps(strange))["result"]["errors"]
-    assert last["messages"][0]["id"] == "com.tessel.ryx.settings.validation.schema.not-found"
+    (*told, last) = host.run("validate", document=json.dumps(strange))["result"]["errors"]
+    assert told[-1]["messages"][0]["id"] == "com.tessel.ryx.settings.validation.schema.not-found"
+    assert last["messages"][0]["id"] == "com.tessel.ryx.settings.validation.more"
+    assert last["messages"][0]["args"] == [str(40000 - len(told))] and 10_000 < len(json.dumps(told)) < 400_000
     deep = host.run("validate", document='{"profile":' * 500 + "1" + "}" * 500)
     assert "configuration.parse.error" in json.dumps(deep["error"])
 

@@ -50,6 +50,7 @@ constexpr MessageTableEntry kConfigManagerMessages[] = {
     {"com.tessel.ryx.settings.validation.plugin.unexpected.error",
      "Validation plugin '{1}' failed unexpectedly."},
     {"com.tessel.ryx.settings.validation.plugin.failed", "Validation plugin '{1}' failed."},
+    {"com.tessel.ryx.settings.validation.more", "There are {1} more violations."},
     {"com.tessel.ryx.settings.apply.plugin.unexpected.error",
      "Apply plugin '{1}' failed unexpectedly."},
     {"com.tessel.ryx.settings.apply.plugin.failed", "Apply plugin '{1}' failed."},

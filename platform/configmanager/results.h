@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -23,6 +24,7 @@ struct ValidationResult {
   std::string pluginFailure;            ///< one line about it; empty when every module answered
   std::vector<ErrorInfo> pluginErrors;  ///< modules that failed to check the document
   std::vector<ValidationErrorInfo> errors;
+  std::size_t moreErrors = 0;  ///< of the document, which were too many to be kept
 
   [[nodiscard]] bool valid() const { return errors.empty() && pluginErrors.empty(); }
 };

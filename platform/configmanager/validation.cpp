@@ -65,10 +65,11 @@ void Validate(const Document& document, const HostDocumentSchema& schema, Valida
   const TaskProgress progress(task);
   Violations violations;
   CheckDocument(document, *schema, GetBIOSUUID(), violations);
-  if (violations.uncollected() != 0)
+  result.moreErrors = violations.uncollected();
+  if (result.moreErrors != 0)
     Log_Level(LogLevel::kError,
               "A configuration document has %zu more violations than are reported.\n",
-              violations.uncollected());
+              result.moreErrors);
   result.errors = violations.Take();
   progress.Report(1, 10);
   if (!schemaOnly && result.errors.empty())
