@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <map>
 #include <memory>
 #include <optional>
@@ -40,6 +41,10 @@ struct AuthenticationResult {
   std::string userName;
   LocalizationContext localization;  ///< the user's own, for what the client leaves open
 };
+
+/// More entries than these in a call's application context are refused: they come from callers
+/// whose credentials nobody has seen yet.
+inline constexpr std::size_t kMaxApplicationEntries = 64;
 
 struct ExecutionContext {
   Peer peer;                                       ///< where the call came from

@@ -83,6 +83,11 @@ TEST(RequestDeserializer, TellsWhatIsWrongAndEchoesTheId) {
   const auto nested = [&](std::size_t levels) {
     return params("\"input\": " + std::string(levels, '[') + std::string(levels, ']'));
   };
+  const auto entries = [&](int count) {
+    std::string all;
+    for (int i = 0; i < count; ++i) all += (i ? ", \"" : "\"") + std::to_string(i) + R"(": "x")";
+    return params(R"("ctx": {"appCtx": {)" + all + "}}");
+  };
   const struct {
     std::string body;
     const char* id;
@@ -116,6 +121,7 @@ TEST(RequestDeserializer, TellsWhatIsWrongAndEchoesTheId) {
       {params(R"("ctx": [1, {}])"), "7", -32602, "ctx is not an object"},
       {params(R"("ctx": {"appCtx": {"opId": 1}})"), "7", -32602, "appCtx"},
       {params(R"("ctx": {"appCtx": {"a": "1", "a": "2"}})"), "7", -32602, "twice"},
+      {entries(65), "7", -32602, "appCtx has more than 64 entries"},
       {params(R"("ctx": {"securityCtx": {"password": null}})"), "7", -32602, "password"},
       {params(R"("ctx": {"securityCtx": "x"})"), "7", -32602, "securityCtx"},
   };
@@ -127,7 +133,8 @@ TEST(RequestDeserializer, TellsWhatIsWrongAndEchoesTheId) {
     EXPECT_THAT(error.message, AllOf(StartsWith("protocol error"), HasSubstr(c.message)));
     EXPECT_EQ(IdText(request.id), c.id) << c.body;
   }
-  EXPECT_TRUE(std::holds_alternative<ApiCall>(Deserialize(nested(98)).content));
+  for (const auto& good : {nested(98), entries(64)})
+    EXPECT_TRUE(std::holds_alternative<ApiCall>(Deserialize(good).content));
 }
 
 TEST(ResponseSerializer, WritesResultsAndErrorsInBothForms) {
@@ -174,10 +181,17 @@ TEST(UpdateExecutionCtx, HeadersCompleteTheContext) {
   EXPECT_EQ(context.localization.timeZone, "Europe/Berlin");
 
   Core::ExecutionContext withEntry;
-  withEntry.application = {{"opId", "payload"}, {"timezone", "Etc/GMT+2"}};
+  withEntry.application = {{"opId", "payload"}, {"timezone", "Etc/GMT+2"}, {"TRACE", "payload"}};
+  while (withEntry.application.size() < 64)
+    withEntry.application[std::to_string(withEntry.application.size())];
   EXPECT_FALSE(UpdateExecutionCtxHelper::Update(headers, {"tasks", "get"}, withEntry, ec));
   EXPECT_EQ(withEntry.application["opId"], "payload");
   EXPECT_EQ(withEntry.localization.timeZone, "Etc/GMT+2");
+  withEntry.application.erase("TRACE");
+  withEntry.application["64"];
+  const auto tooMany = UpdateExecutionCtxHelper::Update(headers, {"tasks", "get"}, withEntry, ec);
+  ASSERT_TRUE(tooMany);
+  EXPECT_THAT(tooMany->message, HasSubstr("more than 64 entries"));
 
   for (const Core::MethodIdentifier& method :
        {Core::MethodIdentifier{"tasks", "list"}, {"depots", "get"}}) {

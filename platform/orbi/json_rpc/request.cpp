@@ -17,6 +17,8 @@ namespace {
 
 constexpr std::string_view kVersion = "2.0";
 constexpr std::string_view kInvoke = "invoke";
+constexpr std::string_view kTooManyEntries = "has more than 64 entries";
+static_assert(Core::kMaxApplicationEntries == 64);
 
 /// The objects of the envelope.
 enum class Place { kRoot, kParams, kContext, kApplication, kSecurity };
@@ -105,6 +107,7 @@ class RequestReader final : public Events {
     const Member* member = &kIgnoredMember;
   };
 
+  [[nodiscard]] bool IsFull(const OpenObject& application) const;
   void TakeScalar(const Member& member, const Scalar& scalar);
   void TakeString(const Member& member, std::string_view text);
   void TakeId(const Scalar& scalar);
@@ -148,10 +151,19 @@ bool RequestReader::OnKey(std::string_view name) {
     Build([&](ValueBuilder& builder) { return builder.OnKey(name); });
   } else {
     OpenObject& object = open_.back();
+    if (object.place == Place::kApplication && IsFull(object)) {
+      Fault(MemberOf(Place::kContext, "appCtx"), kTooManyEntries);
+      object.member = &kIgnoredMember;
+      return true;
+    }
     names_.push_back(name);
     object.member = &MemberOf(object.place, name);
   }
   return true;
+}
+
+bool RequestReader::IsFull(const OpenObject& application) const {
+  return names_.size() - application.firstName == Core::kMaxApplicationEntries;
 }
 
 bool RequestReader::OnStart(Container container) {

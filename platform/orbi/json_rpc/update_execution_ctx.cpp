@@ -1,8 +1,12 @@
 #include "orbi/json_rpc/update_execution_ctx.h"
 
 #include <algorithm>
+#include <iterator>
+#include <map>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "orbi/l10n/errors.h"
 #include "orbi/l10n/localizer.h"
@@ -28,19 +32,35 @@ bool Contradict(Headers headers, std::string_view name, std::string_view payload
                              [&](const HeaderField& header) { return header.value != payload; });
 }
 
-void AddEntries(Headers headers, std::map<std::string, std::string>& application) {
+/// The names of the entries that the payload has, without letter case, sorted.
+std::vector<std::string> FoldedNames(const std::map<std::string, std::string>& application) {
+  std::vector<std::string> names;
+  names.reserve(application.size());
+  for (const auto& [name, value] : application) {
+    std::ranges::transform(name, std::back_inserter(names.emplace_back()), Ascii::ToLower);
+  }
+  std::ranges::sort(names);
+  return names;
+}
+
+/// @return false when there are too many
+bool AddEntries(Headers headers, std::map<std::string, std::string>& application) {
   constexpr std::string_view kPrefix = "orbi-ctx-";
   auto header = std::ranges::lower_bound(headers, kPrefix, {}, &HeaderField::name);
+  if (header == headers.end() || !header->name.starts_with(kPrefix)) return true;
+  const std::vector<std::string> given = FoldedNames(application);
+  std::string_view before;
   for (; header != headers.end() && header->name.starts_with(kPrefix); ++header) {
     std::string_view name = header->name.substr(kPrefix.size());
+    // Of headers with one name, which stand together, the first counts.
+    if (name == std::exchange(before, name) || std::ranges::binary_search(given, name)) continue;
+    if (application.size() == Core::kMaxApplicationEntries) return false;
     for (const std::string_view entry : kMixedCaseEntries) {
       if (Ascii::EqualsIgnoringCase(entry, name)) name = entry;
     }
-    const bool there = std::ranges::any_of(application, [&](const auto& entry) {
-      return Ascii::EqualsIgnoringCase(entry.first, name);
-    });
-    if (!there && !name.empty()) application.emplace(name, header->value);
+    application.emplace(name, header->value);
   }
+  return true;
 }
 
 /// "Etc/GMT+2", "America/Argentina/Buenos_Aires".
@@ -64,7 +84,11 @@ std::optional<Protocol::Json::ProtocolError> UpdateExecutionCtxHelper::Update(
         Protocol::Json::ProtocolErrorCode::kInvalidParams,
         "Mismatching operation identifier in HTTP header and payload"};
   }
-  AddEntries(headers, context.application);
+  if (!AddEntries(headers, context.application)) {
+    return Protocol::Json::ProtocolError{
+        Protocol::Json::ProtocolErrorCode::kInvalidParams,
+        "protocol error: appCtx and the orbi-ctx- headers have more than 64 entries together"};
+  }
 
   if (const auto language = Named(headers, "accept-language"); !language.empty()) {
     context.localization.language = L10n::PreferredLocale(language.front().value, localization);

@@ -21,7 +21,8 @@ struct UpdateExecutionCtxHelper {
   /// @param method   as the payload names it
   /// @param localization  why the client's language or formatting locale was passed over for the
   ///                      default
-  /// @return an error when "orbi-service" or "orbi-operation" names another method
+  /// @return an error when "orbi-service" or "orbi-operation" names another method, or when payload
+  ///         and headers bring more than Core::kMaxApplicationEntries entries
   [[nodiscard]] static std::optional<Protocol::Json::ProtocolError> Update(
       std::span<const Transport::PicoHttp::HeaderField> headers,
       const Core::MethodIdentifier& method, Core::ExecutionContext& context,
