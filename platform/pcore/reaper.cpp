@@ -4,8 +4,11 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 
+#include <chrono>
 #include <iterator>
+#include <new>
 #include <system_error>
+#include <thread>
 #include <utility>
 
 #include "pcore/host_ctl_exception.h"
@@ -18,6 +21,7 @@ namespace PcoreCtl {
 namespace {
 
 constexpr int kSampleMilliseconds = 1000;
+constexpr std::chrono::milliseconds kPauseWithoutMemory{10};
 
 bool HasEnded(const UniqueFd& handle) {
   pollfd ended{handle.Get(), POLLIN, 0};
@@ -77,19 +81,26 @@ void Reaper::StartThread() {
 void Reaper::Wake() const { eventfd_write(wake_.Get(), 1); }
 
 void Reaper::Run() {
-  while (TakeArrivals()) {
-    std::erase_if(processes_, SeeToEnd);
-    if (!WaitForEvents()) continue;
-    eventfd_t ignored = 0;
-    eventfd_read(wake_.Get(), &ignored);
+  for (;;) {
+    try {
+      if (!TakeArrivals()) return;
+      std::erase_if(processes_, SeeToEnd);
+      if (!WaitForEvents()) continue;
+      eventfd_t ignored = 0;
+      eventfd_read(wake_.Get(), &ignored);
+    } catch (const std::bad_alloc&) {
+      std::this_thread::sleep_for(kPauseWithoutMemory);
+    }
   }
 }
 
 bool Reaper::TakeArrivals() {
   const std::lock_guard lock(mutex_);
+  if (stopping_) return false;
+  processes_.reserve(processes_.size() + arrivals_.size());
   std::move(arrivals_.begin(), arrivals_.end(), std::back_inserter(processes_));
   arrivals_.clear();
-  return !stopping_;
+  return true;
 }
 
 bool Reaper::WaitForEvents() const {
@@ -102,7 +113,16 @@ bool Reaper::WaitForEvents() const {
   return poll(events.data(), events.size(), timeout) > 0 && events.front().revents != 0;
 }
 
-bool Reaper::SeeToEnd(Process& process) {
+/// @return whether nothing is left to be done for the process
+bool Reaper::SeeToEnd(Process& process) noexcept {
+  try {
+    return TrySeeToEnd(process);
+  } catch (const std::bad_alloc&) {
+    return false;  // the next look tries again
+  }
+}
+
+bool Reaper::TrySeeToEnd(Process& process) {
   if (process.handle) {
     if (!HasEnded(process.handle)) {
       if (process.kind == Kind::kDetached) Sample(process);

@@ -47,7 +47,8 @@ class Reaper {
   void Wake() const;
   [[nodiscard]] bool TakeArrivals();
   [[nodiscard]] bool WaitForEvents() const;
-  [[nodiscard]] static bool SeeToEnd(Process& process);
+  [[nodiscard]] static bool SeeToEnd(Process& process) noexcept;
+  [[nodiscard]] static bool TrySeeToEnd(Process& process);
 
   UniqueFd wake_;  ///< eventfd: something arrived, or stop
   std::thread thread_;

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <utility>
 
 #include "tesselibs/log_writer.h"
@@ -117,11 +118,15 @@ void Log_Level(LogLevel level, const char* format, ...) {
   const int callersErrno = errno;
   std::va_list arguments;
   va_start(arguments, format);
-  if (std::strcmp(format, "%s") == 0) {  // a text that stands already, as the framework's lines do
-    const std::string_view text = va_arg(arguments, const char*);
-    PushText(level, text, text.size());
-  } else {
-    PushFormatted(level, format, arguments);
+  try {
+    if (std::strcmp(format, "%s") == 0) {  // a text that stands already, as the framework's do
+      const std::string_view text = va_arg(arguments, const char*);
+      PushText(level, text, text.size());
+    } else {
+      PushFormatted(level, format, arguments);
+    }
+  } catch (const std::bad_alloc&) {
+    Writer().CountLost();
   }
   va_end(arguments);
   errno = callersErrno;
@@ -130,7 +135,11 @@ void Log_Level(LogLevel level, const char* format, ...) {
 void Log_Facility(int facility, LogLevel level, std::string_view text) {
   if (!Log_IsEnabled(level)) return;
   const int callersErrno = errno;
-  Writer().Push(level, TrimLineEnd(text), facility);
+  try {
+    Writer().Push(level, TrimLineEnd(text), facility);
+  } catch (const std::bad_alloc&) {
+    Writer().CountLost();
+  }
   errno = callersErrno;
 }
 

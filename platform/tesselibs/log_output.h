@@ -33,6 +33,7 @@ class LogOutput {
   /// that the writer can be stopped; an output that has to wait longer returns what it has done,
   /// maybe nothing. Must not log.
   /// @param lines  at least one
+  /// @throws std::bad_alloc having written none
   virtual Progress Write(std::span<const LogLine> lines) = 0;
 
   /// The most verbose level that the output takes; set before the output is added to the log.

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdio>
+#include <new>
 #include <system_error>
 #include <utility>
 
@@ -59,12 +61,22 @@ void LogWriter::Push(LogLevel level, std::string_view text, int facility) {
     return;
   }
   bool wake = queued_.entries.empty() && !writing_;
-  queued_.text.append(text);
   queued_.entries.push_back({now, level, facility, text.size()});
+  try {
+    queued_.text.append(text);
+  } catch (...) {
+    queued_.entries.pop_back();
+    throw;
+  }
   if (level <= kLastUrgentLevel || queued_.Bytes() > limits_.queuedBytes / 2)
     wake |= !std::exchange(urgent_, true);
   lock.unlock();
   if (wake) linesQueued_.notify_one();
+}
+
+void LogWriter::CountLost() {
+  const std::lock_guard lock(mutex_);
+  ++lost_;
 }
 
 bool LogWriter::HasRoom(std::size_t length) const {
@@ -138,8 +150,10 @@ void LogWriter::WriteBatch(const Batch& batch) {
 }
 
 void LogWriter::ReportLost(std::uint64_t count, std::time_t when) {
-  const std::string text = std::to_string(count) + " log lines were lost";
-  const LogLine line{when, kLostLinesLevel, text};
+  std::array<char, 64> text;
+  const int length = std::snprintf(text.data(), text.size(), "%llu log lines were lost",
+                                   static_cast<unsigned long long>(count));
+  const LogLine line{when, kLostLinesLevel, {text.data(), static_cast<std::size_t>(length)}};
   if (WriteLines({&line, 1}) == 0) return;
   const std::lock_guard lock(mutex_);
   lost_ += count;
@@ -149,7 +163,12 @@ void LogWriter::ReportLost(std::uint64_t count, std::time_t when) {
 std::size_t LogWriter::WriteLines(std::span<const LogLine> lines) {
   std::size_t lost = 0;
   while (!lines.empty()) {
-    const LogOutput::Progress progress = output_->Write(lines);
+    LogOutput::Progress progress{.lost = lines.size()};
+    try {
+      progress = output_->Write(lines);
+    } catch (const std::bad_alloc&) {
+      // Those lines are lost.
+    }
     lost += progress.lost;
     lines = lines.subspan(progress.written + progress.lost);
     if (OutOfTime()) return lost + lines.size();

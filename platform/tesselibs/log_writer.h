@@ -43,7 +43,11 @@ class LogWriter {
   std::unique_ptr<LogOutput> Remove();
 
   /// Queues a line, or counts it as lost; without an output does nothing.
+  /// @throws std::bad_alloc having done nothing
   void Push(LogLevel level, std::string_view text, int facility = kDaemonFacility);
+
+  /// Counts a line that could not even be pushed.
+  void CountLost();
 
   /// @return whether everything that was pushed before the call is written
   bool Flush();

@@ -107,10 +107,10 @@ void SyslogOutput::Disconnect() {
 
 void SyslogOutput::StampHeads(std::time_t when) {
   if (when == stampTime_) return;
-  stampTime_ = when;
   headEnd_ = '>' + TimeStamp(when) + ' ' + ident_ + '[' + std::to_string(getpid()) + "]: ";
   for (std::size_t severity = 0; severity < heads_.size(); ++severity)
     heads_[severity] = '<' + std::to_string(kDaemonFacility | severity) + headEnd_;
+  stampTime_ = when;
 }
 
 void SyslogOutput::AppendHead(const LogLine& line) {

@@ -58,13 +58,17 @@ void Put(std::ostream& line, const Arg& arg) {
   }
 }
 
-/// Writes the arguments to `logger` as one line, formatting nothing when the level is disabled.
+/// Writes the arguments to `logger` as one line, formatting nothing when the level is disabled. A
+/// line for which there is no memory is cut, or lost: what is told matters less than what is done.
 template <typename... Args>
-void Write(Logger& logger, int level, const Args&... args) {
-  const auto record = logger.CreateRecord(level);
-  if (!record) return;
-  std::ostream& line = record->Stream();
-  (Put(line, args), ...);
+void Write(Logger& logger, int level, const Args&... args) noexcept {
+  try {
+    const auto record = logger.CreateRecord(level);
+    if (!record) return;
+    std::ostream& line = record->Stream();
+    (Put(line, args), ...);
+  } catch (...) {
+  }
 }
 
 }  // namespace Orbi::Log
