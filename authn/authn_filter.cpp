@@ -27,8 +27,8 @@ bool IsAccepted(Orbi::Authn::AuthnHandler& handler, const Orbi::Core::MethodIden
   try {
     return handler.Authenticate(context);
   } catch (const std::exception& error) {
-    Log_Level(LogLevel::kCritical, "Authentication failed for method: %s. Error: %s\n",
-              method.ToText().c_str(), error.what());
+    Log_Level(LogLevel::kCritical, "Authentication failed for method: %s.%s. Error: %s\n",
+              method.service.c_str(), method.operation.c_str(), error.what());
   }
   return false;
 }

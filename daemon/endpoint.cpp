@@ -7,6 +7,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <exception>
 #include <future>
 #include <memory>
 #include <optional>
@@ -76,6 +77,18 @@ std::optional<uid_t> FrontAccount() {
   return found->pw_uid;
 }
 
+/// What comes out of a step here, such as a failed allocation, has ended the connection that it was
+/// a step of.
+void CarryConnections(boost::asio::io_context& io) {
+  while (!io.stopped()) {
+    try {
+      io.run();
+    } catch (const std::exception& error) {
+      Log_Level(LogLevel::kError, "[%s]: Connection given up: %s\n", "Endpoint", error.what());
+    }
+  }
+}
+
 Orbi::Transport::PicoHttp::ServerConfig MakeServerConfig(int port) {
   Orbi::Transport::PicoHttp::ServerConfig config;
   config.port = port;
@@ -112,7 +125,7 @@ void Endpoint::Start() {
   const SignalsBlocked blocked;
   ioThread_ = std::thread([&io = io_, begin = ready.get_future()] {
     begin.wait();
-    io.run();
+    CarryConnections(io);
   });
   if (FeatureState_IsEnabled(Feature::kTaskScheduler))
     (void)LifeCycle::TaskSchedular::Instance().initialise();

@@ -43,8 +43,8 @@ void MemoryTrimmer::Start() {
   timer_.expires_after(kInterval);
   timer_.async_wait([this](const boost::system::error_code& ec) {
     if (ec) return;
-    Trim();
     Start();
+    Trim();
   });
 }
 

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <exception>
+#include <iterator>
+#include <new>
 #include <utility>
 
 #include "tesselibs/log.h"
@@ -22,32 +24,44 @@ void Do(const RequestThreads::Work& work) {
 
 }  // namespace
 
+RequestThreads::RequestThreads(const Limits& limits) : limits_(limits) {
+  ended_.reserve(limits_.threads);  // a thread that ends must not need memory for it
+}
+
 bool RequestThreads::Submit(const std::string& peer, Work work) {
+  std::list<Waiting> arrival;
   std::vector<pthread_t> ended;
   bool accepted = false;
-  {
+  try {
+    arrival.push_back({{}, std::move(work)});
     const Lock lock(mutex_);
     ended = TakeEnded();
     const auto place = peers_.try_emplace(peer).first;
-    if (!stopping_ && waiting_.size() < limits_.waiting &&
-        place->second.waiting < limits_.waitingOfPeer) {
-      waiting_.push_back({place, std::move(work)});
-      ++place->second.waiting;
-      // A thread that was woken for other work counts as idle until it has taken that.
-      if (CountRunnable() <= idle_) {
-        workCame_.notify_one();
-        accepted = true;
-      } else if (threads_ == limits_.threads || StartThread() || threads_ > 0) {
-        accepted = true;
-      } else {
-        waiting_.pop_back();
-        --place->second.waiting;
-      }
-    }
+    arrival.front().peer = place;
+    accepted = Enqueue(arrival);
     Forget(place);
+  } catch (const std::bad_alloc&) {
+    // There is no place for the work either.
   }
   Join(ended);
   return accepted;
+}
+
+bool RequestThreads::Enqueue(std::list<Waiting>& arrival) {
+  Peer& peer = arrival.front().peer->second;
+  if (stopping_ || waiting_.size() >= limits_.waiting || peer.waiting >= limits_.waitingOfPeer)
+    return false;
+  waiting_.splice(waiting_.end(), arrival);
+  ++peer.waiting;
+  // A thread that was woken for other work counts as idle until it has taken that.
+  if (CountRunnable() <= idle_) {
+    workCame_.notify_one();
+    return true;
+  }
+  if (threads_ == limits_.threads || StartThread() || threads_ > 0) return true;
+  arrival.splice(arrival.end(), waiting_, std::prev(waiting_.end()));
+  --peer.waiting;
+  return false;
 }
 
 void RequestThreads::Stop() {
@@ -129,7 +143,11 @@ void RequestThreads::Forget(Peers::iterator peer) {
   if (peer->second.running == 0 && peer->second.waiting == 0) peers_.erase(peer);
 }
 
-std::vector<pthread_t> RequestThreads::TakeEnded() { return std::exchange(ended_, {}); }
+std::vector<pthread_t> RequestThreads::TakeEnded() {
+  std::vector<pthread_t> taken = ended_;
+  ended_.clear();
+  return taken;
+}
 
 /// Threads that have ended but for their last instructions.
 void RequestThreads::Join(const std::vector<pthread_t>& threads) {

@@ -38,7 +38,7 @@ class RequestThreads {
   };
 
   RequestThreads() : RequestThreads(Limits{}) {}
-  explicit RequestThreads(const Limits& limits) : limits_(limits) {}
+  explicit RequestThreads(const Limits& limits);
   RequestThreads(const RequestThreads&) = delete;
   RequestThreads& operator=(const RequestThreads&) = delete;
   ~RequestThreads() { Stop(); }
@@ -46,7 +46,7 @@ class RequestThreads {
   /// Has the work done on one of the threads.
   /// @param peer  the address on whose behalf
   /// @return false when as much waits already as may, when there is no thread and none can be made,
-  ///         or after Stop: nothing comes of the work then
+  ///         when there is no memory, or after Stop: nothing comes of the work then
   [[nodiscard]] bool Submit(const std::string& peer, Work work);
 
   /// Drops the work that waits and returns when what runs has ended. Work that is submitted later
@@ -73,6 +73,7 @@ class RequestThreads {
   using Lock = std::unique_lock<std::mutex>;
 
   // With the mutex held, which Run gives up while it works or waits.
+  [[nodiscard]] bool Enqueue(std::list<Waiting>& arrival);
   [[nodiscard]] bool StartThread();
   void Run(Lock& lock);
   [[nodiscard]] std::list<Waiting>::iterator FindNext();

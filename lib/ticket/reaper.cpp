@@ -75,12 +75,12 @@ Reaper::Reaper(boost::asio::io_context& io, std::chrono::milliseconds interval)
     : interval_(interval), timer_(io) {}
 
 void Reaper::Start() {
-  ReapStaleTickets();
   timer_.expires_after(interval_);
   timer_.async_wait([self = weak_from_this()](const boost::system::error_code&) {
     // Gone when the reaper was destroyed, whether that cancelled the wait or it had ended already.
     if (const auto reaper = self.lock()) reaper->Start();
   });
+  ReapStaleTickets();
 }
 
 }  // namespace Ticket

@@ -11,8 +11,8 @@ namespace Ticket {
 /// Age from which on a ticket that nobody used counts as stale.
 inline constexpr std::chrono::minutes kReapingTimeout{10};
 
-/// Removes the stale tickets of both ticket directories. Never throws; what cannot be removed is
-/// logged and left.
+/// Removes the stale tickets of both ticket directories. Throws nothing but std::bad_alloc; what
+/// cannot be removed is logged and left.
 void ReapStaleTickets();
 
 /// Removes stale tickets for as long as it lives: once when it is started, then in intervals on the

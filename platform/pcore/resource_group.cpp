@@ -63,22 +63,25 @@ ResourceGroup ParseResourceGroup(const std::string& word) {
   return group;
 }
 
-bool Lists(const std::filesystem::path& file, std::string_view controller) {
+// Paths are plain texts here: libstdc++'s own class of paths ends the process when an allocation
+// fails while two are joined.
+
+bool Lists(const std::string& file, std::string_view controller) {
   std::ifstream stream(file);
   return std::any_of(std::istream_iterator<std::string>(stream), {},
                      [&](const std::string& word) { return word == controller; });
 }
 
-bool WriteFile(const std::filesystem::path& path, const std::string& text) {
+bool WriteFile(const std::string& path, const std::string& text) {
   const UniqueFd file(open(path.c_str(), O_WRONLY | O_CLOEXEC));
   return file && write(file.Get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
 }
 
-bool HandsMemoryDown(const std::filesystem::path& group) {
-  return Lists(group / "cgroup.subtree_control", "memory");
+bool HandsMemoryDown(const std::string& group) {
+  return Lists(group + "/cgroup.subtree_control", "memory");
 }
 
-bool IsDelegated(const std::filesystem::path& group) {
+bool IsDelegated(const std::string& group) {
   return getxattr(group.c_str(), "user.delegate", nullptr, 0) > 0 ||
          getxattr(group.c_str(), "trusted.delegate", nullptr, 0) > 0;
 }
@@ -96,32 +99,32 @@ std::optional<ResourceGroup> TakeResourceGroup(std::vector<std::string>& words) 
   return group;
 }
 
-std::optional<std::filesystem::path> FindDelegatedCgroup(const std::filesystem::path& membership,
-                                                         const std::filesystem::path& mount) {
+std::optional<std::string> FindDelegatedCgroup(const std::string& membership,
+                                               const std::string& mount) {
   constexpr std::string_view kVersion2 = "0::/";
   std::ifstream file(membership);
   for (std::string line; std::getline(file, line);) {
     if (!line.starts_with(kVersion2)) continue;
-    const auto own = mount / line.substr(kVersion2.size());
+    const std::string own = mount + line.substr(kVersion2.size() - 1);
     if (HandsMemoryDown(own)) return own;
     if (line == kVersion2) return std::nullopt;
     // A group that has processes of its own cannot hand controllers down (the kernel's rule), so
     // a service manager that delegates starts the service in a group below the delegated one.
-    const auto above = own.parent_path();
+    const std::string above = own.substr(0, own.rfind('/'));
     if (IsDelegated(above) &&
-        (HandsMemoryDown(above) || WriteFile(above / "cgroup.subtree_control", "+memory"))) {
+        (HandsMemoryDown(above) || WriteFile(above + "/cgroup.subtree_control", "+memory"))) {
       return above;
     }
   }
   return std::nullopt;
 }
 
-UniqueFd OpenCgroup(const std::filesystem::path& parent, const ResourceGroup& group) {
-  const auto directory = parent / group.name;
+UniqueFd OpenCgroup(const std::string& parent, const ResourceGroup& group) {
+  const std::string directory = parent + "/" + group.name;
   if (mkdir(directory.c_str(), 0755) != 0 && errno != EEXIST) return {};
   const std::string limit = group.memoryLimit > 0 ? std::to_string(group.memoryLimit) : "max";
-  if (!WriteFile(directory / "memory.max", limit)) return {};
-  return UniqueFd(open((directory / "cgroup.procs").c_str(), O_WRONLY | O_CLOEXEC));
+  if (!WriteFile(directory + "/memory.max", limit)) return {};
+  return UniqueFd(open((directory + "/cgroup.procs").c_str(), O_WRONLY | O_CLOEXEC));
 }
 
 }  // namespace PcoreCtl

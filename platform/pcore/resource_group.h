@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <filesystem>
 #include <optional>
 #include <string>
 #include <vector>
@@ -28,13 +27,12 @@ std::optional<ResourceGroup> TakeResourceGroup(std::vector<std::string>& words);
 /// above when the service manager has delegated that to it (systemd marks it with the extended
 /// attribute "user.delegate" or "trusted.delegate").
 /// @return nothing when the host delegates none
-std::optional<std::filesystem::path> FindDelegatedCgroup(
-    const std::filesystem::path& membership = "/proc/self/cgroup",
-    const std::filesystem::path& mount = "/sys/fs/cgroup");
+std::optional<std::string> FindDelegatedCgroup(const std::string& membership = "/proc/self/cgroup",
+                                               const std::string& mount = "/sys/fs/cgroup");
 
 /// Makes the group below `parent`, unless it is there, and sets its memory limit.
 /// @return the group's process list, opened for writing: a process that writes "0" joins; or none
 ///         when any of it fails
-UniqueFd OpenCgroup(const std::filesystem::path& parent, const ResourceGroup& group);
+UniqueFd OpenCgroup(const std::string& parent, const ResourceGroup& group);
 
 }  // namespace PcoreCtl

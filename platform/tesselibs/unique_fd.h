@@ -22,6 +22,8 @@ class UniqueFd {
     fd_ = -1;
   }
   [[nodiscard]] int Get() const { return fd_; }
+  /// Gives the descriptor to the caller.
+  [[nodiscard]] int Release() { return std::exchange(fd_, -1); }
   explicit operator bool() const { return fd_ >= 0; }
 
  private:

@@ -1,6 +1,7 @@
 #include "transport/api/api_request_handler.h"
 
 #include <exception>
+#include <optional>
 #include <ostream>
 #include <string_view>
 #include <utility>
@@ -14,6 +15,7 @@
 #include "orbi/json_rpc/update_execution_ctx.h"
 #include "orbi/std/errors.h"
 #include "transport/api/request_spec.h"
+#include "transport/asio/handler_memory.h"
 #include "transport/http/response.h"
 
 namespace Orbi::Transport::PicoHttp {
@@ -63,6 +65,7 @@ class ApiExchange : public AcceptedRequest, public std::enable_shared_from_this<
   template <class Step>
   void Guarded(Step step) const noexcept;
   void Complete(Core::MethodResult result) noexcept;
+  void SendAnswer() noexcept;
   [[nodiscard]] Response AnswerOrTellWhyNot(Core::MethodResult result);
   [[nodiscard]] Response Answer(Core::MethodResult result, const LogTexts& texts);
   void AnswerInvalidRequest(const ProtocolError& error);
@@ -78,8 +81,11 @@ class ApiExchange : public AcceptedRequest, public std::enable_shared_from_this<
   ResponseSink sink_{nullptr};
   Protocol::Json::RequestId id_;
   std::string language_;
-  bool called_ = false;        ///< the provider owes the result
-  std::string notSerialized_;  ///< why the result could not be
+  bool called_ = false;  ///< the provider owes the result
+  /// On its way to the thread that sends it; empty when none could be made.
+  std::optional<Response> answer_;
+  Asio::HandlerMemory memory_;  ///< for that way
+  std::string notSerialized_;   ///< why the result could not be
 };
 
 /// An answer that is written while it is sent. What is wrong with it after its beginning can only
@@ -182,13 +188,14 @@ void ApiExchange::Guarded(Step step) const noexcept {
 }
 
 void ApiExchange::Complete(Core::MethodResult result) noexcept {
-  Guarded([&] {
-    boost::asio::dispatch(
-        handler_->ioContext,
-        [self = shared_from_this(), response = AnswerOrTellWhyNot(std::move(result))]() mutable {
-          self->Guarded([&] { self->sink_(std::move(response)); });
-        });
-  });
+  Guarded([&] { answer_ = AnswerOrTellWhyNot(std::move(result)); });
+  boost::asio::dispatch(handler_->ioContext,
+                        Asio::HoldIn(memory_, [self = shared_from_this()] { self->SendAnswer(); }));
+}
+
+void ApiExchange::SendAnswer() noexcept {
+  auto sink = std::move(sink_);
+  if (answer_) Guarded([&] { sink(*std::exchange(answer_, std::nullopt)); });
 }
 
 Response ApiExchange::AnswerOrTellWhyNot(Core::MethodResult result) {

@@ -1,5 +1,10 @@
 #pragma once
 
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
 #include <chrono>
 #include <exception>
 #include <functional>
@@ -16,7 +21,9 @@
 #include <boost/asio/ip/v6_only.hpp>
 
 #include "orbi/log/logger.h"
+#include "tesselibs/unique_fd.h"
 #include "transport/asio/deadline.h"
+#include "transport/asio/handler_memory.h"
 
 namespace Orbi::Asio {
 
@@ -35,7 +42,8 @@ struct StreamServerSpec {
 };
 
 /// One listening socket: accepts one connection at a time and hands it on, until Close() or an
-/// error that more waiting does not mend. Works on the thread that runs the I/O context.
+/// error that more waiting does not mend. Works on the thread that runs the I/O context. Goes on
+/// when there is no memory for a connection.
 template <class AcceptCond = AcceptAllCond>
 class Acceptor : public std::enable_shared_from_this<Acceptor<AcceptCond>> {
  public:
@@ -60,6 +68,7 @@ class Acceptor : public std::enable_shared_from_this<Acceptor<AcceptCond>> {
     if (endpoint.address().is_v6()) acceptor_.set_option(boost::asio::ip::v6_only(true));
     acceptor_.bind(endpoint);
     acceptor_.listen(spec_.backlog);
+    acceptor_.native_non_blocking(true);
     endpoint_ = acceptor_.local_endpoint();
     AcceptNext();
   }
@@ -67,6 +76,9 @@ class Acceptor : public std::enable_shared_from_this<Acceptor<AcceptCond>> {
   /// Where it really listens: the endpoint given, with the port that the system chose if that was
   /// 0.
   [[nodiscard]] const Endpoint& LocalEndpoint() const { return endpoint_; }
+
+  /// Whether it accepts, or will again when descriptors have become free.
+  [[nodiscard]] bool IsListening() const { return acceptor_.is_open(); }
 
   void Close() {
     boost::system::error_code ignored;  // closed is closed
@@ -80,19 +92,32 @@ class Acceptor : public std::enable_shared_from_this<Acceptor<AcceptCond>> {
                                         boost::asio::io_context::executor_type>;
 
   void AcceptNext() {
-    acceptor_.async_accept(peer_, [self = this->shared_from_this()](
-                                      const boost::system::error_code& ec, TcpSocket socket) {
-      self->Accepted(ec, std::move(socket));
-    });
+    // Waits first, because an operation that accepts by itself makes the connection's socket, and
+    // is lost with it when there is no memory for that.
+    acceptor_.async_wait(
+        boost::asio::socket_base::wait_read,
+        HoldIn(memory_, [self = this->shared_from_this()](const boost::system::error_code& ec) {
+          if (self->acceptor_.is_open()) self->AcceptWaiting(ec);
+        }));
   }
 
-  void Accepted(const boost::system::error_code& ec, TcpSocket socket) {
-    if (!acceptor_.is_open()) return;
-    if (!ec) {
-      LogAccept(Log::kTrace, "NoError", "");
-      HandOn(std::move(socket));
+  /// Accepts connections that wait, only some, so that those that are open have their turn.
+  void AcceptWaiting(boost::system::error_code ec) {
+    constexpr int kAtOnce = 16;
+    for (int count = 0; !ec && count < kAtOnce; ++count) {
+      auto size = static_cast<socklen_t>(peer_.capacity());
+      UniqueFd connection(::accept4(acceptor_.native_handle(), peer_.data(), &size, SOCK_CLOEXEC));
+      if (connection) {
+        peer_.resize(size);
+        LogAccept(Log::kTrace, "NoError", "");
+        HandOn(std::move(connection));
+      } else {
+        ec.assign(errno, boost::system::system_category());
+      }
+    }
+    if (!ec || IsNoError(ec)) {
       AcceptNext();
-    } else if (ec == boost::system::error_code(EMFILE, boost::system::system_category())) {
+    } else if (ec.value() == EMFILE) {
       LogAccept(Log::kDebug, ec, ";DelayAcceptError");
       AcceptLater();
     } else {
@@ -101,8 +126,17 @@ class Acceptor : public std::enable_shared_from_this<Acceptor<AcceptCond>> {
     }
   }
 
-  void HandOn(TcpSocket socket) {
+  /// Nobody waits, or who did has gone.
+  static bool IsNoError(const boost::system::error_code& ec) {
+    constexpr std::array kCodes = {EAGAIN, EINTR, ECONNABORTED, EPROTO};
+    return std::ranges::find(kCodes, ec.value()) != kCodes.end();
+  }
+
+  void HandOn(UniqueFd connection) {
     try {
+      TcpSocket socket(acceptor_.get_executor());
+      socket.assign(peer_.protocol(), connection.Get());
+      (void)connection.Release();
       if (cond_(peer_)) newConnection_(std::move(socket));
     } catch (const std::exception& error) {
       Log::Write(*logger_, Log::kDebug, "Connection dropped: ", error.what());
@@ -111,11 +145,12 @@ class Acceptor : public std::enable_shared_from_this<Acceptor<AcceptCond>> {
 
   void AcceptLater() {
     timer_.expires_at(DeadlineIn(spec_.acceptDelay));
-    timer_.async_wait([self = this->shared_from_this()](const boost::system::error_code& ec) {
-      if (!self->acceptor_.is_open()) return;
-      if (ec) Log::Write(*self->logger_, Log::kDebug, "Delay timer Accept Error: ", ec);
-      self->AcceptNext();
-    });
+    timer_.async_wait(
+        HoldIn(memory_, [self = this->shared_from_this()](const boost::system::error_code& ec) {
+          if (!self->acceptor_.is_open()) return;
+          if (ec) Log::Write(*self->logger_, Log::kDebug, "Delay timer Accept Error: ", ec);
+          self->AcceptNext();
+        }));
   }
 
   template <class Result>
@@ -130,6 +165,7 @@ class Acceptor : public std::enable_shared_from_this<Acceptor<AcceptCond>> {
   const std::shared_ptr<Log::Logger> logger_;
   const NewConnection newConnection_;
   const AcceptCond cond_;
+  HandlerMemory memory_;  ///< of the one operation that is pending
   Endpoint endpoint_;
   Endpoint peer_;  ///< of the connection being accepted
 };

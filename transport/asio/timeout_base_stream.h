@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <exception>
 #include <memory>
 #include <mutex>
 #include <utility>
@@ -99,6 +100,17 @@ class TimeoutBaseStream : public std::enable_shared_from_this<TimeoutBaseStream<
     });
   }
 
+  /// @return false when there is no memory for it: a connection without a deadline would stay for
+  /// good
+  bool ArmAgain() noexcept {
+    try {
+      Arm();
+      return true;
+    } catch (const std::exception&) {
+      return false;
+    }
+  }
+
   // The functions below take the mutex.
 
   /// A wait that was replaced can have its handler queued already, and the operation that it was
@@ -109,7 +121,7 @@ class TimeoutBaseStream : public std::enable_shared_from_this<TimeoutBaseStream<
     if (wait != wait_) return;
     waitEnd_ = SteadyClock::time_point::max();
     if (!pending_) return;
-    if (SteadyClock::now() < deadline_) return Arm();
+    if (SteadyClock::now() < deadline_ && ArmAgain()) return;
     expired_ = true;
     boost::system::error_code
         ignored;  // a socket that cannot be cancelled is closed, and so is its operation
