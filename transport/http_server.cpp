@@ -10,6 +10,19 @@ namespace Orbi::Transport::PicoHttp {
 
 using boost::asio::ip::tcp;
 
+namespace {
+
+std::shared_ptr<const ConnectionContext> MakeContext(boost::asio::io_context& context,
+                                                     const ProtocolHandlerSpec& spec,
+                                                     RequestHandler& handler,
+                                                     const std::shared_ptr<Log::Logger>& logger) {
+  return std::make_shared<ConnectionContext>(ConnectionContext{
+      spec, handler, logger,
+      std::make_shared<BodyMemory>(context, spec.httpBodySizeLimitInBytes, spec.bodyMemory)});
+}
+
+}  // namespace
+
 struct HttpServer::Server : Orbi::Asio::StreamServer<PicoHttpStreamHandler<Orbi::Asio::TcpSocket>> {
   using StreamServer::StreamServer;
 };
@@ -18,9 +31,9 @@ HttpServer::HttpServer(boost::asio::io_context& context, ServerConfig config,
                        RequestHandler& handler, std::shared_ptr<Log::Logger> logger)
     : config_(std::move(config)),
       logger_(std::move(logger)),
-      server_(std::make_unique<Server>(context, Orbi::Asio::StreamServerSpec{}, logger_,
-                                       std::make_shared<ConnectionContext>(ConnectionContext{
-                                           config_.serverSpec, handler, logger_}))) {}
+      server_(
+          std::make_unique<Server>(context, Orbi::Asio::StreamServerSpec{}, logger_,
+                                   MakeContext(context, config_.serverSpec, handler, logger_))) {}
 
 HttpServer::~HttpServer() = default;
 

@@ -5,6 +5,7 @@
 #include <malloc.h>
 #include <netinet/in.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <list>
 
@@ -230,8 +231,7 @@ const Conversation kConversations[] = {
 TEST(HttpServer, AConversationIsTheSameWhateverThePacketBoundaries) {
   EchoHandler handler;
   const LoopbackServer server(handler, {.httpBodySizeLimitInBytes = kBodyLimit,
-                                        .allowedOrigin = "https://console.example",
-                                        .extractors = {}});
+                                        .allowedOrigin = "https://console.example"});
   for (const auto& [name, sent, received] : kConversations) {
     for (const std::size_t step : {std::string::npos, std::size_t{1}, std::size_t{7}}) {
       Client client(server);
@@ -314,7 +314,7 @@ TEST(HttpServer, AnIdleConnectionDoesNotHoldWhatPassedThroughIt) {
 
 TEST(HttpServer, SilenceEndsAConnectionButAHandlerMayTakeItsTime) {
   EchoHandler handler;
-  LoopbackServer server(handler, {.readTimeout = 50ms, .writeTimeout = 50ms, .extractors = {}});
+  LoopbackServer server(handler, {.readTimeout = 50ms, .writeTimeout = 50ms});
   Client waiting(server);
   waiting.Send("GET /keep HTTP/1.1\r\n\r\n");
   EXPECT_TRUE(server.Logger().WaitFor("Request head: GET /keep HTTP/1.1"));
@@ -335,6 +335,53 @@ TEST(HttpServer, SilenceEndsAConnectionButAHandlerMayTakeItsTime) {
   });
   const auto late = Answer("200 OK\r\nContent-Length: 4\r\n", "late");
   EXPECT_EQ(waiting.Read(late.size()), late);
+}
+
+const std::string kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
+
+/// A request with a body of the limit, of a client behind the front.
+std::string LongRequest(std::string_view client) {
+  return Post("Expect: 100-continue\r\nX-Forwarded-For: " + std::string(client) +
+                  "\r\nContent-Length: " + std::to_string(kBodyLimit) + "\r\n",
+              "");
+}
+
+TEST(HttpServer, BodiesWithoutRoomWaitInTurn) {
+  const std::string body(kBodyLimit, 'b');
+  const std::string answer = Ok("POST /p " + body);
+  EchoHandler handler;
+  LoopbackServer server(handler,
+                        {.httpBodySizeLimitInBytes = kBodyLimit,
+                         .bodyMemory = {.total = 3 * kBodyLimit, .ofParty = 2 * kBodyLimit},
+                         .front = ::getuid()});
+  const auto reads = [](Client& client) { return client.Read(kContinue.size()) == kContinue; };
+  Client first(server), second(server), third(server), other(server), last(server), small(server);
+  for (Client* client : {&first, &second, &third}) client->Send(LongRequest("192.0.2.1"));
+  other.Send(LongRequest("192.0.2.2"));
+  EXPECT_TRUE(reads(first) && reads(second) && reads(other));
+  last.Send(LongRequest("192.0.2.3"));
+  EXPECT_EQ(small.Send(Post("Content-Length: 1000\r\n", body.substr(0, 1000))).Read(26),
+            Ok("POST /p " + body.substr(0, 1000)).substr(0, 26));
+  other.Send(body);
+  EXPECT_EQ(other.Read(answer.size()), answer);
+  EXPECT_TRUE(reads(last));
+  second.Reset();
+  EXPECT_TRUE(reads(third));
+  for (Client* client : {&first, &third, &last})
+    EXPECT_EQ(client->Send(body).Read(answer.size()), answer);
+}
+
+TEST(HttpServer, ABodyThatDoesNotArriveKeepsNobodyWaiting) {
+  EchoHandler handler;
+  LoopbackServer server(
+      handler,
+      {.httpBodySizeLimitInBytes = kBodyLimit,
+       .bodyMemory = {
+           .total = kBodyLimit, .ofParty = kBodyLimit, .leastArrival = 1, .period = 20ms}});
+  Client silent(server), waiting(server);
+  EXPECT_EQ(silent.Send(LongRequest("")).Read(kContinue.size()), kContinue);
+  EXPECT_EQ(waiting.Send(LongRequest("")).Read(kContinue.size()), kContinue);
+  EXPECT_EQ(silent.ReadToEnd(), "");
 }
 
 TEST(HttpServer, CredentialsStayOutOfTheLog) {

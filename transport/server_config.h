@@ -3,6 +3,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <iosfwd>
@@ -12,6 +13,7 @@
 
 #include <boost/asio/ip/tcp.hpp>
 
+#include "transport/http/body_memory.h"
 #include "transport/http/request_head.h"
 
 namespace Orbi::Transport::PicoHttp {
@@ -24,13 +26,14 @@ struct ProtocolHandlerSpec {
   std::chrono::nanoseconds readTimeout = std::chrono::minutes(20);   ///< of each single read
   std::chrono::nanoseconds writeTimeout = std::chrono::minutes(30);  ///< of each single write
   std::uint64_t httpBodySizeLimitInBytes = 2'500'000;
+  BodyMemory::Limits bodyMemory = {};
   /// The account of the program that passes on others' requests, whose word on their addresses is
   /// taken.
   std::optional<uid_t> front = std::nullopt;
   /// The origin whose web pages may call, as browsers tell it; none when empty.
   std::string allowedOrigin{};
   /// When set, all of them must accept a request's head before the request handler is asked.
-  std::optional<std::vector<RequestSpecExtractor>> extractors;
+  std::optional<std::vector<RequestSpecExtractor>> extractors = std::nullopt;
 };
 
 /// Where the server listens and how it serves.

@@ -28,15 +28,13 @@ class AsyncHttpBodyStream {
   using next_layer_type = std::remove_reference_t<NextLayer>;
 
   AsyncHttpBodyStream(NextLayer next, std::uint64_t contentLength)
-      : next_(std::forward<NextLayer>(next)), remaining_(contentLength) {}
+      : next_(std::forward<NextLayer>(next)), length_(contentLength), remaining_(contentLength) {}
 
   /// Whether nothing is left to be read.
   [[nodiscard]] bool AtEnd() const { return remaining_ == 0; }
 
-  /// A size for the next read's buffer that wastes neither memory nor reads.
-  [[nodiscard]] std::size_t ReadSizeHint() const {
-    return std::min<std::uint64_t>(remaining_, 64 * 1024);
-  }
+  /// The room that the whole body may need, if it is no longer than `limit` bytes.
+  [[nodiscard]] std::size_t Longest(std::uint64_t limit) const { return std::min(length_, limit); }
 
   template <class Handler>
   void async_read_some(boost::asio::mutable_buffer buffer, Handler&& handler) {
@@ -57,6 +55,7 @@ class AsyncHttpBodyStream {
 
  private:
   NextLayer next_;
+  const std::uint64_t length_;
   std::uint64_t remaining_;
 };
 

@@ -30,7 +30,12 @@ class AsyncHttpChunkedBodyStream {
   /// Whether nothing is left to be read.
   [[nodiscard]] bool AtEnd() const { return decoder_.Done(); }
 
-  [[nodiscard]] static std::size_t ReadSizeHint() { return Orbi::Asio::kPutbackCapacity; }
+  /// The room that the whole body may need, if it is no longer than `limit` bytes: its last bytes
+  /// are read together with the end of its framing.
+  [[nodiscard]] static std::size_t Longest(std::uint64_t limit) {
+    constexpr std::size_t kForFraming = 1024;
+    return limit + kForFraming;
+  }
 
   template <class Handler>
   void async_read_some(boost::asio::mutable_buffer buffer, Handler&& handler) {

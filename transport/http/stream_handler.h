@@ -20,6 +20,7 @@
 #include "transport/asio/putback_stream.h"
 #include "transport/asio/timeout_base_stream.h"
 #include "transport/errors.h"
+#include "transport/http/body_memory.h"
 #include "transport/http/head_reader.h"
 #include "transport/http/held_answer.h"
 #include "transport/http/request_handler.h"
@@ -35,6 +36,7 @@ struct ConnectionContext {
   ProtocolHandlerSpec spec;
   RequestHandler& handler;
   std::shared_ptr<Log::Logger> logger;
+  std::shared_ptr<BodyMemory> bodies;
 };
 
 /// One connection: reads a head, collects the body, has the request handled, sends the answer, and
@@ -46,7 +48,8 @@ struct ConnectionContext {
 template <class Socket>
 class PicoHttpStreamHandler final
     : public ResponseReceiver,
-      public std::enable_shared_from_this<PicoHttpStreamHandler<Socket>> {
+      public std::enable_shared_from_this<PicoHttpStreamHandler<Socket>>,
+      private BodyMemory::Reader {
  public:
   using Context = ConnectionContext;
 
@@ -133,6 +136,27 @@ class PicoHttpStreamHandler final
     }
     LogRequest("Request head: ", head_.Head());
     transaction_.Begin(head_.Framing(), head_.Expects() == Expectation::kContinue);
+    ClaimMemory();
+  }
+
+  void ClaimMemory() {
+    const auto& framing = head_.Framing();
+    const std::size_t length =
+        framing.chunked ? context_->spec.httpBodySizeLimitInBytes : framing.contentLength;
+    if (length <= BodyMemory::kUnclaimed) return ReadBody();
+    claim_ = std::make_unique<BodyMemory::Claim>(context_->bodies,
+                                                 PeerOfRequest(peer_, head_.Head()).party, length,
+                                                 static_cast<BodyMemory::Reader&>(*this));
+    if (claim_->IsAdmitted()) return ReadBody();
+    claim_->AsyncWait(context_->spec.readTimeout, Then(&Self::AdmittedCb));
+  }
+
+  void AdmittedCb(ErrorCode) {
+    if (!claim_->IsAdmitted()) return ReadFailed(boost::asio::error::timed_out);
+    ReadBody();
+  }
+
+  void ReadBody() {
     transaction_.AsyncReadBody(context_->spec.httpBodySizeLimitInBytes, Then(&Self::RequestReadCb));
   }
 
@@ -154,6 +178,7 @@ class PicoHttpStreamHandler final
 
   void RequestReadCb(ErrorCode ec, std::string body) {
     if (ec) return ReadFailed(ec);
+    if (claim_) claim_->Complete(body.size());
     std::exchange(request_, nullptr)
         ->Handle(std::move(body), ResponseSink(this->shared_from_this()));
   }
@@ -161,6 +186,7 @@ class PicoHttpStreamHandler final
   /// A client that speaks wrongly is told so; to one that is gone or silent there is nothing to
   /// say.
   void ReadFailed(const ErrorCode& ec) {
+    claim_.reset();
     Log("RequestReadCb: orbi.recv.failed: ", ec, " ", ec.message());
     const bool clientsFault =
         ec == Http::HttpError::kMessageTooLong ||
@@ -172,6 +198,7 @@ class PicoHttpStreamHandler final
   // Answering it.
 
   void Respond(Response response) override {
+    claim_.reset();
     if (head_.Framing().leftUnread && head_.Head().keepAlive && !held_)
       Hold(std::move(response));
     else
@@ -285,6 +312,15 @@ class PicoHttpStreamHandler final
     DrainNext();
   }
 
+  // What others want of this connection.
+
+  [[nodiscard]] std::size_t Arrived() const override { return transaction_.Collected(); }
+
+  void GiveUp() noexcept override {
+    Log("Connection closed: its request arrives too slowly while others wait for its memory");
+    base_->Close();
+  }
+
   // Common to all steps.
 
   /// A completion handler that keeps the connection alive up to its next step.
@@ -323,6 +359,7 @@ class PicoHttpStreamHandler final
   HeadReader head_;
   HttpServerTransaction<Stream> transaction_;
   std::shared_ptr<AcceptedRequest> request_;    ///< whose body is being read
+  std::unique_ptr<BodyMemory::Claim> claim_;    ///< until the request is answered
   std::function<void(const ErrorCode&)> sent_;  ///< whom to tell how the answer's sending ends
   std::optional<HeldAnswer> held_;
   bool last_ = false;  ///< the answer that is being sent is the connection's last

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -44,7 +45,8 @@ class HttpServerTransaction {
       body_.template emplace<AsyncHttpBodyStream<Stream&>>(stream_, framing.contentLength);
   }
 
-  /// Collects the body.
+  /// Collects the body. What it takes in memory grows with what arrives: at most twice as much, and
+  /// a little.
   /// @param limit  in bytes; a longer body ends in HttpError::kMessageTooLong as soon as that shows
   /// @param handler  void(error_code, std::string); called from within when there is nothing to be
   ///     read
@@ -57,6 +59,9 @@ class HttpServerTransaction {
         },
         body_);
   }
+
+  /// How much of the body there is.
+  [[nodiscard]] std::size_t Collected() const { return collected_.size(); }
 
   /// Sends the response, behind bytes that are owed from before.
   /// @param handler  void(error_code, std::size_t): the number of bytes that have been sent, the
@@ -83,8 +88,7 @@ class HttpServerTransaction {
   void Collect(Body& body, std::uint64_t limit, Handler&& handler) {
     if (body.AtEnd()) return handler(boost::system::error_code(), std::move(collected_));
     const auto before = collected_.size();
-    collected_.resize(before + body.ReadSizeHint());
-    body.async_read_some(boost::asio::buffer(collected_) + before,
+    body.async_read_some(MakeRoom(body.Longest(limit)),
                          [this, &body, limit, before, handler = std::forward<Handler>(handler)](
                              boost::system::error_code ec, std::size_t count) mutable {
                            collected_.resize(before + count);
@@ -96,6 +100,26 @@ class HttpServerTransaction {
                              return handler(boost::system::error_code(), std::move(collected_));
                            Collect(body, limit, std::move(handler));
                          });
+  }
+
+  /// Makes room behind what has been collected.
+  /// @param longest  what is collected in the end, at most
+  boost::asio::mutable_buffer MakeRoom(std::size_t longest) {
+    constexpr std::size_t kFirst = 1024;
+    constexpr std::size_t kMostAtOnce = 64 * 1024;
+    const std::size_t size = collected_.size();
+    if (size + kFirst / 2 > collected_.capacity() && collected_.capacity() < longest) {
+      // Halves of the whole, so that the last is the whole and no more.
+      std::size_t capacity = longest;
+      while ((capacity + 1) / 2 >= std::max(2 * size, kFirst)) capacity = (capacity + 1) / 2;
+      std::string larger;
+      larger.reserve(capacity);
+      larger.append(collected_);
+      Wipe(collected_);  // it may hold a password
+      collected_.swap(larger);
+    }
+    collected_.resize(size + std::min(kMostAtOnce, collected_.capacity() - size));
+    return boost::asio::buffer(collected_) + size;
   }
 
   template <class Handler>
