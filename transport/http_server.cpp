@@ -18,7 +18,8 @@ std::shared_ptr<const ConnectionContext> MakeContext(boost::asio::io_context& co
                                                      const std::shared_ptr<Log::Logger>& logger) {
   return std::make_shared<ConnectionContext>(ConnectionContext{
       spec, handler, logger,
-      std::make_shared<BodyMemory>(context, spec.httpBodySizeLimitInBytes, spec.bodyMemory)});
+      std::make_shared<BodyMemory>(context, spec.httpBodySizeLimitInBytes, spec.bodyMemory),
+      std::make_unique<ConnectionTable>(spec.mostConnections)});
 }
 
 }  // namespace

@@ -384,6 +384,33 @@ TEST(HttpServer, ABodyThatDoesNotArriveKeepsNobodyWaiting) {
   EXPECT_EQ(silent.ReadToEnd(), "");
 }
 
+TEST(HttpServer, AConnectionWithoutAWholeRequestMakesRoomForANewOne) {
+  EchoHandler handler;
+  for (const bool isFront : {false, true}) {
+    // A quarter of them is one party's, but the front has them all.
+    LoopbackServer server(handler, {.mostConnections = isFront ? 2U : 8U,
+                                    .front = isFront ? std::optional(::getuid()) : std::nullopt});
+    Client busy(server);
+    busy.Send("GET /keep HTTP/1.1\r\n\r\n");
+    EXPECT_TRUE(server.Logger().WaitFor("Request head: GET /keep"));
+    Client idle(server);
+    EXPECT_EQ(idle.Send(kNext).Read(kNextOk.size()), kNextOk);
+    idle.Send("G");
+    Client fresh(server);
+    EXPECT_EQ(fresh.Send("GET /a HTTP/1.1\r\n\r\n").Read(8), "HTTP/1.1");
+    EXPECT_EQ(idle.ReadToEnd(), "");
+    fresh.Send(Post("Content-Length: 9\r\nslow: 1\r\n", "x"));
+    EXPECT_TRUE(server.Logger().WaitFor("slow: 1"));
+    Client last(server);
+    EXPECT_THAT(fresh.ReadToEnd(), EndsWith("GET /a "));
+    last.Send("GET /keep HTTP/1.1\r\nanother: 1\r\n\r\n");
+    EXPECT_TRUE(server.Logger().WaitFor("another: 1"));
+    EXPECT_EQ(Client(server).ReadToEnd(), "");
+    server.Do([&handler] { handler.kept.clear(); });
+    EXPECT_EQ(Client(server).Send(kNext).Read(kNextOk.size()), kNextOk);
+  }
+}
+
 TEST(HttpServer, CredentialsStayOutOfTheLog) {
   EchoHandler handler;
   LoopbackServer server(handler);

@@ -27,6 +27,7 @@ struct ProtocolHandlerSpec {
   std::chrono::nanoseconds writeTimeout = std::chrono::minutes(30);  ///< of each single write
   std::uint64_t httpBodySizeLimitInBytes = 2'500'000;
   BodyMemory::Limits bodyMemory = {};
+  std::size_t mostConnections = 1024;  ///< open at the same time; see ConnectionTable
   /// The account of the program that passes on others' requests, whose word on their addresses is
   /// taken.
   std::optional<uid_t> front = std::nullopt;

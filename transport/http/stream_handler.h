@@ -21,6 +21,7 @@
 #include "transport/asio/timeout_base_stream.h"
 #include "transport/errors.h"
 #include "transport/http/body_memory.h"
+#include "transport/http/connection_table.h"
 #include "transport/http/head_reader.h"
 #include "transport/http/held_answer.h"
 #include "transport/http/request_handler.h"
@@ -37,6 +38,7 @@ struct ConnectionContext {
   RequestHandler& handler;
   std::shared_ptr<Log::Logger> logger;
   std::shared_ptr<BodyMemory> bodies;
+  std::unique_ptr<ConnectionTable> connections;
 };
 
 /// One connection: reads a head, collects the body, has the request handled, sends the answer, and
@@ -49,12 +51,14 @@ template <class Socket>
 class PicoHttpStreamHandler final
     : public ResponseReceiver,
       public std::enable_shared_from_this<PicoHttpStreamHandler<Socket>>,
-      private BodyMemory::Reader {
+      private BodyMemory::Reader,
+      private ConnectionTable::Entry {
  public:
   using Context = ConnectionContext;
 
   PicoHttpStreamHandler(Socket socket, std::shared_ptr<const Context> context)
-      : context_(std::move(context)),
+      : Entry(*context->connections),
+        context_(std::move(context)),
         peer_(PeerOf(socket, context_->spec.front)),
         base_(std::make_shared<BaseStream>(
             WithoutDelay(std::move(socket)),
@@ -63,7 +67,8 @@ class PicoHttpStreamHandler final
         transaction_(stream_) {}
 
   void Start() {
-    Guarded([this] { ReadHead(); });
+    if (Enter(peer_.peer.party, !peer_.isFront)) return Guarded([this] { ReadHead(); });
+    LogRequest("Connection closed: there are too many, and all of them hold requests");
   }
 
  private:
@@ -111,6 +116,7 @@ class PicoHttpStreamHandler final
   }
 
   void HeadComplete() {
+    BeArriving();
     stream_.PutBack(head_.Rest());
     head_.WipeRest();
     // An interim answer would overtake the one that waits.
@@ -152,7 +158,7 @@ class PicoHttpStreamHandler final
   }
 
   void AdmittedCb(ErrorCode) {
-    if (!claim_->IsAdmitted()) return ReadFailed(boost::asio::error::timed_out);
+    if (!claim_ || !claim_->IsAdmitted()) return ReadFailed(boost::asio::error::timed_out);
     ReadBody();
   }
 
@@ -178,6 +184,7 @@ class PicoHttpStreamHandler final
 
   void RequestReadCb(ErrorCode ec, std::string body) {
     if (ec) return ReadFailed(ec);
+    BeBusy();
     if (claim_) claim_->Complete(body.size());
     std::exchange(request_, nullptr)
         ->Handle(std::move(body), ResponseSink(this->shared_from_this()));
@@ -264,6 +271,7 @@ class PicoHttpStreamHandler final
     transaction_.End();
     head_.Reset();
     if (!keep) return Drain();
+    BeIdle();
     ReadHead();
   }
 
@@ -319,6 +327,12 @@ class PicoHttpStreamHandler final
   void GiveUp() noexcept override {
     Log("Connection closed: its request arrives too slowly while others wait for its memory");
     base_->Close();
+  }
+
+  void MakeRoom() noexcept override {
+    LogRequest("Connection closed: it holds no whole request, and another takes its place");
+    base_->Close();
+    if (claim_ && !claim_->IsAdmitted()) claim_.reset();  // ends the wait
   }
 
   // Common to all steps.
