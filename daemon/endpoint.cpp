@@ -16,6 +16,7 @@
 #include "apps/lifecycle/orbi/include/verify.h"
 #include "daemon/stop_deadline.h"
 #include "lifecycle/task_schedular.h"
+#include "tesselibs/descriptor_limit.h"
 #include "tesselibs/feature_state.h"
 #include "tesselibs/log.h"
 #include "tesselibs/preference.h"
@@ -77,6 +78,14 @@ std::optional<uid_t> FrontAccount() {
   return found->pw_uid;
 }
 
+/// What the process may have open but for what it needs besides connections: files, pipes of
+/// helpers, the libraries of PAM.
+std::size_t MostConnections() {
+  constexpr std::size_t kOthers = 256;
+  const std::size_t limit = DescriptorLimit_Raise();
+  return limit - std::min(limit / 2, kOthers);
+}
+
 /// What comes out of a step here, such as a failed allocation, has ended the connection that it was
 /// a step of.
 void CarryConnections(boost::asio::io_context& io) {
@@ -97,6 +106,7 @@ Orbi::Transport::PicoHttp::ServerConfig MakeServerConfig(int port) {
   config.serverSpec.httpBodySizeLimitInBytes = 2'500'000;
   config.serverSpec.front = FrontAccount();
   config.serverSpec.allowedOrigin = Preference_GetString("console_origin", "");
+  config.serverSpec.mostConnections = MostConnections();
   return config;
 }
 

@@ -20,6 +20,7 @@
 #include "pcore/host_ctl_exception.h"
 #include "pcore/reaper.h"
 #include "pcore/resource_group.h"
+#include "tesselibs/descriptor_limit.h"
 #include "tesselibs/signals_blocked.h"
 
 // What runs in the child runs on memory shared with this process, on a stack of its own. Sanitizers
@@ -55,6 +56,7 @@ struct Launch {
   std::vector<char*> environment;
   int streams[3] = {-1, -1, -1};  ///< descriptors to become the standard ones; -1 inherits
   int groupProcesses = -1;        ///< process list of the control group to join
+  rlimit descriptorLimit = DescriptorLimit_OfChildren();
   bool limitData = false;
   rlimit dataLimit{};
   bool changeToRoot = false;
@@ -122,6 +124,7 @@ PCORE_IN_CHILD int RunChild(void* argument) {
       (!launch.newSession || syscall(SYS_setsid) >= 0) &&
       (!launch.changeToRoot || syscall(SYS_chdir, "/") == 0) && PlaceStreams(launch)) {
     CloseOtherDescriptors();
+    syscall(SYS_prlimit64, 0, RLIMIT_NOFILE, &launch.descriptorLimit, nullptr);
     ResetSignals();
     syscall(SYS_execve, launch.arguments.front(), launch.arguments.data(),
             launch.environment.data());
