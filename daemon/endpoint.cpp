@@ -12,6 +12,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "apps/lifecycle/orbi/include/verify.h"
 #include "daemon/stop_deadline.h"
@@ -20,6 +21,7 @@
 #include "tesselibs/feature_state.h"
 #include "tesselibs/log.h"
 #include "tesselibs/preference.h"
+#include "tesselibs/service_notify.h"
 #include "tesselibs/signals_blocked.h"
 #include "transport/api/api_request_handler.h"
 
@@ -126,9 +128,8 @@ Endpoint::Endpoint(Orbi::Core::AsyncApiProviderPtr provider, boost::asio::io_con
 Endpoint::~Endpoint() { Stop(); }
 
 void Endpoint::Start() {
-  // A daemon that no family lets listen stays up: its tasks go on, and a restart is the operator's
-  // decision.
-  (void)server_.Listen();
+  // A daemon that no family lets listen stays up: its tasks go on, and the port may become free.
+  (void)server_.Listen([this](const std::string& families) { TellListening(families); });
   if (ioThread_.joinable()) std::terminate();
   // The first request may bring a task: it must find a scheduler that takes it.
   std::promise<void> ready;
@@ -139,13 +140,32 @@ void Endpoint::Start() {
   });
   if (FeatureState_IsEnabled(Feature::kTaskScheduler))
     (void)LifeCycle::TaskSchedular::Instance().initialise();
+  TellListening(server_.Listening());
   ready.set_value();
-  Log_Level(LogLevel::kNotice, "HTTP endpoint listening on TCP port %d\n", port_);
+}
+
+void Endpoint::TellListening(const std::string& families) {
+  const bool listenedBefore = std::exchange(listens_, !families.empty());
+  if (!listens_) {
+    Log_Level(
+        LogLevel::kCritical,
+        "HTTP endpoint not listening on TCP port %d: neither IPv4 nor IPv6 can, both are tried "
+        "again every 5 seconds\n",
+        port_);
+    ServiceNotify_Tell("STATUS=Cannot listen on TCP port " + std::to_string(port_) +
+                       "; trying again every 5 seconds");
+    return;
+  }
+  if (!listenedBefore)
+    Log_Level(LogLevel::kNotice, "HTTP endpoint listening on TCP port %d\n", port_);
+  ServiceNotify_Tell("READY=1\nSTATUS=Listening on TCP port " + std::to_string(port_) + " (" +
+                     families + ")");
 }
 
 void Endpoint::Stop() {
   io_.stop();
   if (!ioThread_.joinable()) return;
+  ServiceNotify_Tell("STOPPING=1");
   const StopDeadline deadline(kStopTime);
   ioThread_.join();
   CallThreads::HurryUp();

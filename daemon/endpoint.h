@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <string>
 #include <thread>
 
 #include <boost/asio/io_context.hpp>
@@ -28,7 +29,9 @@ class Endpoint {
            CallThreads& threads, std::shared_ptr<OrbiLoggerWrapper> logger);
   ~Endpoint();
 
-  /// Listens and starts the I/O thread. A family that cannot listen is logged and left out.
+  /// Listens and starts the I/O thread. A family that cannot listen is logged and left out, but
+  /// tried again for as long as the daemon runs. The service manager and the log are told whether
+  /// one listens, at each change.
   /// Starting twice ends the process.
   /// @throws std::system_error when no thread can be had
   void Start();
@@ -39,6 +42,8 @@ class Endpoint {
   void Stop();
 
  private:
+  void TellListening(const std::string& families);
+
   int port_;
   std::shared_ptr<OrbiLoggerWrapper> logger_;
   Orbi::Transport::PicoHttp::PicoHttpApiRequestHandler handler_;
@@ -46,6 +51,7 @@ class Endpoint {
   boost::asio::io_context& io_;
   CallThreads& threads_;
   std::thread ioThread_;
+  bool listens_ = false;  ///< as it was told
 };
 
 }  // namespace Host::Settings::SettingsApi

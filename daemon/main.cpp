@@ -22,6 +22,7 @@
 #include "tesselibs/log.h"
 #include "tesselibs/poll.h"
 #include "tesselibs/preference.h"
+#include "tesselibs/service_notify.h"
 
 namespace {
 
@@ -105,6 +106,7 @@ int Serve() {
 
 int main() {
   OpenStandardStreams();
+  ServiceNotify_Init();
   StartSystemLog();
   InstallSignalHandlers();
   FeatureState_InitSilentMode();

@@ -1,8 +1,11 @@
 """How the process starts and stops, and what it does when something it needs is missing."""
 
 import contextlib
+import ctypes
 import json
+import os
 import pathlib
+import resource
 import signal
 import socket
 import subprocess
@@ -10,11 +13,13 @@ import time
 
 import pytest
 
+from orbi_client import Client
 from sandboxed_host import BINARIES, LIFECYCLE, PORT, wait_until
 
 SYNC_FILE = LIFECYCLE / "lifecycle.task"
 STATUS_FILE = LIFECYCLE / "task-status.json"
 METADATA = pathlib.Path("/usr/lib/tessel/lifecycle/metadata")
+PIDFD_GETFD = 438
 
 
 def run_until_end(seconds=20):
@@ -80,6 +85,64 @@ def test_one_family_that_cannot_listen_is_left_out(fresh_host):
         daemon.terminate()
         assert daemon.wait(10) == 0
         fresh_host.wait_for("IPv4 Failed to listen on:", max(0, mark - 50))
+
+
+def shut_down_listeners(process):
+    """Ends the listening of another process, as an error of the kernel would."""
+    libc = ctypes.CDLL(None, use_errno=True)
+    handle = os.pidfd_open(process.pid)
+    for file in os.listdir(f"/proc/{process.pid}/fd"):
+        if os.readlink(f"/proc/{process.pid}/fd/{file}").startswith("socket:"):
+            with socket.socket(fileno=libc.syscall(PIDFD_GETFD, handle, int(file), 0)) as copy:
+                if copy.getsockopt(socket.SOL_SOCKET, socket.SO_ACCEPTCONN):
+                    copy.shutdown(socket.SHUT_RD)
+    os.close(handle)
+
+
+def test_readiness_is_told_while_somebody_can_call(fresh_host, monkeypatch):
+    listening, mark = f"HTTP endpoint listening on TCP port {PORT}", fresh_host.mark()
+    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
+        manager.bind("\0kestreld-test-notify")
+        manager.settimeout(20)
+        monkeypatch.setenv("NOTIFY_SOCKET", "@kestreld-test-notify")
+        with socket.create_server(("", PORT)), socket.create_server(("::", PORT), family=socket.AF_INET6):
+            process = subprocess.Popen([BINARIES / "kestreld"])
+            assert manager.recv(1000).startswith(b"STATUS=Cannot listen")
+            assert "<26>" in fresh_host.wait_for(f"HTTP endpoint not listening on TCP port {PORT}", mark)
+            assert not any(listening in line for line in fresh_host.lines[mark:])
+        try:
+            ready = b"READY=1\nSTATUS=Listening on TCP port %d (IPv4 and IPv6)" % PORT
+            assert manager.recv(1000) == ready
+            fresh_host.wait_for(listening, mark)
+            mark = fresh_host.mark()
+            shut_down_listeners(process)
+            fresh_host.wait_for(";TerminalAcceptError", mark)
+            assert manager.recv(1000).startswith(b"STATUS=Cannot listen")
+            assert manager.recv(1000) == ready
+            fresh_host.wait_for(listening, mark)
+            assert Client(port=PORT, user="root", password="kestrel").call("com.tessel.cis.tasks", "list") == {}
+        finally:
+            process.terminate()
+        assert process.wait(10) == 0
+        assert manager.recv(1000) == b"STOPPING=1"
+
+
+def test_helpers_start_with_the_limits_and_the_environment_of_others(start_daemon, monkeypatch, tmp_path):
+    command, (soft, hard) = BINARIES / "imagemanagerctl.py", resource.getrlimit(resource.RLIMIT_NOFILE)
+    original = command.read_text()
+    monkeypatch.setenv("NOTIFY_SOCKET", "/run/nobody")
+    resource.setrlimit(resource.RLIMIT_NOFILE, (1000, hard))
+    try:
+        daemon = start_daemon()
+        command.write_text(f"import os, resource\nwith open('{tmp_path}/seen', 'w') as seen:\n"
+                           "    print(resource.getrlimit(resource.RLIMIT_NOFILE), 'NOTIFY_SOCKET' in os.environ,"
+                           " file=seen)\nprint('[]')\n")
+        assert daemon.client().call("com.tessel.ryx.host_settings.depots", "list") == []
+        assert (tmp_path / "seen").read_text() == f"(1000, {hard}) False\n"
+        assert resource.prlimit(daemon.process.pid, resource.RLIMIT_NOFILE) == (min(hard, 16384), hard)
+    finally:
+        command.write_text(original)
+        resource.setrlimit(resource.RLIMIT_NOFILE, (soft, hard))
 
 
 @pytest.fixture

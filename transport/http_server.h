@@ -1,6 +1,8 @@
 #pragma once
 
+#include <functional>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include <boost/asio/io_context.hpp>
@@ -27,19 +29,25 @@ class HttpServer {
              std::shared_ptr<Log::Logger> logger);
   ~HttpServer();
 
-  /// Starts to listen, on IPv4 first. A family that cannot is logged and left out.
+  /// What Listening() has become.
+  using ListeningChanged = std::function<void(const std::string& families)>;
+
+  /// Starts to listen, on IPv4 first. A family that cannot is logged and left out; it is tried
+  /// again in every ServerConfig::listenInterval, without a word, as is one that is lost later.
+  /// @param changed  called on the thread that runs the I/O context
   /// @return PicoHttpError::kFailedToListen when neither family listens
-  [[nodiscard]] boost::system::error_code Listen();
+  [[nodiscard]] boost::system::error_code Listen(ListeningChanged changed = {});
+
+  /// The families that it listens on: "IPv4 and IPv6", "IPv4", "IPv6", or none.
+  [[nodiscard]] std::string Listening() const;
 
   /// Where it listens, with the ports that the system chose for those given as 0.
   [[nodiscard]] std::vector<boost::asio::ip::tcp::endpoint> LocalEndpoints() const;
 
  private:
-  struct Server;
+  class Server;
 
-  ServerConfig config_;
-  const std::shared_ptr<Log::Logger> logger_;
-  const std::unique_ptr<Server> server_;
+  std::shared_ptr<Server> server_;
 };
 
 }  // namespace Orbi::Transport::PicoHttp

@@ -44,6 +44,8 @@ struct ServerConfig {
   boost::asio::ip::tcp::endpoint endpoint4{boost::asio::ip::tcp::v4(), 0};
   boost::asio::ip::tcp::endpoint endpoint6{boost::asio::ip::tcp::v6(), 0};
   ProtocolHandlerSpec serverSpec;
+  /// How often a family that does not listen is tried again.
+  std::chrono::milliseconds listenInterval{5000};
 };
 
 /// Text forms for diagnostics. They tell of a localizer, which the server does not have: answers

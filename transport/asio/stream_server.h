@@ -11,7 +11,6 @@
 #include <memory>
 #include <string_view>
 #include <utility>
-#include <vector>
 
 #include <boost/asio/basic_socket_acceptor.hpp>
 #include <boost/asio/basic_stream_socket.hpp>
@@ -171,14 +170,15 @@ class Acceptor : public std::enable_shared_from_this<Acceptor<AcceptCond>> {
 };
 
 /// A server of one protocol on any number of endpoints. Each accepted connection becomes a
-/// StreamHandler, which owns itself from then on. Connections outlive the server; they end with the
-/// I/O context.
+/// StreamHandler, which owns itself from then on. Listeners and connections outlive the server;
+/// they end with the I/O context.
 ///
 /// Not thread-safe: used before the I/O context runs, on its thread, or after it was stopped.
 template <class StreamHandler, class AcceptCond = AcceptAllCond>
 class StreamServer {
  public:
   using Endpoint = boost::asio::ip::tcp::endpoint;
+  using Listener = std::shared_ptr<Acceptor<AcceptCond>>;
 
   StreamServer(boost::asio::io_context& ioContext, StreamServerSpec spec,
                std::shared_ptr<Log::Logger> logger,
@@ -191,26 +191,16 @@ class StreamServer {
   StreamServer(const StreamServer&) = delete;
   StreamServer& operator=(const StreamServer&) = delete;
 
-  ~StreamServer() {
-    for (const auto& acceptor : acceptors_) acceptor->Close();
-  }
-
-  /// Accepts connections on one more endpoint.
+  /// Accepts connections on one more endpoint, until the listener is closed.
   /// @throws boost::system::system_error when the socket cannot be opened, bound or listened on
-  void Listen(const Endpoint& endpoint) {
+  [[nodiscard]] Listener Listen(const Endpoint& endpoint) {
     auto acceptor = std::make_shared<Acceptor<AcceptCond>>(
         ioContext_, spec_, logger_, [context = handlerContext_](TcpSocket socket) {
           std::make_shared<StreamHandler>(std::move(socket), context)->Start();
         });
     acceptor->Listen(endpoint);
     Log::Write(*logger_, Log::kDebug, "Listening on: ", acceptor->LocalEndpoint());
-    acceptors_.push_back(std::move(acceptor));
-  }
-
-  [[nodiscard]] std::vector<Endpoint> LocalEndpoints() const {
-    std::vector<Endpoint> endpoints;
-    for (const auto& acceptor : acceptors_) endpoints.push_back(acceptor->LocalEndpoint());
-    return endpoints;
+    return acceptor;
   }
 
  private:
@@ -218,7 +208,6 @@ class StreamServer {
   const StreamServerSpec spec_;
   const std::shared_ptr<Log::Logger> logger_;
   const std::shared_ptr<const typename StreamHandler::Context> handlerContext_;
-  std::vector<std::shared_ptr<Acceptor<AcceptCond>>> acceptors_;
 };
 
 }  // namespace Orbi::Asio
