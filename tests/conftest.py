@@ -90,8 +90,8 @@ def start_daemon(fresh_host):
     """Starts daemons on a fresh host; those that still run at the end must stop in order."""
     started = []
 
-    def start():
-        started.append(Daemon(fresh_host))
+    def start(**options):
+        started.append(Daemon(fresh_host, **options))
         return started[-1]
 
     yield start

@@ -79,12 +79,13 @@ class SystemLog:
 
 
 class Daemon:
-    """One run of kestreld."""
+    """One run of kestreld. `descriptors` is how many it may open, when not as many as the tests."""
 
-    def __init__(self, log):
+    def __init__(self, log, descriptors=None):
         self.log = log
         self.mark = log.mark()
-        self.process = subprocess.Popen([BINARIES / "kestreld"])
+        limit = ["prlimit", f"--nofile={descriptors}"] if descriptors else []
+        self.process = subprocess.Popen([*limit, BINARIES / "kestreld"])
         try:
             wait_until(self._answers, what="the first answer")
         except BaseException:
