@@ -1,6 +1,7 @@
 #include "lifecycle/json_task_store.h"
 
 #include <fcntl.h>
+#include <rapidjson/error/en.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -134,12 +135,13 @@ void JsonTaskStore::ForEach(const TaskDB::RecordVisit& visit) const {
     const AccessLock lock = Lock();
     text = std::move(content).Read();
   }
-  const StatusText tasks(std::move(text), path_);
-  rapidjson::Document record;
-  for (std::size_t i = 0; i < tasks.count(); ++i) {
-    tasks[i].Decode(record, text);
-    visit(tasks[i].Id(), record);
-  }
+  // All at once, since all are looked at: one after the other takes nearly twice as long.
+  rapidjson::Document tasks;
+  if (const auto result = JsonDocument::ParseInPlace(text, tasks); result.IsError())
+    throw JsonParseError(rapidjson::GetParseError_En(result.Code()));
+  if (!tasks.IsObject()) throw UnusableTaskFileError(path_, kNoObject);
+  for (const auto& [name, record] : JsonDocument::Members(tasks))
+    visit(std::string(JsonDocument::TextOf(&name)), record);
 }
 
 /// @param changed  the record that must be in the file whatever else has to be left out of it

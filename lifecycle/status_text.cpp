@@ -58,7 +58,7 @@ void RecordText::Decode(rapidjson::Document& document, std::string& text) const 
 StatusText::StatusText(std::string text, const std::string& path) : text_(std::move(text)) {
   auto scan = JsonDocument::ScanObject(text_);
   if (scan.result.IsError()) throw JsonParseError(rapidjson::GetParseError_En(scan.result.Code()));
-  if (!scan.isObject) throw UnusableTaskFileError(path, "is no JSON object");
+  if (!scan.isObject) throw UnusableTaskFileError(path, kNoObject);
   places_ = std::move(scan.members);
 }
 

@@ -26,6 +26,9 @@ class JsonParseError : public std::exception {
   std::string text_;
 };
 
+/// Why a file that parses holds no records.
+inline constexpr char kNoObject[] = "is no JSON object";
+
 /// The task status file may be JSON, but none that records can be read from: it is larger than any
 /// document read, or no object.
 class UnusableTaskFileError : public std::exception {
