@@ -3,13 +3,17 @@
 #include <algorithm>
 #include <charconv>
 #include <cstring>
-#include <limits>
+
+#include "orbi/http/phr_parse.h"
 
 namespace Orbi::Transport::PicoHttp::PicoHttpDetail {
 namespace {
 
 /// Extensions and trailers together may take as much as a request head; nobody has a use for more.
 constexpr std::size_t kMaxPassedOver = 4096;
+
+/// What the largest size has, and a client that writes zeros before it needs no more either.
+constexpr std::size_t kMaxSizeDigits = 16;
 
 bool IsText(char c) { return c == '\t' || (static_cast<unsigned char>(c) >= ' ' && c != 0x7f); }
 
@@ -40,8 +44,13 @@ ChunkDecoder::State ChunkDecoder::Next(char c) {
       return SizeDigit(c);
     case State::kSize:
       if (c == '\r') return State::kSizeLf;
-      if (c == ';' || c == ' ' || c == '\t') return State::kExtension;
+      if (c == ';') return State::kExtension;
+      if (c == ' ' || c == '\t') return Passed(c, State::kSizeBlank, State::kFailed);
       return SizeDigit(c);
+    case State::kSizeBlank:
+      if (c == ';') return State::kExtension;
+      if (c == '\r' || c == ' ' || c == '\t') return Passed(c, State::kSizeBlank, State::kSizeLf);
+      return State::kFailed;
     case State::kExtension:
       return Passed(c, State::kExtension, State::kSizeLf);
     case State::kSizeLf:
@@ -49,9 +58,12 @@ ChunkDecoder::State ChunkDecoder::Next(char c) {
     case State::kDataCr:
       return expect('\r', State::kDataLf);
     case State::kDataLf:
+      digits_ = 0;
       return expect('\n', State::kSizeStart);
     case State::kTrailerStart:
-      return Passed(c, State::kTrailer, State::kEndLf);
+      return c == '\r' ? State::kEndLf : TrailerName(c);
+    case State::kTrailerName:
+      return c == ':' ? State::kTrailer : TrailerName(c);
     case State::kTrailer:
       return Passed(c, State::kTrailer, State::kTrailerLf);
     case State::kTrailerLf:
@@ -66,9 +78,13 @@ ChunkDecoder::State ChunkDecoder::Next(char c) {
 ChunkDecoder::State ChunkDecoder::SizeDigit(char c) {
   std::uint64_t digit = 0;
   if (std::from_chars(&c, &c + 1, digit, 16).ec != std::errc()) return State::kFailed;
-  if (remaining_ > std::numeric_limits<std::uint64_t>::max() >> 4) return State::kFailed;
+  if (++digits_ > kMaxSizeDigits) return State::kFailed;
   remaining_ = remaining_ << 4 | digit;
   return State::kSize;
+}
+
+ChunkDecoder::State ChunkDecoder::TrailerName(char c) {
+  return IsToken({&c, 1}) ? Passed(c, State::kTrailerName, State::kFailed) : State::kFailed;
 }
 
 ChunkDecoder::State ChunkDecoder::Passed(char c, State same, State lineEnd) {

@@ -8,8 +8,8 @@ namespace Orbi::Transport::PicoHttp::PicoHttpDetail {
 
 /// Removes the chunked transfer coding (RFC 9112, section 7.1) from bytes as they arrive. Chunk
 /// extensions and trailer fields are passed over. Stricter than old servers: lines end in CRLF and
-/// nothing else, because two readers of one connection that disagree on line ends disagree on where
-/// a request ends.
+/// nothing else, nothing but an extension follows a size, and a trailer is a field, because two
+/// readers of one connection that disagree on a line disagree on where a request ends.
 class ChunkDecoder {
  public:
   struct Result {
@@ -31,12 +31,14 @@ class ChunkDecoder {
   enum class State {
     kSizeStart,
     kSize,
+    kSizeBlank,
     kExtension,
     kSizeLf,
     kData,
     kDataCr,
     kDataLf,
     kTrailerStart,
+    kTrailerName,
     kTrailer,
     kTrailerLf,
     kEndLf,
@@ -46,10 +48,12 @@ class ChunkDecoder {
 
   State Next(char c);
   State SizeDigit(char c);
+  State TrailerName(char c);
   State Passed(char c, State same, State lineEnd);
 
   State state_ = State::kSizeStart;
   std::uint64_t remaining_ = 0;  ///< of the current chunk
+  std::size_t digits_ = 0;       ///< of the current chunk's size
   std::size_t passedOver_ = 0;   ///< octets of extensions and trailers so far
 };
 

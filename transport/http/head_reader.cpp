@@ -1,11 +1,35 @@
 #include "transport/http/head_reader.h"
 
 #include <charconv>
+#include <utility>
 
 #include "tesselibs/ascii.h"
 #include "transport/errors.h"
 
 namespace Orbi::Transport::PicoHttp {
+namespace {
+
+bool AllOf(std::string_view text, std::string_view allowed) {
+  return text.find_first_not_of(allowed) == text.npos;
+}
+
+/// uri-host [":" port] (RFC 9110, section 7.2), without the comma that RFC 3986 lets a name have:
+/// whoever joins two Host lines by one makes it look like a name.
+bool IsHost(std::string_view value) {
+  static constexpr std::string_view kDigits = "0123456789";
+  static constexpr std::string_view kAddress = "0123456789abcdefABCDEF:.";
+  static constexpr std::string_view kName =
+      "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ-._~%!$&'()*+;=";
+  const bool bracketed = value.starts_with('[');
+  const auto end = bracketed ? value.find(']') : value.find(':');
+  if (bracketed && (end == value.npos || !AllOf(value.substr(1, end - 1), kAddress))) return false;
+  if (!bracketed && !AllOf(value.substr(0, end), kName)) return false;
+  if (end == value.npos) return true;
+  const auto port = value.substr(bracketed ? end + 1 : end);
+  return port.empty() || (port.starts_with(':') && AllOf(port.substr(1), kDigits));
+}
+
+}  // namespace
 
 /// The headers that the transport itself acts on. A header that comes more than once is visited
 /// each time.
@@ -39,6 +63,7 @@ const HeadReader::Visitor HeadReader::Visitor::kAll[] = {
          reader.expectation_ = Expectation::kUnknown;
        return boost::system::error_code();
      }},
+    {"host", [](HeadReader& reader, std::string_view value) { return reader.VisitHost(value); }},
     {"transfer-encoding",
      [](HeadReader& reader, std::string_view value) {
        return reader.VisitTransferEncoding(value);
@@ -93,6 +118,12 @@ boost::system::error_code HeadReader::SettleFraming() {
     framing_ = {.chunked = true};
   }
   ForceEmptyBody();
+  return {};
+}
+
+/// RFC 9112, section 3.2. A request without any is taken: the same service answers for every name.
+boost::system::error_code HeadReader::VisitHost(std::string_view value) {
+  if (std::exchange(named_, true) || !IsHost(value)) return PicoHttpError::kInvalidRequest;
   return {};
 }
 
@@ -158,7 +189,7 @@ void HeadReader::Reset() {
   head_ = {};
   framing_ = {};
   expectation_ = Expectation::kNone;
-  coded_ = asksToKeep_ = asksToClose_ = false;
+  coded_ = named_ = asksToKeep_ = asksToClose_ = false;
 }
 
 }  // namespace Orbi::Transport::PicoHttp

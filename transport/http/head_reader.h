@@ -77,6 +77,7 @@ class HeadReader {
   boost::system::error_code VisitHeaders();
   boost::system::error_code VisitContentLength(std::string_view value);
   boost::system::error_code VisitTransferEncoding(std::string_view value);
+  boost::system::error_code VisitHost(std::string_view value);
   boost::system::error_code SettleFraming();
   void ForceEmptyBody();
 
@@ -88,6 +89,7 @@ class HeadReader {
   BodyFraming framing_;
   Expectation expectation_ = Expectation::kNone;
   bool coded_ = false;  ///< there is a transfer-encoding
+  bool named_ = false;  ///< there is a host
   bool asksToKeep_ = false;
   bool asksToClose_ = false;
 };
