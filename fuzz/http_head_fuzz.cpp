@@ -30,7 +30,8 @@ bool Feed(HeadReader& reader, std::string_view bytes, std::size_t step) {
 std::string Meaning(const HeadReader& reader) {
   std::ostringstream text;
   text << reader.Head() << reader.Head().keepAlive << reader.Framing().chunked
-       << reader.Framing().contentLength << static_cast<int>(reader.Expects());
+       << reader.Framing().contentLength << reader.Framing().leftUnread
+       << static_cast<int>(reader.Expects());
   return text.str();
 }
 
