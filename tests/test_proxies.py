@@ -30,7 +30,14 @@ APACHE = "\n".join(["ServerName localhost", "PidFile apache.pid", "ErrorLog /dev
                         f"LoadModule {name}_module /usr/lib/apache2/modules/mod_{name}.so"
                         for name in APACHE_MODULES), "{}"])
 APACHE_KEPT = "Listen 8080\nProxyPass / http://127.0.0.1:%d/\nProxyAddHeaders {}"
-HAPROXY = "global\n  nbthread 1\ndefaults\n  mode http\n  timeout client 30s\n  timeout server 30s\n  timeout connect 5s\n{}"
+HAPROXY = """global
+  nbthread 1
+defaults
+  mode http
+  timeout client 30s
+  timeout server 30s
+  timeout connect 5s
+{}"""
 HAPROXY_KEPT = """listen kestreld
   bind :8080
   http-reuse always

@@ -6,10 +6,9 @@
 ///
 /// | preference | meaning | default |
 /// |---|---|---|
-/// | console_origin | origin of the web console whose pages may call the API,
-/// "https://console.example" | none | | front_account | account of the program that takes TLS
-/// connections and passes on their requests | www-data | | libdir | directory of the libraries that
-/// come bundled with the host | /usr/lib/tessel |
+/// | console_origin | whose web pages may call the API: "https://console.example" | none |
+/// | front_account | account of the program that passes on the requests of TLS clients | www-data |
+/// | libdir | directory of the libraries that come bundled with the host | /usr/lib/tessel |
 
 /// Reads the preferences. Called once at start-up, before threads that ask for any are started; a
 /// missing file leaves every preference unset.
