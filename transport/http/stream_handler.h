@@ -154,6 +154,7 @@ class PicoHttpStreamHandler final
                                                  PeerOfRequest(peer_, head_.Head()).party, length,
                                                  static_cast<BodyMemory::Reader&>(*this));
     if (claim_->IsAdmitted()) return ReadBody();
+    if (held_) return ReadFailed(boost::asio::error::timed_out);  // an answer waits, but not long
     claim_->AsyncWait(context_->spec.readTimeout, Then(&Self::AdmittedCb));
   }
 
