@@ -121,13 +121,13 @@ void AuditLog::SumUp() {
     const std::lock_guard lock(mutex_);
     refusals.swap(refusals_);
   }
-  for (const auto& [party, refused] : refusals) {
-    if (refused.count <= kToldOfParty) continue;
-    Unharmed([&] {
+  Unharmed([&refusals] {
+    for (const auto& [party, refused] : refusals) {
+      if (refused.count <= kToldOfParty) continue;
       Log_Level(LogLevel::kNotice, "[Audit]: ... and %s more from %s in the last minute\n",
                 Grouped(refused.count - kToldOfParty).c_str(), refused.address.c_str());
-    });
-  }
+    }
+  });
 }
 
 }  // namespace Host::Settings::SettingsApi::Authn
