@@ -6,8 +6,8 @@ bool ConnectionTable::Entry::Enter(const std::string& party, bool isLimited) {
   constexpr std::size_t kParts = 4;
   const auto place = table_.parties_.try_emplace(party).first;
   ++place->second.count;  // stays while room is made
-  const bool inParty =
-      !isLimited || place->second.count <= table_.most_ / kParts || GiveWay(place->second.candidates);
+  const bool inParty = !isLimited || place->second.count <= table_.most_ / kParts ||
+                       GiveWay(place->second.candidates);
   const bool inAll = inParty && (table_.count_ < table_.most_ || GiveWay(table_.candidates_));
   if (!inAll) {
     if (--place->second.count == 0) table_.parties_.erase(place);
