@@ -158,12 +158,12 @@ def stuck_system_log(fresh_host):
     os.rename("/dev/log.aside", "/dev/log")
 
 
-def test_a_stuck_system_log_stalls_nobody(stuck_system_log, start_daemon):
+def test_a_stuck_system_log_stalls_nobody(stuck_system_log, trusted_front, start_daemon):
     daemon = start_daemon()
     root = Client(port=PORT, user="root", password="kestrel", timeout=20)
-    stranger = Client(port=PORT, user="mallory", password="wrong", timeout=20)
-    for _ in range(20):
+    for number in range(20):
         assert root.call(TASKS, "list") == {}
+        stranger = Client(port=PORT, user="mallory", password="wrong", timeout=20, forwarded_for=f"192.0.2.{number}")
         with pytest.raises(OrbiError):
             stranger.call(TASKS, "list")  # of which PAM tells the system log
     assert daemon.stop() == 0
