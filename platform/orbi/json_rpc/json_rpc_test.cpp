@@ -88,6 +88,11 @@ TEST(RequestDeserializer, TellsWhatIsWrongAndEchoesTheId) {
     for (int i = 0; i < count; ++i) all += (i ? ", \"" : "\"") + std::to_string(i) + R"(": "x")";
     return params(R"("ctx": {"appCtx": {)" + all + "}}");
   };
+  const auto values = [&](int count) {
+    std::string all = "[]";
+    for (int i = 1; i < count; ++i) all += ",[]";
+    return params(R"("input": [)" + all + "]");
+  };
   const struct {
     std::string body;
     const char* id;
@@ -122,6 +127,7 @@ TEST(RequestDeserializer, TellsWhatIsWrongAndEchoesTheId) {
       {params(R"("ctx": {"appCtx": {"opId": 1}})"), "7", -32602, "appCtx"},
       {params(R"("ctx": {"appCtx": {"a": "1", "a": "2"}})"), "7", -32602, "twice"},
       {entries(65), "7", -32602, "appCtx has more than 64 entries"},
+      {values(50'000), "7", -32602, "input: has more than 100000 parts"},
       {params(R"("ctx": {"securityCtx": {"password": null}})"), "7", -32602, "password"},
       {params(R"("ctx": {"securityCtx": "x"})"), "7", -32602, "securityCtx"},
   };

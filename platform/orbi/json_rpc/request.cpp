@@ -20,6 +20,10 @@ constexpr std::string_view kInvoke = "invoke";
 constexpr std::string_view kTooManyEntries = "has more than 64 entries";
 static_assert(Core::kMaxApplicationEntries == 64);
 
+/// Values take many times the memory of their text, and whoever sends them is not known yet.
+constexpr std::size_t kMaxInputParts = 100'000;  ///< names, values and the ends of containers
+constexpr const char* kTooManyParts = "input: has more than 100000 parts";
+
 /// The objects of the envelope.
 enum class Place { kRoot, kParams, kContext, kApplication, kSecurity };
 
@@ -124,6 +128,7 @@ class RequestReader final : public Events {
   // Inside a member whose parts are no members of the envelope: ignored, or the input's.
   std::size_t subtreeNesting_ = 0;
   std::optional<ValueBuilder> builder_;  ///< while the input is read and good
+  std::size_t inputParts_ = 0;
 
   RequestId id_;
   std::optional<std::string> version_;
@@ -231,6 +236,11 @@ void RequestReader::StartSubtree(const Member& member, Container container) {
 template <typename Event>
 void RequestReader::Build(const Event& event) {
   if (!builder_) return;
+  if (++inputParts_ > kMaxInputParts) {
+    if (paramsFault_.empty()) paramsFault_ = kTooManyParts;
+    builder_.reset();
+    return;
+  }
   const bool good = event(*builder_);
   if (good && !builder_->done()) return;
   if (good) {
