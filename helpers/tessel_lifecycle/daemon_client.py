@@ -1,12 +1,13 @@
 """Calls of this host's own daemon: Orbi's JSON-RPC over HTTP/1.1 on the loopback address."""
 
+import contextlib
 import functools
 import http.client
 import json
 import socket
 import time
 
-from tessel_lifecycle import host_claim, ticket
+from tessel_lifecycle import host_claim, own_port, ticket
 from tessel_lifecycle.document import Fields, compact, list_of, parse, size, text
 from tessel_lifecycle.errors import TaskError
 from tessel_lifecycle.plain_json import opened, option
@@ -101,9 +102,10 @@ class Daemon:
 
     def _ask(self, service, operation, fields):
         try:
-            with ticket.issued() as credential:
+            # There is no ticket before it is known who will receive it.
+            with contextlib.closing(_Connection()) as connection, ticket.issued() as credential:
                 security = {"schemeId": _SCHEME, "userName": credential, "password": credential}
-                answer = _post({"jsonrpc": "2.0", "id": 1, "method": "invoke", "params": {
+                answer = connection.post({"jsonrpc": "2.0", "id": 1, "method": "invoke", "params": {
                     "serviceId": service, "operationId": operation, "ctx": {"securityCtx": security},
                     "input": {"STRUCTURE": {"operation-input": fields}}}})
         except (OSError, http.client.HTTPException) as error:
@@ -114,23 +116,28 @@ class Daemon:
         return result.value.get("output")
 
 
-def _post(request):
-    """The body of the answer to a request. @throws OSError, HTTPException, NoAnswer"""
-    content = json.dumps(request, separators=(",", ":"), ensure_ascii=False).encode()
-    if len(content) > _MOST_REQUEST:
-        raise _Unanswerable(f"the request would have {len(content)} bytes")
-    connection = http.client.HTTPConnection("127.0.0.1", socket.getservbyname("kestreld", "tcp"), timeout=_ANSWER_TIME)
-    connection.response_class = functools.partial(TimedResponse, deadline=time.monotonic() + _ANSWER_TIME)
-    try:
-        connection.request("POST", "/api", content, {
+class _Connection(http.client.HTTPConnection):
+    """A connection to the daemon, for one call. @throws OSError"""
+
+    auto_open = 0  # not to anybody else later
+
+    def __init__(self):
+        super().__init__("127.0.0.1", socket.getservbyname("kestreld", "tcp"), timeout=_ANSWER_TIME)
+        self.sock = own_port.connect(self.port, self.timeout)
+
+    def post(self, request):
+        """The body of the answer to a request. @throws OSError, HTTPException, NoAnswer"""
+        content = json.dumps(request, separators=(",", ":"), ensure_ascii=False).encode()
+        if len(content) > _MOST_REQUEST:
+            raise _Unanswerable(f"the request would have {len(content)} bytes")
+        self.response_class = functools.partial(TimedResponse, deadline=time.monotonic() + _ANSWER_TIME)
+        self.request("POST", "/api", content, {
             "Content-Type": "application/json", "Accept": "application/json", "Connection": "close"})
-        response = connection.getresponse()
+        response = self.getresponse()
         body = response.read(_MOST_ANSWER + 1)
-    finally:
-        connection.close()
-    if response.status != 200 or len(body) > _MOST_ANSWER:
-        raise _Unanswerable(f"answered {response.status} and {len(body)} bytes: {body[:80]!r}")
-    return body
+        if response.status != 200 or len(body) > _MOST_ANSWER:
+            raise _Unanswerable(f"answered {response.status} and {len(body)} bytes: {body[:80]!r}")
+        return body
 
 
 def _completed(info):
