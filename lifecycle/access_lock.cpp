@@ -12,11 +12,14 @@
 #include <chrono>
 #include <cstring>
 #include <new>
+#include <optional>
 #include <thread>
 
 #include <boost/filesystem/operations.hpp>
 
 #include "lifecycle/waiting.h"
+#include "tesselibs/socket_owner.h"
+#include "tesselibs/unique_fd.h"
 
 namespace LifeCycle {
 namespace {
@@ -52,6 +55,12 @@ bool BindTo(int descriptor, const std::string& name) {
   std::memcpy(address.sun_path + 1, name.data(), length);
   const auto size = static_cast<socklen_t>(sizeof address.sun_family + 1 + length);
   return bind(descriptor, reinterpret_cast<const sockaddr*>(&address), size) == 0;
+}
+
+/// The user who has bound a name that is in use, when it is not this process's own.
+std::optional<uid_t> StrangerWith(const std::string& name) {
+  const auto owner = OwnerOfAbstractName(name);
+  return owner == geteuid() ? std::nullopt : owner;
 }
 
 }  // namespace
@@ -98,11 +107,10 @@ AccessLock::~AccessLock() noexcept(false) {  // NOLINT(bugprone-exception-escape
 }
 
 bool AccessLock::IsHeld(const std::string& path) {
-  const int descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (descriptor == -1) return true;
-  const bool held = !BindTo(descriptor, SocketName(path));
-  close(descriptor);
-  return held;
+  const std::string name = SocketName(path);
+  if (LockRange::IsHeld(name)) return true;
+  const UniqueFd descriptor(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  return !descriptor || (!BindTo(descriptor.Get(), name) && !StrangerWith(name));
 }
 
 /// @param looks  whether the lock is tried for, too
@@ -137,9 +145,20 @@ void AccessLock::Bind() {
 /// @return 0 or the system's error number; there is no socket when it cannot be made
 int AccessLock::TryToBind() {
   socket_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  return socket_ != -1 && BindTo(socket_, name_) ? 0 : errno;
+  if (socket_ == -1) return errno;
+  const int withoutRange = range_.Take(name_);
+  if (withoutRange == EADDRINUSE) return EADDRINUSE;
+  if (BindTo(socket_, name_)) return 0;
+  if (const int error = errno; error != EADDRINUSE) return error;
+  const auto stranger = StrangerWith(name_);
+  if (!stranger) return EADDRINUSE;
+  if (withoutRange != 0) return withoutRange;
+  syslog(LOG_ERR, "[AccessLock]: socket{%s} is bound by user %u, which is no lock", name_.c_str(),
+         static_cast<unsigned>(*stranger));
+  return 0;
 }
 
+/// The name goes first: whoever has the range finds the name free then.
 void AccessLock::Close() {
   if (socket_ == -1) return;
   int result;
@@ -148,6 +167,7 @@ void AccessLock::Close() {
   } while (result == -1 && errno == EINTR);
   const int error = errno;
   socket_ = -1;
+  range_.Release();
   if (result == -1) throw AccessLockError(error);
 }
 

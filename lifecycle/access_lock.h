@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 
+#include "lifecycle/lock_range.h"
 #include "lifecycle/turn.h"
 
 namespace LifeCycle {
@@ -30,6 +31,10 @@ class AccessLockError : public std::exception {
 /// the name bound holds the lock. Closing the socket releases it, so a process that dies never
 /// leaves a stale lock behind. The file itself is neither needed nor touched, and its path is taken
 /// as it is written: "a/../b" and "b" are two locks.
+///
+/// Any account of the host can bind names. One that a process of another user has bound is no lock,
+/// as the log is told once for each acquisition; the range of the file of locks (lock_range.h) that
+/// is taken first then excludes, as no other user can enter its folder.
 ///
 /// Excludes threads of one process as well as other processes; not re-entrant. May be constructed
 /// on any thread, and waits there; a process that stops does not wait, and does not get the lock.
@@ -78,6 +83,7 @@ class AccessLock {
   void Close();
 
   std::optional<Turn> turn_;  ///< the last to go
+  LockRange range_;           ///< taken before the name, released after it
   int socket_ = -1;
   std::string name_;
 };

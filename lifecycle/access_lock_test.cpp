@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -19,6 +21,7 @@
 
 #include "lifecycle/testing/quick_waits.h"
 #include "tesselibs/testing/system_log.h"
+#include "tesselibs/unique_fd.h"
 
 namespace LifeCycle {
 namespace {
@@ -117,6 +120,60 @@ TEST(AccessLock, LockThatIsHeldForMillisecondsIsHadWithoutAWord) {
     EXPECT_EQ(TryLock(kPath), EADDRINUSE);
   }
   EXPECT_EQ(log.ReceiveText(), "[AccessLock]: Lock acquired on socket" + kName + ", count{0/5}");
+}
+
+/// A socket of another account that has bound the lock's name, as any account of the host can.
+UniqueFd BindAsStranger() {
+  UniqueFd stranger(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::memcpy(address.sun_path + 1, kName.data() + 1, kName.size() - 2);
+  const auto size = static_cast<socklen_t>(sizeof address.sun_family + kName.size() - 1);
+  const auto* const name = reinterpret_cast<const sockaddr*>(&address);
+  const UniqueFd caller(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  // A connection that nobody accepts has the same name, and is told as root's.
+  EXPECT_TRUE(bind(stranger.Get(), name, size) == 0 && listen(stranger.Get(), 1) == 0 &&
+              connect(caller.Get(), name, size) == 0);
+  return fchown(stranger.Get(), 1001, 1001) == 0 ? std::move(stranger) : UniqueFd();
+}
+
+TEST(AccessLock, NameThatAnotherUserHasIsNoLock) {
+  boost::filesystem::remove_all("/var/tessel/lifecycle");
+  UniqueFd stranger = BindAsStranger();
+  if (!stranger) GTEST_SKIP() << "there is one account only in this user namespace";
+  for (const auto before : {AccessLock::Before::kNothing, AccessLock::Before::kShortWait}) {
+    const SystemLog log("/dev/log");
+    openlog(nullptr, LOG_PID, LOG_DAEMON);
+    const QuickWaits waits;
+    auto lock = std::make_unique<AccessLock>(kPath, 5, before);
+    for (const char* line :
+         {"Create lock with retry count{5}", "is bound by user 1001", "Lock acquired on socket"})
+      EXPECT_THAT(log.ReceiveText(), testing::HasSubstr(line));
+    EXPECT_THAT(QuickWaits::Taken(), testing::IsEmpty());
+    EXPECT_TRUE(AccessLock::IsHeld(kPath));
+    EXPECT_EQ(TryLock(kPath), EADDRINUSE);
+    lock.reset();
+    EXPECT_FALSE(AccessLock::IsHeld(kPath));
+  }
+  const AccessLock lock(kPath, 0);
+  stranger.Reset();
+  EXPECT_EQ(TryLock(kPath), EADDRINUSE) << "the name is free, the lock is not";
+}
+
+TEST(AccessLock, NameAloneIsTheLockWhereThereCanBeNoFile) {
+  const boost::filesystem::path folder = "/var/tessel/lifecycle";
+  boost::filesystem::remove_all(folder);
+  boost::filesystem::create_directories(folder.parent_path());
+  boost::filesystem::create_symlink("/nowhere/at/all", folder);
+  {
+    const AccessLock lock(kPath, 0);
+    EXPECT_EQ(TryLock(kPath), EADDRINUSE);
+  }
+  const UniqueFd stranger = BindAsStranger();
+  if (stranger) {
+    EXPECT_EQ(TryLock(kPath), ENOENT);
+  }
+  boost::filesystem::remove(folder);
 }
 
 TEST(AccessLock, ThreadsThatWaitShortlyTakeTurns) {

@@ -69,6 +69,7 @@ TEST_F(HostClaimTest, SaysWhyTheHostIsNotWon) {
     const AccessLock starter(kTaskSyncFile, 0);
     EXPECT_TRUE(ClaimHost(kTaskMarker, "id", 0));
   }
+  fs::remove_all(folder_);
   std::ofstream(folder_) << "no folder";
   EXPECT_TRUE(ClaimHost(kTaskMarker, "id", 0));
   EXPECT_THAT(log.TakeLines(),

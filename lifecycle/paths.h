@@ -8,6 +8,9 @@ namespace LifeCycle {
 /// The records of all tasks. Changed only under the access lock named after it.
 inline const std::string kTaskStatusFile = "/var/tessel/lifecycle/task-status.json";
 
+/// Locked, name by name, by whoever holds access locks.
+inline const std::string kLockFile = "/var/tessel/lifecycle/.locks";
+
 /// Exists while a task is being started or runs; no other task may start meanwhile.
 inline const std::string kTaskSyncFile = "/var/tessel/lifecycle/lifecycle.task";
 

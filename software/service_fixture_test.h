@@ -90,8 +90,10 @@ class ServiceFixture : public testing::Test {
   /// The names and contents of the files in the tasks' directory, a line for each.
   static std::string TaskFiles() {
     std::set<std::string> lines;
-    for (const auto& file : std::filesystem::directory_iterator(kTaskDirectory))
-      lines.insert(file.path().filename().string() + " " + ReadFile(file.path()) + "\n");
+    for (const auto& file : std::filesystem::directory_iterator(kTaskDirectory)) {
+      if (file.path() != LifeCycle::kLockFile)
+        lines.insert(file.path().filename().string() + " " + ReadFile(file.path()) + "\n");
+    }
     return std::accumulate(lines.begin(), lines.end(), std::string());
   }
 

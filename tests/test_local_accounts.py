@@ -9,13 +9,16 @@ import sys
 
 import pytest
 
+from orbi_client import OrbiError
 from sandboxed_host import BINARIES, PORT, REPOSITORY
 
 sys.path.insert(0, str(REPOSITORY / "helpers"))
 
-from tessel_lifecycle import daemon_client, own_port, paths
+from tessel_lifecycle import daemon_client, lock, own_port, paths
 
 TASKS = "com.tessel.cis.tasks"
+IMAGE = {"base_image": {"version": "8.0.1-1"}, "components": {}}
+DOCUMENT = '{"metadata": {"schema_version": "1.0"}, "profile": {"system": {"banner": {"motd": {"text": "Hello"}}}}}'
 MALLORY = 1001
 V4, V6 = socket.AF_INET, socket.AF_INET6
 
@@ -122,3 +125,51 @@ def test_helpers_reach_the_daemon_on_the_family_that_it_has(others, fresh_host):
             assert daemon_client.Daemon(absent=10).call(TASKS, "list") == []
         finally:
             process.terminate()
+
+
+NAMES = [lock.lock_name(path) for path in (paths.TASK_STATUS, paths.TASK_SYNC, paths.APPLY_PID)]
+
+
+@pytest.fixture
+def lock_squatter(others):
+    """A process of an account without rights that has the names of all locks."""
+    program = ("import signal, socket, sys\n"
+               "taken = [socket.socket(socket.AF_UNIX) for _ in sys.argv[1:]]\n"
+               "for one, name in zip(taken, sys.argv[1:]):\n"
+               "    one.bind('\\0' + name)\n"
+               "print('ready', flush=True)\n"
+               "signal.pause()")
+    with subprocess.Popen(["/usr/bin/python3", "-c", program, *(name[1:].decode() for name in NAMES)], user=MALLORY,
+                          group=MALLORY, extra_groups=[], stdout=subprocess.PIPE) as process:
+        assert process.stdout.readline() == b"ready\n"
+        yield process
+        process.kill()
+
+
+def test_whoever_binds_the_names_of_locks_stops_nothing(lock_squatter, start_daemon, sample_depot):
+    daemon = start_daemon()
+    client = daemon.client()
+    for service, operation, fields in (
+            ("com.tessel.ryx.kestrel_daemon.configuration", "validate$task", {"document": DOCUMENT}),
+            ("com.tessel.ryx.kestrel_daemon.software", "scan$task", {"depots": [sample_depot], "software_spec": IMAGE}),
+            ("com.tessel.ryx.hosts.settings", "set$task", {"depots": [sample_depot], "image": IMAGE})):
+        task = client.call(service, operation, **fields)
+        assert client.wait_for_task(task, interval=0.02)["status"] == "SUCCEEDED"
+    daemon.log.wait_for(f"[AccessLock]: socket{{{NAMES[0][1:].decode()}}} is bound by user {MALLORY}, which is no lock",
+                        daemon.mark)
+
+
+@pytest.mark.parametrize("given_free", [False, True])
+def test_daemon_and_helpers_exclude_each_other_without_the_name(given_free, lock_squatter, start_daemon):
+    """Also once the squatter lets go of the name: it is not the lock then, either."""
+    client = start_daemon().client()
+    with lock.access_lock(paths.TASK_SYNC, 0):
+        if given_free:
+            lock_squatter.kill()
+            lock_squatter.wait()
+        with pytest.raises(lock.LockTimeout), lock.access_lock(paths.TASK_SYNC, 0):
+            pass
+        with pytest.raises(OrbiError, match="Another task is in progress"):
+            client.call("com.tessel.ryx.kestrel_daemon.configuration", "validate$task", document=DOCUMENT)
+    task = client.call("com.tessel.ryx.kestrel_daemon.configuration", "validate$task", document=DOCUMENT)
+    assert client.wait_for_task(task, interval=0.02)["status"] == "SUCCEEDED"

@@ -130,9 +130,9 @@ def _keep_guarded(task, guard, sign_of_life):
 
 
 def _only(kept, also_kept):
-    """Closes everything else that was inherited: locks of the worker must end with the worker. Returns `kept`."""
+    """Closes all but a socket and a lock that was inherited: what else the worker locks must end with the worker."""
     start = 3
-    for descriptor in sorted(s.fileno() for s in (kept, also_kept) if s):
+    for descriptor in sorted([kept.fileno(), *(also_kept.descriptors() if also_kept else [])]):
         os.closerange(start, descriptor)
         start = descriptor + 1
     os.closerange(start, os.sysconf("SC_OPEN_MAX"))

@@ -4,6 +4,7 @@ LIFECYCLE = "/var/tessel/lifecycle"
 TASK_STATUS = "/var/tessel/lifecycle/task-status.json"
 TASK_DATABASE = TASK_STATUS + ".db"
 TASK_SYNC = "/var/tessel/lifecycle/lifecycle.task"
+LOCKS = "/var/tessel/lifecycle/.locks"
 APPLY_PID = "/var/tessel/lifecycle/lifecycle.apply.pid"
 # To each of these belongs the task's identifier.
 TASK_HELPER = TASK_SYNC + "-"  # no file, but a lock is named after it

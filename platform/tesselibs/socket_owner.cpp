@@ -2,9 +2,13 @@
 
 #include <linux/inet_diag.h>
 #include <linux/netlink.h>
+#include <linux/rtnetlink.h>
 #include <linux/sock_diag.h>
+#include <linux/unix_diag.h>
 #include <netinet/in.h>
+#include <unistd.h>
 
+#include <array>
 #include <cstddef>
 #include <cstring>
 
@@ -39,6 +43,34 @@ bool Fill(const sockaddr& from, __be32 (&address)[4], __be16& port) {
   return true;
 }
 
+struct UnixQuery {
+  nlmsghdr header;
+  unix_diag_req request;
+};
+
+/// The account of a socket of the kernel's list that has a name and is held by a process: those
+/// that wait to be accepted are held by none, and told as root's.
+std::optional<uid_t> OwnerIfNamed(const nlmsghdr& message, std::string_view name) {
+  const auto* const socket = static_cast<const unix_diag_msg*>(NLMSG_DATA(&message));
+  if (message.nlmsg_len < NLMSG_LENGTH(sizeof *socket) || socket->udiag_ino == 0)
+    return std::nullopt;
+  std::optional<uid_t> owner;
+  bool named = false;
+  const auto* attribute = reinterpret_cast<const rtattr*>(reinterpret_cast<const char*>(socket) +
+                                                          NLMSG_ALIGN(sizeof *socket));
+  auto left = static_cast<int>(message.nlmsg_len - NLMSG_LENGTH(sizeof *socket));
+  for (; RTA_OK(attribute, left); attribute = RTA_NEXT(attribute, left)) {
+    const std::string_view value(static_cast<const char*>(RTA_DATA(attribute)),
+                                 RTA_PAYLOAD(attribute));
+    if (attribute->rta_type == UNIX_DIAG_NAME) {
+      named = value.size() == name.size() + 1 && value.front() == '\0' && value.ends_with(name);
+    } else if (attribute->rta_type == UNIX_DIAG_UID && value.size() == sizeof(uid_t)) {
+      std::memcpy(&owner.emplace(), value.data(), sizeof(uid_t));
+    }
+  }
+  return named ? owner : std::nullopt;
+}
+
 }  // namespace
 
 std::optional<uid_t> OwnerOfOtherEnd(const sockaddr& local, const sockaddr& remote) {
@@ -66,4 +98,35 @@ std::optional<uid_t> OwnerOfOtherEnd(const sockaddr& local, const sockaddr& remo
   // A socket that no process holds is told as root's.
   if (answer.socket.idiag_inode == 0) return std::nullopt;
   return answer.socket.idiag_uid;
+}
+
+std::optional<uid_t> OwnerOfAbstractName(std::string_view name) {
+  UnixQuery query = {};
+  query.header.nlmsg_len = sizeof query;
+  query.header.nlmsg_type = SOCK_DIAG_BY_FAMILY;
+  query.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+  query.request.sdiag_family = AF_UNIX;
+  query.request.udiag_states = ~0U;
+  query.request.udiag_show = UDIAG_SHOW_NAME | UDIAG_SHOW_UID;
+  const UniqueFd netlink(socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));
+  if (!netlink) return std::nullopt;
+  if (send(netlink.Get(), &query, sizeof query, 0) != ssize_t{sizeof query}) return std::nullopt;
+  std::optional<uid_t> owner;
+  alignas(nlmsghdr) std::array<char, 32768> buffer;
+  for (;;) {
+    const ssize_t count = recv(netlink.Get(), buffer.data(), buffer.size(), 0);
+    if (count <= 0) return std::nullopt;
+    const auto size = static_cast<std::size_t>(count);
+    for (std::size_t at = 0; at + sizeof(nlmsghdr) <= size;) {
+      const auto& message = *reinterpret_cast<const nlmsghdr*>(buffer.data() + at);
+      if (message.nlmsg_type == NLMSG_DONE) return owner;
+      if (message.nlmsg_type != SOCK_DIAG_BY_FAMILY || message.nlmsg_len < sizeof message ||
+          message.nlmsg_len > size - at) {
+        return std::nullopt;
+      }
+      const auto found = OwnerIfNamed(message, name);
+      if (found && owner != geteuid()) owner = found;
+      at += NLMSG_ALIGN(message.nlmsg_len);
+    }
+  }
 }
