@@ -13,6 +13,7 @@
 #include "daemon/call_threads.h"
 #include "daemon/endpoint.h"
 #include "daemon/memory_trimmer.h"
+#include "daemon/private_state.h"
 #include "daemon/provider.h"
 #include "lib/ticket/reaper.h"
 #include "lifecycle/access_lock.h"
@@ -109,6 +110,7 @@ int main() {
   ServiceNotify_Init();
   StartSystemLog();
   InstallSignalHandlers();
+  MakeStatePrivate();
   FeatureState_InitSilentMode();
   Preference_Init();
   Poll_InitDefault();

@@ -1,16 +1,18 @@
 """What an account of the host without any rights can do to the daemon and its helpers: nothing."""
 
 import contextlib
+import json
 import os
 import pathlib
 import socket
+import stat
 import subprocess
 import sys
 
 import pytest
 
 from orbi_client import OrbiError
-from sandboxed_host import BINARIES, PORT, REPOSITORY
+from sandboxed_host import BINARIES, LIFECYCLE, PORT, REPOSITORY, STATE
 
 sys.path.insert(0, str(REPOSITORY / "helpers"))
 
@@ -173,3 +175,38 @@ def test_daemon_and_helpers_exclude_each_other_without_the_name(given_free, lock
             client.call("com.tessel.ryx.kestrel_daemon.configuration", "validate$task", document=DOCUMENT)
     task = client.call("com.tessel.ryx.kestrel_daemon.configuration", "validate$task", document=DOCUMENT)
     assert client.wait_for_task(task, interval=0.02)["status"] == "SUCCEEDED"
+
+
+def modes(folder):
+    """What is below a folder, by its path there, with its mode."""
+    paths_below = sorted(folder.rglob("*"))
+    return {str(path.relative_to(folder)): stat.S_IMODE(path.lstat().st_mode)
+            for path in paths_below if not path.is_symlink()}
+
+
+def test_state_is_closed_to_others_and_what_goes_to_the_host_is_not(start_daemon, sample_depot):
+    """Whatever a looser version or a missing tmpfiles.d left, and whatever umask the daemon was started with."""
+    folders = LIFECYCLE, STATE / "configstore"
+    for folder in folders:
+        folder.mkdir(parents=True)
+        folder.chmod(0o777)
+    before = os.umask(0)
+    try:
+        client = start_daemon().client()
+    finally:
+        os.umask(before)
+    for service, operation, fields in (
+            ("com.tessel.ryx.kestrel_daemon.software", "scan$task", {"depots": [sample_depot], "software_spec": IMAGE}),
+            ("com.tessel.ryx.hosts.settings", "set$task",
+             {"depots": [sample_depot], "image": IMAGE, "configuration": json.loads(DOCUMENT)})):
+        task = client.call(service, operation, **fields)
+        assert client.wait_for_task(task, interval=0.02)["status"] == "SUCCEEDED"
+    root = (LIFECYCLE / "image/current/root").resolve()
+    places = *folders, *pathlib.Path("/run/tessel").iterdir()
+    loose = {str(path) for place in places for path in (place, *place.rglob("*"))
+             if path.lstat().st_mode & 0o077 and not path.is_symlink() and path != root and root not in path.parents}
+    assert loose == set()
+    listed = {file["path"]: file.get("mode") for descriptor in (LIFECYCLE / "image/current/descriptors").iterdir()
+              for file in json.loads(descriptor.read_text())["files"] if file["type"] != "link"}
+    assert len(listed) > 5 and modes(root) == {path: listed.get(path, 0o755) for path in modes(root)}
+    assert pathlib.Path("/etc/motd").stat().st_mode & 0o777 == 0o644

@@ -1,9 +1,8 @@
 """The command line of lifecyclectl.py."""
 
-import os
 import sys
 
-from tessel_lifecycle import host_claim, paths
+from tessel_lifecycle import files, host_claim, paths
 from tessel_lifecycle.cli import Command, run_task
 
 COMMAND = Command("host_apply:apply", required=("--cleanup-interval",),
@@ -14,7 +13,7 @@ COMMAND = Command("host_apply:apply", required=("--cleanup-interval",),
 
 def main(arguments):
     """Runs a command line, without the script's name. Returns the exit code."""
-    os.umask(0o022)
+    files.make_state_private()
     if arguments[:1] == ["--apply"]:
         return run_task(COMMAND, arguments[1:])
     print("usage: lifecyclectl.py --apply --task-id ID --cleanup-interval SECONDS "

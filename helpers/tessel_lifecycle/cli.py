@@ -7,7 +7,7 @@ imported when they are run, since the callers of inline commands wait for them.
 import os
 import sys
 
-from tessel_lifecycle import host_claim, paths
+from tessel_lifecycle import files, host_claim, paths
 
 INLINE_LIMIT = 30  # seconds
 
@@ -79,7 +79,7 @@ COMMANDS = {
 
 def main(arguments):
     """Runs a command line, without the script's name. Returns the exit code."""
-    os.umask(0o022)
+    files.make_state_private()
     command = COMMANDS.get(tuple(arguments[:2]))
     if command is None:
         print("usage: imagemanagerctl.py COMMAND, one of:", file=sys.stderr)

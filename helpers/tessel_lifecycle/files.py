@@ -4,17 +4,32 @@ import contextlib
 import os
 import stat
 
+from tessel_lifecycle import paths
+
+
+def make_state_private():
+    """Closes to other users what this process makes from now on, and the state's folder if it is there.
+
+    What is meant for everybody gets its mode from who writes it.
+    """
+    os.umask(0o077)
+    with contextlib.suppress(OSError):  # it may not be there; or not one's own, and then nothing else can be done
+        if os.stat(paths.LIFECYCLE).st_mode & 0o077:
+            os.chmod(paths.LIFECYCLE, 0o700)
+
 
 def replace(path, content, mode=0o644):
     """Puts `content` (bytes) in place of the file at once: readers and a crash find the old or the new one, whole.
 
-    `mode` is for a file that is not there yet.
+    `mode`, less what the umask takes away, is for a file that is not there yet; one that is keeps its own.
     """
-    new = f"{path}.new"
+    new, kept = f"{path}.new", None
     with contextlib.suppress(FileNotFoundError):
-        mode = stat.S_IMODE(os.stat(path).st_mode)
+        mode = kept = stat.S_IMODE(os.stat(path).st_mode)
     try:
         with open(os.open(new, os.O_WRONLY | os.O_CREAT | os.O_TRUNC | os.O_CLOEXEC, mode), "wb") as file:
+            if kept is not None:
+                os.fchmod(file.fileno(), kept)
             file.write(content)
             file.flush()
             os.fsync(file.fileno())
@@ -32,11 +47,15 @@ class Successor:
     """
 
     def __init__(self, path, parts, mode):
-        """`parts` are pieces of bytes. @throws OSError, also where the file system knows no files without a name"""
+        """`parts` are pieces of bytes; the umask takes nothing from `mode`.
+
+        @throws OSError, also where the file system knows no files without a name
+        """
         self._path = path
         flags = os.O_WRONLY | os.O_TMPFILE | os.O_CLOEXEC
         self._file = open(os.open(os.path.dirname(path), flags, mode), "wb")
         try:
+            os.fchmod(self._file.fileno(), mode)
             self._file.writelines(parts)
             self._file.flush()
             os.fsync(self._file.fileno())
@@ -55,6 +74,14 @@ class Successor:
     def close(self):
         """What has not taken its place is gone then."""
         self._file.close()
+
+
+def make_directories(path):
+    """Makes a directory and those above it that are missing, open to everybody as those of an image are."""
+    if not os.path.isdir(path):
+        make_directories(os.path.dirname(path))
+        os.mkdir(path)
+        os.chmod(path, 0o755)
 
 
 def sync_directory(path):

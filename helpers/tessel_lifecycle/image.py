@@ -105,8 +105,8 @@ class Image(Banks):
         """Empties the bank that does not run and returns its name."""
         bank = "b" if self.current() == "a" else "a"
         self.discard(bank)
-        for folder in ("root", "descriptors"):
-            os.makedirs(self.path(bank, folder))
+        os.makedirs(self.path(bank, "descriptors"))
+        files.make_directories(self.path(bank, "root"))
         return bank
 
     def discard(self, bank):

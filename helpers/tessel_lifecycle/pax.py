@@ -67,9 +67,9 @@ def _install(root, file, info, content, on_bytes):
         raise ValueError(f"{file.path}: a {kind}, not a {file.type}")
     target = os.path.join(root, file.path)
     if kind == "directory":
-        os.makedirs(target, exist_ok=True)
+        files.make_directories(target)
         return
-    os.makedirs(os.path.dirname(target), exist_ok=True)
+    files.make_directories(os.path.dirname(target))
     if kind == "link":
         if info.linkname != file.target:
             raise ValueError(f"{file.path}: link has another target")
@@ -178,7 +178,7 @@ def copy_installed(old_root, new_root, descriptor, on_bytes=lambda count: None):
     """
     for file in descriptor.files:
         source, target = os.path.join(old_root, file.path), os.path.join(new_root, file.path)
-        os.makedirs(target if file.type == "directory" else os.path.dirname(target), exist_ok=True)
+        files.make_directories(target if file.type == "directory" else os.path.dirname(target))
         if file.type == "link":
             os.symlink(file.target, target)
         elif file.type == "file":

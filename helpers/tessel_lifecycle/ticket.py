@@ -5,7 +5,9 @@ file, which nobody uses, what the ticket is good for, and on whose behalf it is.
 """
 
 import contextlib
+import errno
 import os
+import stat
 
 from tessel_lifecycle import caller, files, paths
 
@@ -20,10 +22,18 @@ def issued():
     path = f"{paths.TICKETS}/rntkt-{text}"
     user = caller.user().encode()
     user = user if len(user) <= _LONGEST_NAME else b""
-    os.makedirs(paths.TICKETS, mode=0o700, exist_ok=True)
-    os.chmod(paths.TICKETS, 0o700)
+    _set_up(paths.TICKETS)
     try:
         files.replace(path, f"{text}\n\0{_SERVICE}\0".encode() + user + b"\0", 0o600)
         yield text
     finally:
         files.remove(path)
+
+
+def _set_up(directory):
+    """Makes the directory if it is missing and closes it to others. @throws OSError, also when it is somebody else's"""
+    os.makedirs(directory, mode=0o700, exist_ok=True)
+    status = os.lstat(directory)
+    if not stat.S_ISDIR(status.st_mode) or status.st_uid != os.geteuid():
+        raise OSError(errno.EPERM, "not a directory of one's own", directory)
+    os.chmod(directory, 0o700)
