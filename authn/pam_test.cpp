@@ -162,6 +162,7 @@ TEST_F(PamTest, HandlerTakesEqualNameAndPasswordForATicketAndAsksPamForAllOthers
     *fake_ = {};
     if (!c.issuedFor.empty()) {
       std::ofstream(path) << ticket << "\nconfig" << '\0' << c.issuedFor << '\0';
+      std::filesystem::permissions(path, std::filesystem::perms{0600});
     }
     Orbi::Core::ExecutionContext context;
     context.localization.language = "de_DE";

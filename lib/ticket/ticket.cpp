@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <array>
-#include <string_view>
 
 #include "tesselibs/log.h"
 #include "tesselibs/unique_fd.h"
@@ -19,6 +18,7 @@ namespace {
 constexpr std::size_t kShortestText = 16;
 constexpr std::size_t kLongestText = 255;
 constexpr std::size_t kNameBufferSize = 128;
+constexpr mode_t kPermissions = 07777;
 
 std::string PathOf(const std::string& text) { return std::string(kDirectory) + kFilePrefix + text; }
 
@@ -32,14 +32,24 @@ bool LimitFileAccess(const char* path, mode_t mode) {
 
 bool IsOpenToOthers(const struct stat& status) { return (status.st_mode & 077) != 0; }
 
-/// Whether the open file is one that an issuer left: only what this process's own user put there
-/// counts, even if the directory was open to others for a while.
-bool IsTicketFile(int fd, const std::string& path) {
+/// Whether the open file is as an issuer leaves it: what others could have read, put there or still
+/// reach by another name is none.
+bool IsTicketFile(int fd) {
   struct stat status = {};
-  if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode) || status.st_uid != geteuid()) {
-    return false;
+  return fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == geteuid() &&
+         status.st_nlink == 1 && (status.st_mode & kPermissions) == 0600;
+}
+
+/// Whether only this process's user and root decide what stands at a path: each directory on the
+/// way to it is theirs, and closed to what others would write, be it by a sticky bit.
+bool IsReachedSafely(const std::string& path) {
+  for (auto end = path.find('/', 1); end != std::string::npos; end = path.find('/', end + 1)) {
+    struct stat status = {};
+    if (stat(path.substr(0, end).c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) return false;
+    if (status.st_uid != 0 && status.st_uid != geteuid()) return false;
+    if ((status.st_mode & 022) != 0 && (status.st_mode & S_ISVTX) == 0) return false;
   }
-  return !IsOpenToOthers(status) || LimitFileAccess(path.c_str(), 0600);
+  return true;
 }
 
 /// Reads and compares the ticket's own text and the line end behind it.
@@ -132,7 +142,7 @@ std::optional<Content> Find(const std::string& text) {
   const std::string path = PathOf(text);
   // Without O_NONBLOCK a FIFO in place of a ticket would hold up every other caller.
   const UniqueFd file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-  if (!file || !IsTicketFile(file.Get(), path)) {
+  if (!file || !IsTicketFile(file.Get())) {
     Log_Level(LogLevel::kError, "[Ticket] Ticket not found: %s\n", text.c_str());
     return std::nullopt;
   }
@@ -162,11 +172,11 @@ std::optional<Content> ReadContent(int fd, const std::string& text) {
 
 bool SetUpDirectory(const char* path) {
   // With its slash at the end, the path would lead through a symbolic link.
-  std::string_view name = path;
-  while (name.ends_with('/')) name.remove_suffix(1);
+  std::string name = path;
+  while (name.ends_with('/')) name.pop_back();
   struct stat status = {};
-  if (lstat(std::string(name).c_str(), &status) != 0 || !S_ISDIR(status.st_mode) ||
-      status.st_uid != geteuid()) {
+  if (lstat(name.c_str(), &status) != 0 || !S_ISDIR(status.st_mode) || status.st_uid != geteuid() ||
+      !IsReachedSafely(name)) {
     return false;
   }
   return !IsOpenToOthers(status) || LimitFileAccess(path, 0700);

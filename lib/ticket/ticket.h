@@ -37,8 +37,9 @@ struct Content {
 [[nodiscard]] bool IsWellFormed(const std::string& text);
 
 /// Looks the ticket up among the ordinary tickets and reads it. The ticket stays valid.
-/// @return nothing when there is no such ticket, its file is not the issuer's own regular file, or
-///         the content is not that of this ticket
+/// @return nothing when there is no such ticket, its file is not as an issuer leaves it (a regular
+///         file of this process's user, of mode 0600 and with no other name), or the content is not
+///         that of this ticket
 [[nodiscard]] std::optional<Content> Find(const std::string& text);
 
 /// Deletes the ticket's file.
@@ -51,7 +52,8 @@ struct Content {
 [[nodiscard]] std::optional<Content> ReadContent(int fd, const std::string& text);
 
 /// Closes a ticket directory to everybody but its owner.
-/// @return false when it is missing, is not a directory of this process's user, or cannot be closed
+/// @return false when it is missing, is not a directory of this process's user, lies below one that
+///         is another user's or that others may write into, or cannot be closed
 [[nodiscard]] bool SetUpDirectory(const char* path);
 
 }  // namespace Ticket

@@ -1,6 +1,8 @@
 #include "lib/ticket/ticket.h"
 
 #include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <filesystem>
@@ -33,6 +35,7 @@ class TicketTest : public testing::Test {
   static fs::path Issue(const std::string& text, const std::string& content) {
     fs::path path = Ticket::kDirectory + ("rntkt-" + text);
     std::ofstream(path, std::ios::binary) << content;
+    fs::permissions(path, fs::perms{0600});
     return path;
   }
 
@@ -72,26 +75,80 @@ TEST_F(TicketTest, OnlyAWellFormedTextWithAWholeTicketIsFound) {
   }
 }
 
-TEST_F(TicketTest, OnlyARegularFileInAClosedDirectoryIsATicket) {
-  const fs::path moved = "/var/run/tessel/moved/";
-  const fs::path path = Issue(kText, kText + "\nc\0s\0"s);
-  fs::permissions(path, fs::perms{0644});
-  fs::permissions(Ticket::kDirectory, fs::perms{0777});
-  EXPECT_NE(Ticket::Find(kText), std::nullopt);
-  EXPECT_EQ(fs::status(path).permissions(), fs::perms{0600});
-  EXPECT_EQ(fs::status(Ticket::kDirectory).permissions(), fs::perms{0700});
+/// Ways in which something at the place of a ticket, or on the way there, can be wrong. Each begins
+/// with a proper ticket.
+const fs::path kFolder = fs::path(Ticket::kDirectory).parent_path();
+const fs::path kFile = kFolder / (Ticket::kFilePrefix + kText);
+const fs::path kElsewhere = "/var/run/tessel/elsewhere";
+constexpr uid_t kMallory = 1001;
 
-  fs::rename(fs::path(Ticket::kDirectory).parent_path(), moved.parent_path());
-  fs::create_directory_symlink(moved, fs::path(Ticket::kDirectory).parent_path());
-  EXPECT_EQ(Ticket::Find(kText), std::nullopt) << "a link to a directory";
-  fs::remove(fs::path(Ticket::kDirectory).parent_path());
-  fs::create_directory(Ticket::kDirectory);
-  fs::create_symlink(moved / path.filename(), path);
-  EXPECT_EQ(Ticket::Find(kText), std::nullopt) << "a link to a ticket";
-  fs::remove(path);
-  EXPECT_EQ(mkfifo(path.c_str(), 0600), 0);
-  EXPECT_EQ(Ticket::Find(kText), std::nullopt) << "a FIFO";
-  fs::remove_all(moved);
+bool GiveAway(const fs::path& path) { return lchown(path.c_str(), kMallory, kMallory) == 0; }
+
+const std::string kNotFound = "3 [Ticket] Ticket not found: " + kText;
+const std::string kNoFolder = "3 [Ticket] Failed to setup ticket dir (service: none).";
+
+const struct {
+  const char* what;
+  bool (*make)();  ///< tells whether it could, for which another account is needed
+  const std::string& line;
+} kWrong[] = {
+    {"a file that others may read", [] { return chmod(kFile.c_str(), 0604) == 0; }, kNotFound},
+    {"a file that its group may write", [] { return chmod(kFile.c_str(), 0620) == 0; }, kNotFound},
+    {"a file of a strange mode", [] { return chmod(kFile.c_str(), 04600) == 0; }, kNotFound},
+    {"another user's file", [] { return GiveAway(kFile); }, kNotFound},
+    {"a second name", [] { return link(kFile.c_str(), kElsewhere.c_str()) == 0; }, kNotFound},
+    {"a link to it",
+     [] {
+       fs::rename(kFile, kElsewhere);
+       fs::create_symlink(kElsewhere, kFile);
+       return true;
+     },
+     kNotFound},
+    {"a link to nothing",
+     [] {
+       fs::remove(kFile);
+       fs::create_symlink("/nowhere", kFile);
+       return true;
+     },
+     kNotFound},
+    {"a FIFO", [] { return fs::remove(kFile) && mkfifo(kFile.c_str(), 0600) == 0; }, kNotFound},
+    {"a directory", [] { return fs::remove(kFile) && mkdir(kFile.c_str(), 0600) == 0; }, kNotFound},
+    {"another user's folder", [] { return GiveAway(kFolder); }, kNoFolder},
+    {"a link to the folder",
+     [] {
+       fs::rename(kFolder, kElsewhere);
+       fs::create_directory_symlink(kElsewhere, kFolder);
+       return true;
+     },
+     kNoFolder},
+    {"a file in place of the folder",
+     [] {
+       fs::remove_all(kFolder);
+       std::ofstream(kFolder) << "";
+       return true;
+     },
+     kNoFolder},
+    {"another user's folder above", [] { return GiveAway(kFolder.parent_path()); }, kNoFolder},
+    {"a folder above that others may write into",
+     [] { return chmod(kFolder.parent_path().c_str(), 0777) == 0; }, kNoFolder},
+};
+
+TEST_F(TicketTest, OnlyWhatAnIssuerLeavesIsATicket) {
+  for (const auto& wrong : kWrong) {
+    Issue(kText, kText + "\nc\0s\0"s);
+    fs::permissions(kFolder, fs::perms{0755});
+    EXPECT_NE(Ticket::Find(kText), std::nullopt);
+    EXPECT_EQ(fs::status(kFolder).permissions(), fs::perms{0700});
+    if (wrong.make()) {
+      (void)log_.TakeLines();
+      EXPECT_EQ(Ticket::Find(kText), std::nullopt) << wrong.what;
+      EXPECT_THAT(log_.TakeLines(), ElementsAre(wrong.line)) << wrong.what;
+    }
+    fs::remove_all(kFolder.parent_path());
+    fs::create_directories(kFolder);
+    fs::permissions(kFolder.parent_path(), fs::perms{0755});
+  }
+  fs::create_directories(Ticket::kRemoteDeviceDirectory);
 }
 
 TEST_F(TicketTest, OfManyThatRaceForATicketExactlyOneConsumesIt) {
