@@ -35,6 +35,22 @@ if(KESTREL_FUZZ)
     -fsanitize-ignorelist=${PROJECT_SOURCE_DIR}/fuzz/sanitizer-ignorelist.txt)
   add_link_options(-fsanitize=address,undefined)
 endif()
+# What makes a fault that is left harder to use: guarded stacks, checked copies, addresses that are drawn at every start,
+# and tables of addresses that are read-only from then on. tools/check-hardening looks whether the daemon has it.
+if(CMAKE_BUILD_TYPE STREQUAL Release AND NOT KESTREL_SANITIZE AND NOT KESTREL_FUZZ)
+  include(CheckCXXSourceCompiles)
+  include(CheckPIESupported)
+  check_pie_supported(LANGUAGES CXX)
+  set(CMAKE_REQUIRED_FLAGS "-O2 -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=3")
+  check_cxx_source_compiles("#include <features.h>
+    #if __USE_FORTIFY_LEVEL < 3
+    #error The library or the compiler knows less.
+    #endif
+    int main() {}" KESTREL_FORTIFY_3)
+  unset(CMAKE_REQUIRED_FLAGS)
+  add_compile_options(-fstack-protector-strong -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=$<IF:$<BOOL:${KESTREL_FORTIFY_3}>,3,2>)
+  add_link_options(-Wl,-z,relro,-z,now)
+endif()
 add_compile_definitions(BOOST_ASIO_NO_DEPRECATED BOOST_ASIO_SEPARATE_COMPILATION RAPIDJSON_HAS_STDSTRING=1)
 add_link_options(-Wl,--as-needed)
 
@@ -56,9 +72,9 @@ set(KESTREL_LIBEXEC_DIR lib/tessel/lifecycle/bin)
 set(KESTREL_METADATA_DIR lib/tessel/lifecycle/metadata)
 
 # Test code is not optimised: it compiles in half the time, and GCC 12 invents warnings in what it optimises there.
-# The library under test is what a host gets.
+# The library under test is what a host gets. Checked copies are for optimised code only.
 function(kestrel_test_sources)
-  set_source_files_properties(${ARGN} PROPERTIES COMPILE_OPTIONS "$<$<CONFIG:Release>:-O0>")
+  set_source_files_properties(${ARGN} PROPERTIES COMPILE_OPTIONS "$<$<CONFIG:Release>:-O0;-U_FORTIFY_SOURCE>")
 endfunction()
 
 # kestrel_library(NAME [PLATFORM] [RECURSE] [SANDBOX] [EXCLUDE file...] [LINK target...] [TEST_LINK target...])
