@@ -11,6 +11,9 @@ from fault_injection import Breaker, build_library
 from sandboxed_host import REPOSITORY, STATE, Daemon, SystemLog
 
 
+collect_ignore = ["booted"]  # they are not for a sandboxed host
+
+
 def pytest_addoption(parser):
     parser.addoption("--record", action="store_true", help="rewrite session transcripts by what is seen, for a review")
     parser.addoption("--stress", type=float, default=3, help="seconds in which operations are called at random")

@@ -1,0 +1,15 @@
+"""The daemon as the package brings it: installed, started by systemd, and confined to what it and its children need."""
+
+import re
+
+from booted_host import JOURNAL, in_booted_host
+
+START = "systemctl start kestreld; "
+
+
+def test_the_whole_life_of_a_host_goes_on_under_the_unit():
+    told = in_booted_host(START + "python3 /repository/tests/booted/whole_life.py")
+    assert told.splitlines()[-1] == "all of it succeeded"
+    refused = [line for line in JOURNAL.read_text().splitlines()
+               if re.search(r"kestreld.*(not permitted|denied|SECCOMP|status=31)", line)]
+    assert refused == []
