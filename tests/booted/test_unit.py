@@ -13,3 +13,8 @@ def test_the_whole_life_of_a_host_goes_on_under_the_unit():
     refused = [line for line in JOURNAL.read_text().splitlines()
                if re.search(r"kestreld.*(not permitted|denied|SECCOMP|status=31)", line)]
     assert refused == []
+
+
+def test_the_unit_takes_away_what_nobody_needs():
+    told = in_booted_host(START + "systemd-analyze security --no-pager kestreld.service | tail -n 1")
+    assert float(re.search(r"level for kestreld.service: ([0-9.]+)", told)[1]) <= 5.0
