@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "apps/lifecycle/orbi/include/verify.h"
+#include "configuration/messages/translations.h"
 #include "daemon/stop_deadline.h"
 #include "lifecycle/task_schedular.h"
 #include "tesselibs/descriptor_limit.h"
@@ -118,7 +119,7 @@ Endpoint::Endpoint(Orbi::Core::AsyncApiProviderPtr provider, boost::asio::io_con
                    CallThreads& threads, std::shared_ptr<OrbiLoggerWrapper> logger)
     : port_(LookUpPort()),
       logger_(std::move(logger)),
-      handler_({std::move(provider), io, logger_}),
+      handler_({std::move(provider), io, logger_, LifeCycle::GetAnswerLocalizer()}),
       server_(io, MakeServerConfig(port_), handler_, logger_),
       io_(io),
       threads_(threads) {

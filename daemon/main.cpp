@@ -10,6 +10,7 @@
 #include <boost/asio/io_context.hpp>
 
 #include "apps/lifecycle/orbi/include/logger.h"
+#include "configuration/messages/translations.h"
 #include "daemon/call_threads.h"
 #include "daemon/endpoint.h"
 #include "daemon/memory_trimmer.h"
@@ -86,6 +87,7 @@ int Serve() {
   boost::asio::io_context io(kIoThreads);
   CallThreads threads;
   const auto provider = BuildProvider(logger, threads, io);
+  LifeCycle::LoadTranslations();
   Endpoint endpoint(provider, io, threads, logger);
   const auto reaper = std::make_shared<Ticket::Reaper>(io);
   MemoryTrimmer trimmer(io);

@@ -23,5 +23,6 @@ void Check(const std::string& input) {
     const std::string filled = FormatMessage(text, {"first", "{1}"}, ec);
     Require(!ec || filled.empty());
   }
-  (void)PreferredLocale(input, ec);
+  const std::string preferred = LocalizerHelpers::GetDefaultLocalizer()->PreferredLocale(input, ec);
+  Require(NormalLocale(preferred) == preferred);
 }

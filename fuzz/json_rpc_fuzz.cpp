@@ -26,9 +26,10 @@ void Update(ApiCall& call, std::string_view lines) {
     if (end > 0) headers.push_back({name, lines.substr(0, end)});
     lines.remove_prefix(std::min(end + 1, lines.size()));
   }
-  boost::system::error_code ec;
-  (void)Provider::JsonRpc1_1::UpdateExecutionCtxHelper::Update(headers, call.method, *call.context,
-                                                               ec);
+  std::vector<boost::system::error_code> passedOver;
+  (void)Provider::JsonRpc1_1::UpdateExecutionCtxHelper::Update(
+      headers, call.method, *call.context, *L10n::LocalizerHelpers::GetDefaultLocalizer(),
+      passedOver);
 }
 
 }  // namespace

@@ -52,7 +52,8 @@ def changed(value, change):
 
 
 def without_its_text(message):
-    """A message without the default text, if that is the one which belongs to its identifier, and empty arguments."""
+    """A message without the default text, if that is the one which belongs to its identifier, without the localised
+    text, if that is the default one, and without empty arguments."""
     if "default_message" not in message:
         return message
     rest = dict(message)
@@ -215,7 +216,7 @@ class Session:
                 return self._told_text(part, key, texts)
             if type(part) is int and (key in SIZES and part > 0 or key == "completed" and 0 <= part < 100):
                 return "<percent>" if key == "completed" else "<bytes>"
-            if isinstance(part, dict) and list(part) == ["id", "default_message", "args"]:
+            if isinstance(part, dict) and list(part) == ["id", "default_message", "args", "localized"]:
                 return without_its_text(part)
             return part
         return tell(None, changed(value, tell))

@@ -38,6 +38,13 @@ task stands and, in the end, its result. Any call can end with `unauthenticated`
 `invalid_argument` (the input does not fit), `service_unavailable` (too many calls wait for their turn: try again) or
 `internal_server_error`; operations list what they say beyond that.
 
+Messages tell people what happened: `default_message` in English, `localized` in the language that `Accept-Language`
+prefers among those that the server has catalogues of, else in English. Catalogues are files
+`/usr/lib/tessel/lifecycle/messages/LANGUAGE/NAME.zmsg`, for `de`, `es`, `fr`, `ja`, `ko`, `zh_CN` and `zh_TW`, with
+lines of the form `id = "text"`; they are read when the server starts. A message's `id` and `args` are for programs.
+Where an error has several messages, the first is the one that its operation names below, and the others tell what
+exactly was wrong, where, and what to do.
+
 Types: `integer` has 64 bits and a sign; `date_time` is UTC in the form `2026-11-21T02:12:52.123Z`; `dynamic_structure`
 is a structure of any fields, `any` any value, `error` any error; `void` is null.
 """

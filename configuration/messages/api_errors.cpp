@@ -207,8 +207,8 @@ Orbi::Data::ErrorValue ApiError(const Com::Tessel::Orbi::Std::Errors::StandardEr
                                 std::string id, std::vector<std::string> args) {
   auto error = type({ApiMessage(std::move(id), std::move(args))});
   boost::system::error_code ignored;  // a message that no catalogue knows has its default text
-  Orbi::L10n::Localizer(std::string(Orbi::L10n::kDefaultLocale), GetTranslator())
-      .Localize(error, Orbi::L10n::kDefaultLocale, ignored);
+  Orbi::L10n::Localizer(std::string(Orbi::L10n::kDefaultLocale), {GetTranslator()})
+      .Localize(error, Orbi::L10n::kDefaultLocale, Orbi::L10n::Unworded::kLeft, ignored);
   return error;
 }
 

@@ -8,7 +8,10 @@
 #include <boost/filesystem/operations.hpp>
 #include <boost/filesystem/path.hpp>
 
+#include "configuration/messages/api_errors.h"
 #include "configuration/messages/config_manager_messages.h"
+#include "configuration/messages/translations.h"
+#include "orbi/data/message.h"
 
 namespace LifeCycle {
 namespace {
@@ -59,6 +62,39 @@ TEST_F(TranslatorTest, CatalogueGoesBeforeTheBuiltInTexts) {
   Write("a.zmsg", std::string(kKnownId) + " = \"Plugin {1} broke.\"\n");
   SetUpTranslator();
   EXPECT_EQ(ConfigManagerMessage(kKnownId, {"ntp"}).default_message, "Plugin ntp broke.");
+}
+
+TEST_F(TranslatorTest, AnswersAreInTheLanguagesOfTheTranslations) {
+  const fs::path messages = "/usr/lib/tessel/lifecycle/messages";
+  const auto write = [&](const std::string& language, const std::string& name,
+                         const std::string& text) {
+    fs::create_directories(messages / language);
+    std::ofstream((messages / language / name).string()) << text;
+  };
+  const auto localizer = GetAnswerLocalizer();
+  const auto answer = [&](const char* locale) {
+    auto error = ApiError(Com::Tessel::Orbi::Std::Errors::NotFound,
+                          "com.tessel.ryx.task.notfound.error", {"T"});
+    boost::system::error_code ec;
+    localizer->Localize(error, locale, Orbi::L10n::Unworded::kDefaultText, ec);
+    return Orbi::Data::LocalizableMessage::FromValue(
+               error.Find("messages")->As<Orbi::Data::List>()->items[0])
+        ->localized;
+  };
+  write("de", "kestreld.zmsg", "com.tessel.ryx.task.notfound.error = \"Keine Aufgabe {1}.\"\n");
+  write("de", "more.zmsg", "orbi.provider.interface.unknown = \"Keine Schnittstelle {1}.\"\n");
+  write("xx", "kestreld.zmsg", "com.tessel.ryx.task.notfound.error = \"?\"\n");
+  LoadTranslations();
+  EXPECT_EQ(answer("de_CH"), "Keine Aufgabe T.");
+  EXPECT_EQ(answer("en_US"), "Task with given identifier 'T' is not found.");
+  EXPECT_FALSE(localizer->Supports("xx"));
+  Write("a.zmsg", "com.tessel.ryx.task.notfound.error = \"No {1}.\"\n");
+  SetUpTranslator();
+  EXPECT_EQ(answer("en_US"), "No T.");
+  fs::remove_all(messages);
+  LoadTranslations();
+  EXPECT_FALSE(localizer->Supports("de"));
+  EXPECT_EQ(answer("de"), "No T.");
 }
 
 }  // namespace

@@ -69,7 +69,9 @@ class ApiExchange : public AcceptedRequest, public std::enable_shared_from_this<
   [[nodiscard]] Response AnswerOrTellWhyNot(Core::MethodResult result);
   [[nodiscard]] Response Answer(Core::MethodResult result, const LogTexts& texts);
   void AnswerInvalidRequest(const ProtocolError& error);
-  void Localize(Data::ErrorValue& error) const;
+  /// Words the messages in an output or an error.
+  template <class Content>
+  void Localize(Content& content) const;
   [[nodiscard]] Body Serialize(Core::MethodResult result);
   [[nodiscard]] Response MakeResponse(const std::string& errorId, Body body, const LogTexts& texts);
   void Sent(const LogTexts& texts, const boost::system::error_code& ec) const;
@@ -148,11 +150,11 @@ void ApiExchange::Decode(std::string& body) {
   }
 
   auto& call = std::get<Protocol::Json::ApiCall>(request.content);
-  boost::system::error_code localization;
+  std::vector<boost::system::error_code> passedOver;
   const auto mismatch = Provider::JsonRpc1_1::UpdateExecutionCtxHelper::Update(
-      head_.headers, call.method, *call.context, localization);
+      head_.headers, call.method, *call.context, *handler_->localizer, passedOver);
   if (mismatch) return AnswerInvalidRequest(*mismatch);
-  if (localization) LogLine(Log::kTrace, "Localization error: ", localization.message());
+  for (const auto& ec : passedOver) LogLine(Log::kTrace, "Localization error: ", ec.message());
   call.context->peer = std::move(peer_);
   Call(std::move(call));
 }
@@ -216,6 +218,8 @@ Response ApiExchange::Answer(Core::MethodResult result, const LogTexts& texts) {
   if (result.error) {
     Localize(*result.error);
     errorId = result.error->id;
+  } else {
+    Localize(*result.output);
   }
   return MakeResponse(errorId, Serialize(std::move(result)), texts);
 }
@@ -226,9 +230,11 @@ void ApiExchange::AnswerInvalidRequest(const ProtocolError& error) {
                      kInvalidRequest));
 }
 
-void ApiExchange::Localize(Data::ErrorValue& error) const {
+template <class Content>
+void ApiExchange::Localize(Content& content) const {
   boost::system::error_code ec;
-  handler_->localizer->Localize(error, language_.empty() ? L10n::kDefaultLocale : language_, ec);
+  handler_->localizer->Localize(content, language_.empty() ? L10n::kDefaultLocale : language_,
+                                L10n::Unworded::kDefaultText, ec);
   if (ec) LogLine(Log::kTrace, "Localization error: ", ec.message());
 }
 

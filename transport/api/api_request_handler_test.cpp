@@ -149,16 +149,18 @@ TEST(ApiRequestHandler, CallCarriesWhatHeadersAndPayloadSay) {
   ApiServer server([](const Core::MethodIdentifier& method, Data::Value input,
                       const Core::ExecutionContextPtr& context, MethodCompletion completion) {
     EXPECT_EQ(method.ToText(), "s.o");
-    EXPECT_EQ(context->localization.language, "de");
+    EXPECT_EQ(context->localization.language, "en_GB");
     EXPECT_EQ(context->application.at("trace"), "t");
     EXPECT_EQ(context->security->password, "p");
     completion(MethodResult::Output(std::move(input)));
   });
-  EXPECT_THAT(
-      server.Exchange(kJson + "Accept-Language: de\r\nOrbi-Ctx-Trace: t\r\nOrbi-Service: s\r\n",
-                      R"({"jsonrpc":"2.0","method":"invoke","params":{"serviceId":"s",)"
-                      R"("operationId":"o","input":[1],"ctx":{"securityCtx":{"password":"p"}}}})"),
-      EndsWith(R"({"jsonrpc":"2.0","id":null,"result":{"output":[1]}})"));
+  EXPECT_THAT(server.Exchange(
+                  kJson + "Accept-Language: de, en-GB;q=0.5\r\nOrbi-Ctx-Format-Locale: de_DE\r\n"
+                          "Orbi-Ctx-Trace: t\r\nOrbi-Service: s\r\n",
+                  R"({"jsonrpc":"2.0","method":"invoke","params":{"serviceId":"s",)"
+                  R"("operationId":"o","input":[1],"ctx":{"securityCtx":{"password":"p"}}}})"),
+              EndsWith(R"({"jsonrpc":"2.0","id":null,"result":{"output":[1]}})"));
+  EXPECT_TRUE(server.log->WaitFor("Localization error: [0x"));
 }
 
 TEST(ApiRequestHandler, ApiErrorIsNamedInTheHeadAndWordedForTheClient) {

@@ -3,8 +3,6 @@
 namespace Orbi::Data {
 namespace {
 
-constexpr const char* kMessageStructure = "com.tessel.orbi.std.localizable_message";
-
 const std::string* StringField(const Structure& structure, std::string_view name) {
   const Value* value = structure.Find(name);
   return value ? value->As<std::string>() : nullptr;
@@ -15,7 +13,7 @@ const std::string* StringField(const Structure& structure, std::string_view name
 Value LocalizableMessage::ToValue() const {
   List arguments;
   for (const std::string& arg : args) arguments.items.emplace_back(arg);
-  Structure structure{kMessageStructure, {}};
+  Structure structure{std::string(kMessageStructure), {}};
   structure.fields.reserve(4);
   structure.Add("id", id).Add("default_message", default_message).Add("args", std::move(arguments));
   structure.Add("localized", localized ? Some(*localized) : Optional{});

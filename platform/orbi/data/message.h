@@ -2,14 +2,17 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "orbi/data/value.h"
 
 namespace Orbi::Data {
 
-/// A text for people that a client can translate: `com.tessel.orbi.std.localizable_message` on the
-/// wire.
+/// The name of messages as structures.
+inline constexpr std::string_view kMessageStructure = "com.tessel.orbi.std.localizable_message";
+
+/// A text for people that a client can translate, the structure kMessageStructure on the wire.
 struct LocalizableMessage {
   std::string id;
   std::string default_message;           ///< English, placeholders filled in

@@ -177,10 +177,14 @@ TEST(UpdateExecutionCtx, HeadersCompleteTheContext) {
       {"orbi-ctx-trace", "t"},     {"orbi-operation", "get"},
       {"orbi-service", "tasks"},
   };
-  boost::system::error_code ec;
+  const auto bundle = std::make_shared<L10n::LocalizationBundle>();
+  bundle->AddLocale("de", {});
+  const L10n::Localizer localizer("en_US", {bundle});
+  std::vector<boost::system::error_code> passedOver;
   Core::ExecutionContext context;
-  EXPECT_FALSE(UpdateExecutionCtxHelper::Update(headers, {"tasks", "get"}, context, ec));
-  EXPECT_FALSE(ec);
+  EXPECT_FALSE(
+      UpdateExecutionCtxHelper::Update(headers, {"tasks", "get"}, context, localizer, passedOver));
+  EXPECT_THAT(passedOver, testing::IsEmpty());
   EXPECT_THAT(context.application, UnorderedElementsAre(Pair("opId", "header"), Pair("trace", "t"),
                                                         Pair("timezone", "Europe/Berlin")));
   EXPECT_EQ(context.localization.language, "de_DE");
@@ -190,18 +194,21 @@ TEST(UpdateExecutionCtx, HeadersCompleteTheContext) {
   withEntry.application = {{"opId", "payload"}, {"timezone", "Etc/GMT+2"}, {"TRACE", "payload"}};
   while (withEntry.application.size() < 64)
     withEntry.application[std::to_string(withEntry.application.size())];
-  EXPECT_FALSE(UpdateExecutionCtxHelper::Update(headers, {"tasks", "get"}, withEntry, ec));
+  EXPECT_FALSE(UpdateExecutionCtxHelper::Update(headers, {"tasks", "get"}, withEntry, localizer,
+                                                passedOver));
   EXPECT_EQ(withEntry.application["opId"], "payload");
   EXPECT_EQ(withEntry.localization.timeZone, "Etc/GMT+2");
   withEntry.application.erase("TRACE");
   withEntry.application["64"];
-  const auto tooMany = UpdateExecutionCtxHelper::Update(headers, {"tasks", "get"}, withEntry, ec);
+  const auto tooMany = UpdateExecutionCtxHelper::Update(headers, {"tasks", "get"}, withEntry,
+                                                        localizer, passedOver);
   ASSERT_TRUE(tooMany);
   EXPECT_THAT(tooMany->message, HasSubstr("more than 64 entries"));
 
   for (const Core::MethodIdentifier& method :
        {Core::MethodIdentifier{"tasks", "list"}, {"depots", "get"}}) {
-    const auto error = UpdateExecutionCtxHelper::Update(headers, method, context, ec);
+    const auto error =
+        UpdateExecutionCtxHelper::Update(headers, method, context, localizer, passedOver);
     ASSERT_TRUE(error);
     EXPECT_EQ(error->code, ProtocolErrorCode::kInvalidParams);
     EXPECT_EQ(error->message, "Mismatching operation identifier in HTTP header and payload");
@@ -209,16 +216,31 @@ TEST(UpdateExecutionCtx, HeadersCompleteTheContext) {
 }
 
 TEST(UpdateExecutionCtx, BadLocalisationHeadersLeaveTheDefaults) {
-  const HeaderField headers[] = {{"accept-language", "d e"},
-                                 {"orbi-ctx-format-locale", "%s"},
-                                 {"orbi-ctx-timezone", "../etc/passwd\x01"}};
-  Core::ExecutionContext context;
-  boost::system::error_code ec;
-  EXPECT_FALSE(UpdateExecutionCtxHelper::Update(headers, {"s", "o"}, context, ec));
-  EXPECT_EQ(ec, L10n::LocalizationError::kIncorrectHeader);
-  EXPECT_EQ(context.localization.language, "en_US");
-  EXPECT_EQ(context.localization.formatLocale, "C");
-  EXPECT_EQ(context.localization.timeZone, "Etc/UTC");
+  using L10n::LocalizationError;
+  const struct {
+    const char* language;
+    const char* formatLocale;
+    std::vector<boost::system::error_code> passedOver;
+  } cases[] = {
+      {"d e", "%s", {LocalizationError::kIncorrectHeader, LocalizationError::kIncorrectHeader}},
+      {"fr",
+       "fr_FR",
+       {LocalizationError::kLocaleNotSupported, LocalizationError::kFormatLocaleNotSupported}},
+      {"en", "C", {}},
+  };
+  for (const auto& c : cases) {
+    const HeaderField headers[] = {{"accept-language", c.language},
+                                   {"orbi-ctx-format-locale", c.formatLocale},
+                                   {"orbi-ctx-timezone", "../etc/passwd\x01"}};
+    Core::ExecutionContext context;
+    std::vector<boost::system::error_code> passedOver;
+    EXPECT_FALSE(UpdateExecutionCtxHelper::Update(
+        headers, {"s", "o"}, context, *L10n::LocalizerHelpers::GetDefaultLocalizer(), passedOver));
+    EXPECT_EQ(passedOver, c.passedOver) << c.language;
+    EXPECT_EQ(context.localization.language, c.passedOver.empty() ? "en" : "en_US");
+    EXPECT_EQ(context.localization.formatLocale, "C");
+    EXPECT_EQ(context.localization.timeZone, "Etc/UTC");
+  }
 }
 
 }  // namespace

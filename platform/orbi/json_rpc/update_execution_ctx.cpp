@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "orbi/l10n/errors.h"
-#include "orbi/l10n/localizer.h"
 #include "tesselibs/ascii.h"
 
 namespace Orbi::Provider::JsonRpc1_1 {
@@ -72,12 +71,38 @@ bool IsTimeZoneName(std::string_view text) {
   });
 }
 
+using Problems = std::vector<boost::system::error_code>;
+
+void SetLanguage(Headers headers, const L10n::Localizer& localizer,
+                 Core::LocalizationContext& localization, Problems& problems) {
+  const Headers lines = Named(headers, "accept-language");
+  if (lines.empty()) return;
+  std::string list;  // several lines are one list (RFC 9110, section 5.3)
+  for (const HeaderField& line : lines) list.append(list.empty() ? "" : ",").append(line.value);
+  boost::system::error_code problem;
+  localization.language = localizer.PreferredLocale(list, problem);
+  if (problem) problems.push_back(problem);
+}
+
+void SetFormatLocale(const L10n::Localizer& localizer, Core::ExecutionContext& context,
+                     Problems& problems) {
+  const auto entry = context.application.find("format-locale");
+  if (entry == context.application.end()) return;
+  const std::string& name = entry->second;
+  if (!L10n::IsLocaleName(name)) {
+    problems.emplace_back(L10n::LocalizationError::kIncorrectHeader);
+  } else if (name == "C" || localizer.Supports(L10n::NormalLocale(name))) {
+    context.localization.formatLocale = name;
+  } else {
+    problems.emplace_back(L10n::LocalizationError::kFormatLocaleNotSupported);
+  }
+}
+
 }  // namespace
 
 std::optional<Protocol::Json::ProtocolError> UpdateExecutionCtxHelper::Update(
     Headers headers, const Core::MethodIdentifier& method, Core::ExecutionContext& context,
-    boost::system::error_code& localization) {
-  localization.clear();
+    const L10n::Localizer& localizer, std::vector<boost::system::error_code>& passedOver) {
   if (Contradict(headers, "orbi-service", method.service) ||
       Contradict(headers, "orbi-operation", method.operation)) {
     return Protocol::Json::ProtocolError{
@@ -90,17 +115,8 @@ std::optional<Protocol::Json::ProtocolError> UpdateExecutionCtxHelper::Update(
         "protocol error: appCtx and the orbi-ctx- headers have more than 64 entries together"};
   }
 
-  if (const auto language = Named(headers, "accept-language"); !language.empty()) {
-    context.localization.language = L10n::PreferredLocale(language.front().value, localization);
-  }
-  if (const auto entry = context.application.find("format-locale");
-      entry != context.application.end()) {
-    if (L10n::IsLocaleName(entry->second)) {
-      context.localization.formatLocale = entry->second;
-    } else {
-      localization = L10n::LocalizationError::kIncorrectHeader;
-    }
-  }
+  SetLanguage(headers, localizer, context.localization, passedOver);
+  SetFormatLocale(localizer, context, passedOver);
   if (const auto entry = context.application.find("timezone");
       entry != context.application.end() && IsTimeZoneName(entry->second)) {
     context.localization.timeZone = entry->second;

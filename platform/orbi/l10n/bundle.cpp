@@ -60,7 +60,11 @@ std::optional<LocalizationBundle::Texts> Parse(const std::string& catalogue) {
   return texts;
 }
 
-std::string_view LanguageOf(std::string_view locale) { return locale.substr(0, locale.find('_')); }
+/// "zh_Hant" for "zh_Hant_TW"; nothing for "zh".
+std::string_view Broader(std::string_view locale) {
+  const std::size_t end = locale.rfind('_');
+  return locale.substr(0, end == locale.npos ? 0 : end);
+}
 
 }  // namespace
 
@@ -93,18 +97,25 @@ void LocalizationBundle::Replace(const LocalizationBundle& other) {
   Publish(other.Snapshot());
 }
 
-bool LocalizationBundle::Supports(std::string_view locale) const {
+std::vector<std::shared_ptr<const LocalizationBundle::Texts>> LocalizationBundle::TextsFor(
+    std::string_view locale) const {
+  std::vector<std::shared_ptr<const Texts>> found;
   const auto locales = Snapshot();
-  return locales->contains(locale) || locales->contains(LanguageOf(locale));
+  for (; !locale.empty(); locale = Broader(locale)) {
+    const auto texts = locales->find(locale);
+    if (texts != locales->end()) found.emplace_back(locales, &texts->second);
+  }
+  return found;
+}
+
+bool LocalizationBundle::Supports(std::string_view locale) const {
+  return !TextsFor(locale).empty();
 }
 
 std::optional<std::string> LocalizationBundle::Find(std::string_view locale,
                                                     std::string_view id) const {
-  const auto locales = Snapshot();
-  for (const std::string_view name : {locale, LanguageOf(locale)}) {
-    const auto texts = locales->find(name);
-    if (texts == locales->end()) continue;
-    if (const auto text = texts->second.find(id); text != texts->second.end()) return text->second;
+  for (const auto& texts : TextsFor(locale)) {
+    if (const auto text = texts->find(id); text != texts->end()) return text->second;
   }
   return std::nullopt;
 }

@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include <boost/system/error_code.hpp>
 
@@ -41,10 +42,14 @@ class LocalizationBundle {
   /// Takes over all of another bundle's texts in place of its own.
   void Replace(const LocalizationBundle& other);
 
-  /// Whether there are texts of this locale, or of its language alone ("de" for "de_DE").
+  /// The texts that serve a locale as they are now, the closest first: for "zh_Hant_TW" those of
+  /// "zh_Hant_TW", "zh_Hant" and "zh", as far as they are there (RFC 4647, section 3.4).
+  [[nodiscard]] std::vector<std::shared_ptr<const Texts>> TextsFor(std::string_view locale) const;
+
+  /// Whether there are any.
   [[nodiscard]] bool Supports(std::string_view locale) const;
 
-  /// The text of a message in a locale, else in the locale's language alone.
+  /// The text of a message, in the closest of them that has it.
   [[nodiscard]] std::optional<std::string> Find(std::string_view locale, std::string_view id) const;
 
  private:

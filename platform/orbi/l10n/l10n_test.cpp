@@ -4,11 +4,11 @@
 #include <sstream>
 #include <thread>
 
+#include "orbi/data/message.h"
 #include "orbi/l10n/bundle.h"
 #include "orbi/l10n/errors.h"
 #include "orbi/l10n/format.h"
 #include "orbi/l10n/localizer.h"
-#include "orbi/std/errors.h"
 
 namespace Orbi::L10n {
 namespace {
@@ -94,49 +94,96 @@ TEST(FormatMessage, FillsArgumentsOrTellsWhyNot) {
   }
 }
 
-TEST(PreferredLocale, IsTheClientsFirstWish) {
-  for (const char* header : {"de-DE", "fr;q=0.5, de-DE;q=0.9 , en;q=0.9", ", ,de-DE"}) {
-    error_code ec;
-    EXPECT_EQ(PreferredLocale(header, ec), "de_DE") << header;
-    EXPECT_FALSE(ec) << header;
-  }
-  const std::pair<const char*, bool> none[] = {
-      {"", true},        {"fr;q=0, *;q=0.1", true}, {"fr;q=2", false}, {"fr;q=0.1234", false},
-      {"fr;x=1", false}, {"fr/de", false},          {"de de", false},
-  };
-  for (const auto& [header, good] : none) {
-    error_code ec;
-    EXPECT_EQ(PreferredLocale(header, ec), "en_US") << header;
-    EXPECT_EQ(!ec, good) << header;
-  }
-}
-
-TEST(Localizer, WordsErrorsInTheClientsLanguage) {
-  const auto bundle = std::make_shared<LocalizationBundle>();
+std::shared_ptr<LocalizationBundle> TestBundle() {
+  auto bundle = std::make_shared<LocalizationBundle>();
   bundle->AddLocale("en_US", {{"gone", "{1} is gone."}});
   bundle->AddLocale("de", {{"gone", "alt"}, {"broken", "{7}"}});
   bundle->AddLocale("de", {{"gone", "{1} ist weg."}});
   bundle->AddLocale("de_AT", {{"gone", "{1} ist furt."}});
-  const Localizer localizer("en_US", bundle);
+  bundle->AddLocale("zh_TW", {});
+  return bundle;
+}
+
+TEST(PreferredLocale, IsTheBestThatThereIs) {
+  const Localizer localizer("en_US", {TestBundle()});
+  const error_code good;
+  const error_code unsupported = LocalizationError::kLocaleNotSupported;
+  const error_code incorrect = LocalizationError::kIncorrectHeader;
+  std::string endless;
+  for (int i = 0; i < 65; ++i) endless += "xx,";
+  const struct {
+    std::string header;
+    const char* locale;
+    error_code ec;
+  } cases[] = {
+      {"de-DE", "de_DE", good},
+      {"fr, de-CH;q=0.2", "de_CH", good},
+      {"fr;q=0.5, de;q=0.9 , en;q=0.9", "de", good},
+      {"en;q=0.8,DE-at", "de_AT", good},
+      {", ,de_DE.UTF-8", "de_DE", good},
+      {"ZH-hant-tw, zh-tw;Q=0.1", "zh_TW", good},
+      {"en-GB, de", "en_GB", good},
+      {"", "en_US", good},
+      {"fr, *;q=0.1, de;q=0.05", "en_US", good},
+      {"de;q=0, *;q=0.1", "en_US", good},
+      {"de;q=0", "en_US", unsupported},
+      {"fr, zh, d", "en_US", unsupported},
+      {"de;q=2", "en_US", incorrect},
+      {"de;q=0.1234", "en_US", incorrect},
+      {"de;x=1", "en_US", incorrect},
+      {"de/fr", "en_US", incorrect},
+      {"de de", "en_US", incorrect},
+      {endless + "de", "en_US", incorrect},
+  };
+  for (const auto& c : cases) {
+    error_code ec;
+    EXPECT_EQ(localizer.PreferredLocale(c.header, ec), c.locale) << c.header;
+    EXPECT_EQ(ec, c.ec) << c.header;
+  }
+}
+
+TEST(Localizer, WordsWhatGoesOutInTheClientsLanguage) {
+  const Localizer localizer("en_US", {TestBundle()});
+  const error_code good;
   const struct {
     const char* id;
     const char* locale;
+    Unworded unworded;
+    std::optional<std::string> before;
     std::optional<std::string> localized;
     error_code ec;
   } cases[] = {
-      {"gone", "de_CH", "X ist weg.", {}},
-      {"gone", "de_AT", "X ist furt.", {}},
-      {"gone", "xx", "X is gone.", LocalizationError::kLocaleNotSupported},
-      {"other", "de", std::nullopt, {}},
-      {"broken", "de_AT", std::nullopt, LocalizationError::kErrorValueNotLocalized},
+      {"gone", "de_CH", Unworded::kLeft, {}, "X ist weg.", good},
+      {"gone", "de_AT", Unworded::kDefaultText, "X is gone.", "X ist furt.", good},
+      {"gone", "xx", Unworded::kLeft, {}, "X is gone.", LocalizationError::kLocaleNotSupported},
+      {"other", "de", Unworded::kLeft, {}, {}, good},
+      {"other", "de", Unworded::kDefaultText, {}, "default", good},
+      {"other", "en_GB", Unworded::kDefaultText, "earlier", "earlier", good},
+      {"broken", "de_AT", Unworded::kLeft, {}, {}, LocalizationError::kErrorValueNotLocalized},
+      {"broken",
+       "de",
+       Unworded::kDefaultText,
+       {},
+       "default",
+       LocalizationError::kErrorValueNotLocalized},
   };
   for (const auto& c : cases) {
-    auto error = Com::Tessel::Orbi::Std::Errors::NotFound({{c.id, "default", {"X"}, {}}});
+    const Data::Value message =
+        Data::LocalizableMessage{c.id, "default", {"X"}, c.before}.ToValue();
+    const Data::LocalizableMessage worded{c.id, "default", {"X"}, c.localized};
+    // Wherever it stands, and without changing what others hold.
+    const auto place = [](const Data::Value& inner) {
+      Data::ErrorValue error{"e", {}};
+      error.Add("messages", Data::List{{inner}, false}).Add("data", Data::Some(inner));
+      return Data::Value(Data::Structure{"s", {{"error", Data::Some(Data::Value(error))}}});
+    };
+    const Data::Value given = place(message);
+    Data::Value out = given;
     error_code ec;
-    localizer.Localize(error, c.locale, ec);
+    localizer.Localize(out, c.locale, c.unworded, ec);
     EXPECT_EQ(ec, c.ec) << ec.message();
-    const auto* list = error.Find("messages")->As<Data::List>();
-    EXPECT_EQ(Data::LocalizableMessage::FromValue(list->items[0])->localized, c.localized);
+    EXPECT_EQ(out, place(worded.ToValue())) << c.id << " " << c.locale;
+    EXPECT_EQ(given, place(message));
   }
 }
 

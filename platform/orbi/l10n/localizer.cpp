@@ -2,11 +2,15 @@
 
 #include <algorithm>
 #include <charconv>
+#include <functional>
+#include <optional>
+#include <span>
 #include <utility>
 
 #include "orbi/l10n/catalogue.h"
 #include "orbi/l10n/errors.h"
-#include "orbi/l10n/format.h"
+#include "orbi/l10n/wording.h"
+#include "tesselibs/ascii.h"
 
 namespace Orbi::L10n {
 namespace {
@@ -42,81 +46,97 @@ int Quality(std::string_view parameter) {
   return error == std::errc{} && last == end && thousandths <= kWhole ? thousandths : -1;
 }
 
-}  // namespace
+/// A language that a client would take.
+struct LanguageRange {
+  std::string_view name;
+  int quality;  ///< in thousandths
+};
 
-Localizer::Localizer(std::string locale, std::shared_ptr<const LocalizationBundle> bundle)
-    : locale_(std::move(locale)), bundle_(std::move(bundle)) {}
+/// More than any client names: each is looked for.
+constexpr std::size_t kMostRanges = 64;
 
-std::optional<std::string> Localizer::Localize(const Data::LocalizableMessage& message,
-                                               std::string_view locale,
-                                               boost::system::error_code& ec) const {
-  const bool supported = bundle_->Supports(locale);
-  const auto text = bundle_->Find(supported ? locale : locale_, message.id);
-  if (!text) {
-    ec = LocalizationError::kUnknownMessageId;
-    return std::nullopt;
-  }
-  if (text->empty()) {
-    ec = LocalizationError::kNoFormatString;
-    return std::nullopt;
-  }
-  std::string filled = FormatMessage(*text, message.args, ec);
-  if (ec) return std::nullopt;
-  if (!supported) ec = LocalizationError::kLocaleNotSupported;
-  return filled;
-}
-
-void Localizer::Localize(Data::ErrorValue& error, std::string_view locale,
-                         boost::system::error_code& ec) const {
-  ec.clear();
-  if (!bundle_->Supports(locale)) ec = LocalizationError::kLocaleNotSupported;
-  const auto messages = std::ranges::find(error.fields, "messages", &Data::Field::name);
-  auto* const list = messages == error.fields.end() ? nullptr : messages->value.As<Data::List>();
-  if (!list) return;
-  for (Data::Value& item : list->items) {
-    auto message = Data::LocalizableMessage::FromValue(item);
-    if (!message || message->localized) continue;
-    boost::system::error_code problem;
-    message->localized = Localize(*message, locale, problem);
-    if (message->localized) {
-      item = message->ToValue();
-    } else if (problem != LocalizationError::kUnknownMessageId) {
-      ec = LocalizationError::kErrorValueNotLocalized;
-    }
-  }
-}
-
-std::shared_ptr<const Localizer> LocalizerHelpers::GetDefaultLocalizer() {
-  static const auto localizer = [] {
-    const auto bundle = std::make_shared<LocalizationBundle>();
-    bundle->AddLocale(std::string(kDefaultLocale), FrameworkTexts());
-    return std::make_shared<const Localizer>(std::string(kDefaultLocale), bundle);
-  }();
-  return localizer;
-}
-
-std::string PreferredLocale(std::string_view acceptLanguage, boost::system::error_code& ec) {
-  ec.clear();
-  std::string_view preferred;
-  int best = 0;
-  while (!acceptLanguage.empty()) {
-    std::string_view range = NextItem(acceptLanguage, ',');
+/// The ranges of an accept-language header, what is preferred first; nothing when it is malformed.
+std::optional<std::vector<LanguageRange>> ParseAcceptLanguage(std::string_view header) {
+  std::vector<LanguageRange> ranges;
+  while (!header.empty()) {
+    std::string_view range = NextItem(header, ',');
     if (range.empty()) continue;
     const std::string_view name = NextItem(range, ';');
     const int quality = Quality(Trim(range));
-    if (quality < 0 || (name != "*" && !IsLocaleName(name))) {
-      ec = LocalizationError::kIncorrectHeader;
-      return std::string(kDefaultLocale);
-    }
-    if (quality > best) {
-      best = quality;
-      preferred = name;
-    }
+    if (quality < 0 || (name != "*" && !IsLocaleName(name)) || ranges.size() == kMostRanges)
+      return std::nullopt;
+    ranges.push_back({name, quality});
   }
-  if (preferred.empty() || preferred == "*") return std::string(kDefaultLocale);
-  std::string locale(preferred);
-  std::ranges::replace(locale, '-', '_');
-  return locale;
+  std::ranges::stable_sort(ranges, std::greater<>(), &LanguageRange::quality);
+  return ranges;
+}
+
+std::string_view LanguageOf(std::string_view locale) { return locale.substr(0, locale.find('_')); }
+
+bool IsAlpha(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
+
+}  // namespace
+
+Localizer::Localizer(std::string locale, Bundles bundles)
+    : locale_(std::move(locale)), bundles_(std::move(bundles)) {}
+
+bool Localizer::Supports(std::string_view locale) const {
+  return LanguageOf(locale) == LanguageOf(locale_) ||
+         std::ranges::any_of(bundles_,
+                             [&](const auto& bundle) { return bundle->Supports(locale); });
+}
+
+void Localizer::Localize(Data::Value& value, std::string_view locale, Unworded unworded,
+                         boost::system::error_code& ec) const {
+  ec.clear();
+  if (!Supports(locale)) {
+    ec = LocalizationError::kLocaleNotSupported;
+    locale = locale_;
+  }
+  std::vector<Wording::Texts> texts;
+  for (const auto& bundle : bundles_) {
+    for (auto& found : bundle->TextsFor(locale)) texts.push_back(std::move(found));
+  }
+  Wording wording(std::move(texts), unworded);
+  wording.Apply(value);
+  if (wording.misfit()) ec = LocalizationError::kErrorValueNotLocalized;
+}
+
+void Localizer::Localize(Data::ErrorValue& error, std::string_view locale, Unworded unworded,
+                         boost::system::error_code& ec) const {
+  Data::Value value(std::move(error));
+  Localize(value, locale, unworded, ec);
+  error = std::move(*value.As<Data::ErrorValue>());
+}
+
+std::string Localizer::PreferredLocale(std::string_view acceptLanguage,
+                                       boost::system::error_code& ec) const {
+  ec.clear();
+  const auto ranges = ParseAcceptLanguage(acceptLanguage);
+  if (!ranges) ec = LocalizationError::kIncorrectHeader;
+  if (!ranges || ranges->empty()) return locale_;
+  for (const auto& [name, quality] : *ranges) {
+    if (quality == 0) break;
+    if (name == "*") return locale_;
+    if (std::string locale = NormalLocale(name); Supports(locale)) return locale;
+  }
+  ec = LocalizationError::kLocaleNotSupported;
+  return locale_;
+}
+
+std::shared_ptr<const LocalizationBundle> LocalizerHelpers::GetFrameworkBundle() {
+  static const auto framework = [] {
+    const auto bundle = std::make_shared<LocalizationBundle>();
+    bundle->AddLocale(std::string(kDefaultLocale), FrameworkTexts());
+    return bundle;
+  }();
+  return framework;
+}
+
+std::shared_ptr<const Localizer> LocalizerHelpers::GetDefaultLocalizer() {
+  static const auto localizer = std::make_shared<const Localizer>(
+      std::string(kDefaultLocale), Localizer::Bundles{GetFrameworkBundle()});
+  return localizer;
 }
 
 bool IsLocaleName(std::string_view text) {
@@ -126,6 +146,23 @@ bool IsLocaleName(std::string_view text) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
            kOthers.find(c) != std::string_view::npos;
   });
+}
+
+std::string NormalLocale(std::string_view name) {
+  constexpr std::size_t kScript = 4;
+  constexpr std::size_t kRegion = 2;
+  std::string locale(name.substr(0, name.find_first_of(".@")));
+  std::ranges::replace(locale, '-', '_');
+  for (std::size_t start = 0; start < locale.size();) {
+    const std::size_t end = std::min(locale.find('_', start), locale.size());
+    const std::span part(locale.data() + start, end - start);
+    const bool letters = std::ranges::all_of(part, IsAlpha);
+    const bool region = start != 0 && letters && part.size() == kRegion;
+    std::ranges::transform(part, part.begin(), region ? Ascii::ToUpper : Ascii::ToLower);
+    if (start != 0 && letters && part.size() == kScript) part[0] = Ascii::ToUpper(part[0]);
+    start = end + 1;
+  }
+  return locale;
 }
 
 }  // namespace Orbi::L10n
