@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "configmanager/config_manager.h"
+#include "configmanager/document/violation_place.h"
 #include "configmanager/exceptions.h"
 #include "configmanager/state/apply_module.h"
 #include "configmanager/state/assessment.h"
@@ -66,6 +67,8 @@ class PlanRun {
       const bool isDeletion = step.part == PlanPart::kDeletions;
       if (isDeletion ? IsStillReferredTo(component) : NeedsWhatFailed(*step.plan)) {
         errors.push_back({"com.tessel.ryx.settings.apply.plugin.failed", {component}});
+        errors.back().reason = isDeletion ? "what refers to it could not be applied"
+                                          : "what it refers to could not be applied";
       } else {
         errors = ApplyModule(*step.plan, step.part, store, progress.task());
       }
@@ -128,6 +131,7 @@ ApplyResult Apply(const std::shared_ptr<CheckApplyResult>& checked, const TaskIn
 
   ApplyResult result{assessment.impact.errors};
   PlanRun(assessment, result).Run(*RyxConfigStore::Store::FromPath(), progress.Share(40, 100));
+  LocateErrors(result.errors, *assessment.modules, checked->document.root(), GetBIOSUUID());
   return result;
 }
 

@@ -2,6 +2,7 @@
 #include <array>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -11,6 +12,7 @@
 #include "configmanager/document/document_builder.h"
 #include "configmanager/document/document_merge.h"
 #include "configmanager/document/reference_check.h"
+#include "configmanager/document/violation_place.h"
 #include "configmanager/exceptions.h"
 #include "configmanager/module/installed_modules.h"
 #include "configmanager/module/key_check.h"
@@ -34,6 +36,7 @@ using RyxConfigStore::KeyAddress;
 using RyxConfigStore::Store;
 
 constexpr char kInstances[] = "instances";
+constexpr char kProfile[] = "profile";
 
 /// A key of a module, both of them held.
 struct FoundKey {
@@ -46,12 +49,41 @@ struct FoundKey {
   }
 };
 
+std::string Join(const std::set<std::string>& names) {
+  std::string text;
+  for (const std::string& name : names) text.append(text.empty() ? "" : ", ").append(name);
+  return text;
+}
+
+/// What there is instead of a key that is not.
+ErrorInfo KnownInstead(const ModuleSet& modules, const KeyAddress& address) {
+  const Module* const module = modules.FindModule(address.component);
+  std::set<std::string> components, groups, keys;
+  for (const auto& known : modules.modules()) components.insert(known->component);
+  if (module == nullptr) {
+    return {"com.tessel.ryx.settings.component.unknown", {address.component, Join(components)}};
+  }
+  for (const auto& [name, key] : module->keys) {
+    groups.insert(name.first);
+    if (name.first == address.group) keys.insert(name.second);
+  }
+  if (keys.empty()) {
+    return {"com.tessel.ryx.settings.group.unknown",
+            {address.component, address.group, Join(groups)}};
+  }
+  return {"com.tessel.ryx.settings.key.unknown",
+          {address.component, address.group, address.key, Join(keys)}};
+}
+
 FoundKey FindKey(const std::string& component, const std::string& group, const std::string& key) {
   auto modules = InstalledModules();
   const Module* module = modules->FindModule(component);
   const KeyDefinition* definition = modules->FindKey({component, group, key});
   if (definition == nullptr) {
-    throw InvalidArgumentException(CMErrorCode::kUnknownKey, {component + "/" + group + "/" + key});
+    const ErrorInfo violation{std::string(kValidationPrefix) + "schema.not-found",
+                              {component, group, key}};
+    throw InvalidArgumentException(CMErrorCode::kUnknownKey, {component + "/" + group + "/" + key},
+                                   {violation, KnownInstead(*modules, {component, group, key})});
   }
   return {std::move(modules), module, definition};
 }
@@ -77,17 +109,17 @@ class KeyChange {
   /// @param desired  nullptr when nothing is to be desired of the key any more
   void Make(const Value* desired) {
     const ModuleState& state = current_.modules().front();
-    if (state.failure) Fail(*state.failure);
+    if (state.failure) Fail({*state.failure}, desired);
     Validate(desired);
     const auto isKey = [this](const KeyState& key) { return key.key == found_.key; };
     auto plan = PlanKey(*std::ranges::find_if(state.keys, isKey), desired);
     if (!plan) return;
     ModulePlan module{&state, {}};
     module.keys.push_back(*std::move(plan));
-    AskModule(module);
+    AskModule(module, desired);
     progress_.Report(70, 100);
-    const auto errors = ApplyModule(module, PlanPart::kAll, *store_, progress_.task());
-    if (!errors.empty()) Fail(errors.front());
+    auto errors = ApplyModule(module, PlanPart::kAll, *store_, progress_.task());
+    if (!errors.empty()) Fail(std::move(errors), desired);
     progress_.Report(100, 100);
   }
 
@@ -95,19 +127,19 @@ class KeyChange {
   /// Checks the value, then that every instance that stored values refer to is still there.
   void Validate(const Value* desired) const {
     const KeyAddress& address = found_.key->address;
-    const DocumentPath root, component(root, address.component), group(component, address.group);
-    const DocumentPath path(group, address.key);
+    const DocumentPath root, profile(root, kProfile), component(profile, address.component);
+    const DocumentPath group(component, address.group), path(group, address.key);
     if (desired != nullptr) {
       Violations violations;
       CheckWellFormed(*desired, path, violations);
       CheckKey(*desired, nullptr, *found_.key, Section::kHostSpecific, path, violations);
-      if (!violations.empty()) Refuse(violations.found().front());
+      if (!violations.empty()) Refuse(violations.Take(), desired);
     }
     // Nothing but references is looked at: what was stored long ago may have become invalid with
     // another version of its module, and must not stand in the way of this key.
     Violations violations;
     CheckStoredReferences(desired, violations);
-    if (!violations.empty()) Refuse(violations.found().front());
+    if (!violations.empty()) Refuse(violations.Take(), desired);
   }
 
   /// Checks the references of everything that is stored, with the key's new value in it.
@@ -130,26 +162,48 @@ class KeyChange {
     CheckReferences(document, *found_.modules, host, violations);
   }
 
-  void AskModule(const ModulePlan& plan) const {
+  void AskModule(const ModulePlan& plan, const Value* desired) const {
     const std::vector<Change> changes = plan.Changes();
     if (changes.empty()) return;
-    const PluginAnswer answer =
+    PluginAnswer answer =
         RunPlugin(*found_.module, PluginOperation::kValidate, changes, progress_.task());
-    if (answer.failure) Fail(*answer.failure);
-    if (!answer.errors.empty()) Refuse(answer.errors.front());
-    const ModuleImpact impact = AssessModule(plan, progress_.task());
-    if (!impact.errors.empty()) Fail(impact.errors.front());
+    if (answer.failure) Fail({*answer.failure}, desired);
+    if (!answer.errors.empty()) Refuse(std::move(answer.errors), desired);
+    ModuleImpact impact = AssessModule(plan, progress_.task());
+    if (!impact.errors.empty()) Fail(std::move(impact.errors), desired);
     if (impact.needsMaintenanceMode) RequireMaintenanceMode();
   }
 
-  [[noreturn]] void Refuse(const ValidationErrorInfo& error) const {
-    throw InvalidArgumentException(
-        CMErrorCode::kBadValue,
-        {found_.Name() + ": " + Describe(error) + (error.path.empty() ? "" : " at " + error.path)});
+  [[noreturn]] void Refuse(std::vector<ErrorInfo> errors, const Value* desired) const {
+    const ErrorInfo& first = errors.front();
+    std::string_view place = first.path;
+    const std::string own = std::string("/") + kProfile + "/" + found_.Name();
+    if (place.starts_with(own)) place.remove_prefix(own.size() - found_.Name().size() - 1);
+    const std::string text =
+        found_.Name() + ": " + Describe(first) + (place.empty() ? "" : " at " + std::string(place));
+    Locate(errors, desired);
+    throw InvalidArgumentException(CMErrorCode::kBadValue, {text}, std::move(errors));
   }
 
-  [[noreturn]] void Fail(const ErrorInfo& error) const {
-    throw ConfigStoreException(failure_, {found_.Name() + ": " + Describe(error)});
+  [[noreturn]] void Fail(std::vector<ErrorInfo> errors, const Value* desired) const {
+    const std::string text = found_.Name() + ": " + Describe(errors.front());
+    Locate(errors, desired);
+    throw KeyChangeFailed(failure_, text, std::move(errors));
+  }
+
+  /// As in a document that asks for this key only.
+  void Locate(std::vector<ErrorInfo>& errors, const Value* desired) const {
+    rapidjson::Document document(rapidjson::kObjectType);
+    auto& memory = document.GetAllocator();
+    const auto& [component, group, key] = found_.key->address;
+    Value inner = desired == nullptr ? Value() : Value(*desired, memory);
+    for (const std::string* name : {&key, &group, &component}) {
+      Value outer(rapidjson::kObjectType);
+      outer.AddMember(Value(*name, memory), inner, memory);
+      inner = std::move(outer);
+    }
+    document.AddMember(rapidjson::StringRef(kProfile), inner, memory);
+    LocateErrors(errors, *found_.modules, document, GetBIOSUUID());
   }
 
   const FoundKey found_;
@@ -178,7 +232,10 @@ void SetConfig(const std::string& component, const std::string& group, const std
   if (!found.key->singleton) {
     desired = JsonDocument::FindMember(*desired, kInstances);
     if (desired == nullptr || !desired->IsArray() || document.root().MemberCount() != 1) {
-      throw InvalidArgumentException(CMErrorCode::kNotSingleton, {found.Name()});
+      const std::string& idProperty = found.key->idProperty;
+      throw InvalidArgumentException(
+          CMErrorCode::kNotSingleton, {found.Name()},
+          {{"com.tessel.ryx.settings.instances.expected", {found.Name(), idProperty}}});
     }
   }
   KeyChange(std::move(found), CSErrorCode::kSetFailed, task).Make(desired);
@@ -189,7 +246,9 @@ void DeleteConfig(const std::string& component, const std::string& group, const 
   FoundKey found = FindKey(component, group, key);
   if (Store::FromPath()->Get(found.key->address).empty()) {
     const std::string id = std::string(kValidationPrefix) + "invalid.delete.default";
-    throw InvalidArgumentException(CMErrorCode::kBadValue, {found.Name() + ": " + id});
+    throw InvalidArgumentException(
+        CMErrorCode::kBadValue, {found.Name() + ": " + id},
+        {{id, {}}, {"com.tessel.ryx.settings.key.not_set", {found.Name()}}});
   }
   KeyChange(std::move(found), CSErrorCode::kDeleteFailed, task).Make(nullptr);
 }

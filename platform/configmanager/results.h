@@ -5,25 +5,27 @@
 #include <vector>
 
 #include "configstore/document.h"
+#include "configstore/store.h"
 
 /// What the configuration manager reports.
 namespace RyxConfigManager {
 
-/// A message: its identifier and what fills its text's placeholders.
+/// A message: its identifier and what fills its text's placeholders, then where it belongs.
 struct ErrorInfo {
   std::string id;
   std::vector<std::string> args;
-};
-
-/// One violation in a document.
-struct ValidationErrorInfo : ErrorInfo {
-  std::string path;  ///< member names and list indexes joined by "/", from the document's root
+  /// In the document that was handed in, as a JSON Pointer (RFC 6901); for a single key, in a
+  /// document that has its value in "profile". Empty for what concerns a module as a whole.
+  std::string path = {};
+  RyxConfigStore::KeyAddress address = {};  ///< the key that the path leads to, if it does
+  std::string instance = {};                ///< of that key; empty for a singleton
+  std::string reason = {};  ///< one line about what the identifier leaves open; may be empty
 };
 
 struct ValidationResult {
   std::string pluginFailure;            ///< one line about it; empty when every module answered
   std::vector<ErrorInfo> pluginErrors;  ///< modules that failed to check the document
-  std::vector<ValidationErrorInfo> errors;
+  std::vector<ErrorInfo> errors;
   std::size_t moreErrors = 0;  ///< of the document, which were too many to be kept
 
   [[nodiscard]] bool valid() const { return errors.empty() && pluginErrors.empty(); }
@@ -38,6 +40,7 @@ struct ImpactInfo {
   std::string component;
   std::string group;
   std::string key;
+  std::vector<std::string> instances = {};  ///< the ids of those that are meant, unless a singleton
 
   bool operator==(const ImpactInfo&) const = default;
 };

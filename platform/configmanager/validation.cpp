@@ -9,6 +9,7 @@
 #include "configmanager/document/document_check.h"
 #include "configmanager/document/document_merge.h"
 #include "configmanager/document/host_identity.h"
+#include "configmanager/document/violation_place.h"
 #include "configmanager/module/installed_modules.h"
 #include "configmanager/module/plugin.h"
 #include "configmanager/schema/violations.h"
@@ -74,6 +75,7 @@ void Validate(const Document& document, const HostDocumentSchema& schema, Valida
   progress.Report(1, 10);
   if (!schemaOnly && result.errors.empty())
     AskValidators(document, *schema, result, progress.Share(10, 100));
+  LocateErrors(result.errors, *schema, document.root(), GetBIOSUUID());
   progress.Report(1, 1);
 }
 

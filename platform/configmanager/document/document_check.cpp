@@ -15,6 +15,11 @@
 namespace RyxConfigManager {
 namespace {
 
+[[noreturn]] void ThrowEmpty() {
+  throw ConfigManagerException(CMErrorCode::kEmptyDocument, {},
+                               {{"com.tessel.ryx.settings.document.empty", {}}});
+}
+
 using JsonDocument::FindMember;
 using JsonDocument::Members;
 using JsonDocument::TextOf;
@@ -94,12 +99,11 @@ class DocumentCheck {
 void CheckDocument(const ConfigStoreDocument::Document& document, const ModuleSet& modules,
                    const std::string& host, Violations& violations) {
   const Value& root = document.root();
-  if (root.IsObject() && root.ObjectEmpty())
-    throw ConfigManagerException(CMErrorCode::kEmptyDocument);
+  if (root.IsObject() && root.ObjectEmpty()) ThrowEmpty();
   CheckWellFormed(root, {}, violations);
   CheckValue(root, nullptr, DocumentFormat(), Section::kHostSpecific, {}, violations);
   const bool hasKey = DocumentCheck(document, modules, host, violations).Run();
-  if (!hasKey && violations.empty()) throw ConfigManagerException(CMErrorCode::kEmptyDocument);
+  if (!hasKey && violations.empty()) ThrowEmpty();
 }
 
 }  // namespace RyxConfigManager

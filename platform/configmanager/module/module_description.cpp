@@ -29,7 +29,7 @@ std::string NameOf(const KeyAddress& key) {
 
 void RefuseViolations(const Violations& violations, CMErrorCode code, const std::string& where) {
   if (violations.empty()) return;
-  const ValidationErrorInfo& first = violations.found().front();
+  const ErrorInfo& first = violations.found().front();
   std::string detail = where + first.path + ' ' + first.id.substr(kValidationPrefix.size());
   for (const std::string& argument : first.args) detail += " '" + argument + '\'';
   throw DescriptionError(code, detail);

@@ -79,12 +79,15 @@ std::string MakeRequest(const Module& module, const char* operation,
 }
 
 PluginFailure MakeFailure(const Module& module, PluginOperation operation,
-                          ProgramFailure::Kind kind, const std::string& reason) {
+                          ProgramFailure::Kind kind, const std::string& reason,
+                          const std::string& lastWords = {}) {
   const OperationTraits& traits = kOperations.at(static_cast<std::size_t>(operation));
   const std::string line = module.component + ": the program for \"" + traits.name + "\" " + reason;
   Log_Level(LogLevel::kCritical, "%s\n", line.c_str());
   const char* ending = kind == ProgramFailure::Kind::kSaidSo ? "failed" : "unexpected.error";
-  return {{std::string(traits.messages) + ending, {module.component}}, line};
+  PluginFailure failure{std::string(traits.messages) + ending, {module.component}};
+  failure.reason = lastWords.empty() ? line : line + ": " + lastWords;
+  return failure;
 }
 
 }  // namespace
@@ -105,7 +108,8 @@ PluginAnswer RunPlugin(const Module& module, PluginOperation operation,
     return ReadPluginAnswer(
         RunProgram(program, MakeRequest(module, traits.name, changes, task), module.timeout, task));
   } catch (const ProgramFailure& failure) {
-    answer.failure = MakeFailure(module, operation, failure.kind(), failure.what());
+    answer.failure =
+        MakeFailure(module, operation, failure.kind(), failure.what(), failure.lastWords());
     return answer;
   }
 }

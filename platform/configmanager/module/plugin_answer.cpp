@@ -35,8 +35,8 @@ std::span<const Value> Elements(const Value* list, const char* what) {
   return {list->Begin(), list->Size()};
 }
 
-ValidationErrorInfo ReadError(const Value& error) {
-  ValidationErrorInfo read;
+ErrorInfo ReadError(const Value& error) {
+  ErrorInfo read;
   read.id = TextOf(FindMember(error, "id"));
   read.path = TextOf(FindMember(error, "path"));
   Require(!read.id.empty(), "an error without an id");

@@ -11,15 +11,13 @@
 
 namespace RyxConfigManager {
 
-/// Why a program of a module gave no answer.
-struct PluginFailure : ErrorInfo {
-  std::string reason;  ///< one line for the log
-};
+/// Why a program of a module gave no answer; `reason` is one line about it.
+using PluginFailure = ErrorInfo;
 
 /// What a program of a module answered.
 struct PluginAnswer {
   std::optional<PluginFailure> failure;  ///< nothing else is set when there is one
-  std::vector<ValidationErrorInfo> errors;
+  std::vector<ErrorInfo> errors;
   bool needsReboot = false;
   bool needsMaintenanceMode = false;
   rapidjson::Document values;         ///< an object: "GROUP/KEY" to the effective value

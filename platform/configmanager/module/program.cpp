@@ -20,6 +20,7 @@
 #include "pcore/spawn.h"
 #include "tesselibs/log.h"
 #include "tesselibs/unique_fd.h"
+#include "tesselibs/utf8.h"
 
 namespace RyxConfigManager {
 namespace {
@@ -133,7 +134,8 @@ class RunningProgram {
     }
     if (WEXITSTATUS(status) != 0) {
       throw ProgramFailure(ProgramFailure::Kind::kSaidSo,
-                           "ended with exit status " + std::to_string(WEXITSTATUS(status)));
+                           "ended with exit status " + std::to_string(WEXITSTATUS(status)),
+                           LastWords());
     }
     return std::move(output_.text);
   }
@@ -173,6 +175,18 @@ class RunningProgram {
     child_.SignalGroup(SIGKILL);
     reaped_ = true;
     return child_.Wait(status);
+  }
+
+  /// Nothing for a line that is no text: it ends in answers to clients.
+  std::string LastWords() {
+    while (errors_.Take(kMaxLoggedErrors) && !errors_.overflowed) {
+    }
+    std::string last;
+    std::istringstream lines(errors_.text);
+    for (std::string line; std::getline(lines, line);) {
+      if (!line.empty()) last = std::move(line);
+    }
+    return Utf8::IsValid(last) ? last : std::string();
   }
 
   void LogErrors() const {

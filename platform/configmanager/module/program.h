@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 #include "configmanager/task_input.h"
 
@@ -20,12 +21,16 @@ class ProgramFailure : public std::runtime_error {
     kSaidSo,      ///< it ended with an exit status other than 0
     kUnexpected,  ///< it could not be started, crashed, hung or wrote without end
   };
-  ProgramFailure(Kind kind, const std::string& what) : std::runtime_error(what), kind_(kind) {}
+  explicit ProgramFailure(Kind kind, const std::string& what, std::string lastWords = {})
+      : std::runtime_error(what), kind_(kind), lastWords_(std::move(lastWords)) {}
 
   [[nodiscard]] Kind kind() const { return kind_; }
+  /// The last line that it wrote to its standard error, of one that said that it failed.
+  [[nodiscard]] const std::string& lastWords() const { return lastWords_; }
 
  private:
   Kind kind_;
+  std::string lastWords_;
 };
 
 /// Runs a program to its end; see RunPlugin for how it is ended otherwise. Callable from any

@@ -8,7 +8,7 @@ namespace RyxConfigManager {
 
 void Violations::Add(const DocumentPath& path, std::string_view id,
                      std::initializer_list<std::string_view> arguments) {
-  ValidationErrorInfo violation;
+  ErrorInfo violation;
   if (text_ < kMaxText) {
     violation.id.append(kValidationPrefix).append(id);
     violation.args.assign(arguments.begin(), arguments.end());
@@ -17,7 +17,7 @@ void Violations::Add(const DocumentPath& path, std::string_view id,
   Add(std::move(violation));
 }
 
-void Violations::Add(ValidationErrorInfo violation) {
+void Violations::Add(ErrorInfo violation) {
   if (text_ >= kMaxText) {
     ++uncollected_;
     return;

@@ -29,15 +29,15 @@ class Violations {
   /// @param arguments  fill the placeholders of the message's text, {1} first
   void Add(const DocumentPath& path, std::string_view id,
            std::initializer_list<std::string_view> arguments = {});
-  void Add(ValidationErrorInfo violation);
+  void Add(ErrorInfo violation);
 
   [[nodiscard]] bool empty() const { return found_.empty(); }
   [[nodiscard]] std::size_t uncollected() const { return uncollected_; }
-  [[nodiscard]] const std::vector<ValidationErrorInfo>& found() const { return found_; }
-  [[nodiscard]] std::vector<ValidationErrorInfo> Take() { return std::move(found_); }
+  [[nodiscard]] const std::vector<ErrorInfo>& found() const { return found_; }
+  [[nodiscard]] std::vector<ErrorInfo> Take() { return std::move(found_); }
 
  private:
-  std::vector<ValidationErrorInfo> found_;
+  std::vector<ErrorInfo> found_;
   std::size_t text_ = 0;
   std::size_t uncollected_ = 0;
 };

@@ -21,12 +21,15 @@ constexpr std::array kImpactKinds{ImpactKind::kAdd, ImpactKind::kSet, ImpactKind
 /// Each kind of change that a key sees, once.
 void AddKeyImpacts(const KeyPlan& plan, std::vector<ImpactInfo>& impacts) {
   for (std::size_t action = 0; action < kImpactKinds.size(); ++action) {
-    const auto isOfAction = [action](const Change& change) {
-      return static_cast<std::size_t>(change.action) == action;
-    };
-    if (std::ranges::none_of(plan.changes, isOfAction)) continue;
     const auto& [component, group, key] = plan.state->key->address;
-    impacts.push_back({kImpactKinds.at(action), component, group, key});
+    ImpactInfo impact{kImpactKinds.at(action), component, group, key};
+    bool any = false;
+    for (const Change& change : plan.changes) {
+      if (static_cast<std::size_t>(change.action) != action) continue;
+      any = true;
+      if (!change.instance.empty()) impact.instances.push_back(change.instance);
+    }
+    if (any) impacts.push_back(std::move(impact));
   }
 }
 
