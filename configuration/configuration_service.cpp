@@ -4,6 +4,7 @@
 #include "configuration/document_tasks.h"
 #include "configuration/messages/api_errors.h"
 #include "configuration/start_task.h"
+#include "configuration/violation_messages.h"
 #include "lifecycle/complete_operation.h"
 #include "orbi/std/errors.h"
 
@@ -11,6 +12,16 @@ namespace Com::Tessel::Ryx::KestrelDaemon::ConfigurationSvc {
 
 using ::Orbi::Core::AsyncResult;
 using ::Orbi::Core::ExecutionContextPtr;
+
+namespace {
+
+std::vector<::Orbi::Data::LocalizableMessage> WhyNotExported(const std::exception& failure) {
+  if (dynamic_cast<const RyxConfigManager::Aborted*>(&failure) == nullptr)
+    return ::LifeCycle::DetailsOf(failure);
+  return {::LifeCycle::ApiMessage("com.tessel.ryx.kestrel_daemon.configuration.export.slow")};
+}
+
+}  // namespace
 
 void ConfigurationServiceImpl::Validate(const ExecutionContextPtr& context,
                                         const ValidateInput& input,
@@ -53,9 +64,9 @@ void ConfigurationServiceImpl::Export(const ExecutionContextPtr&, const ExportIn
       return ExportResult{RyxConfigManager::ExportDocument()};
     } catch (const std::exception& e) {
       Log_Level(LogLevel::kCritical, "[%s] Failed to export document: %s\n", "Export", e.what());
-      throw ::LifeCycle::OperationError(
-          ::LifeCycle::ApiError(::Com::Tessel::Orbi::Std::Errors::InternalServerError,
-                                "com.tessel.ryx.kestrel_daemon.configuration.export.doc.error"));
+      throw ::LifeCycle::OperationError(::LifeCycle::ApiError(
+          ::Com::Tessel::Orbi::Std::Errors::InternalServerError,
+          "com.tessel.ryx.kestrel_daemon.configuration.export.doc.error", {}, WhyNotExported(e)));
     }
   });
 }

@@ -129,7 +129,8 @@ TEST_F(ConfigurationTest, WhatKeepsATaskFromItsEndIsRecorded) {
   }
   SetTask secretive(init(), {"time", "ntp", "leap"}, {"any", {{"note", Orbi::Data::Secret{"s"}}}});
   EXPECT_EQ(run(secretive),
-            "FAILED invalid_argument configuration.components.groups.keys.invalidargument.error");
+            "FAILED invalid_argument configuration.components.groups.keys.invalidargument.error "
+            "settings.value.secret A value that holds secrets cannot be set.");
   EXPECT_THAT(TakeLog(), testing::HasSubstr("2 [Run] Secrets cannot be set\n"));
 }
 

@@ -1,10 +1,14 @@
 #include "configuration/document_tasks.h"
 
+#include <algorithm>
+#include <cstddef>
+#include <iterator>
 #include <utility>
 
 #include "configmanager/config_manager.h"
 #include "configuration/messages/api_errors.h"
 #include "configuration/messages/config_manager_messages.h"
+#include "configuration/violation_messages.h"
 #include "orbi/std/errors.h"
 #include "software/command/json_value.h"
 #include "tesselibs/log.h"
@@ -28,15 +32,15 @@ std::shared_ptr<RyxConfigManager::CheckApplyResult>& CheckedDocument() {
   return slot;
 }
 
-LocalizableMessage ToMessage(const RyxConfigManager::ErrorInfo& info) {
-  return ConfigManagerMessage(info.id, info.args);
-}
-
-std::vector<LocalizableMessage> ToMessages(const std::vector<RyxConfigManager::ErrorInfo>& infos) {
-  std::vector<LocalizableMessage> messages;
-  messages.reserve(infos.size());
-  for (const auto& info : infos) messages.push_back(ToMessage(info));
-  return messages;
+/// Where a text stops being JSON.
+LocalizableMessage PlaceOf(const ConfigStoreDocument::Malformed& failure, const std::string& text) {
+  const auto end = text.begin() + static_cast<std::ptrdiff_t>(failure.offset());
+  const auto lines = std::count(text.begin(), end, '\n');
+  const auto lineStart = std::find(std::make_reverse_iterator(end), text.rend(), '\n').base();
+  return ConfigManagerMessage(
+      "com.tessel.ryx.settings.document.malformed",
+      {failure.problem(), std::to_string(lines + 1), std::to_string(end - lineStart + 1),
+       std::to_string(failure.offset())});
 }
 
 const char* MessageId(RyxConfigManager::ImpactKind kind) {
@@ -61,6 +65,7 @@ std::vector<Svc::ImpactInfo> ToImpacts(const std::vector<RyxConfigManager::Impac
   for (const auto& info : infos) {
     std::vector<std::string> args;
     if (!info.key.empty()) args = {info.key, info.group, info.component};
+    args.insert(args.end(), info.instances.begin(), info.instances.end());
     impacts.push_back({ConfigManagerMessage(MessageId(info.kind), std::move(args))});
   }
   return impacts;
@@ -94,6 +99,12 @@ std::optional<std::string> UnlessEmpty(const std::string& text) {
   return text;
 }
 
+/// A violation's messages, where its path is told beside them.
+std::vector<LocalizableMessage> WithReason(RyxConfigManager::ErrorInfo error) {
+  error.path.clear();
+  return ToMessages({&error, 1});
+}
+
 Svc::SettingCompliance ToSetting(const RyxConfigManager::SettingComplianceInfo& info) {
   return {info.component,
           info.group,
@@ -120,7 +131,7 @@ ErrorValue DocumentTask::Failed(const char* what, const char* id,
                                 const std::exception& failure) const {
   Log_Level(LogLevel::kCritical, "ConfigManagerTask[%s]: %s: %s\n", label().c_str(), what,
             failure.what());
-  return ApiError(Errors::Error, id);
+  return ApiError(Errors::Error, id, {}, DetailsOf(failure));
 }
 
 DocumentTask::Validated DocumentTask::Validate(bool schemaOnly, Range range) {
@@ -129,10 +140,13 @@ DocumentTask::Validated DocumentTask::Validate(bool schemaOnly, Range range) {
   Validated validated;
   try {
     validated.document = ConfigStoreDocument::CreateDocument(document_);
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
     Log_Level(LogLevel::kCritical, "ConfigManagerTask[%s]: JSON parse error\n", label().c_str());
-    throw OperationError(
-        ApiError(Errors::Error, "com.tessel.ryx.kestrel_daemon.configuration.parse.error"));
+    const auto* const malformed = dynamic_cast<const ConfigStoreDocument::Malformed*>(&e);
+    auto why = malformed == nullptr ? DetailsOf(e) : std::vector{PlaceOf(*malformed, document_)};
+    throw OperationError(ApiError(Errors::Error,
+                                  "com.tessel.ryx.kestrel_daemon.configuration.parse.error", {},
+                                  std::move(why)));
   }
   try {
     validated.host = RyxConfigManager::GetBIOSUUID();
@@ -151,6 +165,7 @@ DocumentTask::Validated DocumentTask::Validate(bool schemaOnly, Range range) {
       const auto more = ConfigManagerMessage(kMoreViolations, {std::to_string(result.moreErrors)});
       validated.errors.push_back({validated.host, std::nullopt, {more}});
     }
+    AppendPlaces(result.errors, validated.places);
     validated.passed = result.valid();
     return validated;
   } catch (const std::exception& e) {
@@ -164,7 +179,8 @@ DocumentTask::Validated DocumentTask::ValidateOrFail() {
   std::vector<LocalizableMessage> messages{ApiMessage(kValidationError)};
   for (auto& error : validated.errors)
     messages.insert(messages.end(), error.messages.begin(), error.messages.end());
-  messages.insert(messages.end(), validated.messages.begin(), validated.messages.end());
+  for (const auto* further : {&validated.messages, &validated.places})
+    messages.insert(messages.end(), further->begin(), further->end());
   throw OperationError(Errors::Error(messages));
 }
 
@@ -197,7 +213,7 @@ ConfigManagerTaskImpl::Conversion CheckApplyTask::Work() {
     output.spec_id = checked->specId;
     output.impacts.push_back({validated.host, ToImpacts(checked->impacts)});
     for (const auto& error : checked->errors)
-      output.errors.push_back({validated.host, std::nullopt, {ToMessage(error)}});
+      output.errors.push_back({validated.host, UnlessEmpty(error.path), WithReason(error)});
   }
   return [output = std::move(output)] { return Adapt(output); };
 }
@@ -219,9 +235,10 @@ void ApplyTask::Prepare() {
   Log_Level(LogLevel::kCritical,
             "ConfigManagerTask[%s]: Failed find desired document with id: %s\n", label().c_str(),
             specId_.c_str());
-  throw OperationError(
-      ApiError(Errors::InvalidArgument,
-               "com.tessel.ryx.kestrel_daemon.configuration.apply.invalid_specid.error"));
+  throw OperationError(ApiError(
+      Errors::InvalidArgument,
+      "com.tessel.ryx.kestrel_daemon.configuration.apply.invalid_specid.error", {},
+      {ApiMessage("com.tessel.ryx.kestrel_daemon.configuration.apply.check_again", {specId_})}));
 }
 
 ConfigManagerTaskImpl::Conversion ApplyTask::Work() {
@@ -233,12 +250,18 @@ ConfigManagerTaskImpl::Conversion ApplyTask::Work() {
 ErrorValue ApplyTask::Translate(const std::exception& failure) const {
   Log_Level(LogLevel::kCritical, "ConfigManagerTask[%s]: Apply failed: %s\n", label().c_str(),
             failure.what());
-  const char* id = "com.tessel.ryx.kestrel_daemon.configuration.apply.generic.error";
-  if (dynamic_cast<const RyxConfigManager::InvalidImpact*>(&failure) != nullptr)
-    id = "com.tessel.ryx.kestrel_daemon.configuration.apply.invalid_impact.error";
-  if (dynamic_cast<const RyxConfigManager::HostNotInMM*>(&failure) != nullptr)
-    id = "com.tessel.ryx.kestrel_daemon.configuration.apply.host_not_in_mm.error";
-  return ApiError(Errors::Error, id);
+  if (dynamic_cast<const RyxConfigManager::InvalidImpact*>(&failure) != nullptr) {
+    return ApiError(Errors::Error,
+                    "com.tessel.ryx.kestrel_daemon.configuration.apply.invalid_impact.error", {},
+                    {ApiMessage("com.tessel.ryx.kestrel_daemon.configuration.apply.host_changed")});
+  }
+  if (dynamic_cast<const RyxConfigManager::HostNotInMM*>(&failure) != nullptr) {
+    return ApiError(Errors::Error,
+                    "com.tessel.ryx.kestrel_daemon.configuration.apply.host_not_in_mm.error", {},
+                    {ApiMessage("com.tessel.ryx.kestrel_daemon.configuration.apply.enter_mm")});
+  }
+  return ApiError(Errors::Error, "com.tessel.ryx.kestrel_daemon.configuration.apply.generic.error",
+                  {}, DetailsOf(failure));
 }
 
 ImpactTask::ImpactTask(std::string taskId, std::string document)
@@ -250,7 +273,7 @@ ConfigManagerTaskImpl::Conversion ImpactTask::Work() {
   const auto task = MakeTaskInput(kAfterValidation);
   RyxConfigManager::Impact(validated.document, result, &task);
   Svc::ImpactResult output{ToImpacts(result.impacts)};
-  for (const auto& error : result.errors) output.impacts.push_back({ToMessage(error)});
+  for (auto& message : ToMessages(result.errors)) output.impacts.push_back({std::move(message)});
   return [output = std::move(output)] { return Adapt(output); };
 }
 

@@ -22,6 +22,7 @@ class DocumentTask : public ConfigManagerTaskImpl {
     std::string host;  ///< BIOS UUID
     std::vector<Com::Tessel::Ryx::KestrelDaemon::ConfigurationSvc::ValidationError> errors;
     std::vector<Orbi::Data::LocalizableMessage> messages;  ///< modules that failed to check it
+    std::vector<Orbi::Data::LocalizableMessage> places;    ///< of the errors
     bool passed = false;
   };
 

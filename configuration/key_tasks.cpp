@@ -4,6 +4,8 @@
 
 #include "configmanager/config_manager.h"
 #include "configuration/messages/api_errors.h"
+#include "configuration/messages/config_manager_messages.h"
+#include "configuration/violation_messages.h"
 #include "orbi/json/writer.h"
 #include "orbi/std/errors.h"
 #include "software/command/json_value.h"
@@ -23,16 +25,17 @@ constexpr char kInvalidArgument[] =
 
 Value Nothing() { return {}; }
 
-[[noreturn]] void RefuseValue() {
-  throw OperationError(ApiError(Errors::InvalidArgument, kInvalidArgument));
+[[noreturn]] void RefuseValue(const char* why) {
+  throw OperationError(
+      ApiError(Errors::InvalidArgument, kInvalidArgument, {}, {ConfigManagerMessage(why)}));
 }
 
 }  // namespace
 
 ErrorValue KeyError(const std::exception& failure, const char* id) {
   if (dynamic_cast<const RyxConfigManager::InvalidArgumentException*>(&failure) != nullptr)
-    return ApiError(Errors::InvalidArgument, kInvalidArgument);
-  return ApiError(Errors::Error, id);
+    return ApiError(Errors::InvalidArgument, kInvalidArgument, {}, DetailsOf(failure));
+  return ApiError(Errors::Error, id, {}, DetailsOf(failure));
 }
 
 SetTask::SetTask(std::string taskId, RyxConfigStore::KeyAddress address,
@@ -45,12 +48,12 @@ ConfigManagerTaskImpl::Conversion SetTask::Work() {
   const std::string value = ValueToJson(value_);
   if (value == "{}") {
     Log_Level(LogLevel::kCritical, "[%s] Empty configuration cannot be set\n", "Run");
-    RefuseValue();
+    RefuseValue("com.tessel.ryx.settings.value.empty");
   }
   // Secrets are blanked in the text: an empty one would be set in the place of what was asked for.
   if (JsonDirectDataSerializer(Secrets::kWritten).Serialize(value_) != value) {
     Log_Level(LogLevel::kCritical, "[%s] Secrets cannot be set\n", "Run");
-    RefuseValue();
+    RefuseValue("com.tessel.ryx.settings.value.secret");
   }
   const auto task = MakeTaskInput();
   RyxConfigManager::SetConfig(address_.component, address_.group, address_.key, value, &task);

@@ -16,6 +16,7 @@ HELPERS = (pathlib.Path("/usr/bin/python"), BINARIES / "lifecyclectl.py")  # the
 SEVERITIES = ("emergency", "alert", "critical", "error", "warning", "notice", "info", "debug")
 TEXTS = yaml.safe_load(pathlib.Path(__file__).with_name("message_texts.yaml").read_text())
 UUID = r"[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}"
+PLACE = "com.tessel.ryx.settings.place"
 TIME = r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z"
 SIZES = ("payload_size", "download_size", "downloaded", "size")
 RECORD = ("description", "service", "operation", "user", "cancelable", "status", "start_time", "end_time", "progress",
@@ -58,6 +59,8 @@ def without_its_text(message):
         return message
     rest = dict(message)
     args = message.get("args", [])
+    if message["id"] == PLACE and message["default_message"] == message.get("localized") == f"{args[0]}: {args[1]}":
+        return {"place": f"{' '.join(filter(None, args[3:]))}: {args[0]}: {args[1]}"}
     text = re.sub(r"\{(\d)\}", lambda number: "".join(args[int(number[1]) - 1:int(number[1])]),
                   TEXTS.get(message["id"], ""))
     for name, usual in (("localized", message["default_message"]), ("default_message", text), ("args", [])):
@@ -170,7 +173,9 @@ class Session:
                 if "probe" in case:
                     stack.enter_context(probe_running(self.filled(case["probe"])))
                 sent = self.filled(self.filled(fields.get("with", {}), {name: value}))
-                outcomes.append(self._outcome(call, sent, *case.get("as", "root/kestrel").split("/")))
+                outcome = self._outcome(call, sent, *case.get("as", "root/kestrel").split("/"))
+                outcomes.append(changed(outcome, lambda key, part, value=value: [
+                    f"<{name}>" if word == value else word for word in part] if key == "args" else part))
         if all(outcome == outcomes[0] for outcome in outcomes):
             return special | outcomes[0]
         return special | {"outcomes": [{name: value, **outcome} for value, outcome in zip(values, outcomes)]}

@@ -189,6 +189,19 @@ constexpr MessageTableEntry kApiMessages[] = {
     {"com.tessel.ryx.task.parse.error", "Failed to get task result. Retry at a later time."},
     {"com.tessel.ryx.task.unknown.error", "Unknown error occurred while fetching the tasks."},
     {"com.tessel.ryx.task.uuid.error", "Failed to generate a task UUID. Please retry later."},
+    // What is told beside the others: where, why, and what to do.
+    {"com.tessel.ryx.kestrel_daemon.configuration.apply.check_again",
+     "'{1}' is not what the last check told, was applied already, or was forgotten when the daemon "
+     "was restarted. Call check_apply and apply the spec_id that it tells."},
+    {"com.tessel.ryx.kestrel_daemon.configuration.apply.host_changed",
+     "The host's configuration is not what it was when the document was checked. Call check_apply "
+     "again, and apply the spec_id that it tells if its impacts are still wanted."},
+    {"com.tessel.ryx.kestrel_daemon.configuration.apply.enter_mm",
+     "Put the host into maintenance mode and try again. A document is to be checked again first, "
+     "since what was checked is applied once."},
+    {"com.tessel.ryx.kestrel_daemon.configuration.export.slow",
+     "The configuration modules did not tell what is in force within 30 seconds. Try again; the "
+     "system log tells what they were waiting for."},
 };
 // clang-format on
 
@@ -204,8 +217,10 @@ Orbi::Data::LocalizableMessage ApiMessage(std::string id, std::vector<std::strin
 }
 
 Orbi::Data::ErrorValue ApiError(const Com::Tessel::Orbi::Std::Errors::StandardError& type,
-                                std::string id, std::vector<std::string> args) {
-  auto error = type({ApiMessage(std::move(id), std::move(args))});
+                                std::string id, std::vector<std::string> args,
+                                std::vector<Orbi::Data::LocalizableMessage> further) {
+  further.insert(further.begin(), ApiMessage(std::move(id), std::move(args)));
+  auto error = type(further);
   boost::system::error_code ignored;  // a message that no catalogue knows has its default text
   Orbi::L10n::Localizer(std::string(Orbi::L10n::kDefaultLocale), {GetTranslator()})
       .Localize(error, Orbi::L10n::kDefaultLocale, Orbi::L10n::Unworded::kLeft, ignored);

@@ -20,9 +20,9 @@ namespace LifeCycle {
 [[nodiscard]] Orbi::Data::LocalizableMessage ApiMessage(std::string id,
                                                         std::vector<std::string> args = {});
 
-/// A standard error whose messages are the one message `id`.
+/// A standard error whose messages are the message `id` and further ones that tell more.
 [[nodiscard]] Orbi::Data::ErrorValue ApiError(
     const Com::Tessel::Orbi::Std::Errors::StandardError& type, std::string id,
-    std::vector<std::string> args = {});
+    std::vector<std::string> args = {}, std::vector<Orbi::Data::LocalizableMessage> further = {});
 
 }  // namespace LifeCycle

@@ -62,6 +62,27 @@ constexpr MessageTableEntry kConfigManagerMessages[] = {
     {"com.tessel.ryx.settings.impact.plugin.unexpected.error",
      "Impact plugin '{1}' failed unexpectedly."},
     {"com.tessel.ryx.settings.impact.plugin.failed", "Impact plugin '{1}' failed."},
+    // What is told beside the others: where, why, and what to do.
+    {"com.tessel.ryx.settings.place", "{1}: {2}"},
+    {"com.tessel.ryx.settings.reason", "Reason: {1}"},
+    {"com.tessel.ryx.settings.document.empty",
+     "The document names no key, so there is nothing to check or to apply. A host whose settings "
+     "all have their defaults exports such a document. Name at least one key in 'profile' or "
+     "'host-specific'."},
+    {"com.tessel.ryx.settings.document.malformed", "{1} At line {2}, column {3} (byte {4})."},
+    {"com.tessel.ryx.settings.component.unknown",
+     "This host has no component '{1}'. Its components: {2}."},
+    {"com.tessel.ryx.settings.group.unknown",
+     "Component '{1}' has no group '{2}'. Its groups: {3}."},
+    {"com.tessel.ryx.settings.key.unknown", "Group '{1}/{2}' has no key '{3}'. Its keys: {4}."},
+    {"com.tessel.ryx.settings.key.not_set",
+     "Nothing was set for '{1}', so there is nothing to delete."},
+    {"com.tessel.ryx.settings.instances.expected",
+     "'{1}' holds a list: its value has the one member 'instances', a list of objects that are "
+     "told apart by their '{2}'."},
+    {"com.tessel.ryx.settings.value.empty",
+     "An empty value cannot be set. To go back to the default, delete the key."},
+    {"com.tessel.ryx.settings.value.secret", "A value that holds secrets cannot be set."},
 };
 // clang-format on
 

@@ -50,9 +50,10 @@ Document CreateDocument(const std::string& text) {
                                                  JsonDocument::Strings::kUtf8);
   if (result.IsError()) {
     const bool tooDeep = result.Code() == rapidjson::kParseErrorTermination;
-    Log_Level(LogLevel::kError, "[ConfigStoreDocument]: %s (at byte %zu)\n",
-              tooDeep ? kTooDeep : rapidjson::GetParseError_En(result.Code()), result.Offset());
-    throw RyxConfigStore::ConfigStoreException(RyxConfigStore::CSErrorCode::kNoJson);
+    const char* const problem = tooDeep ? kTooDeep : rapidjson::GetParseError_En(result.Code());
+    Log_Level(LogLevel::kError, "[ConfigStoreDocument]: %s (at byte %zu)\n", problem,
+              result.Offset());
+    throw Malformed(problem, result.Offset());
   }
   return document;
 }

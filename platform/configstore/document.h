@@ -2,8 +2,12 @@
 
 #include <rapidjson/document.h>
 
+#include <cstddef>
 #include <memory>
 #include <string>
+#include <utility>
+
+#include "configstore/status_error.h"
 
 /// Configuration documents: JSON texts that tell what a host's configuration is to be, as clients
 /// hand them in and as an export writes them.
@@ -50,10 +54,24 @@ class Document {
   rapidjson::Document merged_;
 };
 
+/// A text that is no JSON, or nests too deep.
+class Malformed : public RyxConfigStore::ConfigStoreException {
+ public:
+  Malformed(std::string problem, std::size_t offset)
+      : ConfigStoreException(RyxConfigStore::CSErrorCode::kNoJson),
+        problem_(std::move(problem)),
+        offset_(offset) {}
+
+  [[nodiscard]] const std::string& problem() const { return problem_; }  ///< a sentence
+  [[nodiscard]] std::size_t offset() const { return offset_; }           ///< in bytes
+
+ private:
+  std::string problem_;
+  std::size_t offset_;
+};
+
 /// @param text  a JSON text
-/// @throws RyxConfigStore::ConfigStoreException  kNoJson: the text is no JSON, or nests too deep;
-/// the
-///         log tells where
+/// @throws Malformed  the log tells where
 Document CreateDocument(const std::string& text);
 
 }  // namespace ConfigStoreDocument
