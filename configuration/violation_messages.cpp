@@ -18,13 +18,13 @@ constexpr std::size_t kMostPlaces = std::size_t{64} << 10;  // bytes
 
 LocalizableMessage PlaceOf(const ErrorInfo& error) {
   const auto& [component, group, key] = error.address;
-  return ConfigManagerMessage("com.tessel.ryx.settings.place",
-                              {error.path, ToMessage(error).default_message, error.id, component,
-                               group, key, error.instance});
+  return ApiMessage("com.tessel.ryx.settings.place",
+                    {error.path, ToMessage(error).default_message, error.id, component, group, key,
+                     error.instance});
 }
 
 LocalizableMessage Reason(std::string text) {
-  return ConfigManagerMessage("com.tessel.ryx.settings.reason", {std::move(text)});
+  return ApiMessage("com.tessel.ryx.settings.reason", {std::move(text)});
 }
 
 }  // namespace

@@ -77,9 +77,24 @@ std::optional<Orbi::Data::ErrorValue> ExceptionOf(const TaskDB::TaskInfo& record
   return std::nullopt;
 }
 
+/// The messages that a helper tells beside its error's, which stand in its record's exception.
+std::vector<Orbi::Data::LocalizableMessage> FurtherMessages(const TaskDB::TaskInfo& record) {
+  std::vector<Orbi::Data::LocalizableMessage> further;
+  const auto exception = record.exception.empty() ? std::nullopt : ExceptionOf(record);
+  const auto* const messages = exception ? exception->Find("messages") : nullptr;
+  const auto* const list = messages != nullptr ? messages->As<Orbi::Data::List>() : nullptr;
+  if (list == nullptr) return further;
+  for (const Orbi::Data::Value& item : list->items) {
+    if (auto message = Orbi::Data::LocalizableMessage::FromValue(item))
+      further.push_back(*std::move(message));
+  }
+  return further;
+}
+
 std::optional<Orbi::Data::ErrorValue> ErrorOf(const TaskDB::TaskInfo& record) {
   if (!record.errorId.empty())
-    return ApiError(Com::Tessel::Orbi::Std::Errors::Error, record.errorId, record.errorArgs);
+    return ApiError(Com::Tessel::Orbi::Std::Errors::Error, record.errorId, record.errorArgs,
+                    FurtherMessages(record));
   if (!record.exception.empty()) return ExceptionOf(record);
   Log_Level(LogLevel::kError, "Task %s failed without any error details.\n", record.id.c_str());
   return std::nullopt;

@@ -1,5 +1,6 @@
 #include "software/desired_software_services.h"
 
+#include "configuration/messages/api_errors.h"
 #include "lifecycle/complete_operation.h"
 #include "orbi/std/errors.h"
 #include "software/command/json_value.h"
@@ -97,7 +98,8 @@ void AsyncServiceImpl::Set(const ExecutionContextPtr&, const SetInput& input,
     if (!input.version || input.version->empty()) {
       Log_Level(LogLevel::kCritical, "[%s] No value for version supplied.\n",
                 kSetDesiredComponent.name);
-      throw OperationError(Com::Tessel::Orbi::Std::Errors::InvalidArgument());
+      throw OperationError(Com::Tessel::Orbi::Std::Errors::InvalidArgument(
+          {ApiMessage("com.tessel.ryx.host_settings.software.version.form", {""})}));
     }
     // Clients rely on versions being passed on whatever characters they hold.
     OrderHelper(kSetDesiredComponent, input.component + " " + *input.version);

@@ -1,5 +1,8 @@
 #include "software/helper_call.h"
 
+#include <algorithm>
+#include <cstddef>
+
 #include "configuration/messages/api_errors.h"
 #include "lifecycle/complete_operation.h"
 #include "orbi/std/errors.h"
@@ -17,9 +20,17 @@ std::string CommandLine(const HelperOperation& operation, const std::string& arg
   return std::string(kInlineHelper) + operation.arguments + argument;
 }
 
+/// As much of a name as a message needs.
+std::string Shortened(const std::string& name) {
+  std::size_t end = std::min<std::size_t>(name.size(), 80);
+  while (end > 0 && end < name.size() && (name[end] & 0xC0) == 0x80) --end;  // whole characters
+  return name.substr(0, end);
+}
+
 void ThrowFailure(const HelperOperation& operation, const std::string& command,
-                  const CommandResult& result) {
-  if (auto error = FailureOf(operation, command, result)) throw OperationError(std::move(*error));
+                  const CommandResult& result, const std::string& errors) {
+  if (auto error = FailureOf(operation, command, result, errors))
+    throw OperationError(std::move(*error));
 }
 
 }  // namespace
@@ -27,25 +38,33 @@ void ThrowFailure(const HelperOperation& operation, const std::string& command,
 std::string AskHelper(const HelperOperation& operation, const std::string& argument) {
   const std::string command = CommandLine(operation, argument);
   std::string output;
-  ThrowFailure(operation, command, RunCommand(command, nullptr, &output));
+  std::string errors;
+  const CommandResult result = RunCommand(command, nullptr, &output, &errors);
+  ThrowFailure(operation, command, result, errors);
   return output;
 }
 
 void FeedHelper(const HelperOperation& operation, const std::string& document) {
   const std::string command = CommandLine(operation, {});
-  ThrowFailure(operation, command, RunCommand(command, &document, nullptr));
+  std::string errors;
+  const CommandResult result = RunCommand(command, &document, nullptr, &errors);
+  ThrowFailure(operation, command, result, errors);
 }
 
 void OrderHelper(const HelperOperation& operation, const std::string& argument) {
   const std::string command = CommandLine(operation, argument);
-  ThrowFailure(operation, command, RunCommand(command));
+  std::string errors;
+  const CommandResult result = RunCommand(command, &errors);
+  ThrowFailure(operation, command, result, errors);
 }
 
 void RequireValidName(const HelperOperation& operation, const std::string& name,
                       const NameRefusal& refusal) {
   if (IsValidName(name)) return;
   Log_Level(LogLevel::kCritical, "[%s] %s\n", operation.name, refusal.log);
-  throw OperationError(ApiError(Com::Tessel::Orbi::Std::Errors::InvalidArgument, refusal.message));
+  throw OperationError(
+      ApiError(Com::Tessel::Orbi::Std::Errors::InvalidArgument, refusal.message, {},
+               {ApiMessage("com.tessel.ryx.host_settings.name.characters", {Shortened(name)})}));
 }
 
 ValuePtr ReadResults(const HelperOperation& operation, const std::string& output) {

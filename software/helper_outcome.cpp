@@ -1,10 +1,12 @@
 #include "software/helper_outcome.h"
 
+#include <algorithm>
 #include <system_error>
 #include <utility>
 
 #include "configuration/messages/api_errors.h"
 #include "orbi/data/message.h"
+#include "software/helper_words.h"
 #include "tesselibs/log.h"
 
 namespace LifeCycle {
@@ -152,6 +154,14 @@ Orbi::Data::ErrorValue MakeFailure(const OutcomeRule& rule, const CommandResult&
   return ApiError(rule.error, rule.message, std::move(args));
 }
 
+void AddWords(const HelperWords& words, Orbi::Data::ErrorValue& error) {
+  if (words.blamesClient && error.id == Errors::InternalServerError.id())
+    error.id = Errors::InvalidArgument.id();
+  const auto messages = std::ranges::find(error.fields, "messages", &Orbi::Data::Field::name);
+  auto* const list = messages->value.As<Orbi::Data::List>();
+  for (const auto& message : words.messages) list->items.push_back(message.ToValue());
+}
+
 }  // namespace
 
 namespace HelperOperations {
@@ -193,12 +203,15 @@ Orbi::Data::ErrorValue CommandFailed(std::string argument) {
 
 std::optional<Orbi::Data::ErrorValue> FailureOf(const HelperOperation& operation,
                                                 const std::string& command,
-                                                const CommandResult& result) {
+                                                const CommandResult& result,
+                                                const std::string& errors) {
   for (const OutcomeRule& rule : operation.outcome) {
     if ((rule.kinds & KindBit(result.kind)) == 0) continue;
     if (rule.code && *rule.code != result.code) continue;
     if (rule.log != nullptr) rule.log({operation.name, command, result});
-    return MakeFailure(rule, result);
+    auto error = MakeFailure(rule, result);
+    AddWords(ReadHelperWords(errors), error);
+    return error;
   }
   return std::nullopt;
 }

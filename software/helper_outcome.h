@@ -81,10 +81,14 @@ extern const HelperOperation kListOrphanPaxs;
 /// be run to its end: the message "com.tessel.ryx.host_settings.command.failed".
 [[nodiscard]] Orbi::Data::ErrorValue CommandFailed(std::string argument);
 
+/// @param errors  what the helper wrote to its standard error: what it tells there goes behind the
+///                rule's message, and an internal error that is the client's mistake is told as an
+///                invalid argument
 /// @return the error that the end of the helper means, after its log line is written; nothing when
 ///         the operation goes on
 [[nodiscard]] std::optional<Orbi::Data::ErrorValue> FailureOf(const HelperOperation& operation,
                                                               const std::string& command,
-                                                              const CommandResult& result);
+                                                              const CommandResult& result,
+                                                              const std::string& errors = {});
 
 }  // namespace LifeCycle

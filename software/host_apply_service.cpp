@@ -1,6 +1,7 @@
 #include "software/host_apply_service.h"
 
 #include <optional>
+#include <utility>
 #include <vector>
 
 #include "configuration/messages/api_errors.h"
@@ -33,15 +34,18 @@ constexpr TaskOperation kSet{"Set",
 /// How long the helper keeps what earlier applies have left, in seconds.
 constexpr int kCleanupInterval = 7200;
 
-OperationError Failure(const Errors::StandardError& type, const char* id) {
-  return OperationError(ApiError(type, id));
+OperationError Failure(const Errors::StandardError& type, const char* id,
+                       std::vector<::Orbi::Data::LocalizableMessage> further = {}) {
+  return OperationError(ApiError(type, id, {}, std::move(further)));
 }
 
 void CheckInput(const SetInput& input) {
   if (!input.image && !input.configuration)
-    throw Failure(Errors::InvalidArgument, "com.tessel.ryx.apply.no.input");
+    throw Failure(Errors::InvalidArgument, "com.tessel.ryx.apply.no.input",
+                  {ApiMessage("com.tessel.ryx.apply.input.wanted")});
   if (input.image && (!input.depots || input.depots->empty()))
-    throw Failure(Errors::InvalidArgument, "com.tessel.ryx.apply.invalid.depots");
+    throw Failure(Errors::InvalidArgument, "com.tessel.ryx.apply.invalid.depots",
+                  {ApiMessage("com.tessel.ryx.apply.depots.wanted")});
 }
 
 /// @param paths  gets the documents' paths

@@ -1,5 +1,6 @@
 #include "software/host_software_services.h"
 
+#include "configuration/messages/api_errors.h"
 #include "lifecycle/complete_operation.h"
 #include "orbi/std/errors.h"
 #include "software/helper_call.h"
@@ -13,10 +14,12 @@ using ::Orbi::Core::ExecutionContextPtr;
 namespace {
 
 /// Reads output that is "null" when there is nothing to tell.
-ValuePtr ReadFound(const HelperOperation& operation, const std::string& output) {
+/// @param missing  what is told then
+ValuePtr ReadFound(const HelperOperation& operation, const std::string& output,
+                   const ::Orbi::Data::LocalizableMessage& missing) {
   if (output == "null") {
     Log_Level(LogLevel::kCritical, "[%s] Result is null \n", operation.name);
-    throw OperationError(Com::Tessel::Orbi::Std::Errors::NotFound());
+    throw OperationError(Com::Tessel::Orbi::Std::Errors::NotFound({missing}));
   }
   return JsonToValue(output);
 }
@@ -27,7 +30,8 @@ namespace Com::Tessel::Ryx::Hosts::Software::RyxSvc {
 
 void AsyncServiceImpl::Get(const ExecutionContextPtr&, const GetInput&, AsyncResult<Info> result) {
   CompleteOperation(kGetHostBaseImage.name, result, [] {
-    const auto info = ReadFound(kGetHostBaseImage, AskHelper(kGetHostBaseImage));
+    const auto info = ReadFound(kGetHostBaseImage, AskHelper(kGetHostBaseImage),
+                                ApiMessage("com.tessel.ryx.hosts.software.ryx.notinstalled"));
     return AdaptOutput<Info>(kGetHostBaseImage, *info, MisfitError::kBare);
   });
 }
@@ -46,7 +50,9 @@ void AsyncServiceImpl::Get(const ExecutionContextPtr&, const GetInput& input,
                            AsyncResult<Info> result) {
   CompleteOperation(kGetHostComponent.name, result, [&input] {
     RequireValidName(kGetHostComponent, input.component, kComponentName);
-    const auto info = ReadFound(kGetHostComponent, AskHelper(kGetHostComponent, input.component));
+    const auto info = ReadFound(
+        kGetHostComponent, AskHelper(kGetHostComponent, input.component),
+        ApiMessage("com.tessel.ryx.hosts.software.component.notinstalled", {input.component}));
     return AdaptOutput<Info>(kGetHostComponent, *info);
   });
 }

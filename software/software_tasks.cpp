@@ -52,10 +52,18 @@ constexpr TaskOperation kApplyComponents{"Apply", "components --apply --task-id 
 constexpr TaskOperation kRemoveSolutions{"Remove", "solutions --remove --task-id {1}{2}",
                                          ErrorKind::kError};
 
+constexpr char kInvalidInput[] = "com.tessel.ryx.orbi.invalidinput";
+
+/// @param name  of the input field, which is told
 template <typename Container>
-void RequireSome(const Container& given) {
+void RequireSome(const Container& given, const char* name) {
   if (given.empty())
-    throw OperationError(ApiError(Errors::InvalidArgument, "com.tessel.ryx.orbi.invalidinput"));
+    throw OperationError(ApiError(Errors::InvalidArgument, kInvalidInput, {},
+                                  {ApiMessage("com.tessel.ryx.orbi.input.empty", {name})}));
+}
+
+void RequireDepots(const std::vector<std::string>& depots) {
+  RequireSome(depots, "depots");
 }
 
 /// The option once for each value, which goes on the command line as it stands.
@@ -85,7 +93,7 @@ void WriteSpec(const SpecOperation& operation, const std::string& path, const So
 
 std::string StartSpecTask(const ExecutionContext& context, const SpecOperation& operation,
                           const std::vector<std::string>& depots, const SoftwareSpec& spec) {
-  RequireSome(depots);
+  RequireDepots(depots);
   std::string id = NewTaskId(operation.task);
   const std::string path = SpecPath(operation, id);
   const auto write = [&] { WriteSpec(operation, path, spec); };
@@ -102,8 +110,8 @@ std::string StartSpecTask(const ExecutionContext& context, const SpecOperation& 
 std::string StartComponentsTask(const ExecutionContext& context,
                                 const std::vector<std::string>& depots,
                                 const std::map<std::string, std::string>& components) {
-  RequireSome(depots);
-  RequireSome(components);
+  RequireDepots(depots);
+  RequireSome(components, "components");
   std::string id = NewTaskId(kApplyComponents);
   std::string words;
   for (const auto& [name, version] : components)
@@ -114,7 +122,7 @@ std::string StartComponentsTask(const ExecutionContext& context,
 
 std::string StartRemoval(const ExecutionContext& context,
                          const std::vector<std::string>& solutions) {
-  RequireSome(solutions);
+  RequireSome(solutions, "solutions");
   std::string id = NewTaskId(kRemoveSolutions);
   StartHelperTask(context, kRemoveSolutions, id, {Repeat(" --name ", solutions)});
   return id;

@@ -178,7 +178,8 @@ class Session:
                     f"<{name}>" if word == value else word for word in part] if key == "args" else part))
         if all(outcome == outcomes[0] for outcome in outcomes):
             return special | outcomes[0]
-        return special | {"outcomes": [{name: value, **outcome} for value, outcome in zip(values, outcomes)]}
+        told = [{name: self._told(value)} for value in values]
+        return special | {"outcomes": [value | outcome for value, outcome in zip(told, outcomes)]}
 
     def _outcome(self, operation, fields, user, password):
         if isinstance(fields.get("document"), dict):

@@ -63,8 +63,6 @@ constexpr MessageTableEntry kConfigManagerMessages[] = {
      "Impact plugin '{1}' failed unexpectedly."},
     {"com.tessel.ryx.settings.impact.plugin.failed", "Impact plugin '{1}' failed."},
     // What is told beside the others: where, why, and what to do.
-    {"com.tessel.ryx.settings.place", "{1}: {2}"},
-    {"com.tessel.ryx.settings.reason", "Reason: {1}"},
     {"com.tessel.ryx.settings.document.empty",
      "The document names no key, so there is nothing to check or to apply. A host whose settings "
      "all have their defaults exports such a document. Name at least one key in 'profile' or "

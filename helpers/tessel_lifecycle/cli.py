@@ -11,6 +11,8 @@ from tessel_lifecycle import files, host_claim, paths
 
 INLINE_LIMIT = 30  # seconds
 
+_MOST_NOTES = 20
+
 _REPEATED = ("--depot", "--component", "--name")
 
 
@@ -94,22 +96,48 @@ def _run_inline(command, words):
     import signal
 
     def too_long(*_):
+        from tessel_lifecycle.errors import Note
         sys.stderr.write(f"given up after {INLINE_LIMIT} seconds\n")
-        sys.stderr.flush()
+        _tell_daemon([Note("com.tessel.ryx.host_settings.command.late", INLINE_LIMIT)], False)
         os._exit(command.late)
 
     signal.signal(signal.SIGALRM, too_long)
     signal.alarm(INLINE_LIMIT)
     if len(words) != command.values:
-        print(f"{command.values} values are taken, not {len(words)}", file=sys.stderr)
-        return command.bad_usage
+        return _refused_line(command, words)
     try:
         sys.stdout.write(command.load()({"values": words}))
         sys.stdout.flush()
         return 0
     except Exception as error:  # whatever it is, the caller is told by an exit code and people by a sentence
-        print(str(error) or repr(error), file=sys.stderr)
+        from tessel_lifecycle.errors import Note
+        text = str(error) or repr(error)
+        print(text, file=sys.stderr)
+        notes = getattr(error, "notes", None) or [Note("com.tessel.ryx.host_settings.command.reason", text[:1000])]
+        _tell_daemon(notes, getattr(error, "is_callers", False))
         return getattr(error, "exit_code", command.failed)
+
+
+def _refused_line(command, words):
+    """A name with blanks in it comes as several words."""
+    from tessel_lifecycle.errors import Note
+    text = f"{command.values} values are taken, not {len(words)}"
+    print(text, file=sys.stderr)
+    _tell_daemon([Note("com.tessel.ryx.host_settings.command.words", " ".join(words)[:80])], True)
+    return command.bad_usage
+
+
+def _tell_daemon(notes, is_callers):
+    """What the daemon tells its client beside what the exit code says: a JSON text sequence (RFC 7464) on the standard
+    error stream, which no person sees who runs the command."""
+    from contextlib import suppress
+
+    from tessel_lifecycle.document import compact
+    with suppress(OSError):
+        if not sys.stderr.isatty():
+            told = [{"id": note.identifier, "args": note.arguments} for note in notes[:_MOST_NOTES]]
+            sys.stderr.write("\x1e" + compact({"invalid_argument": is_callers, "messages": told}) + "\n")
+        sys.stderr.flush()
 
 
 def run_task(command, words):

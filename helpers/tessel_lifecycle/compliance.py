@@ -72,7 +72,8 @@ def scan_result(installed, wanted, download_size=0, errors=()):
     if errors and status != UNAVAILABLE:
         status = INCOMPATIBLE
     return structure(_SERVICE + "scan_result", status=status, scan_time=utc_now(), **parts,
-                     download_size=download_size, messages=[message(error) for error in errors])
+                     download_size=download_size,
+                     messages=[message(told) for error in errors for told in error.messages()])
 
 
 def _add_on(key):

@@ -3,8 +3,9 @@
 import io
 
 from tessel_lifecycle.archive import ARCHIVE_ERRORS, ZipReader
+from tessel_lifecycle.depot_notes import why_not_read
 from tessel_lifecycle.document import Fields, list_of, parse, sha256, shallow, size, text
-from tessel_lifecycle.errors import ImageError
+from tessel_lifecycle.errors import ImageError, Note
 from tessel_lifecycle.fetch import FetchError
 from tessel_lifecycle.location import open_source
 from tessel_lifecycle.metadata import KINDS, Catalogue, relative_path
@@ -34,14 +35,14 @@ class Depot:
         try:
             self.source = open_source(location, patience)
         except FetchError as error:
-            raise ImageError("DepotConnectError", detail=error) from error
+            raise _not_connected(error) from error
 
     def connect(self):
         """Reads the index and sets `vendor` and the list of metadata files. @throws ImageError"""
         try:
             data = self.source.read(INDEX, MOST_INDEX)
         except FetchError as error:
-            raise ImageError("DepotConnectError", detail=error) from error
+            raise _not_connected(error) from error
         try:
             fields = Fields(parse(data), INDEX)
             if fields.take("format", size) != 1:
@@ -49,7 +50,8 @@ class Depot:
             self.vendor = fields.take("vendor", text, "")
             self._metadata = fields.take("metadata", list_of(_MetadataFile, MOST_METADATA_FILES))
         except ValueError as error:
-            raise ImageError("MetadataFormatError", self.source.url(INDEX), detail=error) from error
+            url = self.source.url(INDEX)
+            raise ImageError("MetadataFormatError", url, detail=error, notes=[Note("NotADepot", url, error)]) from error
         return self
 
     def catalogue(self, kinds=tuple(KINDS), on_progress=lambda fraction: None):
@@ -68,7 +70,7 @@ class Depot:
             try:
                 data = self.source.read(entry.file, entry.size, entry.sha256, on_bytes)
             except FetchError as error:
-                raise ImageError("MetadataDownloadError", url, detail=error) from error
+                raise ImageError("MetadataDownloadError", url, detail=error, notes=why_not_read(error)) from error
             try:
                 unpacked += self._read(data, catalogue, kinds, MOST_UNPACKED - unpacked)
             except ARCHIVE_ERRORS as error:
@@ -89,6 +91,10 @@ class Depot:
                     unit.depot = self
                     catalogue.add(unit)
         return read
+
+
+def _not_connected(error):
+    return ImageError("DepotConnectError", detail=error, notes=why_not_read(error))
 
 
 def merged(depots, on_progress=lambda fraction: None):

@@ -39,38 +39,44 @@ def _desired():
 
 def _create_spec(data):
     from tessel_lifecycle.document import Fields, parse, text
-    from tessel_lifecycle.errors import INTERNAL, CommandError
+    from tessel_lifecycle.errors import INTERNAL, CommandError, Note
     try:
         fields = Fields(parse(data), "create_spec")
-        spec = {"name": fields.take("name", _depot_name), "url": fields.take("url", text)}
+        spec = {"name": fields.take("name", text), "url": fields.take("url", text)}
         description = fields.take("description", text, None)
     except ValueError as error:
-        raise CommandError(INTERNAL, error) from error
+        raise CommandError(INTERNAL, error, [Note("Detail", error)], is_callers=True) from error
+    if not _is_depot_name(spec["name"]):
+        told = [Note("com.tessel.ryx.host_settings.depot.name.invalid"),
+                Note("com.tessel.ryx.host_settings.depot.name.form", f"{spec['name']:.80}")]
+        raise CommandError(INTERNAL, f"not a depot's name: {spec['name']!r:.80}", told, is_callers=True)
     return spec if description is None else spec | {"description": description}
 
 
-def _depot_name(value):
-    """A name that can stand as one word on the command line that forgets the depot again."""
-    if (not isinstance(value, str) or not 0 < len(value) <= 256 or value.startswith("-") or not value.isprintable()
-            or any(c.isspace() or c in ";\\*+%$~!\"':" for c in value)):
-        raise ValueError(f"not a depot's name: {value!r:.80}")
-    return value
+def _is_depot_name(name):
+    """Whether it can stand as one word on the command line that forgets the depot again."""
+    return (0 < len(name) <= 256 and not name.startswith("-") and name.isprintable()
+            and not any(c.isspace() or c in ";\\*+%$~!\"':" for c in name))
 
 
 def _refuse_known(known, name):
-    from tessel_lifecycle.errors import EXISTS, CommandError
-    if any(depot["name"] == name for depot in known):
-        raise CommandError(EXISTS, f"depot {name} is registered already")
+    from tessel_lifecycle.errors import EXISTS, CommandError, Note
+    for depot in known:
+        if depot["name"] == name:
+            raise CommandError(EXISTS, f"depot {name} is registered already",
+                               [Note("com.tessel.ryx.host_settings.depot.exists", name, depot["url"])])
 
 
 def delete(options):
     """Forgets a registered depot."""
-    from tessel_lifecycle.errors import NOT_FOUND, CommandError
+    from tessel_lifecycle.errors import NOT_FOUND, CommandError, Note
     name, desired = options["values"][0], _desired()
     with desired.locked():
         known = desired.depots()
         left = [depot for depot in known if depot["name"] != name]
         if len(left) == len(known):
-            raise CommandError(NOT_FOUND, f"no depot {name} is registered")
+            raise CommandError(NOT_FOUND, f"no depot {name} is registered", [
+                Note("com.tessel.ryx.host_settings.depot.registered",
+                     ", ".join(depot["name"] for depot in known[:10]) or "(none)")])
         desired.set_depots(left)
     return ""

@@ -8,7 +8,9 @@ import sys
 from tessel_lifecycle import paths
 from tessel_lifecycle.desired import MOST_DOCUMENT, DesiredState
 from tessel_lifecycle.document import compact
-from tessel_lifecycle.errors import BAD_ARGUMENT, INTERNAL, NOT_FOUND, CommandError
+from tessel_lifecycle.errors import BAD_ARGUMENT, INTERNAL, NOT_FOUND, CommandError, ImageError, Note
+
+_SOFTWARE = "com.tessel.ryx.host_settings.software."
 
 
 def get(_):
@@ -20,7 +22,11 @@ def set_spec(_):
     """Replaces the desired specification by the one on standard input, if the registered depots have its parts."""
     from tessel_lifecycle.registered_depots import RegisteredDepots
     from tessel_lifecycle.spec import parse_spec
-    spec, desired = parse_spec(sys.stdin.buffer.read(MOST_DOCUMENT)), _desired()
+    desired = _desired()
+    try:
+        spec = parse_spec(sys.stdin.buffer.read(MOST_DOCUMENT))
+    except ImageError as error:
+        raise CommandError(1, error, is_callers=True) from error
     RegisteredDepots(desired).check(spec)
     with desired.locked():
         desired.set_spec({"components": {}} | spec.document)
@@ -35,7 +41,7 @@ def get_base_image(_):
 def set_base_image(options):
     """Changes the desired base image; begins a specification where there is none."""
     from tessel_lifecycle.version import Version
-    wanted = {"version": _argument(Version, options["values"][0], BAD_ARGUMENT).text}
+    wanted = {"version": _argument(Version, options["values"][0], BAD_ARGUMENT, "version.form").text}
     _edit(lambda document: document.update(base_image=wanted), first={"components": {}})
     return ""
 
@@ -49,8 +55,8 @@ def set_component(options):
     """Adds a component to the desired specification, or changes its version."""
     from tessel_lifecycle.document import name
     from tessel_lifecycle.version import Version
-    component = _argument(name, options["values"][0], INTERNAL)
-    version = _argument(Version, options["values"][1], INTERNAL).text
+    component = _argument(name, options["values"][0], INTERNAL, "component.form")
+    version = _argument(Version, options["values"][1], INTERNAL, "version.form").text
     _edit(lambda document: document.update(
         components=(document.get("components") or {}) | {component: {"version": version}}))
     return ""
@@ -71,24 +77,26 @@ def _desired():
     return DesiredState(paths.DESIRED)
 
 
-def _argument(kind, value, exit_code):
+def _argument(kind, value, exit_code, form):
     try:
         return kind(value)
     except ValueError as error:
-        raise CommandError(exit_code, error) from error
+        raise CommandError(exit_code, error, [Note(_SOFTWARE + form, f"{value:.80}")], is_callers=True) from error
 
 
 def _spec(desired):
     document = desired.spec()
     if document is None:
-        raise CommandError(NOT_FOUND, "there is no desired software specification")
+        raise CommandError(NOT_FOUND, "there is no desired software specification", [Note(_SOFTWARE + "unset")])
     return document
 
 
 def _component(document, component):
     components = document.get("components") or {}
     if component not in components:
-        raise CommandError(NOT_FOUND, f"component {component} is not in the specification")
+        listed = ", ".join(sorted(components)[:20]) or "(none)"
+        raise CommandError(NOT_FOUND, f"component {component} is not in the specification",
+                           [Note(_SOFTWARE + "component.unlisted", component, listed)])
     return components[component]
 
 

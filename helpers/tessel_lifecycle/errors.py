@@ -56,6 +56,52 @@ TEXTS = {
     "StatelessError": "The bootbank partition is not accessible or contains an invalid image database. "
                       "Check /bootbank, /altbootbank paths are valid and accessible.",
     "UnknownError": "An unknown error occurred while performing the operation.",
+    # What is told beside the others: why, and what to do.
+    "Detail": "In detail: {1}",
+    "DepotLocationInvalid": "{1} is no depot's location: {2}. It has to be an absolute path, or a file:// or "
+                            "http(s):// URL without credentials, query and fragment.",
+    "DepotNotResolved": "The name of the host in {1} cannot be resolved: {2}. Check the depot's URL, and the name "
+                        "servers of this host.",
+    "DepotRefused": "Nothing accepts connections at {1}: {2}. Check host and port in the depot's URL, and whether its "
+                    "server runs.",
+    "DepotTimedOut": "{1} did not answer in time: {2}. Check the network and the depot's server, and try again.",
+    "DepotTlsFailed": "There is no trusted connection to {1}: {2}. Check the server's certificate, and those that this "
+                      "host trusts.",
+    "DepotHttpStatus": "The server answered {1} with status {2}. Check the depot's URL, below which index.json lies, "
+                       "and whether all its files are there.",
+    "DepotFileUnreadable": "{1} cannot be read: {2}. Check the depot's location, below which index.json lies, and "
+                           "whether all its files are there.",
+    "NotADepot": "What is at {1} is no depot that this host can read: {2}.",
+    "DepotsEmpty": "No depot is registered. Register one that has what is desired.",
+    "DepotNotAsked": "A registered depot could not be asked; it may have what was not found.",
+    "BaseImageVersionsKnown": "The depots have the Base Image in these versions: {1}.",
+    "AddonVersionsKnown": "The depots have Addon {1} in these versions: {2}.",
+    "AddonNamesKnown": "No depot has an Addon {1}. There is: {2}.",
+    "ComponentVersionsKnown": "The depots have Component {1} in these versions: {2}.",
+    "ComponentNamesKnown": "No depot has a Component {1}. There is: {2}.",
+    "HardwareSupportKnown": "The depots have these Hardware Support Packages: {1}.",
+    "SolutionVersionsKnown": "The depots have Solution {1} in these versions: {2}.",
+    "SolutionNamesKnown": "No depot has a Solution {1}. There is: {2}.",
+    "com.tessel.ryx.host_settings.command.late": "It was given up after {1} seconds. Registered depots may answer too "
+                                                 "slowly.",
+    "com.tessel.ryx.host_settings.command.reason": "Reason: {1}",
+    "com.tessel.ryx.host_settings.command.words": "'{1}' has blanks in it: a name or version is one word.",
+    "com.tessel.ryx.host_settings.depot.exists": "Depot '{1}' is registered already, for {2}. Delete it to register "
+                                                 "another location under this name.",
+    "com.tessel.ryx.host_settings.depot.name.form":
+        "'{1}' cannot be a depot's name: a name is one word of at most 256 characters, does not begin with '-', and "
+        "has none of ; \\ * + % $ ~ ! \" ' : in it.",
+    "com.tessel.ryx.host_settings.depot.registered": "These depots are registered: {1}.",
+    "com.tessel.ryx.host_settings.software.component.form":
+        "'{1}' cannot be a component's name: letters, digits, '.', '_' and '-', of which the first is a letter or "
+        "digit.",
+    "com.tessel.ryx.host_settings.software.component.unlisted":
+        "The desired software names no component '{1}'. It names: {2}.",
+    "com.tessel.ryx.host_settings.software.unset":
+        "No software is desired yet. Set the software specification or the RYX version first.",
+    "com.tessel.ryx.host_settings.software.version.form":
+        "'{1}' is not a version: numbers with dots between them, and behind a '-' those of a release, as in 8.0.2-1.",
+    "com.tessel.ryx.orbi.invalidinput": "Required input is either missing or invalid.",
     "com.tessel.ryx.apply.invalid.depots": "No depots provided.",
     "com.tessel.ryx.apply.no.input": "No changes specified.",
     "com.tessel.ryx.host_settings.cm.validation.error": "Input document failed validation.",
@@ -63,6 +109,7 @@ TEXTS = {
         "There was a generic failure observed during the apply operation.",
     "com.tessel.ryx.kestrel_daemon.configuration.check_apply.error": "Check Apply API failed with a generic error.",
     "com.tessel.ryx.kestrel_daemon.configuration.parse.error": "Parsing of configuration document failed.",
+    "com.tessel.ryx.settings.place": "{1}: {2}",
     "com.tessel.ryx.lifecycle.task.contention": "Another task possibly in progress. Try later.",
 }
 
@@ -76,30 +123,65 @@ INCOMPATIBILITIES = frozenset((
 INVALID_INPUT = "com.tessel.ryx.orbi.invalidinput"
 
 
-class TaskError(Exception):
-    """A failure with the identifier and arguments that a task's record carries.
+def full_identifier(name):
+    """The identifier of a text in TEXTS."""
+    return name if "." in name else PREFIX + name
 
-    `detail` is for the log: what exactly was wrong, where the identifier's own text does not say it.
-    """
 
-    def __init__(self, identifier, args=(), detail=""):
-        super().__init__(identifier, args, detail)
-        self.identifier, self.arguments, self.detail = identifier, [str(a) for a in args], detail
+class Note:
+    """A further message beside that of a failure, by its name in TEXTS: why it came, or what to do."""
+
+    def __init__(self, name, *args):
+        self.identifier, self.arguments = full_identifier(name), [str(a) for a in args]
 
     @property
     def text(self):
         """The identifier's text with its arguments filled in."""
-        text = TEXTS.get(self.identifier.removeprefix(PREFIX), self.identifier)
-        parts = text.split("{")
+        parts = TEXTS.get(self.identifier.removeprefix(PREFIX), self.identifier).split("{")
         filled = parts[:1]
         for part in parts[1:]:
             number, _, rest = part.partition("}")
             filled.append(self.arguments[int(number) - 1] + rest)
         return "".join(filled)
 
+
+class TaskError(Exception):
+    """A failure with the identifier and arguments that a task's record carries, and the Notes that go along.
+
+    `detail` is for the log: what exactly was wrong, where the identifier's own text does not say it. It is told to
+    clients, too, where no note says it better.
+    """
+
+    def __init__(self, identifier, args=(), detail="", notes=()):
+        super().__init__(identifier, args, detail)
+        self._told, self.detail = Note(identifier, *args), detail
+        self.notes = list(notes) or ([Note("Detail", str(detail)[:2000])] if str(detail) else [])
+
+    @property
+    def identifier(self):
+        return self._told.identifier
+
+    @property
+    def arguments(self):
+        return self._told.arguments
+
+    @property
+    def text(self):
+        """The identifier's text with its arguments filled in."""
+        return self._told.text
+
+    def messages(self):
+        """Everything that a client is told, the failure's own message first."""
+        return [self, *self.notes]
+
     def recorded(self):
         """The members by which a failed task's record tells this failure."""
-        return {"error": {"message": {"id": self.identifier, "args": self.arguments}}}
+        told = {"error": {"message": {"id": self.identifier, "args": self.arguments}}}
+        if self.notes:
+            from tessel_lifecycle.document import compact
+            from tessel_lifecycle.plain_json import error_value, message
+            told["exception"] = compact(error_value("error", *map(message, self.notes)))
+        return told
 
     def __str__(self):
         return f"{self.text} ({self.detail})" if self.detail else self.text
@@ -108,17 +190,21 @@ class TaskError(Exception):
 class ImageError(TaskError):
     """One of the failures in TEXTS, by its short name."""
 
-    def __init__(self, name, *args, detail=""):
-        super().__init__(PREFIX + name, args, detail)
+    def __init__(self, name, *args, detail="", notes=()):
+        super().__init__(PREFIX + name, args, detail, notes)
         self.name = name
 
 
 class CommandError(Exception):
-    """An inline command's failure: the exit code its caller knows, and the reason for people."""
+    """An inline command's failure: the exit code its caller knows, the reason for people, and what clients are told.
 
-    def __init__(self, exit_code, reason):
+    `is_callers` says that the caller asked for something that cannot be, whatever the exit code says.
+    """
+
+    def __init__(self, exit_code, reason, notes=(), is_callers=False):
         super().__init__(reason)
-        self.exit_code = exit_code
+        self.exit_code, self.is_callers = exit_code, is_callers
+        self.notes = [*(reason.messages() if isinstance(reason, TaskError) else ()), *notes]
 
 
 class UsageError(Exception):

@@ -16,7 +16,7 @@ class FetchError(Exception):
 
     def __init__(self, url, reason):
         super().__init__(f"{url}: {reason}")
-        self.url = url
+        self.url, self.reason = url, reason
 
 
 class ContentError(FetchError):

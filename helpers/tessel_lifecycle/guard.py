@@ -82,7 +82,7 @@ def _as_task_error(error):
     limit, _ = resource.getrlimit(resource.RLIMIT_DATA)
     if isinstance(error, MemoryError) and limit != resource.RLIM_INFINITY:
         return ImageError("MemoryReserveError", limit >> 20)
-    return ImageError("UnknownError")
+    return ImageError("UnknownError", detail=str(error)[:1000] or type(error).__name__)
 
 
 def _terminated(number, _):

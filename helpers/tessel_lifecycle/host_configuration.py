@@ -4,7 +4,7 @@ import contextlib
 
 from tessel_lifecycle.daemon_client import Daemon, DaemonError, NoAnswer
 from tessel_lifecycle.document import Fields, list_of, text
-from tessel_lifecycle.errors import TaskError
+from tessel_lifecycle.errors import Note, TaskError
 from tessel_lifecycle.plain_json import error_value, message, opened, option
 
 _SERVICE = "com.tessel.ryx.kestrel_daemon.configuration"
@@ -29,8 +29,10 @@ class DesiredConfiguration:
             violations = fields.take("errors", list_of(lambda error: opened(error)[1]), [])
             self._spec_id = fields.take("spec_id", lambda value: option(value) and text(option(value)), None)
             if violations or self._spec_id is None:
-                messages = [found for violation in violations for found in violation.take("messages", list_of(Fields))]
-                raise DaemonError(error_value("error", message(TaskError(_INVALID)), *(m.value for m in messages)))
+                told = [(violation, violation.take("messages", list_of(Fields))) for violation in violations]
+                places = [message(note) for violation, found in told for note in _places(violation, found)]
+                raise DaemonError(error_value("error", message(TaskError(_INVALID)),
+                                              *(m.value for _, found in told for m in found), *places))
 
     def apply(self, on_progress):
         """Applies what was checked last. Returns what the daemon tells of it, in plain JSON. @throws TaskError"""
@@ -44,6 +46,17 @@ class DesiredConfiguration:
                     if error.identifier not in _OUTDATED or not left:
                         raise
             self.check(on_progress)
+
+
+def _places(violation, messages):
+    """Where a violation is, with the arguments that the daemon itself tells a place with."""
+    path = violation.take("path", lambda value: option(value) and text(option(value)), None)
+    if path and messages:
+        told = opened(messages[0].value)[1]
+        names = [name.replace("~1", "/").replace("~0", "~") for name in path.split("/")[1:]]
+        address = [*names[1 if names[0] == "profile" else 2:], "", "", ""][:3]
+        yield Note("com.tessel.ryx.settings.place", path, told.take("default_message", text), told.take("id", text),
+                   *address, "")
 
 
 @contextlib.contextmanager

@@ -55,8 +55,10 @@ class HttpSource(Source):
         response.close()
         if offset and response.status in (206, 416):
             return self.open(name, 0, deadline)
-        reason = f"answered {response.status}"
-        raise OSError(reason) if response.status >= 500 or response.status in WORTH_REPEATING else Refused(reason)
+        kind = OSError if response.status >= 500 or response.status in WORTH_REPEATING else Refused
+        error = kind(f"answered {response.status}")
+        error.status = response.status
+        raise error
 
 
 def _redirected(url, response):

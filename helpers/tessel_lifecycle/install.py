@@ -4,6 +4,7 @@ import contextlib
 import os
 
 from tessel_lifecycle import files, pax
+from tessel_lifecycle.depot_notes import why_not_read
 from tessel_lifecycle.errors import ImageError
 from tessel_lifecycle.fetch import ContentError, FetchError
 from tessel_lifecycle.host import check_admitted
@@ -95,7 +96,7 @@ def _download(offered, path, on_bytes):
     except ContentError as error:
         raise ImageError("PaxSigDigestError", offered.label, detail=error) from error
     except FetchError as error:
-        raise ImageError("PaxDownloadError", error.url, detail=error) from error
+        raise ImageError("PaxDownloadError", error.url, detail=error, notes=why_not_read(error)) from error
     except ImageError:
         files.remove(path)
         raise

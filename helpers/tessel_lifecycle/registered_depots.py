@@ -4,7 +4,7 @@ import threading
 from concurrent.futures import ThreadPoolExecutor
 
 from tessel_lifecycle.depot import Depot
-from tessel_lifecycle.errors import NOT_FOUND, NOT_REACHABLE, CommandError, ImageError
+from tessel_lifecycle.errors import NOT_FOUND, NOT_REACHABLE, CommandError, ImageError, Note
 from tessel_lifecycle.fetch import INLINE
 from tessel_lifecycle.metadata import Catalogue
 from tessel_lifecycle.spec import check_available
@@ -21,6 +21,7 @@ class RegisteredDepots:
         """Asks all depots at once, so that dead ones cost their time-out only once."""
         self._catalogue, self._failures = Catalogue(), []
         depots = desired.depots()
+        self._any = bool(depots)
         threading.stack_size(_STACK)
         with ThreadPoolExecutor(_AT_ONCE) as pool:
             answers = list(pool.map(_ask, [depot["url"] for depot in depots]))
@@ -38,8 +39,10 @@ class RegisteredDepots:
             check_available(spec, self._catalogue)
         except ImageError as error:
             if self._failures:
-                raise CommandError(NOT_REACHABLE, f"{error}; not reached: {self._failures[0]}") from error
-            raise CommandError(NOT_FOUND, error) from error
+                others = [note for failure in self._failures for note in failure.notes]
+                raise CommandError(NOT_REACHABLE, f"{error}; not reached: {self._failures[0]}",
+                                   [*error.messages(), Note("DepotNotAsked"), *others]) from error
+            raise CommandError(NOT_FOUND, error, () if self._any else [Note("DepotsEmpty")]) from error
 
 
 def _ask(url):

@@ -52,16 +52,21 @@ def parse_spec(data):
 
 def check_available(spec, catalogue):
     """Raises ImageError for the first thing that a specification names and a catalogue does not have."""
+    from tessel_lifecycle import suggestions
     if spec.base_image not in catalogue.base_images:
-        raise ImageError("BaseImageNotFound", spec.base_image)
+        raise ImageError("BaseImageNotFound", spec.base_image, notes=suggestions.base_image(catalogue, spec.base_image))
     if spec.add_on and (spec.add_on.name, spec.add_on.version) not in catalogue.add_ons:
-        raise ImageError("AddonNotFound", spec.add_on.name, spec.add_on.version)
+        name, version = spec.add_on.name, spec.add_on.version
+        raise ImageError("AddonNotFound", name, version, notes=suggestions.add_on(catalogue, name, version))
     for manager, wanted in spec.hardware_support.items():
         if not catalogue.manifests_of(manager, wanted):
-            raise ImageError("HardwareSupportPackageNotFound", manager, wanted.package, wanted.version)
+            raise ImageError("HardwareSupportPackageNotFound", manager, wanted.package, wanted.version,
+                             notes=suggestions.hardware_support(catalogue))
     for solution, wanted in spec.solutions.items():
         if (solution, wanted.version) not in catalogue.solutions:
-            raise ImageError("SolutionNotFound", solution, wanted.version)
+            raise ImageError("SolutionNotFound", solution, wanted.version,
+                             notes=suggestions.solution(catalogue, solution, wanted.version))
     for component, version in spec.components.items():
         if version and (component, version) not in catalogue.components or not catalogue.versions(component):
-            raise ImageError("ComponentNotFoundError", f"{component}({version})" if version else component)
+            raise ImageError("ComponentNotFoundError", f"{component}({version})" if version else component,
+                             notes=suggestions.component(catalogue, component, version))

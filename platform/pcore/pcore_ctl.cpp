@@ -27,11 +27,12 @@ void PcoreCtl_Watch(EndObserver onEnd) {
   Reaper::Instance().Adopt({0, {}, {}, Reaper::Kind::kDetached, std::move(onEnd)});
 }
 
-int PcoreCtl_Exec(const std::string& command, bool discardStreams, bool honourGroup,
-                  bool logUsage) {
-  Child child =
-      Spawn(command,
-            {.discardStreams = discardStreams, .honourGroup = honourGroup, .logUsage = logUsage});
+int PcoreCtl_Exec(const std::string& command, bool discardStreams, bool honourGroup, bool logUsage,
+                  int standardError) {
+  Child child = Spawn(command, {.standardError = standardError,
+                                .discardStreams = discardStreams,
+                                .honourGroup = honourGroup,
+                                .logUsage = logUsage});
   const Foreground foreground(child);
   int status = 0;
   if (const int error = child.Wait(status); error != 0) {

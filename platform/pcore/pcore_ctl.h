@@ -31,8 +31,10 @@ int PcoreCtl_Daemon(const std::string& command, bool changeToRoot, bool discardS
 void PcoreCtl_Watch(EndObserver onEnd);
 
 /// Runs the command to its end, or until EndForeground.
+/// @param standardError  descriptor that becomes its standard error; inherited when negative
 /// @return its exit status, or the raw wait status when a signal ended it
 /// @throws HostCtl::Lib::HostCtlException when it cannot be started or waited for
-int PcoreCtl_Exec(const std::string& command, bool discardStreams, bool honourGroup, bool logUsage);
+int PcoreCtl_Exec(const std::string& command, bool discardStreams, bool honourGroup, bool logUsage,
+                  int standardError = -1);
 
 }  // namespace PcoreCtl::Util

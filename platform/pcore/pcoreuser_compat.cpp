@@ -13,7 +13,7 @@
 #include "pcore/spawn.h"
 
 int PcoreuserCompat_POpen(const std::string& command, const char* mode,
-                          PcoreuserCompat_Handle& handle) {
+                          PcoreuserCompat_Handle& handle, int standardError) {
   const bool reading = std::string_view(mode) == "r";
   if (!reading && std::string_view(mode) != "w") return EINVAL;
 
@@ -22,6 +22,7 @@ int PcoreuserCompat_POpen(const std::string& command, const char* mode,
   UniqueFd readEnd(ends[0]);
   UniqueFd writeEnd(ends[1]);
   PcoreCtl::SpawnOptions options;
+  options.standardError = standardError;
   (reading ? options.standardOutput : options.standardInput) =
       reading ? writeEnd.Get() : readEnd.Get();
   try {

@@ -22,7 +22,7 @@ class PcoreuserCompat_Handle {
   [[nodiscard]] int Descriptor() const { return pipe_.Get(); }
 
  private:
-  friend int PcoreuserCompat_POpen(const std::string&, const char*, PcoreuserCompat_Handle&);
+  friend int PcoreuserCompat_POpen(const std::string&, const char*, PcoreuserCompat_Handle&, int);
   friend int PcoreuserCompat_PClose(PcoreuserCompat_Handle&, int&);
 
   // The pipe is closed before the child is given up: it may wait for that.
@@ -33,9 +33,10 @@ class PcoreuserCompat_Handle {
 
 /// Starts the command with a pipe.
 /// @param mode  "r" to read its standard output, "w" to write its standard input
+/// @param standardError  descriptor that becomes its standard error; inherited when negative
 /// @return 0 and an open handle, or why the command could not be started
 [[nodiscard]] int PcoreuserCompat_POpen(const std::string& command, const char* mode,
-                                        PcoreuserCompat_Handle& handle);
+                                        PcoreuserCompat_Handle& handle, int standardError = -1);
 
 /// Closes the pipe and waits for the command's end.
 /// @return 0 and the wait status (wait(2)), or why it could not be had

@@ -1,15 +1,19 @@
 #include "software/command/run_command.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <string.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <sstream>
 #include <vector>
 
 #include "pcore/pcore_ctl.h"
 #include "pcore/pcoreuser_compat.h"
 #include "tesselibs/log.h"
+#include "tesselibs/unique_fd.h"
 
 namespace LifeCycle {
 
@@ -76,6 +80,42 @@ CommandResult Close(PcoreuserCompat_Handle& pipe) {
   return {code == 0 ? CommandResult::kSuccess : CommandResult::kFailed, code};
 }
 
+/// A command's standard error, as a file without a name: who writes never waits for who reads, and
+/// it cannot grow without end.
+class ErrorStream {
+ public:
+  /// @param wanted  whether it is to be kept apart; it is this process's otherwise
+  explicit ErrorStream(bool wanted) {
+    if (!wanted) return;
+    file_ = UniqueFd(memfd_create("errors", MFD_CLOEXEC | MFD_ALLOW_SEALING));
+    if (!file_ || ftruncate(file_.Get(), kMost) != 0 ||
+        fcntl(file_.Get(), F_ADD_SEALS, F_SEAL_GROW) != 0)
+      file_.Reset();
+  }
+
+  [[nodiscard]] int Descriptor() const { return file_ ? file_.Get() : -1; }
+
+  /// @return what was written; people's part of it is passed on
+  [[nodiscard]] std::string Take() const {
+    const off_t length = file_ ? lseek(file_.Get(), 0, SEEK_CUR) : 0;
+    std::string text(length > 0 ? static_cast<std::size_t>(length) : 0, '\0');
+    if (pread(file_.Get(), text.data(), text.size(), 0) != length) text.clear();
+    std::istringstream lines(text);
+    std::string forPeople;
+    for (std::string line; std::getline(lines, line);) {
+      if (!line.empty() && line[0] != kForPrograms) forPeople += line + "\n";
+    }
+    if (!forPeople.empty() && write(STDERR_FILENO, forPeople.data(), forPeople.size()) < 0) {
+      // Nobody listens there; what the command did is told by its end.
+    }
+    return text;
+  }
+
+ private:
+  static constexpr off_t kMost = 64 << 10;
+  UniqueFd file_;
+};
+
 CommandResult NotExecuted(int error) {
   Log_Level(LogLevel::kCritical, "[%s] Got exception from exec\n", kFunction);
   return {CommandResult::kNotStarted, error};
@@ -83,15 +123,17 @@ CommandResult NotExecuted(int error) {
 
 }  // namespace
 
-CommandResult RunCommand(const std::string& command, const std::string* input,
-                         std::string* output) {
+CommandResult RunCommand(const std::string& command, const std::string* input, std::string* output,
+                         std::string* errors) {
   Log_Level(LogLevel::kInformation, "[%s] About to run command %s\n", kFunction, command.c_str());
   if (input != nullptr && output != nullptr) return NotStarted(command, EINVAL);
 
   errno = 0;
   // Leaving with the pipe open closes it; the command is then not waited for.
   PcoreuserCompat_Handle pipe;
-  const int status = PcoreuserCompat_POpen(command, input != nullptr ? "w" : "r", pipe);
+  const ErrorStream errorStream(errors != nullptr);
+  const int status =
+      PcoreuserCompat_POpen(command, input != nullptr ? "w" : "r", pipe, errorStream.Descriptor());
   if (status != 0) return NotStarted(command, status);
   if (input != nullptr) {
     if (const int error = WriteInput(pipe, *input)) return {CommandResult::kInputNotWritten, error};
@@ -99,13 +141,18 @@ CommandResult RunCommand(const std::string& command, const std::string* input,
   if (output != nullptr) {
     if (const int error = ReadOutput(pipe, *output)) return {CommandResult::kOutputNotRead, error};
   }
-  return Close(pipe);
+  const CommandResult result = Close(pipe);
+  if (errors != nullptr) *errors = errorStream.Take();
+  return result;
 }
 
-CommandResult RunCommand(const std::string& command) {
+CommandResult RunCommand(const std::string& command, std::string* errors) {
   errno = 0;
   try {
-    const int code = PcoreCtl::Util::PcoreCtl_Exec(command, false, true, true);
+    const ErrorStream errorStream(errors != nullptr);
+    const int code =
+        PcoreCtl::Util::PcoreCtl_Exec(command, false, true, true, errorStream.Descriptor());
+    if (errors != nullptr) *errors = errorStream.Take();
     Log_Level(LogLevel::kInformation, "[%s] Got returnCode from exec: %d\n", kFunction, code);
     return {code == 0 ? CommandResult::kSuccess : CommandResult::kFailed, code};
   } catch (const HostCtl::Lib::HostCtlException& failure) {

@@ -34,9 +34,16 @@ struct CommandResult {
 ///                each piece read only what stands before a zero byte is taken. More than 64 MiB
 ///                are an error (EMSGSIZE).
 ///                Input and output cannot both be given (EINVAL).
-CommandResult RunCommand(const std::string& command, const std::string* input, std::string* output);
+/// @param errors  gets what the command wrote to its standard error, when not null: at most 64 KiB,
+///                beyond which its writes fail. People find it where this process's goes to as
+///                well, but for lines that begin with kForPrograms.
+CommandResult RunCommand(const std::string& command, const std::string* input, std::string* output,
+                         std::string* errors = nullptr);
 
 /// Runs a command line to its end without input and with inherited streams.
-CommandResult RunCommand(const std::string& command);
+CommandResult RunCommand(const std::string& command, std::string* errors = nullptr);
+
+/// Begins a line of standard error that is a JSON text and means nothing to people (RFC 7464).
+inline constexpr char kForPrograms = '\x1e';
 
 }  // namespace LifeCycle

@@ -37,7 +37,8 @@ class Host:
         """Runs an inline command: (exit code, standard output, standard error)."""
         done = subprocess.run(COMMAND + line.split(), capture_output=True, text=True, timeout=60,
                               input=document if isinstance(document, str) else json.dumps(document))
-        return done.returncode, done.stdout, done.stderr
+        for_people = [line for line in done.stderr.split("\n") if not line.startswith("\x1e")]
+        return done.returncode, done.stdout, "\n".join(for_people)
 
     def start(self, line, document=None):
         """Starts a task as the daemon does. `line` may hold ID and DOCUMENT. Returns (task identifier, process)."""
