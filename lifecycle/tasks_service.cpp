@@ -19,6 +19,7 @@ namespace {
 
 namespace Errors = ::Com::Tessel::Orbi::Std::Errors;
 using ::LifeCycle::ApiError;
+using ::LifeCycle::ApiMessage;
 using ::LifeCycle::kStatusFileRetries;
 using ::Orbi::Data::ErrorValue;
 
@@ -41,7 +42,8 @@ struct ReadFailure {
 
 ReadFailure Unreadable(const Operation& operation, const std::exception& reason) {
   Log_Level(LogLevel::kCritical, "[%s] :  %s\n", operation.name, reason.what());
-  return {ApiError(operation.unreadable, "com.tessel.ryx.task.parse.error")};
+  return {ApiError(operation.unreadable, "com.tessel.ryx.task.parse.error", {},
+                   {ApiMessage("com.tessel.ryx.settings.reason", {reason.what()})})};
 }
 
 /// @param read  reads what the operation needs

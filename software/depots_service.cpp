@@ -2,6 +2,7 @@
 
 #include "lifecycle/complete_operation.h"
 #include "software/command/json_value.h"
+#include "software/depot_location.h"
 #include "software/helper_call.h"
 
 namespace Com::Tessel::Ryx::HostSettings::DepotsSvc {
@@ -29,6 +30,7 @@ void AsyncServiceImpl::List(const ExecutionContextPtr&, const ListInput&,
 void AsyncServiceImpl::Create(const ExecutionContextPtr&, const CreateInput& input,
                               AsyncResult<void> result) {
   CompleteOperation(kCreateDepot.name, result, [&input] {
+    RequireNoCredentials({input.spec.url}, "com.tessel.ryx.host_settings.depot.connect.error");
     RequireValidName(kCreateDepot, input.spec.name, kDepotName);
     const auto spec = ::Orbi::Bindings::Adapter<CreateSpec>::ToValue(input.spec);
     FeedHelper(kCreateDepot, ValueToJson(spec));

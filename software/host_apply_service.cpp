@@ -12,6 +12,7 @@
 #include "software/command/json_value.h"
 #include "software/command/remove_files.h"
 #include "software/command/write_to_file.h"
+#include "software/depot_location.h"
 #include "software/helper_task.h"
 
 using namespace ::LifeCycle;
@@ -46,6 +47,7 @@ void CheckInput(const SetInput& input) {
   if (input.image && (!input.depots || input.depots->empty()))
     throw Failure(Errors::InvalidArgument, "com.tessel.ryx.apply.invalid.depots",
                   {ApiMessage("com.tessel.ryx.apply.depots.wanted")});
+  if (input.depots) RequireNoCredentials(*input.depots, "com.tessel.ryx.orbi.invalidinput");
 }
 
 /// @param paths  gets the documents' paths

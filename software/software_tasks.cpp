@@ -11,6 +11,7 @@
 #include "software/command/json_value.h"
 #include "software/command/remove_files.h"
 #include "software/command/write_to_file.h"
+#include "software/depot_location.h"
 #include "software/helper_task.h"
 #include "tesselibs/log.h"
 
@@ -64,6 +65,7 @@ void RequireSome(const Container& given, const char* name) {
 
 void RequireDepots(const std::vector<std::string>& depots) {
   RequireSome(depots, "depots");
+  RequireNoCredentials(depots, kInvalidInput);
 }
 
 /// The option once for each value, which goes on the command line as it stands.

@@ -277,6 +277,8 @@ constexpr MessageTableEntry kApiMessages[] = {
      "Give a configuration, an image and its depots, or all of them."},
     {"com.tessel.ryx.apply.depots.wanted",
      "Give the location of at least one depot that has the image."},
+    {"com.tessel.ryx.host_settings.config.retired",
+     "This service is kept for older clients and finds nothing. Use {1}."},
     {"com.tessel.ryx.settings.reason",
      "Reason: {1}"},
     {"com.tessel.ryx.host_settings.name.characters",
