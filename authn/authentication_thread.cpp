@@ -45,7 +45,8 @@ bool AuthenticationThread::HasThread() {
 
 void AuthenticationThread::Enqueue(const std::string& party, Waiting waiting) {
   std::list<Turn> turn;
-  turn.emplace_back(party).waiting.push_back(std::move(waiting));
+  turn.push_back({party, {}});
+  turn.back().waiting.push_back(std::move(waiting));
   turns_.splice(turns_.end(), turn);
   changed_.notify_one();
 }

@@ -19,8 +19,8 @@ inline constexpr std::string_view kValidationPrefix = "com.tessel.ryx.settings.v
 class Violations {
  public:
   /// A document can be made of nothing but violations, each with names of any length: once this
-  /// many bytes are collected, some 600 violations, further ones are only counted. A task keeps them
-  /// in its record, which is read and written with every other record.
+  /// many bytes are collected, some 600 violations, further ones are only counted. A task keeps
+  /// them in its record, which is read and written with every other record.
   static constexpr std::size_t kMaxText = std::size_t{1} << 16;
   /// What a violation counts at least, in bytes: a million that say nothing are too many as well.
   static constexpr std::size_t kMinText = 64;

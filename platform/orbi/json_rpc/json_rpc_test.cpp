@@ -200,8 +200,8 @@ TEST(UpdateExecutionCtx, HeadersCompleteTheContext) {
   EXPECT_EQ(withEntry.localization.timeZone, "Etc/GMT+2");
   withEntry.application.erase("TRACE");
   withEntry.application["64"];
-  const auto tooMany = UpdateExecutionCtxHelper::Update(headers, {"tasks", "get"}, withEntry,
-                                                        localizer, passedOver);
+  const auto tooMany =
+      UpdateExecutionCtxHelper::Update(headers, {"tasks", "get"}, withEntry, localizer, passedOver);
   ASSERT_TRUE(tooMany);
   EXPECT_THAT(tooMany->message, HasSubstr("more than 64 entries"));
 
