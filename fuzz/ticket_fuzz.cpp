@@ -21,8 +21,8 @@ void Check(const std::string& input) {
   Require(pwrite(file.Get(), input.data(), input.size(), 0) == static_cast<ssize_t>(input.size()));
   const std::string text = "0123456789abcdef";
   if (const auto content = Ticket::ReadContent(file.Get(), text)) {
-    const auto& [configFile, service] = *content;
-    Require(configFile.size() < 128 && service.size() < 128);
+    const auto& [configFile, service, user] = *content;
+    Require(configFile.size() < 128 && service.size() < 128 && user.size() < 128);
     Require(input.starts_with(text + '\n' + configFile + '\0' + service + '\0'));
   }
 }

@@ -42,6 +42,7 @@ def others():
 
 def listener(family, address, port=0, *options):
     made = socket.socket(family, socket.SOCK_STREAM)
+    made.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)  # connections of daemons that have ended may linger
     for level, option, value in options:
         made.setsockopt(level, option, value)
     made.bind((address, port))

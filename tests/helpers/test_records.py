@@ -167,7 +167,7 @@ def test_the_file_keeps_its_mode_and_loses_its_other_names(kept, mode, text):
     finally:
         os.umask(umask)
     assert stat.S_IMODE(kept.stat().st_mode) == mode and kept.stat().st_nlink == 1
-    assert kept.with_name("kept").read_bytes() == filled('{"OWN":RECORD}')
+    assert kept.with_name("kept").read_bytes() == filled(text)
 
 
 def test_a_change_that_another_overtakes_is_made_again(kept, monkeypatch):
