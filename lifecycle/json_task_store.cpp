@@ -195,7 +195,7 @@ void JsonTaskStore::SetAsideFor(std::string_view text, const std::string& reason
 }
 
 std::string JsonTaskStore::WriteSuccessor(std::string_view text) const {
-  const std::string successor = path_ + kNewSuffix + std::to_string(gettid());
+  std::string successor = path_ + kNewSuffix + std::to_string(gettid());
   struct stat old {};
   const bool keepsMode = stat(path_.c_str(), &old) == 0;
   WriteToFile(successor, text);

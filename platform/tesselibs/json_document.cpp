@@ -113,12 +113,12 @@ class PlaceFinder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Place
   std::size_t nameEnd_ = 0;
 };
 
-template <unsigned kFlags, typename Stream, typename Target>
+template <unsigned Flags, typename Stream, typename Target>
 rapidjson::ParseResult Parse(Stream& stream, std::size_t size, Target& target, unsigned maxDepth,
                              Strings strings) {
   rapidjson::Reader reader;
   StrictHandler handler(target, maxDepth, strings);
-  rapidjson::ParseResult result = reader.Parse<kFlags>(stream, handler);
+  rapidjson::ParseResult result = reader.Parse<Flags>(stream, handler);
   if (result.Code() == rapidjson::kParseErrorTermination)
     result.Set(handler.objection(), result.Offset());
   if (!result.IsError() && stream.Tell() != size)

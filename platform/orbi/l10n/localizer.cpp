@@ -126,7 +126,7 @@ std::string Localizer::PreferredLocale(std::string_view acceptLanguage,
 
 std::shared_ptr<const LocalizationBundle> LocalizerHelpers::GetFrameworkBundle() {
   static const auto framework = [] {
-    const auto bundle = std::make_shared<LocalizationBundle>();
+    auto bundle = std::make_shared<LocalizationBundle>();
     bundle->AddLocale(std::string(kDefaultLocale), FrameworkTexts());
     return bundle;
   }();
