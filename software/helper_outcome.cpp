@@ -154,12 +154,11 @@ Orbi::Data::ErrorValue MakeFailure(const OutcomeRule& rule, const CommandResult&
   return ApiError(rule.error, rule.message, std::move(args));
 }
 
-void AddWords(const HelperWords& words, Orbi::Data::ErrorValue& error) {
-  if (words.blamesClient && error.id == Errors::InternalServerError.id())
-    error.id = Errors::InvalidArgument.id();
+void AddWords(const std::vector<Orbi::Data::LocalizableMessage>& words,
+              Orbi::Data::ErrorValue& error) {
   const auto messages = std::ranges::find(error.fields, "messages", &Orbi::Data::Field::name);
   auto* const list = messages->value.As<Orbi::Data::List>();
-  for (const auto& message : words.messages) list->items.push_back(message.ToValue());
+  for (const auto& message : words) list->items.push_back(message.ToValue());
 }
 
 }  // namespace

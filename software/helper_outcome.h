@@ -82,8 +82,7 @@ extern const HelperOperation kListOrphanPaxs;
 [[nodiscard]] Orbi::Data::ErrorValue CommandFailed(std::string argument);
 
 /// @param errors  what the helper wrote to its standard error: what it tells there goes behind the
-///                rule's message, and an internal error that is the client's mistake is told as an
-///                invalid argument
+///                rule's message
 /// @return the error that the end of the helper means, after its log line is written; nothing when
 ///         the operation goes on
 [[nodiscard]] std::optional<Orbi::Data::ErrorValue> FailureOf(const HelperOperation& operation,

@@ -20,23 +20,23 @@ using rapidjson::Value;
 constexpr std::size_t kMostMessages = 32;
 constexpr std::size_t kLongestReason = 1000;  // bytes
 
-void ReadMessage(const Value& message, HelperWords& words) {
+using Messages = std::vector<Orbi::Data::LocalizableMessage>;
+
+void ReadMessage(const Value& message, Messages& words) {
   const std::string_view id = TextOf(FindMember(message, "id"));
-  if (id.empty() || words.messages.size() == kMostMessages) return;
+  if (id.empty() || words.size() == kMostMessages) return;
   std::vector<std::string> args;
   const Value* const list = FindMember(message, "args");
   if (list != nullptr && list->IsArray()) {
     for (const Value& arg : list->GetArray()) args.emplace_back(TextOf(&arg));
   }
-  words.messages.push_back(ApiMessage(std::string(id), std::move(args)));
+  words.push_back(ApiMessage(std::string(id), std::move(args)));
 }
 
-void ReadSequence(std::string json, HelperWords& words) {
+void ReadSequence(std::string json, Messages& words) {
   rapidjson::Document document;
   const auto result = JsonDocument::ParseInPlace(json, document, 8, JsonDocument::Strings::kUtf8);
   if (result.IsError()) return;
-  const Value* const blame = FindMember(document, "invalid_argument");
-  words.blamesClient = blame != nullptr && blame->IsTrue();
   const Value* const messages = FindMember(document, "messages");
   if (messages == nullptr || !messages->IsArray()) return;
   for (const Value& message : messages->GetArray()) ReadMessage(message, words);
@@ -44,8 +44,8 @@ void ReadSequence(std::string json, HelperWords& words) {
 
 }  // namespace
 
-HelperWords ReadHelperWords(const std::string& errors) {
-  HelperWords words;
+std::vector<Orbi::Data::LocalizableMessage> ReadHelperWords(const std::string& errors) {
+  Messages words;
   std::string last;
   std::istringstream lines(errors);
   for (std::string line; std::getline(lines, line);) {
@@ -55,9 +55,8 @@ HelperWords ReadHelperWords(const std::string& errors) {
     else
       last = std::move(line);
   }
-  if (words.messages.empty() && !last.empty() && last.size() <= kLongestReason &&
-      Utf8::IsValid(last))
-    words.messages.push_back(ApiMessage("com.tessel.ryx.host_settings.command.reason", {last}));
+  if (words.empty() && !last.empty() && last.size() <= kLongestReason && Utf8::IsValid(last))
+    words.push_back(ApiMessage("com.tessel.ryx.host_settings.command.reason", {last}));
   return words;
 }
 

@@ -7,16 +7,10 @@
 
 namespace LifeCycle {
 
-/// What a helper tells beside its exit code.
-struct HelperWords {
-  /// The client asked for something that cannot be, whatever the exit code is told as.
-  bool blamesClient = false;
-  std::vector<Orbi::Data::LocalizableMessage> messages;
-};
-
-/// Reads a helper's standard error: lines that begin with kForPrograms are JSON texts
-/// {"invalid_argument": false, "messages": [{"id": "...", "args": ["..."]}]}; of a helper that
+/// Reads what a helper tells on its standard error beside its exit code: lines that begin with
+/// kForPrograms are JSON texts {"messages": [{"id": "...", "args": ["..."]}]}; of a helper that
 /// writes none, the last line is taken for its reason.
-[[nodiscard]] HelperWords ReadHelperWords(const std::string& errors);
+[[nodiscard]] std::vector<Orbi::Data::LocalizableMessage> ReadHelperWords(
+    const std::string& errors);
 
 }  // namespace LifeCycle

@@ -98,7 +98,7 @@ def _run_inline(command, words):
     def too_long(*_):
         from tessel_lifecycle.errors import Note
         sys.stderr.write(f"given up after {INLINE_LIMIT} seconds\n")
-        _tell_daemon([Note("com.tessel.ryx.host_settings.command.late", INLINE_LIMIT)], False)
+        _tell_daemon([Note("com.tessel.ryx.host_settings.command.late", INLINE_LIMIT)])
         os._exit(command.late)
 
     signal.signal(signal.SIGALRM, too_long)
@@ -114,7 +114,7 @@ def _run_inline(command, words):
         text = str(error) or repr(error)
         print(text, file=sys.stderr)
         notes = getattr(error, "notes", None) or [Note("com.tessel.ryx.host_settings.command.reason", text[:1000])]
-        _tell_daemon(notes, getattr(error, "is_callers", False))
+        _tell_daemon(notes)
         return getattr(error, "exit_code", command.failed)
 
 
@@ -123,11 +123,11 @@ def _refused_line(command, words):
     from tessel_lifecycle.errors import Note
     text = f"{command.values} values are taken, not {len(words)}"
     print(text, file=sys.stderr)
-    _tell_daemon([Note("com.tessel.ryx.host_settings.command.words", " ".join(words)[:80])], True)
+    _tell_daemon([Note("com.tessel.ryx.host_settings.command.words", " ".join(words)[:80])])
     return command.bad_usage
 
 
-def _tell_daemon(notes, is_callers):
+def _tell_daemon(notes):
     """What the daemon tells its client beside what the exit code says: a JSON text sequence (RFC 7464) on the standard
     error stream, which no person sees who runs the command."""
     from contextlib import suppress
@@ -136,7 +136,7 @@ def _tell_daemon(notes, is_callers):
     with suppress(OSError):
         if not sys.stderr.isatty():
             told = [{"id": note.identifier, "args": note.arguments} for note in notes[:_MOST_NOTES]]
-            sys.stderr.write("\x1e" + compact({"invalid_argument": is_callers, "messages": told}) + "\n")
+            sys.stderr.write("\x1e" + compact({"messages": told}) + "\n")
         sys.stderr.flush()
 
 

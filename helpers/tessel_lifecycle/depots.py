@@ -45,11 +45,11 @@ def _create_spec(data):
         spec = {"name": fields.take("name", text), "url": fields.take("url", text)}
         description = fields.take("description", text, None)
     except ValueError as error:
-        raise CommandError(INTERNAL, error, [Note("Detail", error)], is_callers=True) from error
+        raise CommandError(INTERNAL, error, [Note("Detail", error)]) from error
     if not _is_depot_name(spec["name"]):
         told = [Note("com.tessel.ryx.host_settings.depot.name.invalid"),
                 Note("com.tessel.ryx.host_settings.depot.name.form", f"{spec['name']:.80}")]
-        raise CommandError(INTERNAL, f"not a depot's name: {spec['name']!r:.80}", told, is_callers=True)
+        raise CommandError(INTERNAL, f"not a depot's name: {spec['name']!r:.80}", told)
     return spec if description is None else spec | {"description": description}
 
 

@@ -26,7 +26,7 @@ def set_spec(_):
     try:
         spec = parse_spec(sys.stdin.buffer.read(MOST_DOCUMENT))
     except ImageError as error:
-        raise CommandError(1, error, is_callers=True) from error
+        raise CommandError(1, error) from error
     RegisteredDepots(desired).check(spec)
     with desired.locked():
         desired.set_spec({"components": {}} | spec.document)
@@ -81,7 +81,7 @@ def _argument(kind, value, exit_code, form):
     try:
         return kind(value)
     except ValueError as error:
-        raise CommandError(exit_code, error, [Note(_SOFTWARE + form, f"{value:.80}")], is_callers=True) from error
+        raise CommandError(exit_code, error, [Note(_SOFTWARE + form, f"{value:.80}")]) from error
 
 
 def _spec(desired):

@@ -196,14 +196,11 @@ class ImageError(TaskError):
 
 
 class CommandError(Exception):
-    """An inline command's failure: the exit code its caller knows, the reason for people, and what clients are told.
+    """An inline command's failure: the exit code its caller knows, the reason for people, and what clients are told."""
 
-    `is_callers` says that the caller asked for something that cannot be, whatever the exit code says.
-    """
-
-    def __init__(self, exit_code, reason, notes=(), is_callers=False):
+    def __init__(self, exit_code, reason, notes=()):
         super().__init__(reason)
-        self.exit_code, self.is_callers = exit_code, is_callers
+        self.exit_code = exit_code
         self.notes = [*(reason.messages() if isinstance(reason, TaskError) else ()), *notes]
 
 
