@@ -21,6 +21,12 @@ MODULES = pathlib.Path("/usr/lib/tessel/configmanager/apply_modules")
 PORT = socket.getservbyname("kestreld") if os.path.exists(BINARIES / "kestreld") else 0
 
 
+def is_instrumented():
+    """Whether the daemon is built with a sanitizer, which brings an allocator and much memory of its own."""
+    program = (BINARIES / "kestreld").read_bytes()
+    return b"__asan_" in program or b"__tsan_" in program
+
+
 def wait_until(condition, seconds=30, what="the condition"):
     """Polls until `condition` returns something true, and returns that. The more seldom the longer it takes."""
     deadline, pause = time.monotonic() + seconds, 0.005

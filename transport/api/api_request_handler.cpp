@@ -46,6 +46,8 @@ class ApiExchange : public AcceptedRequest, public std::enable_shared_from_this<
   }
 
  private:
+  class Delivery;
+
   /// How an answer's way to the client is logged, once it has been sent and when it could not be.
   struct LogTexts {
     int level;
@@ -125,6 +127,26 @@ class AnswerStream : public BodySource {
   std::string first_;
 };
 
+/// An answer's way to the thread that sends it. One that does not arrive there takes the answer
+/// along: that and its exchange keep each other.
+class ApiExchange::Delivery {
+ public:
+  explicit Delivery(std::shared_ptr<ApiExchange> exchange) : exchange_(std::move(exchange)) {}
+  Delivery(Delivery&&) noexcept = default;
+  Delivery& operator=(Delivery&&) = delete;
+  ~Delivery() {
+    if (exchange_) exchange_->answer_.reset();
+  }
+
+  void operator()() {
+    const auto exchange = std::exchange(exchange_, nullptr);
+    exchange->SendAnswer();
+  }
+
+ private:
+  std::shared_ptr<ApiExchange> exchange_;
+};
+
 void ApiExchange::Handle(std::string body, ResponseSink sink) {
   sink_ = std::move(sink);
   if (!spec_.bodyCounts) body.clear();
@@ -191,8 +213,7 @@ void ApiExchange::Guarded(Step step) const noexcept {
 
 void ApiExchange::Complete(Core::MethodResult result) noexcept {
   Guarded([&] { answer_ = AnswerOrTellWhyNot(std::move(result)); });
-  boost::asio::dispatch(handler_->ioContext,
-                        Asio::HoldIn(memory_, [self = shared_from_this()] { self->SendAnswer(); }));
+  boost::asio::dispatch(handler_->ioContext, Asio::HoldIn(memory_, Delivery(shared_from_this())));
 }
 
 void ApiExchange::SendAnswer() noexcept {
