@@ -2,6 +2,7 @@
 
 import functools
 import http.client
+import ipaddress
 import ssl
 import urllib.parse
 
@@ -19,8 +20,9 @@ class HttpSource(Source):
     def open(self, name, offset, deadline):
         url = self.url(urllib.parse.quote(name))
         try:
+            near = True  # the depot itself may be
             for _ in range(MOST_REDIRECTS + 1):
-                response = self._ask(url, offset, deadline)
+                response, near = self._ask(url, offset, deadline, near)
                 if response.status not in REDIRECTS:
                     return self._accept(response, name, offset, deadline)
                 url = _redirected(url, response)
@@ -32,16 +34,22 @@ class HttpSource(Source):
             raise Refused(f"redirected to something that is no URL: {error}") from error
         raise Refused("redirected too often")
 
-    def _ask(self, url, offset, deadline):
+    def _ask(self, url, offset, deadline, near_is_allowed):
+        """The response, and whether it comes from this host or its link: no server elsewhere may send us there."""
         parts = urllib.parse.urlsplit(url)
         kind = http.client.HTTPSConnection if parts.scheme == "https" else http.client.HTTPConnection
         connection = kind(parts.hostname, parts.port, timeout=self.patience.timeout)
         connection.response_class = functools.partial(TimedResponse, deadline=deadline)
+        connection.connect()
+        near = _is_near(connection.sock.getpeername()[0])
+        if near and not near_is_allowed:
+            connection.close()
+            raise Refused("redirected to this host or its link by a server that is not there")
         headers = {"User-Agent": "imagemanagerctl", "Accept-Encoding": "identity", "Connection": "close"}
         if offset:
             headers["Range"] = f"bytes={offset}-"
         connection.request("GET", (parts.path or "/") + ("?" + parts.query if parts.query else ""), headers=headers)
-        return connection.getresponse()
+        return connection.getresponse(), near
 
     def _accept(self, response, name, offset, deadline):
         lengths = set(response.headers.get_all("Content-Length", ()))
@@ -59,6 +67,12 @@ class HttpSource(Source):
         error = kind(f"answered {response.status}")
         error.status = response.status
         raise error
+
+
+def _is_near(address):
+    address = ipaddress.ip_address(address.partition("%")[0])
+    address = getattr(address, "ipv4_mapped", None) or address
+    return address.is_loopback or address.is_link_local or address.is_unspecified
 
 
 def _redirected(url, response):

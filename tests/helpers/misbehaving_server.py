@@ -10,10 +10,10 @@ class Server:
     A script gets the connected socket after the request's head and writes what it likes.
     """
 
-    def __init__(self, *scripts):
+    def __init__(self, *scripts, address="127.0.0.1"):
         self.requests, self._scripts = [], list(scripts)
-        self._listener = socket.create_server(("127.0.0.1", 0))
-        self.url = "http://127.0.0.1:%d" % self._listener.getsockname()[1]
+        self._listener = socket.create_server((address, 0))
+        self.url = f"http://{address}:{self._listener.getsockname()[1]}"
         self._stopped = threading.Event()
         threading.Thread(target=self._serve, daemon=True).start()
 

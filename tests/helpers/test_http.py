@@ -1,7 +1,9 @@
 """Downloads from real servers that behave, and from ones that do not."""
 
+import contextlib
 import hashlib
 import os
+import subprocess
 
 import pytest
 from misbehaving_server import Server, answer, drip, drip_body, endless, hang, redirect
@@ -68,6 +70,19 @@ def test_a_part_file_of_an_earlier_run(left, requests, local, tmp_path):
     assert (tmp_path / "got").read_bytes() == CONTENT and sum(heard) == len(CONTENT)
     assert local or ["".join(line for line in r.split("\r\n") if line.startswith("Range")) for r in asked] == requests
     assert sorted(os.listdir(tmp_path)) == ["f", "got"]
+
+
+@pytest.mark.parametrize("target, followed", [("127.0.0.1", False), ("[::ffff:127.0.0.1]", False),
+                                              ("198.51.100.1", True)])
+def test_no_server_elsewhere_leads_to_this_host(target, followed, tmp_path):
+    subprocess.run(["ip", "address", "replace", "198.51.100.1/24", "dev", "lo"], check=True)
+    with Server(FULL, address="127.0.0.1" if "127" in target else target) as near:
+        port = near.url.rpartition(":")[2]
+        with Server(redirect(f"http://{target}:{port}/f"), address="198.51.100.1") as far:
+            source = open_source(far.url, PATIENCE)
+            with contextlib.nullcontext() if followed else pytest.raises(FetchError, match="redirected to this host"):
+                source.download("f", str(tmp_path / "f"), len(CONTENT), DIGEST)
+        assert any(near.requests) == followed  # not a byte is sent
 
 
 BAD = {
