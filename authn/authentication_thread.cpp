@@ -1,6 +1,9 @@
 #include "authn/authentication_thread.h"
 
+#include <stdlib.h>
+
 #include <algorithm>
+#include <cstdint>
 #include <system_error>
 #include <utility>
 
@@ -10,6 +13,16 @@ namespace Host::Settings::SettingsApi::Authn {
 
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
+
+namespace {
+
+/// What a check leaves behind in caches shows in the microseconds after it. They vanish in this.
+std::chrono::microseconds Scatter() {
+  constexpr std::uint32_t kMost = 10'000;
+  return std::chrono::microseconds(arc4random_uniform(kMost));
+}
+
+}  // namespace
 
 AuthenticationThread::AuthenticationThread(const Limits& limits)
     : limits_(limits), guesses_(limits.guesses), failureTime_(limits.failureTime) {}
@@ -96,7 +109,8 @@ bool AuthenticationThread::IsAccepted(Lock& lock, const std::string& party, cons
     failureTime_ = std::max(failureTime_, std::min(time * 3 / 2, limits_.longestFailureTime));
   if (!accepted) guesses_.Failed(party);
   lock.lock();
-  if (!accepted) changed_.wait_until(lock, begin + failureTime_, [this] { return stopping_; });
+  const auto answerAt = begin + failureTime_ + Scatter();
+  if (!accepted) changed_.wait_until(lock, answerAt, [this] { return stopping_; });
   return accepted;
 }
 

@@ -18,10 +18,11 @@ namespace Host::Settings::SettingsApi::Authn {
 /// the process's, and a check takes as long as the system's authentication does.
 ///
 /// Whatever is wrong takes the same time. A check that fails is answered, and the next one begun, a
-/// fixed time after it began; the time grows with the longest check there was, up to a bound, so
-/// that neither the answer nor the wait of others tells which accounts there are. The parties that
-/// checks come from take turns, and who has failed too often is refused without a check (see
-/// GuessLimiter): whoever sends wrong passwords without end delays nobody but itself.
+/// fixed time after it began, and up to ten milliseconds by chance; the time grows with the longest
+/// check there was, up to a bound, so that neither the answer nor the wait of others tells which
+/// accounts there are. The parties that checks come from take turns, and who has failed too often
+/// is refused without a check (see GuessLimiter): whoever sends wrong passwords without end delays
+/// nobody but itself.
 ///
 /// The thread is made with the first check. Submit may be called from any thread, Stop from one
 /// that runs none of the callbacks.
