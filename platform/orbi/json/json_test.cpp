@@ -88,8 +88,10 @@ TEST(Json, WhatIsNotUtf8BecomesAReplacementCharacter) {
 TEST(Json, PiecesOfAnySizeMakeTheWholeText) {
   Structure structure{Repeat("long name ", 30), {}};
   structure.Add(Repeat("\n", 200), Repeat("é\"", 300)).Add("blob", Data::Blob{Repeat("x", 501)});
-  const Value value =
-      ListOf({structure, Some(structure), ListOf(std::vector<Value>(100, Value(1)))});
+  std::vector<Value> blobs;
+  for (int length = 0; length < 100; ++length) blobs.emplace_back(Data::Blob{Repeat("x", length)});
+  const Value value = ListOf(
+      {structure, Some(structure), ListOf(std::vector<Value>(100, Value(1))), ListOf(blobs)});
   for (const Form form : {Form::kPlain, Form::kClean}) {
     std::string whole;
     EXPECT_FALSE(JsonWriter(value, form, Secrets::kWritten).Write(whole));

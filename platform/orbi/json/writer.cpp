@@ -69,7 +69,7 @@ void AppendCharacters(std::string_view& text, std::string& out, std::size_t limi
 
 void AppendBytes(std::string_view& bytes, std::string& out, std::size_t limit) {
   const std::size_t groups = (limit - out.size()) / 4;
-  const std::size_t count = groups < bytes.size() / 3 ? groups * 3 : bytes.size();
+  const std::size_t count = groups < (bytes.size() + 2) / 3 ? groups * 3 : bytes.size();
   // Never more than an int's worth at once.
   const std::size_t part = std::min<std::size_t>(count, std::size_t{3} << 20);
   AppendBase64(bytes.substr(0, part), out);
