@@ -28,7 +28,7 @@ RequestThreads::RequestThreads(const Limits& limits) : limits_(limits) {
   ended_.reserve(limits_.threads);  // a thread that ends must not need memory for it
 }
 
-bool RequestThreads::Submit(const std::string& peer, Work work) {
+bool RequestThreads::Submit(const std::string& party, Work work) {
   std::list<Waiting> arrival;
   std::vector<pthread_t> ended;
   bool accepted = false;
@@ -36,8 +36,8 @@ bool RequestThreads::Submit(const std::string& peer, Work work) {
     arrival.push_back({{}, std::move(work)});
     const Lock lock(mutex_);
     ended = TakeEnded();
-    const auto place = peers_.try_emplace(peer).first;
-    arrival.front().peer = place;
+    const auto place = parties_.try_emplace(party).first;
+    arrival.front().party = place;
     accepted = Enqueue(arrival);
     Forget(place);
   } catch (const std::bad_alloc&) {
@@ -48,11 +48,11 @@ bool RequestThreads::Submit(const std::string& peer, Work work) {
 }
 
 bool RequestThreads::Enqueue(std::list<Waiting>& arrival) {
-  Peer& peer = arrival.front().peer->second;
-  if (stopping_ || waiting_.size() >= limits_.waiting || peer.waiting >= limits_.waitingOfPeer)
+  Party& party = arrival.front().party->second;
+  if (stopping_ || waiting_.size() >= limits_.waiting || party.waiting >= limits_.waitingOfParty)
     return false;
   waiting_.splice(waiting_.end(), arrival);
-  ++peer.waiting;
+  ++party.waiting;
   // A thread that was woken for other work counts as idle until it has taken that.
   if (CountRunnable() <= idle_) {
     workCame_.notify_one();
@@ -60,7 +60,7 @@ bool RequestThreads::Enqueue(std::list<Waiting>& arrival) {
   }
   if (threads_ == limits_.threads || StartThread() || threads_ > 0) return true;
   arrival.splice(arrival.end(), waiting_, std::prev(waiting_.end()));
-  --peer.waiting;
+  --party.waiting;
   return false;
 }
 
@@ -108,39 +108,39 @@ void RequestThreads::Run(Lock& lock) {
     --idle_;
     if (!goesOn || stopping_) return;
     const auto next = FindNext();
-    const auto peer = next->peer;
+    const auto party = next->party;
     Work work = std::move(next->work);
     waiting_.erase(next);
-    --peer->second.waiting;
-    ++peer->second.running;
+    --party->second.waiting;
+    ++party->second.running;
 
     lock.unlock();
     Do(work);
     work = nullptr;  // what it holds may take its time to go
     lock.lock();
 
-    --peer->second.running;
-    Forget(peer);
+    --party->second.running;
+    Forget(party);
   }
 }
 
-/// The first work of a peer that does not hold its part of the threads.
+/// The first work of a party that does not hold its part of the threads.
 std::list<RequestThreads::Waiting>::iterator RequestThreads::FindNext() {
   return std::ranges::find_if(waiting_, [this](const Waiting& waiting) {
-    return waiting.peer->second.running < limits_.threadsOfPeer;
+    return waiting.party->second.running < limits_.threadsOfParty;
   });
 }
 
 /// How much of the work that waits could run now, if there were threads enough.
 std::size_t RequestThreads::CountRunnable() const {
   std::size_t count = 0;
-  for (const auto& [address, peer] : peers_)
-    count += std::min(peer.waiting, limits_.threadsOfPeer - peer.running);
+  for (const auto& [name, party] : parties_)
+    count += std::min(party.waiting, limits_.threadsOfParty - party.running);
   return count;
 }
 
-void RequestThreads::Forget(Peers::iterator peer) {
-  if (peer->second.running == 0 && peer->second.waiting == 0) peers_.erase(peer);
+void RequestThreads::Forget(Parties::iterator party) {
+  if (party->second.running == 0 && party->second.waiting == 0) parties_.erase(party);
 }
 
 std::vector<pthread_t> RequestThreads::TakeEnded() {

@@ -18,7 +18,7 @@ namespace Host::Settings::SettingsApi {
 /// waits for a helper, a lock or a file.
 ///
 /// Threads are made when work comes and end when there has been none for a while: a daemon that
-/// nobody asks anything has none. Work is taken in the order of its arrival, but one peer address
+/// nobody asks anything has none. Work is taken in the order of its arrival, but one party
 /// holds at most a part of the threads: whatever it asks for, the others find one. All signals are
 /// blocked on these threads.
 ///
@@ -30,9 +30,9 @@ class RequestThreads {
 
   struct Limits {
     std::size_t threads = 8;
-    std::size_t threadsOfPeer = 4;
+    std::size_t threadsOfParty = 4;
     std::size_t waiting = 256;
-    std::size_t waitingOfPeer = 64;
+    std::size_t waitingOfParty = 64;
     std::chrono::milliseconds idleTime{30'000};  ///< after which a thread ends
     std::size_t stackSize = kStackSize;          ///< in bytes
   };
@@ -44,10 +44,10 @@ class RequestThreads {
   ~RequestThreads() { Stop(); }
 
   /// Has the work done on one of the threads.
-  /// @param peer  the address on whose behalf
+  /// @param party  on whose behalf (see Orbi::Core::Peer)
   /// @return false when as much waits already as may, when there is no thread and none can be made,
   ///         when there is no memory, or after Stop: nothing comes of the work then
-  [[nodiscard]] bool Submit(const std::string& peer, Work work);
+  [[nodiscard]] bool Submit(const std::string& party, Work work);
 
   /// Drops the work that waits and returns when what runs has ended. Work that is submitted later
   /// is refused.
@@ -61,13 +61,13 @@ class RequestThreads {
   static constexpr std::size_t kStackSize = std::size_t{256} << 10;
 #endif
 
-  struct Peer {
+  struct Party {
     std::size_t running = 0;
     std::size_t waiting = 0;
   };
-  using Peers = std::map<std::string, Peer>;
+  using Parties = std::map<std::string, Party>;
   struct Waiting {
-    Peers::iterator peer;
+    Parties::iterator party;
     Work work;
   };
   using Lock = std::unique_lock<std::mutex>;
@@ -78,7 +78,7 @@ class RequestThreads {
   void Run(Lock& lock);
   [[nodiscard]] std::list<Waiting>::iterator FindNext();
   [[nodiscard]] std::size_t CountRunnable() const;
-  void Forget(Peers::iterator peer);
+  void Forget(Parties::iterator party);
   [[nodiscard]] std::vector<pthread_t> TakeEnded();
 
   static void* Main(void* self);
@@ -89,7 +89,7 @@ class RequestThreads {
   std::mutex mutex_;  ///< guards what follows
   std::condition_variable workCame_;
   std::condition_variable threadEnded_;
-  Peers peers_;  ///< those with work
+  Parties parties_;  ///< those with work
   std::list<Waiting> waiting_;
   std::size_t threads_ = 0;
   std::size_t idle_ = 0;          ///< of the threads

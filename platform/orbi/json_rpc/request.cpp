@@ -23,6 +23,7 @@ static_assert(Core::kMaxApplicationEntries == 64);
 /// Values take many times the memory of their text, and whoever sends them is not known yet.
 constexpr std::size_t kMaxInputParts = 100'000;  ///< names, values and the ends of containers
 constexpr const char* kTooManyParts = "input: has more than 100000 parts";
+static_assert(kMaxInputParts == 100'000);
 
 /// The objects of the envelope.
 enum class Place { kRoot, kParams, kContext, kApplication, kSecurity };
