@@ -13,15 +13,23 @@
 namespace {
 
 constexpr mode_t kOthers = 077;
-constexpr const char* kFolders[] = {"/var/tessel/lifecycle", "/var/tessel/configstore"};
 
-void Close(const char* folder) {
+struct Folder {
+  const char* path;
+  mode_t mode;
+};
+
+/// Through the first everybody reaches the programs of the image; what is in it is closed itself.
+constexpr Folder kFolders[] = {{"/var/tessel/lifecycle", 0711}, {"/var/tessel/configstore", 0700}};
+
+void Close(const Folder& wanted) {
+  const char* const folder = wanted.path;
   const UniqueFd directory(open(folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   struct stat status = {};
   if (!directory && errno == ENOENT) return;
   if (directory && fstat(directory.Get(), &status) == 0) {
-    if ((status.st_mode & kOthers) == 0) return;
-    if (fchmod(directory.Get(), 0700) == 0) {
+    if ((status.st_mode & kOthers & ~wanted.mode) == 0) return;
+    if (fchmod(directory.Get(), wanted.mode) == 0) {
       Log_Level(LogLevel::kNotice, "%s was open to other users\n", folder);
       return;
     }
@@ -33,5 +41,5 @@ void Close(const char* folder) {
 
 void MakeStatePrivate() {
   umask(kOthers);
-  for (const char* const folder : kFolders) Close(folder);
+  for (const Folder& folder : kFolders) Close(folder);
 }

@@ -42,11 +42,14 @@ def is_incompatibility(error):
     return error.name in INCOMPATIBILITIES
 
 
-def scan_result(installed, wanted, download_size=0, errors=()):
+def scan_result(installed, wanted, download_size=0, errors=(), warnings=(), space=(None, None), reboot_pending=()):
     """The result of a scan in plain JSON.
 
     @param installed  the host's Parts, or None when its image cannot be read
     @param errors  the ImageErrors that keep the host from coming to what is wanted
+    @param warnings  Notes
+    @param space  bytes that an apply needs and that are free for it
+    @param reboot_pending  names of packages
     """
     seen = []
     present = installed or Parts(None, None, {}, {}, {})
@@ -73,7 +76,9 @@ def scan_result(installed, wanted, download_size=0, errors=()):
         status = INCOMPATIBLE
     return structure(_SERVICE + "scan_result", status=status, scan_time=utc_now(), **parts,
                      download_size=download_size,
-                     messages=[message(told) for error in errors for told in error.messages()])
+                     messages=[message(told) for error in errors for told in error.messages()],
+                     warnings=_warnings(warnings), required_space=optional(space[0]), free_space=optional(space[1]),
+                     reboot_pending=optional(list(reboot_pending) or None))
 
 
 def _add_on(key):
@@ -84,17 +89,32 @@ def _hardware_support(key):
     return structure("ryx.host_settings.hardware_support_spec", package=key[0], version=key[1].text)
 
 
-def apply_result(changed, before, after, downloaded):
-    """The result of an apply: what changed from the content `before` to `after`."""
+def apply_result(changed, before, after, downloaded, activation=None, warnings=()):
+    """The result of an apply: what changed from the content `before` to `after`.
+
+    @param activation  a structure made by `activation`, or None when nothing changed
+    @param warnings  Notes
+    """
     old, new = before.versions(), after.versions()
     changes = {name: structure(_SERVICE + "component_change", previous=optional(name in old and old[name].text or None),
                                current=optional(name in new and new[name].text or None))
                for name in old.keys() | new.keys() if old.get(name) != new.get(name)}
     return structure(_SERVICE + "apply_result", changed=changed,
                      base_image=optional(after.base_image and after.base_image.version.text),
-                     components=map_value(changes), downloaded=downloaded)
+                     components=map_value(changes), downloaded=downloaded, activation=optional(activation),
+                     warnings=_warnings(warnings))
 
 
-def stage_result(paxs, downloaded):
-    """The result of staging."""
-    return structure(_SERVICE + "stage_result", paxs=paxs, downloaded=downloaded)
+def activation(status, reboot_pending=(), notes=()):
+    """How an image became part of the host; `reboot_pending` are names of packages."""
+    return structure(_SERVICE + "activation", status=status, reboot_pending=list(reboot_pending),
+                     messages=[message(note) for note in notes])
+
+
+def _warnings(notes):
+    return optional([message(note) for note in notes] or None)
+
+
+def stage_result(paxs, downloaded, warnings=()):
+    """The result of staging; `warnings` are Notes."""
+    return structure(_SERVICE + "stage_result", paxs=paxs, downloaded=downloaded, warnings=_warnings(warnings))

@@ -9,8 +9,8 @@ from tessel_lifecycle import paths, pax
 from tessel_lifecycle.depot_writer import DepotWriter
 from tessel_lifecycle.errors import ImageError
 from tessel_lifecycle.image import Image, sync_file_system
-from tessel_lifecycle.install import Meter
 from tessel_lifecycle.plain_json import structure
+from tessel_lifecycle.staging import Meter
 
 
 def extract_depot(task, options):

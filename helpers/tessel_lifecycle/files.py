@@ -14,8 +14,8 @@ def make_state_private():
     """
     os.umask(0o077)
     with contextlib.suppress(OSError):  # it may not be there; or not one's own, and then nothing else can be done
-        if os.stat(paths.LIFECYCLE).st_mode & 0o077:
-            os.chmod(paths.LIFECYCLE, 0o700)
+        if os.stat(paths.LIFECYCLE).st_mode & 0o066:  # through it everybody reaches the programs of the image
+            os.chmod(paths.LIFECYCLE, 0o711)
 
 
 def replace(path, content, mode=0o644):

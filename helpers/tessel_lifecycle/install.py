@@ -1,28 +1,14 @@
-"""Bringing a resolved content onto the host: staging its PAXs, building the other bank, switching."""
+"""Bringing a resolved content onto the host: building the other bank of it, switching."""
 
 import contextlib
 import os
 
 from tessel_lifecycle import files, pax
-from tessel_lifecycle.depot_notes import why_not_read
 from tessel_lifecycle.errors import ImageError
-from tessel_lifecycle.fetch import ContentError, FetchError
 from tessel_lifecycle.host import check_admitted
 from tessel_lifecycle.image import InstalledPax
+from tessel_lifecycle.staging import Meter, check_space, installation_errors, stage, staged
 from tessel_lifecycle.task import utc_now
-
-_SPARE = 16 << 20  # bytes to leave free on the file system of the image
-
-
-class Meter:
-    """Turns bytes done into a percentage between `low` and `high` and tells it to `report`."""
-
-    def __init__(self, report, low, high, total):
-        self._report, self._low, self._span, self._total, self._done = report, low, high - low, max(total, 1), 0
-
-    def add(self, count):
-        self._done += count
-        self._report(self._low + self._span * min(self._done / self._total, 1))
 
 
 class Plan:
@@ -63,49 +49,10 @@ def _outline(content):
             sorted(descriptor.key for descriptor in content.descriptors.values()))
 
 
-def stage(image, paxs, report, low, high):
-    """Downloads and verifies PAXs into the stage, as far as they are not there. Returns the bytes brought.
-
-    Progress goes from `low` to `high`. @throws ImageError
-    """
-    meter, brought = Meter(report, low, high, sum(p.size for p in paxs)), 0
-    with installation_errors():
-        os.makedirs(image.stage, exist_ok=True)
-        for offered in paxs:
-            path = staged(image, offered)
-            if os.path.exists(path) and files.sha256(path) == offered.sha256:
-                meter.add(offered.size)
-                continue
-            _check_space(image.stage, offered.size)
-            _download(offered, path, meter.add)
-            brought += offered.size
-        files.sync_directory(image.stage)
-    return brought
-
-
-def staged(image, offered):
-    """Where a PAX lies in the stage; named by digest, so that what lies there is either it or not there."""
-    return os.path.join(image.stage, offered.sha256 + ".pax")
-
-
-def _download(offered, path, on_bytes):
-    source = offered.depot.source
-    try:
-        source.download(offered.file, path, offered.size, offered.sha256, on_bytes)
-        pax.verify(path, offered.descriptor)
-    except ContentError as error:
-        raise ImageError("PaxSigDigestError", offered.label, detail=error) from error
-    except FetchError as error:
-        raise ImageError("PaxDownloadError", error.url, detail=error, notes=why_not_read(error)) from error
-    except ImageError:
-        files.remove(path)
-        raise
-
-
 def apply(image, plan, task):
     """Makes the plan's content the running image and empties the stage. Progress goes on from 60. @throws ImageError"""
     with installation_errors():
-        _check_space(image.directory, sum(d.installed_size for d in plan.content.descriptors.values()))
+        check_space(image.directory, sum(d.installed_size for d in plan.content.descriptors.values()))
         bank = image.new_bank()
         try:
             _fill(image, bank, plan, task)
@@ -147,18 +94,3 @@ def _put(image, bank, plan, descriptor, meter):
     pax.unpack(staged(image, offered), offered.descriptor, root, meter.add)
     plan.content.descriptors[descriptor.name] = offered.descriptor
     return InstalledPax(offered.descriptor, None, offered.depot.location)
-
-
-def _check_space(directory, size):
-    status = os.statvfs(directory)
-    if status.f_bavail * status.f_frsize < size + _SPARE:
-        raise OSError(28, f"{size} bytes are needed", directory)
-
-
-@contextlib.contextmanager
-def installation_errors():
-    """Tells an error of the disk as a failed installation."""
-    try:
-        yield
-    except OSError as error:
-        raise ImageError("InstallationError", detail=error) from error

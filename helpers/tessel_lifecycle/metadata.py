@@ -13,6 +13,7 @@ from tessel_lifecycle.version import Range, Version
 
 ACCEPTANCE_LEVELS = ("CERTIFIED", "ACCEPTED", "PARTNER", "COMMUNITY")  # from the strictest
 
+_UNIT_NAME = re.compile(r"[A-Za-z0-9:_.\\-]+(@[A-Za-z0-9:_.\\-]+)?\.service", re.ASCII)
 _DATE_TIME = re.compile(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d(\.\d{1,6})?Z", re.ASCII)
 
 
@@ -208,10 +209,14 @@ def content_problem(descriptors):
 
 
 class Descriptor(Unit):
-    """The descriptor of a PAX."""
+    """The descriptor of a PAX.
+
+    `services` are units in its payload that run while it is installed; without `live_install` its changes take effect
+    when the host is rebooted, and with `maintenance_mode` the host must be in that while they are made.
+    """
 
     folder = "descriptor"
-    MOST_FILES, MOST_INSTALLED = 50000, 2 << 30
+    MOST_FILES, MOST_INSTALLED, MOST_SERVICES = 50000, 2 << 30, 100
 
     def read(self, fields):
         super().read(fields)
@@ -220,6 +225,9 @@ class Descriptor(Unit):
         payload = fields.take("payload", lambda value: Fields(value, "payload"))
         self.payload_name = payload.take("name", name)
         self.payload_size, self.payload_sha256 = payload.take("size", size), payload.take("sha256", sha256)
+        self.services = fields.take("services", list_of(unit_name, self.MOST_SERVICES), [])
+        self.live_install = fields.take("live_install", flag, True)
+        self.maintenance_mode = fields.take("maintenance_mode", flag, False)
         self.hardware_platforms = fields.take("hardware_platforms", list_of(_platform), [])
         self.depends = fields.take("depends", list_of(Relation), [])
         self.files = fields.take("files", list_of(PayloadFile, self.MOST_FILES))
@@ -229,6 +237,20 @@ class Descriptor(Unit):
         problem = content_problem([self])
         if problem:
             raise ValueError(problem)
+
+
+def unit_name(value):
+    """The name of a service that systemd manages (systemd.unit(5))."""
+    if not isinstance(value, str) or len(value) > 255 or not _UNIT_NAME.fullmatch(value):
+        raise ValueError(f"not a service's name: {value!r:.80}")
+    return value
+
+
+def flag(value):
+    """True or false."""
+    if not isinstance(value, bool):
+        raise ValueError("neither true nor false")
+    return value
 
 
 def _platform(value):

@@ -1,7 +1,7 @@
 """The tasks that compare, stage and change the host's software. Each takes the task and its options, and returns the
 task's result in plain JSON."""
 
-from tessel_lifecycle import compliance, files, install, paths
+from tessel_lifecycle import compliance, files, install, paths, staging
 from tessel_lifecycle.depot import Depot, merged
 from tessel_lifecycle.errors import INVALID_INPUT, ImageError, TaskError
 from tessel_lifecycle.fetch import TASK
@@ -164,13 +164,13 @@ def _change(task, depots, spec, finish, downgrades=False):
 
 
 def _stage(image, plan, task):
-    brought = install.stage(image, plan.new, task.progress, 40, 95)
+    brought = staging.stage(image, plan.new, task.progress, 40, 95)
     return compliance.stage_result(len(plan.new), brought)
 
 
 def _apply(image, plan, task):
     before, brought = plan.installed.content, 0
     if not plan.is_done:
-        brought = install.stage(image, plan.new, task.progress, 40, 60)
+        brought = staging.stage(image, plan.new, task.progress, 40, 60)
         install.apply(image, plan, task)
     return compliance.apply_result(not plan.is_done, before, plan.content, brought)
