@@ -90,7 +90,7 @@ def _put(image, bank, plan, descriptor, meter):
     offered = plan.offered.get(descriptor.key)
     if offered is None:
         raise ImageError("InstallationError", detail=f"files of {descriptor.label} have changed, and no depot has it")
-    stage(image, [offered], lambda percent: None, 0, 0)
+    stage(image, [offered])
     pax.unpack(staged(image, offered), offered.descriptor, root, meter.add)
     plan.content.descriptors[descriptor.name] = offered.descriptor
     return InstalledPax(offered.descriptor, None, offered.depot.location)

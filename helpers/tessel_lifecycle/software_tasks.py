@@ -163,14 +163,18 @@ def _change(task, depots, spec, finish, downgrades=False):
         return finish(image, plan, task)
 
 
+def _meter(plan, task, high):
+    return staging.Meter(task.progress, 40, high, plan.download_size)
+
+
 def _stage(image, plan, task):
-    brought = staging.stage(image, plan.new, task.progress, 40, 95)
+    brought = staging.stage(image, plan.new, _meter(plan, task, 95).add)
     return compliance.stage_result(len(plan.new), brought)
 
 
 def _apply(image, plan, task):
     before, brought = plan.installed.content, 0
     if not plan.is_done:
-        brought = staging.stage(image, plan.new, task.progress, 40, 60)
+        brought = staging.stage(image, plan.new, _meter(plan, task, 60).add)
         install.apply(image, plan, task)
     return compliance.apply_result(not plan.is_done, before, plan.content, brought)

@@ -22,21 +22,22 @@ class Meter:
         self._report(self._low + self._span * min(self._done / self._total, 1))
 
 
-def stage(image, paxs, report, low, high):
+def stage(image, paxs, on_bytes=lambda count: None):
     """Downloads and verifies PAXs into the stage, as far as they are not there. Returns the bytes brought.
 
-    Progress goes from `low` to `high`. @throws ImageError
+    `on_bytes` hears of the bytes that lie in the stage, and of a negative number when some came in vain: of all the
+    PAXs' sizes in the end. @throws ImageError
     """
-    meter, brought = Meter(report, low, high, sum(p.size for p in paxs)), 0
+    brought = 0
     with installation_errors():
         os.makedirs(image.stage, exist_ok=True)
         for offered in paxs:
             path = staged(image, offered)
             if os.path.exists(path) and files.sha256(path) == offered.sha256:
-                meter.add(offered.size)
+                on_bytes(offered.size)
                 continue
             check_space(image.stage, offered.size)
-            _download(offered, path, meter.add)
+            _download(offered, path, on_bytes)
             brought += offered.size
         files.sync_directory(image.stage)
     return brought

@@ -153,7 +153,7 @@ def test_what_a_bad_server_is_told_as(case, place, tmp_path):
     with Server(*[answer(200, file.read_bytes()) for file in files[:place]], script) as server:
         with pytest.raises(ImageError) as error:
             (offered,) = Depot(server.url, ONCE).catalogue().paxs.values()
-            install.stage(Image(str(tmp_path / "image")), [offered], lambda percent: None, 0, 1)
+            install.stage(Image(str(tmp_path / "image")), [offered])
         name, arguments = told[place]
         assert (error.value.name, error.value.arguments) == (name, [a.replace("URL", server.url) for a in arguments])
     assert sum(path.stat().st_size for path in (tmp_path / "image").rglob("*.part")) < 9999

@@ -49,7 +49,7 @@ def plan(image, location, version):
 def apply(image, location, version):
     with image.locked():
         made = plan(image, location, version)
-        install.stage(image, made.new, lambda percent: None, 0, 1)
+        install.stage(image, made.new)
         install.apply(image, made, QuietTask())
 
 
@@ -139,11 +139,11 @@ def test_a_file_changed_behind_the_host_comes_from_the_depot_again(tmp_path, loc
 def test_the_stage_is_used_and_checked(tmp_path, location):
     image = Image(str(tmp_path / "image"))
     made = plan(image, location, "8.0-1")
-    assert install.stage(image, made.new, lambda percent: None, 0, 1) == made.download_size
-    assert install.stage(image, made.new, lambda percent: None, 0, 1) == 0
+    assert install.stage(image, made.new) == made.download_size
+    assert install.stage(image, made.new) == 0
     with open(install.staged(image, made.new[0]), "r+b") as file:
         file.write(b"damage")
-    assert install.stage(image, made.new, lambda percent: None, 0, 1) == made.new[0].size
+    assert install.stage(image, made.new) == made.new[0].size
 
 
 @pytest.mark.parametrize("damage, name", [
