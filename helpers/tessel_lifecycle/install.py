@@ -5,48 +5,9 @@ import os
 
 from tessel_lifecycle import files, pax
 from tessel_lifecycle.errors import ImageError
-from tessel_lifecycle.host import check_admitted
 from tessel_lifecycle.image import InstalledPax
 from tessel_lifecycle.staging import Meter, check_space, installation_errors, stage, staged
 from tessel_lifecycle.task import utc_now
-
-
-class Plan:
-    """What it takes to get from the installed image to a content. `offered` maps keys to the PAXs of the depots.
-
-    `new` are the PAXs that the host does not have.
-    """
-
-    def __init__(self, content, installed, offered):
-        self.content, self.installed, self.offered = content, installed, offered
-        have = {p.key for p in installed.paxs.values()}
-        self.new = [offered[d.key] for d in content.descriptors.values() if d.key not in have]
-
-    @property
-    def download_size(self):
-        return sum(p.size for p in self.new)
-
-    @property
-    def is_done(self):
-        """Whether the installed image is the content already."""
-        return _outline(self.content) == _outline(self.installed.content)
-
-    def check(self, downgrades=False):
-        """Raises ImageError when this host cannot take the content; `downgrades` allows lower versions."""
-        present = self.installed.content.versions()
-        lower = [f"{name}({present[name]} to {version})" for name, version in self.content.versions().items()
-                 if name in present and version < present[name]]
-        if lower and not downgrades:
-            raise ImageError("ComponentDowngradeError", ", ".join(lower))
-        check_admitted([p.descriptor for p in self.new])
-
-
-def _outline(content):
-    return (content.base_image and content.base_image.key, content.add_on and content.add_on.key,
-            sorted(manifest.key for manifest in content.hardware_support),
-            sorted((name, solution.version, sorted(parts)) for name, (solution, parts) in content.solutions.items()),
-            sorted((name, choice.version, choice.source) for name, choice in content.components.items()),
-            sorted(descriptor.key for descriptor in content.descriptors.values()))
 
 
 def apply(image, plan, task):

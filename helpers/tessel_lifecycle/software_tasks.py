@@ -6,6 +6,7 @@ from tessel_lifecycle.depot import Depot, merged
 from tessel_lifecycle.errors import INVALID_INPUT, ImageError, TaskError
 from tessel_lifecycle.fetch import TASK
 from tessel_lifecycle.image import Image, InstalledImage
+from tessel_lifecycle.plan import Plan
 from tessel_lifecycle.resolve import resolve
 from tessel_lifecycle.spec import MOST_SPEC, SoftwareSpec, parse_spec
 
@@ -22,7 +23,7 @@ class _Offer:
         self.catalogue.paxs.update(known.paxs)  # what is installed need not be brought again
 
     def plan(self, spec, installed):
-        return install.Plan(resolve(spec, self.catalogue), installed, self.paxs)
+        return Plan(resolve(spec, self.catalogue), installed, self.paxs)
 
 
 def scan(task, options):

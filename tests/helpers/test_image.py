@@ -14,6 +14,7 @@ from tessel_lifecycle.depot import Depot, merged
 from tessel_lifecycle.errors import ImageError
 from tessel_lifecycle.fetch import Patience
 from tessel_lifecycle.image import Image
+from tessel_lifecycle.plan import Plan
 from tessel_lifecycle.resolve import resolve
 from tessel_lifecycle.spec import SoftwareSpec
 
@@ -43,7 +44,7 @@ def plan(image, location, version):
     installed, catalogue = image.read(), merged([Depot(location, ONCE)])
     offered = dict(catalogue.paxs)
     catalogue.paxs.update(installed.catalogue().paxs)
-    return install.Plan(resolve(SoftwareSpec({"base_image": {"version": version}}), catalogue), installed, offered)
+    return Plan(resolve(SoftwareSpec({"base_image": {"version": version}}), catalogue), installed, offered)
 
 
 def apply(image, location, version):
