@@ -9,7 +9,7 @@ import shutil
 from tessel_lifecycle import files
 from tessel_lifecycle.banks import BANKS, Banks
 from tessel_lifecycle.content import Choice, Content
-from tessel_lifecycle.document import Fields, compact, list_of, name, text
+from tessel_lifecycle.document import Fields, compact, list_of, name, sha256, size, text
 from tessel_lifecycle.errors import ImageError
 from tessel_lifecycle.metadata import (AddOn, BaseImage, Catalogue, Component, Descriptor, Manifest, Solution,
                                        date_time)
@@ -19,16 +19,27 @@ SOURCES = ("BASE_IMAGE", "ADD_ON", "HARDWARE_SUPPORT", "SOLUTION", "COMPONENT")
 
 
 class InstalledPax:
-    """A PAX of the running image: its descriptor, when it came and from which depot."""
+    """A PAX of the running image: its descriptor, when it came and from which depot.
+
+    `file` has `size` and `sha256` of the file that it came in; None where that was not recorded.
+    """
 
     folder = "paxs"
 
-    def __init__(self, descriptor, installed_at, depot):
-        self.descriptor, self.installed_at, self.depot = descriptor, installed_at, depot
+    def __init__(self, descriptor, installed_at, depot, file=None):
+        self.descriptor, self.installed_at, self.depot, self.file = descriptor, installed_at, depot, file
 
     @property
     def key(self):
         return self.descriptor.key
+
+
+class PaxFile:
+    """Size and digest of a whole PAX."""
+
+    def __init__(self, document):
+        fields = Fields(document, "file")
+        self.size, self.sha256 = fields.take("size", size), fields.take("sha256", sha256)
 
 
 class InstalledImage:
@@ -84,7 +95,8 @@ class Image(Banks):
                 raise ValueError(f"the descriptor of {key[0]} is that of {descriptor.label}")
             content.descriptors[descriptor.name] = descriptor
             installed.paxs[descriptor.name] = InstalledPax(
-                descriptor, entry.take("installed_at", date_time), entry.take("depot", text, ""))
+                descriptor, entry.take("installed_at", date_time), entry.take("depot", text, ""),
+                entry.take("file", PaxFile, None))
 
     @contextlib.contextmanager
     def locked(self, shared=False):
@@ -152,11 +164,16 @@ def _database(content, dates, paxs, now):
                       for solution, components in content.solutions.values()],
         "components": [{"document": choice.component.document, "source": choice.source,
                         "installed_at": dates.get(name, now)} for name, choice in content.components.items()],
-        "paxs": [{"name": pax.descriptor.name, "version": pax.descriptor.version.text, "vendor": pax.descriptor.vendor,
-                  "summary": pax.descriptor.summary, "acceptance_level": pax.descriptor.acceptance_level,
-                  "payload_size": pax.descriptor.payload_size, "installed_size": pax.descriptor.installed_size,
-                  "sha256": pax.descriptor.payload_sha256, "installed_at": pax.installed_at or now, "depot": pax.depot}
-                 for pax in paxs]}
+        "paxs": [_pax_entry(pax, now) for pax in paxs]}
+
+
+def _pax_entry(pax, now):
+    descriptor = pax.descriptor
+    entry = {"name": descriptor.name, "version": descriptor.version.text, "vendor": descriptor.vendor,
+             "summary": descriptor.summary, "acceptance_level": descriptor.acceptance_level,
+             "payload_size": descriptor.payload_size, "installed_size": descriptor.installed_size,
+             "sha256": descriptor.payload_sha256, "installed_at": pax.installed_at or now, "depot": pax.depot}
+    return entry | ({"file": {"size": pax.file.size, "sha256": pax.file.sha256}} if pax.file else {})
 
 
 def sync_file_system(path):

@@ -54,4 +54,4 @@ def _put(image, bank, plan, descriptor, meter):
     stage(image, [offered])
     pax.unpack(staged(image, offered), offered.descriptor, root, meter.add)
     plan.content.descriptors[descriptor.name] = offered.descriptor
-    return InstalledPax(offered.descriptor, None, offered.depot.location)
+    return InstalledPax(offered.descriptor, None, offered.depot.location, offered)

@@ -91,5 +91,5 @@ def orphan_packages(database):
 def _packages(database):
     holders = {pax["name"]: {"component": entry["document"]["name"], "component_version": entry["document"]["version"]}
                for entry in database["components"] for pax in entry["document"]["paxs"]}
-    return [_without(pax, "depot") | holders.get(pax["name"], {}) | ({"source": pax["depot"]} if pax["depot"] else {})
-            for pax in database["paxs"]]
+    return [_without(pax, "depot", "file") | holders.get(pax["name"], {})
+            | ({"source": pax["depot"]} if pax["depot"] else {}) for pax in database["paxs"]]
