@@ -9,6 +9,18 @@ COMPLIANT, NON_COMPLIANT, INCOMPATIBLE, UNAVAILABLE = "COMPLIANT", "NON_COMPLIAN
 _SERVICE = "ryx.kestrel_daemon.software."
 
 
+class Part:
+    """A version and the content of its packages, as far as that is known: of equal versions it can differ."""
+
+    def __init__(self, version, packages=None):
+        self.version, self.packages = version, packages
+
+    def __eq__(self, other):
+        known = isinstance(other, Part) and None not in (self.packages, other.packages)
+        return isinstance(other, Part) and self.version == other.version and (
+            not known or self.packages == other.packages)
+
+
 class Parts:
     """The parts of an image that are compared: single ones, or name -> what can be compared.
 
@@ -20,18 +32,25 @@ class Parts:
         self.solutions, self.hardware_support, self.partial = solutions, hardware_support, partial
 
 
-def of_content(content):
-    """The parts of an image's content, installed or resolved."""
-    return Parts(content.base_image and content.base_image.version,
-                 content.add_on and content.add_on.key, content.versions(),
+def of_content(content, damaged=()):
+    """The parts of an image's content, installed or resolved.
+
+    @param damaged  names of installed packages that are not what they were, and so the same as nothing that is wanted
+    """
+    def part(unit):
+        return Part(unit.version, sorted(
+            "damaged" if reference.name in damaged else content.descriptors[reference.name].identity
+            for reference in unit.paxs if reference.name in content.descriptors))
+    return Parts(content.base_image and part(content.base_image), content.add_on and content.add_on.key,
+                 {name: part(choice.component) for name, choice in content.components.items()},
                  {name: solution.version for name, (solution, _) in content.solutions.items()},
                  {m.manager: (m.package, m.version) for m in content.hardware_support})
 
 
 def of_spec(spec):
     """The parts that a specification names itself, for when it does not resolve."""
-    return Parts(spec.base_image, spec.add_on and (spec.add_on.name, spec.add_on.version),
-                 {name: version for name, version in spec.components.items() if version},
+    return Parts(Part(spec.base_image), spec.add_on and (spec.add_on.name, spec.add_on.version),
+                 {name: Part(version) for name, version in spec.components.items() if version},
                  {name: wanted.version for name, wanted in spec.solutions.items()},
                  {manager: (wanted.package, wanted.version) for manager, wanted in spec.hardware_support.items()},
                  partial=True)
@@ -64,10 +83,10 @@ def scan_result(installed, wanted, download_size=0, errors=(), warnings=(), spac
         return map_value({name: compare(kind, current.get(name), target.get(name), *show) for name in names})
 
     parts = {
-        "base_image": compare("base_image_compliance", present.base_image, wanted.base_image),
+        "base_image": compare("base_image_compliance", present.base_image, wanted.base_image, _part),
         "add_on": optional(compare("add_on_compliance", present.add_on, wanted.add_on, _add_on)
                            if present.add_on or wanted.add_on else None),
-        "components": compare_all("component_compliance", present.components, wanted.components),
+        "components": compare_all("component_compliance", present.components, wanted.components, _part),
         "solutions": compare_all("solution_compliance", present.solutions, wanted.solutions),
         "hardware_support": compare_all("hardware_support_compliance", present.hardware_support,
                                         wanted.hardware_support, _hardware_support)}
@@ -79,6 +98,10 @@ def scan_result(installed, wanted, download_size=0, errors=(), warnings=(), spac
                      messages=[message(told) for error in errors for told in error.messages()],
                      warnings=_warnings(warnings), required_space=optional(space[0]), free_space=optional(space[1]),
                      reboot_pending=optional(list(reboot_pending) or None))
+
+
+def _part(part):
+    return part.version.text
 
 
 def _add_on(key):

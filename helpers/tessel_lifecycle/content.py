@@ -30,6 +30,14 @@ class Content:
         """Component name -> version."""
         return {name: choice.version for name, choice in self.components.items()}
 
+    def outline(self):
+        """What two contents have to have alike to be the same: what is installed, why, and each package's content."""
+        return (self.base_image and self.base_image.key, self.add_on and self.add_on.key,
+                sorted(manifest.key for manifest in self.hardware_support),
+                sorted((name, solution.version, sorted(parts)) for name, (solution, parts) in self.solutions.items()),
+                sorted((name, choice.version, choice.source) for name, choice in self.components.items()),
+                sorted(descriptor.identity for descriptor in self.descriptors.values()))
+
     def problems(self):
         """Why the components and PAXs cannot be installed together, as texts; empty when they can."""
         units = {name: choice.component for name, choice in self.components.items()}

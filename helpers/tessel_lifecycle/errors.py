@@ -74,6 +74,7 @@ TEXTS = {
     "NotADepot": "What is at {1} is no depot that this host can read: {2}.",
     "DepotsEmpty": "No depot is registered. Register one that has what is desired.",
     "DepotNotAsked": "A registered depot could not be asked; it may have what was not found.",
+    "PaxContentDiffers": "PAX {1} is wanted with other content than what is installed under its name and version.",
     "BaseImageVersionsKnown": "The depots have the Base Image in these versions: {1}.",
     "AddonVersionsKnown": "The depots have Addon {1} in these versions: {2}.",
     "AddonNamesKnown": "No depot has an Addon {1}. There is: {2}.",

@@ -44,7 +44,7 @@ def _fill(image, bank, plan, task):
 def _put(image, bank, plan, descriptor, meter):
     """Puts one PAX into a bank: from the running bank while its files there are as installed, else from the depot."""
     root, present = image.path(bank, "root"), plan.installed.paxs.get(descriptor.name)
-    if present and present.key == descriptor.key:
+    if present and present.descriptor.identity == descriptor.identity:
         if pax.copy_installed(plan.installed.root, root, descriptor, meter.add):
             return present
         pax.discard(root, descriptor)

@@ -5,6 +5,9 @@ came, so that it can be stored and handed on unchanged.
 """
 
 import datetime
+import functools
+import hashlib
+import json
 import re
 
 from tessel_lifecycle.document import Fields, list_of, map_of, name, sha256, size, text
@@ -237,6 +240,13 @@ class Descriptor(Unit):
         problem = content_problem([self])
         if problem:
             raise ValueError(problem)
+
+    @functools.cached_property
+    def identity(self):
+        """A digest of all that the PAX brings: of the document but for how the payload is packed, which a depot that
+        was rebuilt from a host may do otherwise."""
+        brought = {member: value for member, value in self.document.items() if member != "payload"}
+        return hashlib.sha256(json.dumps(brought, sort_keys=True).encode()).hexdigest()
 
 
 def unit_name(value):

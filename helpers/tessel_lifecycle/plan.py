@@ -12,8 +12,14 @@ class Plan:
 
     def __init__(self, content, installed, offered):
         self.content, self.installed, self.offered = content, installed, offered
-        have = {p.key for p in installed.paxs.values()}
-        self.new = [offered[d.key] for d in content.descriptors.values() if d.key not in have]
+        have = {p.descriptor.identity for p in installed.paxs.values()}
+        self.new = [offered[d.key] for d in content.descriptors.values() if d.identity not in have]
+
+    @property
+    def replaced(self):
+        """The new PAXs under whose name and version other content is installed."""
+        have = {p.key for p in self.installed.paxs.values()}
+        return [p for p in self.new if p.key in have]
 
     @property
     def download_size(self):
@@ -22,7 +28,7 @@ class Plan:
     @property
     def is_done(self):
         """Whether the installed image is the content already."""
-        return _outline(self.content) == _outline(self.installed.content)
+        return self.content.outline() == self.installed.content.outline()
 
     def check(self, downgrades=False):
         """Raises ImageError when this host cannot take the content; `downgrades` allows lower versions."""
@@ -32,11 +38,3 @@ class Plan:
         if lower and not downgrades:
             raise ImageError("ComponentDowngradeError", ", ".join(lower))
         check_admitted([p.descriptor for p in self.new])
-
-
-def _outline(content):
-    return (content.base_image and content.base_image.key, content.add_on and content.add_on.key,
-            sorted(manifest.key for manifest in content.hardware_support),
-            sorted((name, solution.version, sorted(parts)) for name, (solution, parts) in content.solutions.items()),
-            sorted((name, choice.version, choice.source) for name, choice in content.components.items()),
-            sorted(descriptor.key for descriptor in content.descriptors.values()))

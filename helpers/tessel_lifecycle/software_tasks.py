@@ -3,7 +3,7 @@ task's result in plain JSON."""
 
 from tessel_lifecycle import compliance, files, install, paths, staging
 from tessel_lifecycle.depot import Depot, merged
-from tessel_lifecycle.errors import INVALID_INPUT, ImageError, TaskError
+from tessel_lifecycle.errors import INVALID_INPUT, ImageError, Note, TaskError
 from tessel_lifecycle.fetch import TASK
 from tessel_lifecycle.image import Image, InstalledImage
 from tessel_lifecycle.plan import Plan
@@ -20,7 +20,9 @@ class _Offer:
         self.paxs = dict(self.catalogue.paxs)
         known = installed.catalogue()
         self.catalogue.add_missing(known)
-        self.catalogue.paxs.update(known.paxs)  # what is installed need not be brought again
+        for key, pax in known.paxs.items():  # what is installed need not be brought again
+            if self.catalogue.paxs[key].descriptor.identity == pax.descriptor.identity:
+                self.catalogue.paxs[key] = pax
 
     def plan(self, spec, installed):
         return Plan(resolve(spec, self.catalogue), installed, self.paxs)
@@ -49,7 +51,8 @@ def scan(task, options):
             raise
         errors.append(error)
     present = None if unreadable else compliance.of_content(installed.content)
-    return compliance.scan_result(present, compliance.of_content(plan.content), plan.download_size, errors)
+    return compliance.scan_result(present, compliance.of_content(plan.content), plan.download_size, errors,
+                                  [Note("PaxContentDiffers", pax.label) for pax in plan.replaced])
 
 
 def _installed_or_error():
