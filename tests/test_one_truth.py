@@ -207,6 +207,9 @@ def test_the_daemon_tells_what_a_helper_records(root):
         assert (message["id"], message["default_message"]) == (failure.identifier, failure.text)
 
 
+ONLY_ON_THE_HOST = (".verify$task", ".rollback$task")  # tasks that no client can ask for
+
+
 def identifiers():
     """All identifiers of the interface that stand whole in the package."""
     for path in (REPOSITORY / "helpers/tessel_lifecycle").glob("*.py"):
@@ -214,7 +217,7 @@ def identifiers():
             if isinstance(node, ast.Constant) and re.fullmatch(r"com\.tessel\.[\w.$]*[\w$]", str(node.value)):
                 yield node.value
     for command in (*cli.COMMANDS.values(), apply_cli.COMMAND):
-        if command.operation:
+        if command.operation and not command.operation.endswith(ONLY_ON_THE_HOST):
             yield command.operation
 
 

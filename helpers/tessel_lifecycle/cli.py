@@ -66,6 +66,7 @@ COMMANDS = {
                                      **_WITH_SPEC),
     ("software", "--apply"): Command("software_tasks:software_apply", operation=_DAEMON + "software.apply$task",
                                      **_WITH_SPEC),
+    ("software", "--verify"): Command("software_tasks:software_verify", operation=_DAEMON + "software.verify$task"),
     ("components", "--apply"): Command("software_tasks:components_apply", operation=_DAEMON + "components.apply$task",
                                        required=("--depot", "--component")),
     ("solutions", "--apply"): Command("software_tasks:solutions_apply", operation=_DAEMON + "solutions.apply$task",

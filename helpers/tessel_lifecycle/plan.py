@@ -7,19 +7,21 @@ from tessel_lifecycle.host import check_admitted
 class Plan:
     """What it takes to get from the installed image to a content. `offered` maps keys to the PAXs of the depots.
 
-    `new` are the PAXs that the host does not have.
+    `damaged` names the installed PAXs of which files were changed or lost. `new` are the PAXs that the host does not
+    have, or not whole and the depots have.
     """
 
-    def __init__(self, content, installed, offered):
-        self.content, self.installed, self.offered = content, installed, offered
-        have = {p.descriptor.identity for p in installed.paxs.values()}
+    def __init__(self, content, installed, offered, damaged=frozenset()):
+        self.content, self.installed, self.offered, self.damaged = content, installed, offered, damaged
+        have = {p.descriptor.identity for name, p in installed.paxs.items()
+                if name not in damaged or p.key not in offered}
         self.new = [offered[d.key] for d in content.descriptors.values() if d.identity not in have]
 
     @property
     def replaced(self):
         """The new PAXs under whose name and version other content is installed."""
-        have = {p.key for p in self.installed.paxs.values()}
-        return [p for p in self.new if p.key in have]
+        have = {p.key: p.descriptor.identity for p in self.installed.paxs.values()}
+        return [p for p in self.new if have.get(p.key, p.descriptor.identity) != p.descriptor.identity]
 
     @property
     def download_size(self):
@@ -27,8 +29,8 @@ class Plan:
 
     @property
     def is_done(self):
-        """Whether the installed image is the content already."""
-        return self.content.outline() == self.installed.content.outline()
+        """Whether the installed image is the content already, whole."""
+        return not self.damaged and self.content.outline() == self.installed.content.outline()
 
     def check(self, downgrades=False):
         """Raises ImageError when this host cannot take the content; `downgrades` allows lower versions."""

@@ -1,7 +1,7 @@
 """The tasks that compare, stage and change the host's software. Each takes the task and its options, and returns the
 task's result in plain JSON."""
 
-from tessel_lifecycle import compliance, files, install, paths, staging
+from tessel_lifecycle import compliance, files, install, paths, staging, verify
 from tessel_lifecycle.depot import Depot, merged
 from tessel_lifecycle.errors import INVALID_INPUT, ImageError, Note, TaskError
 from tessel_lifecycle.fetch import TASK
@@ -9,6 +9,9 @@ from tessel_lifecycle.image import Image, InstalledImage
 from tessel_lifecycle.plan import Plan
 from tessel_lifecycle.resolve import resolve
 from tessel_lifecycle.spec import MOST_SPEC, SoftwareSpec, parse_spec
+
+
+_MOST_VERIFIED = 1000  # files that a verification tells of
 
 
 class _Offer:
@@ -24,24 +27,27 @@ class _Offer:
             if self.catalogue.paxs[key].descriptor.identity == pax.descriptor.identity:
                 self.catalogue.paxs[key] = pax
 
-    def plan(self, spec, installed):
-        return Plan(resolve(spec, self.catalogue), installed, self.paxs)
+    def plan(self, spec, installed, damaged):
+        return Plan(resolve(spec, self.catalogue), installed, self.paxs, verify.names(damaged))
 
 
 def scan(task, options):
     """Compares the host with a specification."""
     spec = spec_document(options["--software-spec"])
     installed, unreadable = _installed_or_error()
+    damaged = verify.find_damage(installed)
+    present = None if unreadable else compliance.of_content(installed.content, verify.names(damaged))
     task.progress(5)
     offer = _Offer(task, installed, options["--depot"])
     task.progress(60)
     try:
-        plan = offer.plan(spec, installed)
+        plan = offer.plan(spec, installed, damaged)
     except ImageError as error:
         if not compliance.is_incompatibility(error):
             raise
-        present = compliance.of_content(installed.content)
-        return compliance.scan_result(present, compliance.of_spec(spec), errors=[error])
+        present = present or compliance.of_content(installed.content)
+        return compliance.scan_result(present, compliance.of_spec(spec), errors=[error],
+                                      warnings=verify.notes(damaged))
     task.progress(80)
     errors = [unreadable] if unreadable else []
     try:
@@ -50,9 +56,8 @@ def scan(task, options):
         if not compliance.is_incompatibility(error):
             raise
         errors.append(error)
-    present = None if unreadable else compliance.of_content(installed.content)
-    return compliance.scan_result(present, compliance.of_content(plan.content), plan.download_size, errors,
-                                  [Note("PaxContentDiffers", pax.label) for pax in plan.replaced])
+    warnings = [Note("PaxContentDiffers", pax.label) for pax in plan.replaced] + verify.notes(damaged)
+    return compliance.scan_result(present, compliance.of_content(plan.content), plan.download_size, errors, warnings)
 
 
 def _installed_or_error():
@@ -61,6 +66,20 @@ def _installed_or_error():
         return image.read(), None
     except ImageError as error:
         return InstalledImage(), error
+
+
+def software_verify(task, _):
+    """Compares every file of the running image with its package's list: a scan for what the image itself holds."""
+    image = Image(paths.IMAGE)
+    with image.locked(shared=True):
+        installed = image.read()
+        if installed.content.base_image is None:
+            raise ImageError("StatelessError", detail="no image is installed")
+        meter = staging.Meter(task.progress, 5, 95, sum(p.descriptor.installed_size for p in installed.paxs.values()))
+        damaged = verify.find_damage(installed, thorough=True, on_bytes=meter.add)
+    present = compliance.of_content(installed.content, verify.names(damaged))
+    return compliance.scan_result(present, compliance.of_content(installed.content),
+                                  warnings=verify.notes(damaged, _MOST_VERIFIED))
 
 
 def software_stage(task, options):
@@ -160,25 +179,26 @@ def _change(task, depots, spec, finish, downgrades=False):
         installed = image.read()
         wanted = spec(installed)
         task.progress(5)
+        damaged = verify.find_damage(installed)
         offer = _Offer(task, installed, depots)
-        plan = offer.plan(wanted, installed)
+        plan = offer.plan(wanted, installed, damaged)
         plan.check(downgrades)
         task.progress(40)
-        return finish(image, plan, task)
+        return finish(image, plan, task, verify.notes(damaged))
 
 
 def _meter(plan, task, high):
     return staging.Meter(task.progress, 40, high, plan.download_size)
 
 
-def _stage(image, plan, task):
+def _stage(image, plan, task, warnings):
     brought = staging.stage(image, plan.new, _meter(plan, task, 95).add)
-    return compliance.stage_result(len(plan.new), brought)
+    return compliance.stage_result(len(plan.new), brought, warnings)
 
 
-def _apply(image, plan, task):
+def _apply(image, plan, task, warnings):
     before, brought = plan.installed.content, 0
     if not plan.is_done:
         brought = staging.stage(image, plan.new, _meter(plan, task, 60).add)
         install.apply(image, plan, task)
-    return compliance.apply_result(not plan.is_done, before, plan.content, brought)
+    return compliance.apply_result(not plan.is_done, before, plan.content, brought, warnings=warnings)
