@@ -1,21 +1,25 @@
 """Depots: `index.json` names metadata files, which describe what the depot offers. All of it is untrusted."""
 
-import io
+import contextlib
+import gc
+import hashlib
 
-from tessel_lifecycle.archive import ARCHIVE_ERRORS, ZipReader
+from tessel_lifecycle.archive import ARCHIVE_ERRORS
 from tessel_lifecycle.depot_notes import why_not_read
 from tessel_lifecycle.document import Fields, list_of, parse, sha256, shallow, size, text
+from tessel_lifecycle.document_archive import DocumentArchive
 from tessel_lifecycle.errors import ImageError, Note
 from tessel_lifecycle.fetch import FetchError
 from tessel_lifecycle.location import open_source
 from tessel_lifecycle.metadata import KINDS, Catalogue, relative_path
+from tessel_lifecycle.metadata_cache import MetadataCache
 
 INDEX = "index.json"
 MOST_INDEX = 1 << 20
 MOST_METADATA_FILES = 16
-MOST_METADATA = 16 << 20   # one metadata file
-MOST_DOCUMENT = 16 << 20   # one document in it
-MOST_UNPACKED = 32 << 20   # all documents of a depot; they take five times as much memory
+MOST_METADATA = 256 << 20  # bytes of all metadata files of a depot as they lie there, and of their documents unpacked
+MOST_DOCUMENTS = 200000    # of a depot
+MOST_VALUES = 1 << 20      # in one document: each takes up to a hundred bytes of memory, however short it is
 
 
 class _MetadataFile:
@@ -23,15 +27,14 @@ class _MetadataFile:
         fields = Fields(value, "metadata")
         self.file = fields.take("file", relative_path)
         self.sha256, self.size = fields.take("sha256", sha256), fields.take("size", size)
-        if self.size > MOST_METADATA:
-            raise ValueError(f"{self.file} is larger than {MOST_METADATA} bytes")
 
 
 class Depot:
     """A depot at a location; nothing is read before it is asked for."""
 
-    def __init__(self, location, patience):
-        self.location = location
+    def __init__(self, location, patience, cache=MetadataCache()):
+        """@param cache  where metadata that was brought from afar is kept"""
+        self.location, self._cache = location, cache
         try:
             self.source = open_source(location, patience)
         except FetchError as error:
@@ -49,15 +52,16 @@ class Depot:
                 raise ValueError("unknown format")
             self.vendor = fields.take("vendor", text, "")
             self._metadata = fields.take("metadata", list_of(_MetadataFile, MOST_METADATA_FILES))
+            if sum(entry.size for entry in self._metadata) > MOST_METADATA:
+                raise ValueError(f"more than {MOST_METADATA} bytes of metadata")
         except ValueError as error:
             url = self.source.url(INDEX)
             raise ImageError("MetadataFormatError", url, detail=error, notes=[Note("NotADepot", url, error)]) from error
         return self
 
-    def catalogue(self, kinds=tuple(KINDS), on_progress=lambda fraction: None):
-        """What the depot describes, of these kinds; `on_progress` hears which part is read. @throws ImageError"""
+    def fetch(self, on_progress=lambda fraction: None):
+        """Reads the index and brings the metadata files; `on_progress` hears which part is here. @throws ImageError"""
         self.connect()
-        catalogue, unpacked = Catalogue(), 0
         done, size = 0, max(1, sum(entry.size for entry in self._metadata))
 
         def on_bytes(count):
@@ -68,29 +72,105 @@ class Depot:
         for entry in self._metadata:
             url = self.source.url(entry.file)
             try:
-                data = self.source.read(entry.file, entry.size, entry.sha256, on_bytes)
+                entry.opened = self._cache.open(self.source, entry.file, entry.size, entry.sha256, on_bytes)
             except FetchError as error:
                 raise ImageError("MetadataDownloadError", url, detail=error, notes=why_not_read(error)) from error
-            try:
-                unpacked += self._read(data, catalogue, kinds, MOST_UNPACKED - unpacked)
-            except ARCHIVE_ERRORS as error:
-                raise ImageError("MetadataFormatError", url, detail=error) from error
+        return self
+
+    def read(self, kinds=tuple(KINDS), on_progress=lambda fraction: None):
+        """What the fetched metadata describes, of these kinds. @throws ImageError"""
+        catalogue, left = Catalogue(), _Bounds()
+        done, size = 0, max(1, sum(entry.size for entry in self._metadata))
+        with _without_collector():
+            for entry in self._metadata:
+                def on_part(fraction, entry=entry):
+                    on_progress((done + fraction * entry.size) / size)
+                try:
+                    self._read(_StoredFile(self.source.url(entry.file), entry.opened), catalogue, kinds, left, on_part)
+                except ARCHIVE_ERRORS as error:
+                    raise ImageError("MetadataFormatError", self.source.url(entry.file), detail=error) from error
+                done += entry.size
         return catalogue
 
-    def _read(self, data, catalogue, kinds, most):
-        read = 0
-        with ZipReader(io.BytesIO(data)) as archive:
-            for member in archive.names():
-                folder, _, name = member.partition("/")
-                if folder not in KINDS or "/" in name or name and not name.endswith(".json"):
-                    raise ValueError(f"{member!r:.200} has no place in metadata")
-                if name and folder in kinds:
-                    content = archive.read(member, min(MOST_DOCUMENT, most - read))
-                    read += len(content)
-                    unit = KINDS[folder](shallow(parse(content)))
-                    unit.depot = self
-                    catalogue.add(unit)
-        return read
+    def catalogue(self, kinds=tuple(KINDS), on_progress=lambda fraction: None):
+        """What the depot describes, of these kinds; `on_progress` hears which part is read. @throws ImageError"""
+        self.fetch(lambda fraction: on_progress(fraction / 2))
+        return self.read(kinds, lambda fraction: on_progress((1 + fraction) / 2))
+
+    def _read(self, file, catalogue, kinds, left, on_part):
+        members, depots = list(file.archive.members()), (self,)
+        left.take(members)
+        for number, (position, member, _) in enumerate(members):
+            folder, _, name = member.partition("/")
+            if folder not in KINDS or "/" in name or name and not name.endswith(".json"):
+                raise ValueError(f"{member!r:.200} has no place in metadata")
+            if name and folder in kinds:
+                stored = StoredDocument(file, position)
+                unit = KINDS[folder](stored.first_read())
+                unit.keep_in(stored)
+                unit.depots = depots
+                catalogue.add(unit)
+                if not number % 256:
+                    on_part(number / len(members))
+
+
+class _Bounds:
+    """What the metadata files of a depot may hold together."""
+
+    def __init__(self):
+        self._documents, self._bytes = MOST_DOCUMENTS, MOST_METADATA
+
+    def take(self, members):
+        self._documents -= len(members)
+        self._bytes -= sum(size for _, _, size in members)
+        if self._documents < 0 or self._bytes < 0:
+            raise ValueError(f"more than {MOST_METADATA} bytes or {MOST_DOCUMENTS} documents are too much")
+
+
+class _StoredFile:
+    """A metadata file that was brought, and its URL."""
+
+    def __init__(self, url, file):
+        self.url, self.archive = url, DocumentArchive(file)
+
+
+class StoredDocument:
+    """A document in a metadata file, which is read again whenever it is needed."""
+
+    __slots__ = ("_file", "_position", "digest")
+
+    def __init__(self, file, position):
+        self._file, self._position, self.digest = file, position, None
+
+    def first_read(self):
+        """The document, and remembers its digest. Raises one of ARCHIVE_ERRORS for one that is broken."""
+        content = self._file.archive.read(self._position)
+        if content.count(b",") > MOST_VALUES:
+            raise ValueError("too many values in one document")
+        self.digest = hashlib.sha256(content).digest()
+        return shallow(parse(content))
+
+    def document(self):
+        """The document as it was. @throws ImageError"""
+        try:
+            content = self._file.archive.read(self._position)
+            if hashlib.sha256(content).digest() != self.digest:
+                raise ValueError("it was changed while it was read")
+            return parse(content)
+        except (*ARCHIVE_ERRORS, OSError) as error:
+            raise ImageError("MetadataFormatError", self._file.url, detail=error) from error
+
+
+@contextlib.contextmanager
+def _without_collector():
+    """Looking for circles among all that is being read would take longer than reading it, and there are none."""
+    was_on = gc.isenabled()
+    gc.disable()
+    try:
+        yield
+    finally:
+        if was_on:
+            gc.enable()
 
 
 def _not_connected(error):

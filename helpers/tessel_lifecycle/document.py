@@ -5,8 +5,10 @@ Everything here raises ValueError, with a text that names the place, for a docum
 
 import json
 import math
+import re
 
 _MISSING = object()
+_NAME = re.compile(r"[A-Za-z0-9][A-Za-z0-9._-]{0,127}")
 
 
 def parse(data):
@@ -95,8 +97,7 @@ def text(value):
 def name(value):
     """A name that is safe in a path and as one word of a command line: letters, digits, '.', '_' and '-', of which the
     first is a letter or digit."""
-    if (not isinstance(value, str) or not 0 < len(value) <= 128 or not value.isascii() or not value[0].isalnum()
-            or not all(c.isalnum() or c in "._-" for c in value)):
+    if not isinstance(value, str) or not _NAME.fullmatch(value):
         raise ValueError(f"not a name: {value!r:.80}")
     return value
 

@@ -17,6 +17,8 @@ WORTH_REPEATING = (408, 425, 429)
 class HttpSource(Source):
     """Asks for one file at a time on a connection of its own; knows no proxies, cookies or credentials."""
 
+    is_local = False
+
     def open(self, name, offset, deadline):
         url = self.url(urllib.parse.quote(name))
         try:

@@ -1,7 +1,8 @@
 """What a depot describes: base images, add-ons, components, solutions, manifests and PAXs, and a catalogue of them.
 
-Each class is built from its JSON document and raises ValueError for one that does not fit; the document is kept as it
-came, so that it can be stored and handed on unchanged.
+Each class is built from its JSON document and raises ValueError for one that does not fit. The document can be had as
+it came, so that it can be stored and handed on unchanged; that of a unit in a depot is read again for it, since there
+may be more of them than fit into memory.
 """
 
 import datetime
@@ -9,6 +10,8 @@ import functools
 import hashlib
 import json
 import re
+import sys
+import weakref
 
 from tessel_lifecycle.document import Fields, list_of, map_of, name, sha256, size, text
 from tessel_lifecycle.errors import ImageError
@@ -35,12 +38,38 @@ def acceptance_level(value):
     return value
 
 
+class _Shared:
+    """Makes one object of equal texts: metadata has the same names and versions again and again."""
+
+    MOST = 1 << 16
+
+    def __init__(self, kind):
+        self._kind, self._made = kind, {}
+
+    def __call__(self, value):
+        if not isinstance(value, str):
+            return self._kind(value)  # refuses it
+        found = self._made.get(value)
+        if found is None:
+            if len(self._made) == self.MOST:
+                self._made.clear()
+            found = self._made[value] = self._kind(value)
+        return found
+
+
+_version, _range = _Shared(Version), _Shared(Range)
+_name = _Shared(lambda value: sys.intern(name(value)))
+_ANY = Range("*")
+
+
 class Reference:
     """One exact version of a named thing."""
 
+    __slots__ = ("name", "version")
+
     def __init__(self, document):
         fields = Fields(document, "reference")
-        self.name, self.version = fields.take("name", name), fields.take("version", Version)
+        self.name, self.version = fields.take("name", _name), fields.take("version", _version)
 
     @property
     def key(self):
@@ -50,28 +79,52 @@ class Reference:
 class Relation:
     """A named thing in any version of a range."""
 
+    __slots__ = ("name", "range")
+
     def __init__(self, document):
         fields = Fields(document, "relation")
-        self.name, self.range = fields.take("name", name), fields.take("range", Range, Range("*"))
+        self.name, self.range = fields.take("name", _name), fields.take("range", _range, _ANY)
 
 
 class Unit:
-    """What all described things have. `key` tells two of a kind apart; `depot` is where it was found, if in one."""
+    """What all described things have. `key` tells two of a kind apart.
+
+    `depots` are those that have it, the first of which, `depot`, described it; there are none outside of depots.
+    """
 
     folder = ""
-    depot = None
+    depots = ()
 
     def __init__(self, document):
-        self.document = document
-        self.fields = Fields(document, self.folder)
-        self.version = self.fields.take("version", Version)
-        self.vendor = self.fields.take("vendor", text, "")
-        self.read(self.fields)
-        self.display_name = self.fields.take("display_name", text, getattr(self, "name", ""))
-        self.display_version = self.fields.take("display_version", text, self.version.text)
+        self._document, self.stored = document, None
+        fields = Fields(document, self.folder)
+        self.version = fields.take("version", _version)
+        self.vendor = sys.intern(fields.take("vendor", text, ""))
+        self.read(fields)
+        fields.take("display_name", text, "")
+        fields.take("display_version", text, "")
 
     def read(self, fields):
-        self.name = fields.take("name", name)
+        self.name = fields.take("name", _name)
+
+    @property
+    def depot(self):
+        return self.depots[0] if self.depots else None
+
+    @property
+    def document(self):
+        """The document as it came. @throws ImageError when it cannot be read again"""
+        return self._document if self.stored is None else self.stored.document()
+
+    def keep_in(self, stored):
+        """Forgets the document; `stored` has it, and its `digest`."""
+        self._document, self.stored = None, stored
+
+    def is_told_as(self, other):
+        """Whether two units of a kind have the same document."""
+        if self.stored and other.stored and self.stored.digest == other.stored.digest:
+            return True
+        return self.document == other.document
 
     @property
     def key(self):
@@ -95,7 +148,7 @@ class BaseImage(ReleaseUnit):
 
     def read(self, fields):
         self.release_date = fields.take("release_date", date_time)
-        self.components = fields.take("components", map_of(Version))
+        self.components = fields.take("components", map_of(_version, _name))
         self.paxs = fields.take("paxs", list_of(Reference), [])
 
     @property
@@ -112,9 +165,9 @@ class AddOn(ReleaseUnit):
 
     def read(self, fields):
         super().read(fields)
-        self.base_images = fields.take("base_images", Range)
-        self.components = fields.take("components", map_of(Version), {})
-        self.removed_components = fields.take("removed_components", list_of(name), [])
+        self.base_images = fields.take("base_images", _range)
+        self.components = fields.take("components", map_of(_version, _name), {})
+        self.removed_components = fields.take("removed_components", list_of(_name), [])
 
 
 class Solution(ReleaseUnit):
@@ -122,7 +175,7 @@ class Solution(ReleaseUnit):
 
     def read(self, fields):
         super().read(fields)
-        self.components = fields.take("components", map_of(Range))
+        self.components = fields.take("components", map_of(_range, _name))
 
 
 class Manifest(Unit):
@@ -132,9 +185,9 @@ class Manifest(Unit):
 
     def read(self, fields):
         self.name = fields.take("id", name)
-        self.manager, self.package = fields.take("manager", name), fields.take("package", name)
-        self.base_images = fields.take("base_images", Range)
-        self.components = fields.take("components", map_of(Version))
+        self.manager, self.package = fields.take("manager", _name), fields.take("package", _name)
+        self.base_images = fields.take("base_images", _range)
+        self.components = fields.take("components", map_of(_version, _name))
 
     @property
     def key(self):
@@ -147,8 +200,8 @@ class Component(Unit):
     def read(self, fields):
         super().read(fields)
         self.paxs = fields.take("paxs", list_of(Reference))
-        self.depends = fields.take("depends", list_of(Relation), [])
-        self.conflicts = fields.take("conflicts", list_of(Relation), [])
+        self.depends = fields.take("depends", list_of(Relation), ())
+        self.conflicts = fields.take("conflicts", list_of(Relation), ())
 
 
 class PayloadFile:
@@ -269,21 +322,55 @@ def _platform(value):
 
 
 class Pax(Unit):
-    """A PAX in a depot: the descriptor it must hold, and its file's size and digest."""
+    """A PAX in a depot: the descriptor it must hold, and its file's size and digest.
+
+    Of one that is kept in a depot, the descriptor is read when it is asked for, and stays as long as it is used.
+    """
 
     folder = "paxs"
 
     def read(self, fields):
-        self.descriptor = fields.take("descriptor", Descriptor)
-        self.name = self.descriptor.name
-        if self.descriptor.version != self.version:
+        descriptor = fields.take("descriptor", Descriptor)
+        self.name = descriptor.name
+        if descriptor.version != self.version:
             raise ValueError("two versions for one PAX")
         self.size, self.sha256 = fields.take("size", size), fields.take("sha256", sha256)
+        self._descriptor = lambda: descriptor
+
+    def keep_in(self, stored):
+        super().keep_in(stored)
+        self._descriptor = _nothing
+
+    @property
+    def descriptor(self):
+        """The descriptor. @throws ImageError when it cannot be read again"""
+        found = self._descriptor()
+        if found is None:
+            found = Descriptor(self.document["descriptor"])
+            found.keep_in(_DescriptorOf(self))
+            self._descriptor = weakref.ref(found)
+        return found
 
     @property
     def file(self):
         """Where the PAX's file lies in its depot."""
         return f"paxs/{self.name}-{self.version.text}.pax"
+
+
+def _nothing():
+    return None
+
+
+class _DescriptorOf:
+    """Where the descriptor of a PAX is kept: in that PAX's document."""
+
+    digest = None
+
+    def __init__(self, pax):
+        self._pax = pax
+
+    def document(self):
+        return self._pax.document["descriptor"]
 
 
 KINDS = {kind.folder: kind for kind in (BaseImage, AddOn, Component, Solution, Manifest, Pax)}
@@ -295,11 +382,19 @@ class Catalogue:
     def __init__(self):
         self.base_images, self.add_ons, self.solutions = {}, {}, {}
         self.manifests, self.components, self.paxs = {}, {}, {}
+        self._by_name, self._indexed = {}, 0
 
     def add(self, unit):
-        """Takes a unit of a depot. The same PAX in two depots is taken from the first."""
+        """Takes a unit of a depot. A PAX that was told before is taken from the first depot, and from this one, too, if
+        it has the same file."""
         known = getattr(self, unit.folder).setdefault(unit.key, unit)
-        if known is unit or known.document == unit.document or isinstance(unit, Pax):
+        if known is unit:
+            return
+        if isinstance(unit, Pax):
+            if (known.size, known.sha256) == (unit.size, unit.sha256):
+                known.depots = (*known.depots, *(depot for depot in unit.depots if depot not in known.depots))
+            return
+        if known.is_told_as(unit):
             return
         if isinstance(unit, ReleaseUnit):
             raise ImageError("ReleaseUnitConflictError", unit.label)
@@ -322,7 +417,11 @@ class Catalogue:
 
     def versions(self, component, allowed=Range("*")):
         """The components of a name in a range of versions, newest first."""
-        return sorted((c for c in self.components.values() if c.name == component and c.version in allowed),
+        if self._indexed != len(self.components):
+            self._by_name, self._indexed = {}, len(self.components)
+            for known in self.components.values():
+                self._by_name.setdefault(known.name, []).append(known)
+        return sorted((c for c in self._by_name.get(component, ()) if c.version in allowed),
                       key=lambda c: c.version, reverse=True)
 
     def manifests_of(self, manager, wanted):

@@ -73,7 +73,8 @@ BAD_METADATA = {
     "package of another version": {"paxs/p.json": {"version": "2", "size": 1, "sha256": "0" * 64, "descriptor": {
         "name": "p", "version": "1", "acceptance_level": "PARTNER", "files": [],
         "payload": {"name": "p", "size": 1, "sha256": "0" * 64}}}},
-    "too much in all": {f"base_images/{n}.json": BASE | {"pad": "x" * (12 << 20)} for n in range(3)},
+    "too much in all": {f"base_images/{n}.json": BASE | {"pad": "x" * (15 << 20)} for n in range(18)},
+    "too many values in one document": {MEMBER: BASE | {"pad": [0] * (1 << 21)}},
     "one document too large": {MEMBER: BASE | {"pad": "x" * (17 << 20)}},
 }
 
