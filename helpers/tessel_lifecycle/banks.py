@@ -1,7 +1,8 @@
 """Where the host's image lies: two banks, of which one is the running one.
 
     image/current -> a     the running bank; changed by one rename
-    image/a, image/b       each with image.json (the database), descriptors/NAME.json and root/ (the installed files)
+    image/a, image/b       each with image.json (the database), root/ (the installed files), and of each package
+                           descriptors/NAME.json and, if it was signed, NAME.cms
     image/stage            PAXs that were downloaded and verified
     image/lock             locked while the image is being changed, or shared while it is being read out
 

@@ -1,5 +1,6 @@
 """Writing a depot."""
 
+import base64
 import os
 import zipfile
 
@@ -26,14 +27,16 @@ class DepotWriter:
         name = getattr(unit, "name", "base") + "_" + unit.version.text  # a version has no '_', but may follow a '-'
         self._members[f"{unit.folder}/{name}.json"] = unit.document
 
-    def add_pax(self, document, root, listed):
-        """Makes a PAX of the listed files below `root`. @throws pax.ChangedFile, OSError"""
+    def add_pax(self, document, root, listed, sign=lambda content: None):
+        """Makes a PAX of the listed files below `root`; `sign` as in pax.create. @throws pax.ChangedFile, OSError"""
         name = f"{document['name']}-{document['version']}"
         path = os.path.join(self._folder, "paxs", name + ".pax")
-        descriptor = pax.create(path, document, root, listed)
-        unit = Pax({"name": document["name"], "version": document["version"], "size": os.path.getsize(path),
-                    "sha256": files.sha256(path), "descriptor": descriptor})
-        self.add(unit)
+        descriptor, signature = pax.create(path, document, root, listed, sign)
+        unit = {"name": document["name"], "version": document["version"], "size": os.path.getsize(path),
+                "sha256": files.sha256(path), "descriptor": descriptor}
+        if signature:
+            unit["signature"] = base64.b64encode(signature).decode()
+        self.add(Pax(unit))
 
     def finish(self):
         """Writes metadata and index."""

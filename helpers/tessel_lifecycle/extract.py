@@ -7,6 +7,7 @@ import shutil
 
 from tessel_lifecycle import paths, pax
 from tessel_lifecycle.depot_writer import DepotWriter
+from tessel_lifecycle.document import compact
 from tessel_lifecycle.errors import ImageError
 from tessel_lifecycle.image import Image, sync_file_system
 from tessel_lifecycle.plain_json import structure
@@ -56,9 +57,15 @@ def _write(task, installed, folder):
     for installed_pax in installed.paxs.values():
         descriptor = installed_pax.descriptor
         with _recreation_errors(descriptor):
-            writer.add_pax(descriptor.document, installed.root, descriptor.files)
+            writer.add_pax(descriptor.document, installed.root, descriptor.files, _signature_of(installed_pax))
         meter.add(1)
     writer.finish()
+
+
+def _signature_of(installed_pax):
+    """Gives a PAX that is made anew the signature that it came with, if its descriptor is the one that was signed."""
+    signed = compact(installed_pax.descriptor.document).encode()
+    return lambda content: installed_pax.signature if content == signed else None
 
 
 @contextlib.contextmanager

@@ -11,8 +11,8 @@ from tessel_lifecycle.banks import BANKS, Banks
 from tessel_lifecycle.content import Choice, Content
 from tessel_lifecycle.document import Fields, compact, list_of, name, sha256, size, text
 from tessel_lifecycle.errors import ImageError
-from tessel_lifecycle.metadata import (AddOn, BaseImage, Catalogue, Component, Descriptor, Manifest, Solution,
-                                       date_time)
+from tessel_lifecycle.metadata import (MOST_SIGNATURE, AddOn, BaseImage, Catalogue, Component, Descriptor, Manifest,
+                                       Solution, acceptance_level, date_time)
 from tessel_lifecycle.version import Version
 
 SOURCES = ("BASE_IMAGE", "ADD_ON", "HARDWARE_SUPPORT", "SOLUTION", "COMPONENT")
@@ -22,12 +22,15 @@ class InstalledPax:
     """A PAX of the running image: its descriptor, when it came and from which depot.
 
     `file` has `size` and `sha256` of the file that it came in; None where that was not recorded.
+    `level` is the acceptance level that it was installed with, `signed_by` the subject of the certificate that vouched
+    for it then, and `signature` the detached one over its descriptor; None where there is none.
     """
 
     folder = "paxs"
 
-    def __init__(self, descriptor, installed_at, depot, file=None):
+    def __init__(self, descriptor, installed_at, depot, file=None, level=None, signed_by=None, signature=None):
         self.descriptor, self.installed_at, self.depot, self.file = descriptor, installed_at, depot, file
+        self.level, self.signed_by, self.signature = level or descriptor.acceptance_level, signed_by, signature
 
     @property
     def key(self):
@@ -96,7 +99,16 @@ class Image(Banks):
             content.descriptors[descriptor.name] = descriptor
             installed.paxs[descriptor.name] = InstalledPax(
                 descriptor, entry.take("installed_at", date_time), entry.take("depot", text, ""),
-                entry.take("file", PaxFile, None))
+                entry.take("file", PaxFile, None), entry.take("acceptance_level", acceptance_level, None),
+                entry.take("signed_by", text, None), self._signature(bank, key[0]))
+
+    def _signature(self, bank, name):
+        try:
+            return files.read_bounded(self.path(bank, "descriptors", name + ".cms"), MOST_SIGNATURE)
+        except FileNotFoundError:
+            return None
+        except OSError as error:
+            raise ImageError("DatabaseIOError", detail=error) from error
 
     @contextlib.contextmanager
     def locked(self, shared=False):
@@ -141,6 +153,10 @@ class Image(Banks):
         for descriptor in content.descriptors.values():
             with open(self.path(bank, "descriptors", descriptor.name + ".json"), "x") as file:
                 file.write(compact(descriptor.document))
+        for pax in paxs:
+            if pax.signature:
+                with open(self.path(bank, "descriptors", pax.descriptor.name + ".cms"), "xb") as file:
+                    file.write(pax.signature)
         database = _database(content, dates, paxs, now)
         files.replace(self.path(bank, "image.json"), compact(database).encode())
 
@@ -170,9 +186,11 @@ def _database(content, dates, paxs, now):
 def _pax_entry(pax, now):
     descriptor = pax.descriptor
     entry = {"name": descriptor.name, "version": descriptor.version.text, "vendor": descriptor.vendor,
-             "summary": descriptor.summary, "acceptance_level": descriptor.acceptance_level,
+             "summary": descriptor.summary, "acceptance_level": pax.level,
              "payload_size": descriptor.payload_size, "installed_size": descriptor.installed_size,
              "sha256": descriptor.payload_sha256, "installed_at": pax.installed_at or now, "depot": pax.depot}
+    if pax.signed_by:
+        entry["signed_by"] = pax.signed_by
     return entry | ({"file": {"size": pax.file.size, "sha256": pax.file.sha256}} if pax.file else {})
 
 

@@ -5,6 +5,7 @@ it came, so that it can be stored and handed on unchanged; that of a unit in a d
 may be more of them than fit into memory.
 """
 
+import base64
 import datetime
 import functools
 import hashlib
@@ -18,6 +19,7 @@ from tessel_lifecycle.errors import ImageError
 from tessel_lifecycle.version import Range, Version
 
 ACCEPTANCE_LEVELS = ("CERTIFIED", "ACCEPTED", "PARTNER", "COMMUNITY")  # from the strictest
+MOST_SIGNATURE = 64 << 10
 
 _UNIT_NAME = re.compile(r"[A-Za-z0-9:_.\\-]+(@[A-Za-z0-9:_.\\-]+)?\.service", re.ASCII)
 _DATE_TIME = re.compile(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d(\.\d{1,6})?Z", re.ASCII)
@@ -321,8 +323,17 @@ def _platform(value):
     return fields.take("vendor", text), fields.take("model", text, "")
 
 
+def signature(value):
+    """A detached signature, given in base64, or None where there is none."""
+    if value is None:
+        return None
+    if not isinstance(value, str) or len(value) > MOST_SIGNATURE * 4 // 3 + 4:
+        raise ValueError("not a signature")
+    return base64.b64decode(value, validate=True)
+
+
 class Pax(Unit):
-    """A PAX in a depot: the descriptor it must hold, and its file's size and digest.
+    """A PAX in a depot: the descriptor it must hold, who signed it, and its file's size and digest.
 
     Of one that is kept in a depot, the descriptor is read when it is asked for, and stays as long as it is used.
     """
@@ -335,7 +346,13 @@ class Pax(Unit):
         if descriptor.version != self.version:
             raise ValueError("two versions for one PAX")
         self.size, self.sha256 = fields.take("size", size), fields.take("sha256", sha256)
+        fields.take("signature", signature, None)
         self._descriptor = lambda: descriptor
+
+    @property
+    def signature(self):
+        """The detached signature over the descriptor, or None. @throws ImageError when it cannot be read again"""
+        return signature(self.document.get("signature"))
 
     def keep_in(self, stored):
         super().keep_in(stored)

@@ -1,4 +1,7 @@
-"""PAX files: a zip with `descriptor.json` and one xz-packed tar archive of the files to install."""
+"""PAX files: a zip with `descriptor.json` and one xz-packed tar archive of the files to install.
+
+One that is signed has a third member, the detached signature over the bytes of `descriptor.json`.
+"""
 
 import contextlib
 import errno
@@ -12,8 +15,10 @@ from tessel_lifecycle import files
 from tessel_lifecycle.archive import ARCHIVE_ERRORS, CHUNK, XzStream, ZipReader, add_member, tar_members
 from tessel_lifecycle.document import compact, parse
 from tessel_lifecycle.errors import ImageError
+from tessel_lifecycle.metadata import MOST_SIGNATURE
 
 DESCRIPTOR = "descriptor.json"
+SIGNATURE = "descriptor.json.cms"
 PAYLOAD = "payload.tar.xz"
 MOST_DESCRIPTOR = 16 << 20
 TAR_OVERHEAD = 4096  # per member: headers, long names and filling
@@ -21,11 +26,17 @@ TAR_END = 1 << 20
 PRESET = 3           # packs in less than 40 MiB of memory
 
 
-def verify(path, descriptor):
-    """Checks that the PAX at `path` is the described one, up to its packed payload. @throws ImageError"""
+def verify(path, descriptor, signature=None):
+    """Checks that the PAX at `path` is the described one, up to its packed payload. @throws ImageError
+
+    `signature` is the one that its depot tells; whether it is worth anything is not looked at here.
+    """
+    members = {DESCRIPTOR, descriptor.payload_name} | ({SIGNATURE} if signature else set())
     with _format_errors(descriptor), files.open_regular(path) as file, ZipReader(file) as archive:
-        if sorted(archive.names()) != sorted((DESCRIPTOR, descriptor.payload_name)):
+        if set(archive.names()) != members:
             raise ValueError("wrong members")
+        if signature and archive.read(SIGNATURE, MOST_SIGNATURE) != signature:
+            raise ValueError("the signature is not the depot's")
         if parse(archive.read(DESCRIPTOR, MOST_DESCRIPTOR)) != descriptor.document:
             raise ValueError("the descriptor is not the depot's")
         digest, length = hashlib.sha256(), 0
@@ -132,8 +143,9 @@ def _entry(path, relative):
     return entry
 
 
-def create(path, document, root, listed):
-    """Makes a PAX from the files of a folder and returns its descriptor's document, `document` with the payload's data.
+def create(path, document, root, listed, sign=lambda content: None):
+    """Makes a PAX from the files of a folder and returns its descriptor's document, `document` with the payload's data,
+    and what `sign` made of the descriptor's bytes: its signature, or None.
 
     @throws ChangedFile when a file is not as listed any more, OSError
     """
@@ -144,12 +156,16 @@ def create(path, document, root, listed):
                 _pack(tar, file, os.path.join(root, file.path))
         document = document | {"payload": {"name": PAYLOAD, "size": os.path.getsize(packed),
                                            "sha256": files.sha256(packed)}}
+        content = compact(document).encode()
+        signature = sign(content)
         with zipfile.ZipFile(path, "x") as archive:
-            add_member(archive, DESCRIPTOR, content=compact(document).encode())
+            add_member(archive, DESCRIPTOR, content=content)
+            if signature:
+                add_member(archive, SIGNATURE, content=signature)
             add_member(archive, PAYLOAD, source=packed)
     finally:
         files.remove(packed)
-    return document
+    return document, signature
 
 
 class ChangedFile(Exception):

@@ -52,7 +52,7 @@ def _download(offered, path, on_bytes):
     source = offered.depot.source
     try:
         source.download(offered.file, path, offered.size, offered.sha256, on_bytes)
-        pax.verify(path, offered.descriptor)
+        pax.verify(path, offered.descriptor, offered.signature)
     except ContentError as error:
         raise ImageError("PaxSigDigestError", offered.label, detail=error) from error
     except FetchError as error:
