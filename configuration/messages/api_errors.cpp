@@ -238,6 +238,11 @@ constexpr MessageTableEntry kApiMessages[] = {
      "File {1} of PAX {2} was lost after it was installed."},
     {"com.tessel.pelorus.lifecycle.RyxImage.FilesMore",
      "{1} more files were changed or lost."},
+    {"com.tessel.pelorus.lifecycle.RyxImage.NoSpareImage",
+     "No other image has run on this host yet. Apply the specification that is wanted."},
+    {"com.tessel.pelorus.lifecycle.RyxImage.SpareImageDamaged",
+     "The spare image cannot be used as it is. Apply its specification with a depot that has it, "
+     "to have it built anew."},
     {"com.tessel.pelorus.lifecycle.RyxImage.BaseImageVersionsKnown",
      "The depots have the Base Image in these versions: {1}."},
     {"com.tessel.pelorus.lifecycle.RyxImage.AddonVersionsKnown",

@@ -41,6 +41,11 @@ class Banks:
             raise ImageError("StatelessError", detail=f"current leads to {bank!r}")
         return bank
 
+    def spare(self):
+        """The name of the other bank if it is complete and could run instead, or None. @throws ImageError"""
+        bank = {"a": "b", "b": "a"}.get(self.current())
+        return bank if bank and os.path.exists(self.path(bank, "image.json")) else None
+
     def database(self):
         """The running bank's database as a JSON value, or None when nothing is installed. @throws ImageError"""
         bank = self.current()

@@ -66,6 +66,8 @@ COMMANDS = {
                                      **_WITH_SPEC),
     ("software", "--apply"): Command("software_tasks:software_apply", operation=_DAEMON + "software.apply$task",
                                      **_WITH_SPEC),
+    ("software", "--rollback"): Command("software_tasks:software_rollback",
+                                        operation=_DAEMON + "software.rollback$task"),
     ("software", "--verify"): Command("software_tasks:software_verify", operation=_DAEMON + "software.verify$task"),
     ("components", "--apply"): Command("software_tasks:components_apply", operation=_DAEMON + "components.apply$task",
                                        required=("--depot", "--component")),

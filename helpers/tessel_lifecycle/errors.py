@@ -78,6 +78,9 @@ TEXTS = {
     "FileChanged": "File {1} of PAX {2} was changed after it was installed.",
     "FileLost": "File {1} of PAX {2} was lost after it was installed.",
     "FilesMore": "{1} more files were changed or lost.",
+    "NoSpareImage": "No other image has run on this host yet. Apply the specification that is wanted.",
+    "SpareImageDamaged": "The spare image cannot be used as it is. Apply its specification with a depot that has it, "
+                         "to have it built anew.",
     "BaseImageVersionsKnown": "The depots have the Base Image in these versions: {1}.",
     "AddonVersionsKnown": "The depots have Addon {1} in these versions: {2}.",
     "AddonNamesKnown": "No depot has an Addon {1}. There is: {2}.",

@@ -46,10 +46,13 @@ class PaxFile:
 
 
 class InstalledImage:
-    """The content of a bank with its dates. `content.base_image` is None when nothing is installed."""
+    """The content of a bank with its dates. `content.base_image` is None when nothing is installed.
 
-    def __init__(self):
-        self.content, self.root = Content(), None
+    `specification` is the document that it was made for, None where that was not recorded.
+    """
+
+    def __init__(self, bank=None, root=None):
+        self.content, self.bank, self.root, self.specification = Content(), bank, root, None
         self.component_dates, self.paxs = {}, {}   # name -> date-time, name -> InstalledPax
 
     def catalogue(self):
@@ -68,19 +71,21 @@ class InstalledImage:
 class Image(Banks):
     """The image of a host. Reading needs no lock; changing is done under `locked`."""
 
-    def read(self):
-        """The running image in full. @throws ImageError"""
-        installed, bank = InstalledImage(), self.current()
-        if bank is not None:
-            installed.root = self.path(bank, "root")
-            try:
-                self._read(bank, installed)
-            except (ValueError, KeyError) as error:
-                raise ImageError("DatabaseFormatError", detail=error) from error
+    def read(self, bank=None):
+        """What a bank holds in full, without a name the running one. @throws ImageError"""
+        bank = bank or self.current()
+        if bank is None:
+            return InstalledImage()
+        installed = InstalledImage(bank, self.path(bank, "root"))
+        try:
+            self._read(bank, installed)
+        except (ValueError, KeyError) as error:
+            raise ImageError("DatabaseFormatError", detail=error) from error
         return installed
 
     def _read(self, bank, installed):
         fields, content = Fields(self.document(bank, "image.json"), "image.json"), installed.content
+        installed.specification = fields.take("specification", lambda value: Fields(value).value, None)
         content.base_image = fields.take("base_image", BaseImage)
         content.add_on = fields.take("add_on", AddOn, None)
         content.hardware_support = fields.take("hardware_support", list_of(Manifest))
@@ -148,7 +153,7 @@ class Image(Banks):
                     if bank != self.current():
                         self.discard(bank)
 
-    def write_database(self, bank, content, dates, paxs, now):
+    def write_database(self, bank, content, dates, paxs, now, specification=None):
         """Writes a bank's descriptors and database; a component or PAX without a date is dated `now`."""
         for descriptor in content.descriptors.values():
             with open(self.path(bank, "descriptors", descriptor.name + ".json"), "x") as file:
@@ -157,7 +162,7 @@ class Image(Banks):
             if pax.signature:
                 with open(self.path(bank, "descriptors", pax.descriptor.name + ".cms"), "xb") as file:
                     file.write(pax.signature)
-        database = _database(content, dates, paxs, now)
+        database = _database(content, dates, paxs, now) | ({"specification": specification} if specification else {})
         files.replace(self.path(bank, "image.json"), compact(database).encode())
 
     def switch(self, bank):

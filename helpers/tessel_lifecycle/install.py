@@ -36,7 +36,7 @@ def _fill(image, bank, plan, task):
     dates = {name: date for name, date in plan.installed.component_dates.items()
              if plan.installed.content.versions()[name] == plan.content.versions().get(name)}
     try:
-        image.write_database(bank, plan.content, dates, paxs, now)
+        image.write_database(bank, plan.content, dates, paxs, now, plan.specification)
     except OSError as error:
         raise ImageError("DatabaseIOError", detail=error) from error
 

@@ -8,14 +8,27 @@ class Plan:
     """What it takes to get from the installed image to a content. `offered` maps keys to the PAXs of the depots.
 
     `damaged` names the installed PAXs of which files were changed or lost. `new` are the PAXs that the host does not
-    have, or not whole and the depots have.
+    have, or not whole and the depots have; `arriving` are those that come into the image. `specification` is the
+    document that asks for the content. `bank` names the bank that has the content already, which only has to be
+    switched to, and `returns` tells that it is what the spare bank holds, whole or not.
     """
+
+    specification, bank, returns = None, None, False
 
     def __init__(self, content, installed, offered, damaged=frozenset()):
         self.content, self.installed, self.offered, self.damaged = content, installed, offered, damaged
         have = {p.descriptor.identity for name, p in installed.paxs.items()
                 if name not in damaged or p.key not in offered}
-        self.new = [offered[d.key] for d in content.descriptors.values() if d.identity not in have]
+        self.arriving = self.new = [offered[d.key] for d in content.descriptors.values() if d.identity not in have]
+
+    @classmethod
+    def switch(cls, spare, installed):
+        """The plan for getting to what the spare image holds, an InstalledImage that is whole."""
+        made = cls(installed.content, installed, {})
+        have = {p.descriptor.identity for p in installed.paxs.values()}
+        made.content, made.bank, made.returns = spare.content, spare.bank, True
+        made.arriving = [p for p in spare.paxs.values() if p.descriptor.identity not in have]
+        return made
 
     @property
     def replaced(self):
@@ -33,10 +46,11 @@ class Plan:
         return not self.damaged and self.content.outline() == self.installed.content.outline()
 
     def check(self, downgrades=False):
-        """Raises ImageError when this host cannot take the content; `downgrades` allows lower versions."""
+        """Raises ImageError when this host cannot take the content; `downgrades` allows lower versions, which a return
+        may always have."""
         present = self.installed.content.versions()
         lower = [f"{name}({present[name]} to {version})" for name, version in self.content.versions().items()
                  if name in present and version < present[name]]
-        if lower and not downgrades:
+        if lower and not downgrades and not self.returns:
             raise ImageError("ComponentDowngradeError", ", ".join(lower))
-        check_admitted([p.descriptor for p in self.new])
+        check_admitted([p.descriptor for p in self.arriving])

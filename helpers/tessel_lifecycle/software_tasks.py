@@ -1,7 +1,7 @@
 """The tasks that compare, stage and change the host's software. Each takes the task and its options, and returns the
 task's result in plain JSON."""
 
-from tessel_lifecycle import compliance, files, install, paths, staging, verify
+from tessel_lifecycle import compliance, files, install, paths, spare, staging, verify
 from tessel_lifecycle.depot import Depot, merged
 from tessel_lifecycle.errors import INVALID_INPUT, ImageError, Note, TaskError
 from tessel_lifecycle.fetch import TASK
@@ -34,14 +34,13 @@ class _Offer:
 def scan(task, options):
     """Compares the host with a specification."""
     spec = spec_document(options["--software-spec"])
-    installed, unreadable = _installed_or_error()
+    image = Image(paths.IMAGE)
+    installed, unreadable = _installed_or_error(image)
     damaged = verify.find_damage(installed)
     present = None if unreadable else compliance.of_content(installed.content, verify.names(damaged))
     task.progress(5)
-    offer = _Offer(task, installed, options["--depot"])
-    task.progress(60)
     try:
-        plan = offer.plan(spec, installed, damaged)
+        plan = _plan(task, image, installed, spec, options["--depot"], damaged)
     except ImageError as error:
         if not compliance.is_incompatibility(error):
             raise
@@ -60,8 +59,7 @@ def scan(task, options):
     return compliance.scan_result(present, compliance.of_content(plan.content), plan.download_size, errors, warnings)
 
 
-def _installed_or_error():
-    image = Image(paths.IMAGE)
+def _installed_or_error(image):
     try:
         return image.read(), None
     except ImageError as error:
@@ -131,6 +129,21 @@ def solutions_remove(task, options):
     return _change(task, (), spec, _apply, downgrades=True)
 
 
+def software_rollback(task, _):
+    """Makes the spare image the running one again, as it is."""
+    image = Image(paths.IMAGE)
+    with image.locked():
+        way_back = spare.find(image)
+        if way_back is None:
+            raise ImageError("StatelessError", notes=[Note("NoSpareImage")])
+        way_back.check()
+        task.progress(40)
+        installed, _ = _installed_or_error(image)  # what cannot be read any more is left all the more
+        plan = Plan.switch(way_back.image, installed)
+        plan.check()
+        return _apply(image, plan, task, ())
+
+
 def spec_document(path):
     """The software specification in a file. @throws ImageError"""
     try:
@@ -180,11 +193,24 @@ def _change(task, depots, spec, finish, downgrades=False):
         wanted = spec(installed)
         task.progress(5)
         damaged = verify.find_damage(installed)
-        offer = _Offer(task, installed, depots)
-        plan = offer.plan(wanted, installed, damaged)
+        plan = _plan(task, image, installed, wanted, depots, damaged)
         plan.check(downgrades)
         task.progress(40)
         return finish(image, plan, task, verify.notes(damaged))
+
+
+def _plan(task, image, installed, spec, depots, damaged):
+    """What it takes to get to a specification. When the host can tell that the spare image is it, no depot is asked."""
+    way_back = spare.find_readable(image)
+    if way_back and not way_back.damaged and spare.answers(way_back, installed, spec):
+        return Plan.switch(way_back.image, installed)
+    plan = _Offer(task, installed, depots).plan(spec, installed, damaged)
+    plan.specification = spec.document
+    if way_back and not plan.is_done and plan.content.outline() == way_back.content.outline():
+        if not way_back.damaged:
+            return Plan.switch(way_back.image, installed)
+        plan.returns = True
+    return plan
 
 
 def _meter(plan, task, high):
@@ -198,7 +224,11 @@ def _stage(image, plan, task, warnings):
 
 def _apply(image, plan, task, warnings):
     before, brought = plan.installed.content, 0
-    if not plan.is_done:
+    if plan.bank:
+        task.commit()
+        image.switch(plan.bank)
+    elif not plan.is_done:
         brought = staging.stage(image, plan.new, _meter(plan, task, 60).add)
         install.apply(image, plan, task)
-    return compliance.apply_result(not plan.is_done, before, plan.content, brought, warnings=warnings)
+    changed = bool(plan.bank) or not plan.is_done
+    return compliance.apply_result(changed, before, plan.content, brought, warnings=warnings)

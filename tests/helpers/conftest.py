@@ -20,6 +20,7 @@ COMMAND = ["/usr/bin/python3", "/usr/lib/tessel/lifecycle/bin/imagemanagerctl.py
 RESULTS = {"--scan": "com.tessel.ryx.kestrel_daemon.software.scan_result",
            "--stage": "com.tessel.ryx.kestrel_daemon.software.stage_result",
            "--verify": "com.tessel.ryx.kestrel_daemon.software.scan_result",
+           "--rollback": "com.tessel.ryx.kestrel_daemon.software.apply_result",
            "--apply": "com.tessel.ryx.kestrel_daemon.software.apply_result",
            "--remove": "com.tessel.ryx.kestrel_daemon.software.apply_result",
            "--extract": "com.tessel.ryx.software.installed_image.depot_extract_info"}

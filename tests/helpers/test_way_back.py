@@ -1,5 +1,6 @@
 """Going back, verifying and repairing: what the host has is known from its content, not from what it calls itself."""
 
+import json
 import os
 import shutil
 
@@ -120,3 +121,111 @@ def test_verification_reads_what_a_scan_believes_and_tells_so_many_files(host, t
 
 def test_nothing_can_be_verified_where_nothing_is_installed(host):
     assert host.error("software --verify --task-id ID")[0] == "StatelessError"
+
+
+NOWHERE = "/nowhere"
+STAGE = APPLY.replace("apply", "stage")
+ROLLBACK = "software --rollback --task-id ID"
+
+
+def version(number, components=None):
+    return {"base_image": {"version": f"8.0-{number}"}, "components": components or {}}
+
+
+@pytest.fixture
+def versions(host, tmp_path):
+    """A depot with three base images that raise one component; the first and the second were applied."""
+    location = write_depot(
+        tmp_path / "versions", *(base_image(f"8.0-{n}", {"c": f"{n}-1", "d": "1-1"}) for n in (1, 2, 3)),
+        *(component("c", f"{n}-1", paxs=[f"p {n}-1"]) for n in (1, 2, 3)), component("d", paxs=["q"]),
+        *(package(f"p {n}-1", {"etc/x": f"{n}"}) for n in (1, 2, 3)), package("q", {"etc/q": "q"}))
+    for number in (1, 2):
+        host.result(APPLY.format(location), version(number))
+    return location
+
+
+def changes(result):
+    """Of an apply: component -> previous and current version."""
+    assert result["changed"] and result["downloaded"] == 0
+    return {n: (c["previous"]["OPTIONAL"], c["current"]["OPTIONAL"]) for n, c in entries(result["components"]).items()}
+
+
+BACK = {  # what the spare image can be asked for by, without a depot
+    "the same document": version(1), "less is said": {"base_image": {"version": "8.0-1"}},
+    "nothing is said": version(1) | {"solutions": {}, "add_on": None},
+    "a version that the base image has": version(1, {"d": {"version": "1-1"}}),
+}
+
+
+@pytest.mark.parametrize("case", BACK)
+@pytest.mark.parametrize("recorded", [True, False])
+def test_the_spare_image_is_switched_to_without_a_depot(host, versions, case, recorded):
+    if not recorded:
+        for path in LIFECYCLE.glob("image/?/image.json"):
+            path.write_text(json.dumps(json.loads(path.read_text()) | {"specification": None}))
+    scan = host.result(SCAN.format(NOWHERE), BACK[case])
+    assert statuses(scan) == [NO, NO, {"c": NO, "d": YES}]
+    assert (scan["download_size"], scan["messages"]) == (0, [])
+    assert host.result(STAGE.format(NOWHERE), BACK[case])["paxs"] == 0
+    assert changes(host.result(APPLY.format(NOWHERE), BACK[case])) == {"c": ("2-1", "1-1")}
+    assert (ROOT / "etc/x").read_text() == "1"
+    for number, line in ((2, APPLY.format(NOWHERE)), (1, ROLLBACK), (2, ROLLBACK)):
+        result = host.result(line, version(number) if "apply" in line else None)
+        assert changes(result) == {"c": ("1-1", "2-1") if number == 2 else ("2-1", "1-1")}
+        assert (ROOT / "etc/x").read_text() == str(number)
+    assert told(host.result("software --verify --task-id ID")["warnings"]) == []
+
+
+def test_what_only_depots_can_tell_is_asked_of_them(host, versions):
+    newest = version(1, {"d": {}})
+    assert host.error(APPLY.format(NOWHERE), newest)[0] == "DepotConnectError"
+    assert changes(host.result(APPLY.format(versions), newest)) == {"c": ("2-1", "1-1")}
+    host.result(APPLY.format(versions), version(3))
+    assert host.error(APPLY.format(versions), version(2)) == ("ComponentDowngradeError", ["c(3-1 to 2-1)"])
+
+
+def test_equal_specifications_with_other_content_are_told_apart(host, tmp_path):
+    first, second = (depot(tmp_path / name, ({"etc/x": name}, {}), (PAYLOAD, {})) for name in ("first", "second"))
+    for location in (first, second):
+        host.result(APPLY.format(location), SPEC)
+    assert not host.result(APPLY.format(second), SPEC)["changed"] and (ROOT / "etc/x").read_text() == "second"
+    assert changes(host.result(APPLY.format(first), SPEC)) == {} and (ROOT / "etc/x").read_text() == "first"
+
+
+SPARE = LIFECYCLE / "image/a"
+BROKEN = {  # what is done to the spare image: what is told of it
+    "file": (lambda: (SPARE / "root/etc/x").write_text("other"), ("FileChanged", "etc/x", "p(1-1)")),
+    "database": (lambda: (SPARE / "image.json").write_text("{"), ("DatabaseFormatError",)),
+    "descriptor": (lambda: (SPARE / "descriptors/p.json").unlink(), ("DatabaseIOError",)),
+}
+
+
+@pytest.mark.parametrize("case", BROKEN)
+def test_a_damaged_spare_image_is_not_switched_to_but_built_anew(host, versions, case):
+    damage, reason = BROKEN[case]
+    damage()
+    notes = notes_of(host.task(ROLLBACK))
+    assert [notes[0][0], notes[1][:len(reason)]] == ["SpareImageDamaged", reason]
+    assert host.error(ROLLBACK)[0] == "StatelessError" and (ROOT / "etc/x").read_text() == "2"
+    if case == "file":
+        host.result(APPLY.format(versions), version(1))
+        assert (ROOT / "etc/x").read_text() == "1"
+        assert changes(host.result(ROLLBACK)) == {"c": ("1-1", "2-1")}
+
+
+def notes_of(record):
+    """What a failed task tells beside its error's own message."""
+    ((_, fields),) = json.loads(record["exception"])["ERROR"].items()
+    return told({"OPTIONAL": fields["messages"]})
+
+
+def test_there_is_no_way_back_where_nothing_ran_before(host, tmp_path):
+    assert host.error(ROLLBACK)[0] == "StatelessError"
+    host.result(APPLY.format(depot(tmp_path / "depot", (PAYLOAD, {}), (PAYLOAD, {}))), SPEC)
+    assert notes_of(host.task(ROLLBACK)) == [("NoSpareImage",)]
+
+
+def test_an_image_that_cannot_be_read_is_left_for_the_spare_one(host, versions):
+    (LIFECYCLE / "image/b/image.json").write_text("{")
+    host.result(ROLLBACK)
+    assert (ROOT / "etc/x").read_text() == "1" and json.loads(host.run("ryx --get")[1])["version"] == "8.0-1"
