@@ -1,14 +1,14 @@
 """Why a depot could not be read, in words that help who gave its location."""
 
 import socket
-import ssl
 
 from tessel_lifecycle.errors import Note
+from tessel_lifecycle.fetch import TlsError
 from tessel_lifecycle.location import InvalidLocation
 
 _KINDS = (
     (InvalidLocation, "DepotLocationInvalid"), (socket.gaierror, "DepotNotResolved"),
-    (ConnectionRefusedError, "DepotRefused"), (TimeoutError, "DepotTimedOut"), (ssl.SSLError, "DepotTlsFailed"))
+    (ConnectionRefusedError, "DepotRefused"), (TimeoutError, "DepotTimedOut"), (TlsError, "DepotTlsFailed"))
 
 
 def why_not_read(error):

@@ -1,86 +1,121 @@
-"""A depot on an HTTP server (RFC 9110, RFC 9112)."""
+"""A depot on an HTTP server: what is asked for again, gone on from, or followed elsewhere (RFC 9110)."""
 
-import functools
-import http.client
-import ipaddress
-import ssl
+import io
+import os
+import time
 import urllib.parse
 
-from tessel_lifecycle.fetch import Refused, Source
-from tessel_lifecycle.timed_response import TimedResponse
+from tessel_lifecycle import files
+from tessel_lifecycle.arriving import Arriving, DiskError, Unlike
+from tessel_lifecycle.fetch import ContentError, FetchError, Refused, Source
+from tessel_lifecycle.http_request import Request
 
 MOST_REDIRECTS = 5
 REDIRECTS = (301, 302, 303, 307, 308)
 WORTH_REPEATING = (408, 425, 429)
+LONGEST_PAUSE = 30  # seconds
 
 
 class HttpSource(Source):
-    """Asks for one file at a time on a connection of its own; knows no proxies, cookies or credentials."""
+    """Knows no cookies and no credentials."""
 
     is_local = False
 
-    def open(self, name, offset, deadline):
-        url = self.url(urllib.parse.quote(name))
+    def reading(self, name, most, sha256=None, on_bytes=lambda count: None):
+        with io.BytesIO() as file:
+            yield from self._bring(name, Arriving(file, most, sha256, on_bytes))
+            return file.getvalue()
+
+    def bringing(self, name, path, size, sha256, on_bytes=lambda count: None):
+        part = path + ".part"
         try:
-            near = True  # the depot itself may be
-            for _ in range(MOST_REDIRECTS + 1):
-                response, near = self._ask(url, offset, deadline, near)
-                if response.status not in REDIRECTS:
-                    return self._accept(response, name, offset, deadline)
-                url = _redirected(url, response)
-        except http.client.HTTPException as error:
-            raise OSError(f"not an answer in HTTP: {error!r:.200}") from error
-        except ssl.SSLCertVerificationError as error:
-            raise Refused(str(error)) from error
-        except ValueError as error:
-            raise Refused(f"redirected to something that is no URL: {error}") from error
-        raise Refused("redirected too often")
+            with open(os.open(part, os.O_RDWR | os.O_CREAT | os.O_CLOEXEC, 0o600), "r+b") as file:
+                content = Arriving(file, size, sha256, on_bytes)
+                try:
+                    yield from self._bring(name, content)
+                except FetchError:
+                    if not content.have:
+                        files.remove(part)
+                    raise
+            os.rename(part, path)
+        except DiskError as error:
+            raise error.__cause__
+        return content.received
 
-    def _ask(self, url, offset, deadline, near_is_allowed):
-        """The response, and whether it comes from this host or its link: no server elsewhere may send us there."""
-        parts = urllib.parse.urlsplit(url)
-        kind = http.client.HTTPSConnection if parts.scheme == "https" else http.client.HTTPConnection
-        connection = kind(parts.hostname, parts.port, timeout=self.patience.timeout)
-        connection.response_class = functools.partial(TimedResponse, deadline=deadline)
-        connection.connect()
-        near = _is_near(connection.sock.getpeername()[0])
-        if near and not near_is_allowed:
-            connection.close()
-            raise Refused("redirected to this host or its link by a server that is not there")
-        headers = {"User-Agent": "imagemanagerctl", "Accept-Encoding": "identity", "Connection": "close"}
-        if offset:
-            headers["Range"] = f"bytes={offset}-"
-        connection.request("GET", (parts.path or "/") + ("?" + parts.query if parts.query else ""), headers=headers)
-        return connection.getresponse(), near
+    def _bring(self, name, content):
+        """Fills `content`, however often it takes. What was gone on from in vain is begun anew once for nothing."""
+        tries, is_anew = _Tries(self.patience, content.have), False
+        while True:
+            begun = time.monotonic()
+            content.begin_try()
+            try:
+                if not content.is_whole:
+                    yield from self._ask(name, content)
+                content.check()
+                return
+            except Unlike as error:
+                was_kept = content.kept
+                content.restart()
+                if was_kept and not is_anew:
+                    is_anew = True
+                    continue
+                failure = ContentError(self.url(name), error)
+            except OSError as error:
+                failure = FetchError(self.url(name), error)
+            pause = tries.failed(content.have, time.monotonic() - begun)
+            if pause is None or isinstance(failure.reason, Refused):
+                content.withdraw()
+                raise failure from failure.reason
+            yield pause
 
-    def _accept(self, response, name, offset, deadline):
-        lengths = set(response.headers.get_all("Content-Length", ()))
-        if len(lengths) > 1 or not all(length.isdecimal() for length in lengths):
-            raise OSError(f"Content-Length {', '.join(lengths):.80}")  # RFC 9112, 6.3
-        if response.status == 200:
-            return response, 0
-        content_range = response.getheader("Content-Range") or ""
-        if offset and response.status == 206 and content_range.startswith(f"bytes {offset}-"):
-            return response, offset
-        response.close()
-        if offset and response.status in (206, 416):
-            return self.open(name, 0, deadline)
-        kind = OSError if response.status >= 500 or response.status in WORTH_REPEATING else Refused
-        error = kind(f"answered {response.status}")
-        error.status = response.status
+    def _ask(self, name, content):
+        """One try, with its redirections."""
+        url, is_afar = self.url(urllib.parse.quote(name)), False
+        for _ in range(MOST_REDIRECTS + 1):
+            request = Request(url, self.patience, content, is_afar)
+            yield request
+            if request.status not in REDIRECTS:
+                break
+            url, is_afar = _redirected(url, request), not request.is_near
+        else:
+            raise Refused("redirected too often")
+        if request.is_taken:
+            return
+        if request.offset and request.status in (206, 416):
+            content.restart()
+            yield from self._ask(name, content)
+            return
+        kind = OSError if request.status >= 500 or request.status in WORTH_REPEATING else Refused
+        error = kind(f"answered {request.status}")
+        error.status = request.status
         raise error
 
 
-def _is_near(address):
-    address = ipaddress.ip_address(address.partition("%")[0])
-    address = getattr(address, "ipv4_mapped", None) or address
-    return address.is_loopback or address.is_link_local or address.is_unspecified
+class _Tries:
+    """Counts the tries of one file that were in vain, since the last that was not."""
+
+    def __init__(self, patience, have):
+        self._patience, self._most, self._in_vain, self._pause = patience, have, 0, patience.pause
+
+    def failed(self, have, seconds):
+        """How long to wait before the next try; None when there is to be none."""
+        if have - self._most >= self._patience.slowest * max(1, seconds):
+            self._in_vain, self._pause = 0, self._patience.pause
+        else:
+            self._in_vain += 1
+        self._most = max(self._most, have)
+        if self._in_vain >= self._patience.attempts:
+            return None
+        pause, self._pause = self._pause, min(2 * self._pause, LONGEST_PAUSE)
+        return pause
 
 
-def _redirected(url, response):
-    response.close()
-    target = urllib.parse.urljoin(url, response.getheader("Location") or "")
-    parts = urllib.parse.urlsplit(target)
+def _redirected(url, request):
+    try:
+        target = urllib.parse.urljoin(url, request.location)
+        parts = urllib.parse.urlsplit(target)
+    except ValueError as error:
+        raise Refused(f"redirected to something that is no URL: {error}") from error
     safe = {"https"} if url.startswith("https:") else {"http", "https"}
     if parts.scheme not in safe or not parts.hostname or "@" in parts.netloc or not target.isascii():
         raise Refused("redirected to something that is no depot's URL")

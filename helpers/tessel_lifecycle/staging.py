@@ -7,6 +7,8 @@ from tessel_lifecycle import files, pax
 from tessel_lifecycle.depot_notes import why_not_read
 from tessel_lifecycle.errors import ImageError
 from tessel_lifecycle.fetch import ContentError, FetchError
+from tessel_lifecycle.image import sync_file_system
+from tessel_lifecycle.transfers import run
 
 _SPARE = 16 << 20  # bytes to leave free on the file system of the image
 
@@ -23,23 +25,26 @@ class Meter:
 
 
 def stage(image, paxs, on_bytes=lambda count: None):
-    """Downloads and verifies PAXs into the stage, as far as they are not there. Returns the bytes brought.
+    """Downloads and verifies PAXs into the stage, as far as they are not there. Returns how many bytes came.
 
     `on_bytes` hears of the bytes that lie in the stage, and of a negative number when some came in vain: of all the
-    PAXs' sizes in the end. @throws ImageError
+    PAXs' sizes in the end. What came before a failure stays, and is gone on from by the next call. @throws ImageError
     """
-    brought = 0
     with installation_errors():
         os.makedirs(image.stage, exist_ok=True)
+        missing = []
         for offered in paxs:
             path = staged(image, offered)
             if os.path.exists(path) and files.sha256(path) == offered.sha256:
                 on_bytes(offered.size)
-                continue
-            check_space(image.stage, offered.size)
-            _download(offered, path, on_bytes)
-            brought += offered.size
-        files.sync_directory(image.stage)
+            else:
+                missing.append((offered, path))
+        if not missing:
+            return 0
+        check_space(image.stage, sum(max(0, offered.size - _begun(path)) for offered, path in missing))
+        last = set()
+        brought = sum(run(_bring(offered, path, on_bytes, last) for offered, path in missing))
+        sync_file_system(image.stage)
     return brought
 
 
@@ -48,18 +53,44 @@ def staged(image, offered):
     return os.path.join(image.stage, offered.sha256 + ".pax")
 
 
-def _download(offered, path, on_bytes):
-    source = offered.depot.source
+def _begun(path):
+    """How many bytes of a file an earlier call has left."""
+    with contextlib.suppress(OSError):
+        return os.stat(path + ".part").st_size
+    return 0
+
+
+def _bring(offered, path, on_bytes, last):
+    """Brings a PAX from the first of its depots that has it. Those in `last`, which did not answer for another PAX, are
+    asked when no other has it."""
+    failures = []
+    depots = getattr(offered, "depots", None) or [offered.depot]
+    for depot in sorted(depots, key=last.__contains__):
+        try:
+            brought = yield from depot.source.bringing(offered.file, path, offered.size, offered.sha256, on_bytes)
+        except FetchError as error:
+            failures.append(error)
+            if not isinstance(error, ContentError) and not getattr(error.reason, "status", None):
+                last.add(depot)
+            continue
+        _verify(offered, path)
+        return brought
+    raise _not_brought(offered, failures) from failures[0]
+
+
+def _verify(offered, path):
     try:
-        source.download(offered.file, path, offered.size, offered.sha256, on_bytes)
         pax.verify(path, offered.descriptor, offered.signature)
-    except ContentError as error:
-        raise ImageError("PaxSigDigestError", offered.label, detail=error) from error
-    except FetchError as error:
-        raise ImageError("PaxDownloadError", error.url, detail=error, notes=why_not_read(error)) from error
     except ImageError:
         files.remove(path)
         raise
+
+
+def _not_brought(offered, failures):
+    if isinstance(failures[0], ContentError):
+        return ImageError("PaxSigDigestError", offered.label, detail=failures[0])
+    notes = [note for failure in failures for note in why_not_read(failure)]
+    return ImageError("PaxDownloadError", failures[0].url, detail=failures[0], notes=notes)
 
 
 def check_space(directory, size):
