@@ -243,6 +243,8 @@ constexpr MessageTableEntry kApiMessages[] = {
     {"com.tessel.pelorus.lifecycle.RyxImage.SpareImageDamaged",
      "The spare image cannot be used as it is. Apply its specification with a depot that has it, "
      "to have it built anew."},
+    {"com.tessel.pelorus.lifecycle.RyxImage.SpaceShort",
+     "{1} bytes are needed on the file system of {2}, and {3} are free or can be made free there."},
     {"com.tessel.pelorus.lifecycle.RyxImage.BaseImageVersionsKnown",
      "The depots have the Base Image in these versions: {1}."},
     {"com.tessel.pelorus.lifecycle.RyxImage.AddonVersionsKnown",

@@ -65,18 +65,23 @@ class ZipReader:
         return content
 
 
+class LargeDictionary(Exception):
+    """An xz stream takes more memory to unpack than it was given."""
+
+
 class XzStream:
     """The unpacked bytes of an xz stream, for tarfile: forward only, at most `most` bytes, no huge reads.
 
-    `sha256` and `packed` are digest and length of the packed bytes; `finish` reads on to their end.
+    `finish` reads on to the end of the packed bytes and tells their digest. Unpacking takes at most `memory` bytes;
+    where less than MOST_MEMORY are given and do not suffice, reading raises LargeDictionary.
     """
 
     MOST_MEMORY = 128 << 20
     MOST_HEADER = 1 << 18  # tarfile reads a whole extended header at once, however long it says it is
 
-    def __init__(self, packed, most):
-        self._packed, self._most = packed, most
-        self._xz = lzma.LZMADecompressor(lzma.FORMAT_XZ, memlimit=self.MOST_MEMORY)
+    def __init__(self, packed, most, memory=MOST_MEMORY):
+        self._packed, self._most, self._memory = packed, most, memory
+        self._xz = lzma.LZMADecompressor(lzma.FORMAT_XZ, memlimit=memory)
         self._sha256, self.packed_size = hashlib.sha256(), 0
         self._buffer, self._offset, self._position = b"", 0, 0
 
@@ -88,7 +93,12 @@ class XzStream:
                 data = self._take()
                 if not data:
                     raise EOFError("payload ends in the middle")
-            self._buffer = self._xz.decompress(data, CHUNK)
+            try:
+                self._buffer = self._xz.decompress(data, CHUNK)
+            except lzma.LZMAError as error:
+                if self._memory < self.MOST_MEMORY and "emory usage limit" in str(error):
+                    raise LargeDictionary() from error
+                raise
 
     def _take(self):
         data = self._packed.read(CHUNK)

@@ -2,8 +2,10 @@
 
     image/current -> a     the running bank; changed by one rename
     image/a, image/b       each with image.json (the database), root/ (the installed files), and of each package
-                           descriptors/NAME.json and, if it was signed, NAME.cms
+                           descriptors/NAME.json and, if it was signed, NAME.cms;
+                           files that both have alike are one file with two names
     image/stage            PAXs that were downloaded and verified
+    image/store            PAXs of the banks, kept as they came
     image/lock             locked while the image is being changed, or shared while it is being read out
 
 Imported by commands that have to answer fast, so it imports little.
@@ -24,7 +26,7 @@ class Banks:
 
     def __init__(self, directory):
         self.directory = directory
-        self.stage = os.path.join(directory, "stage")
+        self.stage, self.store = os.path.join(directory, "stage"), os.path.join(directory, "store")
 
     def path(self, *parts):
         return os.path.join(self.directory, *parts)

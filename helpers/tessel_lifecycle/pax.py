@@ -11,7 +11,7 @@ import stat
 import tarfile
 import zipfile
 
-from tessel_lifecycle import files
+from tessel_lifecycle import files, installed_file
 from tessel_lifecycle.archive import ARCHIVE_ERRORS, CHUNK, XzStream, ZipReader, add_member, tar_members
 from tessel_lifecycle.document import compact, parse
 from tessel_lifecycle.errors import ImageError
@@ -50,29 +50,30 @@ def verify(path, descriptor, signature=None):
             raise ImageError("PaxSigDigestError", descriptor.label, detail="payload")
 
 
-def unpack(path, descriptor, root, on_bytes=lambda count: None):
-    """Unpacks a PAX below the folder `root`, which has none of its files yet.
+def unpack(path, descriptor, root, time, on_bytes=lambda count: None, memory=XzStream.MOST_MEMORY):
+    """Unpacks a PAX below the folder `root`, which has none of its files yet, verifying it on the way.
 
-    Only what the descriptor lists is written, and only as it lists it. @throws ImageError, OSError
+    Only what the descriptor lists is written, and only as it lists it, with `time` (seconds) as modification time. The
+    modes of directories are left to set_directory_modes. @throws ImageError, OSError; LargeDictionary, having written
+    nothing of use, when it takes more than `memory` bytes
     """
     wanted = {file.path: file for file in descriptor.files}
     most = descriptor.installed_size + TAR_OVERHEAD * len(wanted) + TAR_END
     with (_format_errors(descriptor), files.open_regular(path) as file, ZipReader(file) as archive,
           archive.open(descriptor.payload_name) as packed):
-        stream = XzStream(packed, most)
+        stream = XzStream(packed, most, memory)
         for info, content in tar_members(stream):
             entry = wanted.pop(info.name, None)
             if entry is None:
                 raise ValueError(f"{info.name!r:.200} is not listed, or twice in the payload")
-            _install(root, entry, info, content, on_bytes)
+            _install(root, entry, info, content, time, on_bytes)
         if wanted:
             raise ValueError(f"{next(iter(wanted))} is missing in the payload")
         if stream.finish() != descriptor.payload_sha256:
             raise ImageError("PaxSigDigestError", descriptor.label, detail="payload")
-    set_directory_modes(root, descriptor.files)
 
 
-def _install(root, file, info, content, on_bytes):
+def _install(root, file, info, content, time, on_bytes):
     kind = "file" if content else "directory" if info.isdir() else "link" if info.issym() else "special file"
     if kind != file.type:
         raise ValueError(f"{file.path}: a {kind}, not a {file.type}")
@@ -85,11 +86,11 @@ def _install(root, file, info, content, on_bytes):
         if info.linkname != file.target:
             raise ValueError(f"{file.path}: link has another target")
         os.symlink(file.target, target)
-    elif not write_verified(content, file, target, on_bytes):
+    elif not write_verified(content, file, target, time, on_bytes):
         raise ValueError(f"{file.path}: content is not as listed")
 
 
-def write_verified(content, file, target, on_bytes):
+def write_verified(content, file, target, time, on_bytes):
     """Writes a listed file from a stream; False when size or digest differ from the list's."""
     digest, length = hashlib.sha256(), 0
     flags = os.O_WRONLY | os.O_CREAT | os.O_EXCL | os.O_NOFOLLOW | os.O_CLOEXEC
@@ -99,7 +100,9 @@ def write_verified(content, file, target, on_bytes):
             digest.update(data)
             length += len(data)
             on_bytes(len(data))
+        output.flush()
         os.fchmod(output.fileno(), file.mode)
+        installed_file.set_time(output.fileno(), time)
     return (length, digest.hexdigest()) == (file.size, file.sha256)
 
 
@@ -187,30 +190,53 @@ def _pack(tar, file, path):
     tar.addfile(info)
 
 
-def copy_installed(old_root, new_root, descriptor, on_bytes=lambda count: None):
-    """Copies a PAX's files from one image to another; False when the old ones are not as installed.
+def make_directories(root, descriptors):
+    """Makes all directories that the PAXs' files lie in."""
+    folders = {file.path if file.type == "directory" else os.path.dirname(file.path)
+               for descriptor in descriptors for file in descriptor.files}
+    for folder in sorted(folders):
+        files.make_directories(os.path.join(root, folder))
 
-    @throws OSError
+
+def reuse(old_root, new_root, descriptor, time, on_bytes=lambda count: None):
+    """Gives one image what another has of a PAX; False when files there are not as installed at `time` (seconds).
+
+    A file that nobody has touched gets a second name. One that is known by its digest alone is copied, so that what was
+    done to it is not shared. @throws OSError
     """
     for file in descriptor.files:
         source, target = os.path.join(old_root, file.path), os.path.join(new_root, file.path)
-        files.make_directories(target if file.type == "directory" else os.path.dirname(target))
         if file.type == "link":
             os.symlink(file.target, target)
-        elif file.type == "file":
+        elif file.type == "file" and not _share(source, target, file, time):
             try:
                 content = files.open_regular(source)
             except OSError:
                 return False
             with content:
-                if not write_verified(content, file, target, on_bytes):
+                if not write_verified(content, file, target, time, on_bytes):
                     return False
-    set_directory_modes(new_root, descriptor.files)
     return True
 
 
+def _share(source, target, file, time):
+    """Gives an untouched file a second name; False when it was touched, or the file system knows no such names."""
+    if not installed_file.is_untouched(source, file, time):
+        return False
+    try:
+        os.link(source, target, follow_symlinks=False)
+    except OSError as error:
+        if error.errno in (errno.EMLINK, errno.EPERM, errno.EOPNOTSUPP, errno.ENOENT, errno.EXDEV):
+            return False
+        raise
+    if installed_file.is_untouched(target, file, time):
+        return True
+    os.unlink(target)
+    return False
+
+
 def discard(root, descriptor):
-    """Removes a PAX's files that `copy_installed` began to copy."""
+    """Removes what there is of a PAX's files."""
     for file in descriptor.files:
         if file.type != "directory":
             files.remove(os.path.join(root, file.path))

@@ -2,24 +2,30 @@
 task's result in plain JSON."""
 
 from tessel_lifecycle import compliance, files, install, paths, spare, staging, verify
+from tessel_lifecycle.build import Build
 from tessel_lifecycle.depot import Depot, merged
 from tessel_lifecycle.errors import INVALID_INPUT, ImageError, Note, TaskError
 from tessel_lifecycle.fetch import TASK
 from tessel_lifecycle.image import Image, InstalledImage
 from tessel_lifecycle.plan import Plan
 from tessel_lifecycle.resolve import resolve
+from tessel_lifecycle.space import Room, shortage
 from tessel_lifecycle.spec import MOST_SPEC, SoftwareSpec, parse_spec
 
 
 _MOST_VERIFIED = 1000  # files that a verification tells of
+_RESOLVED = 5          # percent of a change that are done when it is known what it takes
 
 
 class _Offer:
-    """What the given depots describe together with the installed image, and the PAXs that the depots have."""
+    """What the given depots describe together with the installed image, and the PAXs that the depots have.
 
-    def __init__(self, task, installed, locations):
+    When it is read, the task is at `percent`.
+    """
+
+    def __init__(self, task, installed, locations, percent):
         depots = [Depot(location, TASK) for location in locations]
-        self.catalogue = merged(depots, lambda fraction: task.progress(5 + 35 * fraction))
+        self.catalogue = merged(depots, lambda fraction: task.progress(percent * fraction))
         self.paxs = dict(self.catalogue.paxs)
         known = installed.catalogue()
         self.catalogue.add_missing(known)
@@ -38,9 +44,8 @@ def scan(task, options):
     installed, unreadable = _installed_or_error(image)
     damaged = verify.find_damage(installed)
     present = None if unreadable else compliance.of_content(installed.content, verify.names(damaged))
-    task.progress(5)
     try:
-        plan = _plan(task, image, installed, spec, options["--depot"], damaged)
+        plan = _plan(task, image, installed, spec, options["--depot"], damaged, 60)
     except ImageError as error:
         if not compliance.is_incompatibility(error):
             raise
@@ -56,7 +61,19 @@ def scan(task, options):
             raise
         errors.append(error)
     warnings = [Note("PaxContentDiffers", pax.label) for pax in plan.replaced] + verify.notes(damaged)
-    return compliance.scan_result(present, compliance.of_content(plan.content), plan.download_size, errors, warnings)
+    space = (None, None) if unreadable else _space(image, plan)
+    if not unreadable and space[0] > space[1]:
+        warnings.append(shortage(paths.IMAGE, *space))
+    return compliance.scan_result(present, compliance.of_content(plan.content), plan.download_size, errors, warnings,
+                                  space)
+
+
+def _space(image, plan):
+    """Bytes that bringing the host to the plan takes, and that there are for it."""
+    if plan.is_done or plan.bank:
+        return 0, Room(image).free()
+    build = Build(image, plan, is_trial=True)
+    return build.need().total, Room(image, build.wanted).obtainable()
 
 
 def _installed_or_error(image):
@@ -191,20 +208,22 @@ def _change(task, depots, spec, finish, downgrades=False):
     with image.locked():
         installed = image.read()
         wanted = spec(installed)
-        task.progress(5)
         damaged = verify.find_damage(installed)
-        plan = _plan(task, image, installed, wanted, depots, damaged)
+        plan = _plan(task, image, installed, wanted, depots, damaged, _RESOLVED)
         plan.check(downgrades)
-        task.progress(40)
+        task.progress(_RESOLVED)
         return finish(image, plan, task, verify.notes(damaged))
 
 
-def _plan(task, image, installed, spec, depots, damaged):
-    """What it takes to get to a specification. When the host can tell that the spare image is it, no depot is asked."""
+def _plan(task, image, installed, spec, depots, damaged, percent):
+    """What it takes to get to a specification. When the host can tell that the spare image is it, no depot is asked.
+
+    Once the depots are read, the task is at `percent`.
+    """
     way_back = spare.find_readable(image)
     if way_back and not way_back.damaged and spare.answers(way_back, installed, spec):
         return Plan.switch(way_back.image, installed)
-    plan = _Offer(task, installed, depots).plan(spec, installed, damaged)
+    plan = _Offer(task, installed, depots, percent).plan(spec, installed, damaged)
     plan.specification = spec.document
     if way_back and not plan.is_done and plan.content.outline() == way_back.content.outline():
         if not way_back.damaged:
@@ -213,12 +232,8 @@ def _plan(task, image, installed, spec, depots, damaged):
     return plan
 
 
-def _meter(plan, task, high):
-    return staging.Meter(task.progress, 40, high, plan.download_size)
-
-
 def _stage(image, plan, task, warnings):
-    brought = staging.stage(image, plan.new, _meter(plan, task, 95).add)
+    brought = 0 if plan.bank else install.prepare(image, plan, task)
     return compliance.stage_result(len(plan.new), brought, warnings)
 
 
@@ -228,7 +243,6 @@ def _apply(image, plan, task, warnings):
         task.commit()
         image.switch(plan.bank)
     elif not plan.is_done:
-        brought = staging.stage(image, plan.new, _meter(plan, task, 60).add)
-        install.apply(image, plan, task)
+        brought = install.apply(image, plan, task)
     changed = bool(plan.bank) or not plan.is_done
     return compliance.apply_result(changed, before, plan.content, brought, warnings=warnings)

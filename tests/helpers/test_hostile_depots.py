@@ -218,7 +218,7 @@ def test_bad_payloads_write_nothing_outside(case, tmp_path):
         archive.writestr("payload.tar.xz", payload)
     pax.verify(str(tmp_path / "p.pax"), wanted)
     with pytest.raises(ImageError) as error:
-        pax.unpack(str(tmp_path / "p.pax"), wanted, str(root))
+        pax.unpack(str(tmp_path / "p.pax"), wanted, str(root), 0)
     assert error.value.name == "PaxFormatError"
     written = {path.name for path in tmp_path.rglob("*") if path.is_file() or path.is_symlink()}
     assert written <= {"p.pax", "a"} and sum(p.stat().st_size for p in root.rglob("*") if p.is_file()) < 100000

@@ -4,7 +4,9 @@ import errno
 import os
 import shutil
 import signal
+import stat
 import sys
+import threading
 import traceback
 
 import pytest
@@ -17,6 +19,7 @@ from tessel_lifecycle.image import Image
 from tessel_lifecycle.plan import Plan
 from tessel_lifecycle.resolve import resolve
 from tessel_lifecycle.spec import SoftwareSpec
+from tessel_lifecycle.version import Version
 
 ONCE = Patience(attempts=1, timeout=2, pause=0, limit=2)
 
@@ -50,7 +53,6 @@ def plan(image, location, version):
 def apply(image, location, version):
     with image.locked():
         made = plan(image, location, version)
-        install.stage(image, made.new)
         install.apply(image, made, QuietTask())
 
 
@@ -82,8 +84,8 @@ def test_banks_change_places(tmp_path, location):
     assert (error.value.name, error.value.arguments) == ("ComponentDowngradeError", ["c(2-1 to 1-1)"])
 
 
-CHANGES = {"open", "write", "flush", "fsync", "close", "rename", "mkdir", "symlink", "unlink", "rmdir", "chmod",
-           "fchmod"}
+CHANGES = {"open", "write", "flush", "fsync", "close", "rename", "mkdir", "link", "symlink", "unlink", "rmdir", "chmod",
+           "fchmod", "utime"}
 
 
 def dies_at(point, work):
@@ -99,6 +101,7 @@ def dies_at(point, work):
                 if left < 0:
                     os.kill(os.getpid(), signal.SIGKILL)
 
+        threading.setprofile(count)
         sys.setprofile(count)
         try:
             work()
@@ -123,28 +126,47 @@ def test_death_at_every_point_leaves_the_old_or_the_new_image(tmp_path, location
     assert point > 80 and {"8.0-1", "8.0-2"} == set(seen)
 
 
-def test_a_file_changed_behind_the_host_comes_from_the_depot_again(tmp_path, location):
-    image = Image(str(tmp_path / "image"))
-    apply(image, location, "8.0-1")
-    (tmp_path / "image/a/root/etc/q").write_text("edited")
-    apply(image, location, "8.0-2")
-    assert state(image) == "8.0-2"
-    (tmp_path / "image/b/root/etc/q").unlink()
+def edit(file):
+    """In place: where banks share the file, it is changed in both."""
+    status = file.stat()
+    with open(file, "r+") as opened:
+        opened.write("edit")
+    assert file.stat().st_size == status.st_size
+
+
+# What is done to the file etc/q of the running bank: whether the next bank has the same file nevertheless.
+TOUCHES = {"nothing": (lambda file: None, True),
+           "edited": (edit, False),
+           "replaced": (lambda file: file.unlink() or file.write_text("other"), False),
+           "another mode": (lambda file: file.chmod(0o600), False),
+           "another owner": (lambda file: os.chown(file, 1, 1), False),
+           "another time": (os.utime, False),
+           "a link": (lambda file: file.unlink() or file.symlink_to("q.new"), False),
+           "lost": (lambda file: file.unlink(), False)}
+
+
+@pytest.mark.parametrize("touch", TOUCHES)
+@pytest.mark.parametrize("versions", [("8.0-1", "8.0-2"), ("8.0-1", "8.0-2", "8.0-2")], ids=["once", "shared before"])
+def test_banks_share_the_files_that_nobody_touched(tmp_path, location, versions, touch):
+    """What was changed comes from the kept package: no depot has it any more."""
+    image, (damage, shares) = Image(str(tmp_path / "image")), TOUCHES[touch]
+    for version in versions[:-1]:
+        apply(image, location, version)
+    old, new = (tmp_path / f"image/{bank}/root/etc/q" for bank in ("ab" if len(versions) == 2 else "ba"))
+    damage(old)
+    made = plan(image, location, versions[-1])
+    del made.offered["q", Version("1-1")]
+    with image.locked():
+        assert install.apply(image, made, QuietTask()) == (made.new[0].size if len(versions) == 2 else 0)
+    assert state(image) == versions[-1] and (new.exists() and old.exists() and new.samefile(old)) == shares
+    assert stat.S_IMODE(new.stat().st_mode) == 0o644 and new.stat().st_uid == os.geteuid()
+    (tmp_path / "image" / image.current() / "root/etc/q").unlink()
+    shutil.rmtree(image.store)
     made = plan(image, location, "8.0-2")
     made.offered.clear()
     with pytest.raises(ImageError) as error, image.locked():
         install.apply(image, made, QuietTask())
-    assert error.value.name == "InstallationError" and image.current() == "b" and not (tmp_path / "image/a").exists()
-
-
-def test_the_stage_is_used_and_checked(tmp_path, location):
-    image = Image(str(tmp_path / "image"))
-    made = plan(image, location, "8.0-1")
-    assert install.stage(image, made.new) == made.download_size
-    assert install.stage(image, made.new) == 0
-    with open(install.staged(image, made.new[0]), "r+b") as file:
-        file.write(b"damage")
-    assert install.stage(image, made.new) == made.new[0].size
+    assert error.value.name == "InstallationError" and image.current() == new.parts[-4]
 
 
 @pytest.mark.parametrize("damage, name", [
