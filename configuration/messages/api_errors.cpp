@@ -238,6 +238,9 @@ constexpr MessageTableEntry kApiMessages[] = {
      "File {1} of PAX {2} was lost after it was installed."},
     {"com.tessel.pelorus.lifecycle.RyxImage.FilesMore",
      "{1} more files were changed or lost."},
+    {"com.tessel.pelorus.lifecycle.RyxImage.PaxNotKept",
+     "A package that is needed again is not kept on this host. Apply the specification that is wanted, with a "
+     "depot that has it."},
     {"com.tessel.pelorus.lifecycle.RyxImage.NoSpareImage",
      "No other image has run on this host yet. Apply the specification that is wanted."},
     {"com.tessel.pelorus.lifecycle.RyxImage.SpareImageDamaged",

@@ -2,7 +2,7 @@
 
 import graphlib
 
-from tessel_lifecycle.metadata import content_problem
+from tessel_lifecycle.metadata import Catalogue, content_problem
 
 
 class Choice:
@@ -17,9 +17,14 @@ class Choice:
 
 
 class Content:
-    """The release units, components and PAXs of one image. `descriptors` maps a PAX's name to its descriptor."""
+    """The release units, components and PAXs of one image. `descriptors` maps a PAX's name to its descriptor.
+
+    Of where it comes from it knows the `specification`, a document, None where that was not recorded, and what
+    others took the place of: `overridden`, a Catalogue.
+    """
 
     def __init__(self):
+        self.specification, self.overridden = None, Catalogue()
         self.base_image = self.add_on = None
         self.hardware_support = []   # manifests
         self.solutions = {}          # name -> (solution, names of its components that are in the image)

@@ -78,6 +78,8 @@ TEXTS = {
     "FileChanged": "File {1} of PAX {2} was changed after it was installed.",
     "FileLost": "File {1} of PAX {2} was lost after it was installed.",
     "FilesMore": "{1} more files were changed or lost.",
+    "PaxNotKept": "A package that is needed again is not kept on this host. Apply the specification that is wanted, "
+                  "with a depot that has it.",
     "NoSpareImage": "No other image has run on this host yet. Apply the specification that is wanted.",
     "SpareImageDamaged": "The spare image cannot be used as it is. Apply its specification with a depot that has it, "
                          "to have it built anew.",

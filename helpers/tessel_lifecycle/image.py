@@ -6,7 +6,7 @@ import fcntl
 import os
 import shutil
 
-from tessel_lifecycle import files
+from tessel_lifecycle import files, overridden
 from tessel_lifecycle.banks import BANKS, Banks
 from tessel_lifecycle.content import Choice, Content
 from tessel_lifecycle.document import Fields, compact, list_of, name, sha256, size, text
@@ -36,6 +36,10 @@ class InstalledPax:
     def key(self):
         return self.descriptor.key
 
+    @property
+    def label(self):
+        return self.descriptor.label
+
 
 class PaxFile:
     """Size and digest of a whole PAX."""
@@ -46,13 +50,10 @@ class PaxFile:
 
 
 class InstalledImage:
-    """The content of a bank with its dates. `content.base_image` is None when nothing is installed.
-
-    `specification` is the document that it was made for, None where that was not recorded.
-    """
+    """The content of a bank with its dates. `content.base_image` is None when nothing is installed."""
 
     def __init__(self, bank=None, root=None):
-        self.content, self.bank, self.root, self.specification = Content(), bank, root, None
+        self.content, self.bank, self.root = Content(), bank, root
         self.component_dates, self.paxs = {}, {}   # name -> date-time, name -> InstalledPax
 
     def catalogue(self):
@@ -65,6 +66,12 @@ class InstalledImage:
             if unit:
                 catalogue.add(unit)
         catalogue.paxs = {pax.key: pax for pax in self.paxs.values()}
+        return catalogue
+
+    def described(self):
+        """What it can describe, and what was overridden in it."""
+        catalogue = self.catalogue()
+        catalogue.add_missing(self.content.overridden)
         return catalogue
 
 
@@ -85,7 +92,7 @@ class Image(Banks):
 
     def _read(self, bank, installed):
         fields, content = Fields(self.document(bank, "image.json"), "image.json"), installed.content
-        installed.specification = fields.take("specification", lambda value: Fields(value).value, None)
+        content.specification = fields.take("specification", lambda value: Fields(value).value, None)
         content.base_image = fields.take("base_image", BaseImage)
         content.add_on = fields.take("add_on", AddOn, None)
         content.hardware_support = fields.take("hardware_support", list_of(Manifest))
@@ -106,6 +113,8 @@ class Image(Banks):
                 descriptor, entry.take("installed_at", date_time), entry.take("depot", text, ""),
                 entry.take("file", PaxFile, None), entry.take("acceptance_level", acceptance_level, None),
                 entry.take("signed_by", text, None), self._signature(bank, key[0]))
+        if os.path.exists(self.path(bank, overridden.FILE)):
+            content.overridden = overridden.from_document(self.document(bank, overridden.FILE))
 
     def _signature(self, bank, name):
         try:
@@ -139,8 +148,9 @@ class Image(Banks):
         return bank
 
     def discard(self, bank):
-        """Removes a bank that does not run."""
+        """Removes a bank that does not run; one whose removal is broken off is no bank to go back to."""
         if os.path.lexists(self.path(bank)):
+            files.remove(self.path(bank, "image.json"))
             shutil.rmtree(self.path(bank))
 
     def discard_unfinished(self):
@@ -153,7 +163,7 @@ class Image(Banks):
                     if bank != self.current():
                         self.discard(bank)
 
-    def write_database(self, bank, content, dates, paxs, now, specification=None):
+    def write_database(self, bank, content, dates, paxs, now):
         """Writes a bank's descriptors and database; a component or PAX without a date is dated `now`."""
         for descriptor in content.descriptors.values():
             with open(self.path(bank, "descriptors", descriptor.name + ".json"), "x") as file:
@@ -162,7 +172,10 @@ class Image(Banks):
             if pax.signature:
                 with open(self.path(bank, "descriptors", pax.descriptor.name + ".cms"), "xb") as file:
                     file.write(pax.signature)
-        database = _database(content, dates, paxs, now) | ({"specification": specification} if specification else {})
+        overridden_units = overridden.to_document(content.overridden)
+        if overridden_units["components"]:
+            files.replace(self.path(bank, overridden.FILE), compact(overridden_units).encode())
+        database = _database(content, dates, paxs, now)
         files.replace(self.path(bank, "image.json"), compact(database).encode())
 
     def switch(self, bank):
@@ -176,7 +189,8 @@ class Image(Banks):
 
 
 def _database(content, dates, paxs, now):
-    return {
+    origin = {"specification": content.specification} if content.specification else {}
+    return origin | {
         "format": 1, "installed_at": now,
         "base_image": content.base_image.document,
         "add_on": content.add_on and content.add_on.document,

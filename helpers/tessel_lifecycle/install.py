@@ -75,8 +75,7 @@ def _fill(image, bank, build, progress, now):
     dates = {name: date for name, date in old.component_dates.items()
              if old.content.versions()[name] == versions.get(name)}
     try:
-        image.write_database(bank, content, dates, build.paxs(), now,
-                             build.plan.specification)
+        image.write_database(bank, content, dates, build.paxs(), now)
     except OSError as error:
         raise ImageError("DatabaseIOError", detail=error) from error
     return brought

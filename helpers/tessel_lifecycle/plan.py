@@ -8,17 +8,20 @@ class Plan:
     """What it takes to get from the installed image to a content. `offered` maps keys to the PAXs of the depots.
 
     `damaged` names the installed PAXs of which files were changed or lost. `new` are the PAXs that the host does not
-    have, or not whole and the depots have; `arriving` are those that come into the image. `specification` is the
-    document that asks for the content. `bank` names the bank that has the content already, which only has to be
-    switched to, and `returns` tells that it is what the spare bank holds, whole or not.
+    have, or not whole and the depots have; `arriving` are those that come into the image. `bank` names the
+    bank that has the content already, which only has to be switched to, and `returns` tells that it is what the spare
+    bank holds, whole or not.
     """
 
-    specification, bank, returns = None, None, False
+    bank, returns = None, False
 
     def __init__(self, content, installed, offered, damaged=frozenset()):
         self.content, self.installed, self.offered, self.damaged = content, installed, offered, damaged
         have = {p.descriptor.identity for name, p in installed.paxs.items()
                 if name not in damaged or p.key not in offered}
+        missing = [d for d in content.descriptors.values() if d.identity not in have and d.key not in offered]
+        if missing:
+            raise ImageError("MissingPaxError", ", ".join(d.label for d in missing))
         self.arriving = self.new = [offered[d.key] for d in content.descriptors.values() if d.identity not in have]
 
     @classmethod

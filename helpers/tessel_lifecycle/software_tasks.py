@@ -1,7 +1,7 @@
 """The tasks that compare, stage and change the host's software. Each takes the task and its options, and returns the
 task's result in plain JSON."""
 
-from tessel_lifecycle import compliance, files, install, paths, spare, staging, verify
+from tessel_lifecycle import compliance, files, install, overridden, paths, spare, staging, verify
 from tessel_lifecycle.build import Build
 from tessel_lifecycle.depot import Depot, merged
 from tessel_lifecycle.errors import INVALID_INPUT, ImageError, Note, TaskError
@@ -20,21 +20,27 @@ _RESOLVED = 5          # percent of a change that are done when it is known what
 class _Offer:
     """What the given depots describe together with the installed image, and the PAXs that the depots have.
 
-    When it is read, the task is at `percent`.
+    `others` are InstalledImages that are used where nothing else has what is wanted. When all is read, the task is at
+    `percent`.
     """
 
-    def __init__(self, task, installed, locations, percent):
+    def __init__(self, task, installed, locations, percent, others=()):
         depots = [Depot(location, TASK) for location in locations]
         self.catalogue = merged(depots, lambda fraction: task.progress(percent * fraction))
         self.paxs = dict(self.catalogue.paxs)
-        known = installed.catalogue()
+        known = installed.described()
         self.catalogue.add_missing(known)
-        for key, pax in known.paxs.items():  # what is installed need not be brought again
-            if self.catalogue.paxs[key].descriptor.identity == pax.descriptor.identity:
-                self.catalogue.paxs[key] = pax
+        for other in others:
+            self.catalogue.add_missing(other.described())
+        for pax in installed.paxs.values():  # what is installed need not be brought again
+            if self.catalogue.paxs[pax.key].descriptor.identity == pax.descriptor.identity:
+                self.catalogue.paxs[pax.key] = pax
+        overridden.offer_kept(self.catalogue, self.paxs)
 
     def plan(self, spec, installed, damaged):
-        return Plan(resolve(spec, self.catalogue), installed, self.paxs, verify.names(damaged))
+        content = resolve(spec, self.catalogue)
+        content.specification, content.overridden = spec.document, overridden.collect(content, self.catalogue)
+        return Plan(content, installed, self.paxs, verify.names(damaged))
 
 
 def scan(task, options):
@@ -143,7 +149,12 @@ def solutions_remove(task, options):
             if document["solutions"].pop(name, None) is None:
                 raise ImageError("SolutionNotFound", name, "*", detail="not installed")
         return _checked(document)
-    return _change(task, (), spec, _apply, downgrades=True)
+    try:
+        return _change(task, (), spec, _apply, downgrades=True)
+    except ImageError as error:
+        if error.name in ("MissingComponentError", "MissingPaxError", "PaxDownloadError"):
+            error.notes.append(Note("PaxNotKept"))
+        raise
 
 
 def software_rollback(task, _):
@@ -223,8 +234,8 @@ def _plan(task, image, installed, spec, depots, damaged, percent):
     way_back = spare.find_readable(image)
     if way_back and not way_back.damaged and spare.answers(way_back, installed, spec):
         return Plan.switch(way_back.image, installed)
-    plan = _Offer(task, installed, depots, percent).plan(spec, installed, damaged)
-    plan.specification = spec.document
+    others = [way_back.image] if way_back and not depots else ()
+    plan = _Offer(task, installed, depots, percent, others).plan(spec, installed, damaged)
     if way_back and not plan.is_done and plan.content.outline() == way_back.content.outline():
         if not way_back.damaged:
             return Plan.switch(way_back.image, installed)

@@ -50,9 +50,9 @@ def answers(spare, installed, spec):
     """
     if None in spec.components.values() or spare.content.outline() == installed.content.outline():
         return False
-    if _normal(spec.document) == _normal(installed.specification):
+    if _normal(spec.document) == _normal(installed.content.specification):
         return False
-    return _normal(spec.document) == _normal(spare.image.specification) or _resolves_to(spare, installed, spec)
+    return _normal(spec.document) == _normal(spare.content.specification) or _resolves_to(spare, installed, spec)
 
 
 def _resolves_to(spare, installed, spec):

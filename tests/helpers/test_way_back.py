@@ -5,7 +5,7 @@ import os
 import shutil
 
 import pytest
-from depot_maker import base_image, component, package, write_depot
+from depot_maker import base_image, component, package, solution, write_depot
 from sandboxed_host import LIFECYCLE
 
 SCAN = "software --scan --software-spec DOCUMENT --depot {} --task-id ID"
@@ -229,3 +229,50 @@ def test_an_image_that_cannot_be_read_is_left_for_the_spare_one(host, versions):
     (LIFECYCLE / "image/b/image.json").write_text("{")
     host.result(ROLLBACK)
     assert (ROOT / "etc/x").read_text() == "1" and json.loads(host.run("ryx --get")[1])["version"] == "8.0-1"
+
+
+REMOVE = "solutions --remove --task-id ID --name s"
+WITH_SOLUTION = SPEC | {"solutions": {"s": {"version": "1-1"}}}
+
+
+@pytest.fixture
+def raising(tmp_path):
+    """A depot with a solution that raises a component of the base image, and adds one."""
+    return write_depot(
+        tmp_path / "raising", base_image(components={"c": "1-1", "d": "1-1"}), solution("s", {"c": ">1-1", "e": "*"}),
+        component("c", paxs=["p"]), component("c", "2-1", paxs=["p 2-1"]), component("d", paxs=["q"]),
+        component("e", paxs=["r"]), component("x", paxs=["t"]), package("p", {"etc/x": "1"}),
+        package("p 2-1", {"etc/x": "2"}), package("q", {"etc/q": "q"}), package("r", {"etc/r": "r"}),
+        package("t", {"etc/t": "t"}))
+
+
+MORE = "components --apply --task-id ID --depot {} --component x:1-1"
+REMOVED = {  # what was done before a solution is removed
+    "the spare image is without it": [(APPLY, SPEC), (APPLY, WITH_SOLUTION)],
+    "it came with the first image": [(APPLY, WITH_SOLUTION)],
+    "both images have it": [(APPLY, SPEC), (APPLY, WITH_SOLUTION), (MORE, None)],
+    "it came to the other image": [(APPLY, WITH_SOLUTION), (MORE, None), (MORE, None)],
+}
+
+
+@pytest.mark.parametrize("case", REMOVED)
+def test_removing_a_solution_gives_back_what_it_raised(host, raising, case):
+    for line, spec in REMOVED[case]:
+        host.result(line.format(raising), spec)
+    result = entries(host.result(REMOVE)["components"])
+    assert {n: (c["previous"]["OPTIONAL"], c["current"]["OPTIONAL"]) for n, c in result.items()} == {
+        "c": ("2-1", "1-1"), "e": ("1-1", None)}
+    assert (ROOT / "etc/x").read_text() == "1" and not (ROOT / "etc/r").exists()
+    assert (ROOT / "etc/t").exists() == ((MORE, None) in REMOVED[case])
+
+
+def test_what_cannot_be_given_back_is_told(host, raising):
+    host.result(APPLY.format(raising), WITH_SOLUTION)
+    shutil.rmtree(raising)
+    record = host.task(REMOVE)
+    assert record["error"]["message"]["id"].endswith(".PaxDownloadError") and "/p-1-1.pax" in str(record["error"])
+    assert notes_of(record)[-1] == ("PaxNotKept",)
+    (LIFECYCLE / "image/a/overridden.json").unlink()  # as in images of earlier days
+    record = host.task(REMOVE)
+    assert record["error"]["message"]["id"].endswith(".MissingComponentError")
+    assert notes_of(record) == [("Detail", "c(1-1)"), ("PaxNotKept",)]
