@@ -9,7 +9,7 @@ little trusted as one that was just downloaded: it is verified whenever it is us
 import contextlib
 import os
 
-from tessel_lifecycle import files, paths, platform_file
+from tessel_lifecycle import files, overridden, paths, platform_file
 from tessel_lifecycle.banks import BANKS
 from tessel_lifecycle.errors import ImageError
 
@@ -46,12 +46,14 @@ def digest(name):
 
 
 def listed(image, *banks):
-    """The digests of the packages that these banks hold, as far as their databases are there and tell."""
+    """The digests of the packages that these banks hold or would hold, as far as their databases are there and tell."""
     found = set()
     for bank in banks:
         with contextlib.suppress(ImageError, AttributeError, KeyError, TypeError):
             entries = image.document(bank, "image.json")["paxs"]
             found.update(entry["file"]["sha256"] for entry in entries if "file" in entry)
+        with contextlib.suppress(ImageError, KeyError, TypeError):
+            found.update(entry["document"]["sha256"] for entry in image.document(bank, overridden.FILE)["paxs"])
     return found
 
 

@@ -67,19 +67,18 @@ def scan(task, options):
             raise
         errors.append(error)
     warnings = [Note("PaxContentDiffers", pax.label) for pax in plan.replaced] + verify.notes(damaged)
-    space = (None, None) if unreadable else _space(image, plan)
+    download, *space = (plan.download_size, None, None) if unreadable else _costs(image, plan)
     if not unreadable and space[0] > space[1]:
         warnings.append(shortage(paths.IMAGE, *space))
-    return compliance.scan_result(present, compliance.of_content(plan.content), plan.download_size, errors, warnings,
-                                  space)
+    return compliance.scan_result(present, compliance.of_content(plan.content), download, errors, warnings, space)
 
 
-def _space(image, plan):
-    """Bytes that bringing the host to the plan takes, and that there are for it."""
+def _costs(image, plan):
+    """Bytes that bringing the host to the plan downloads, takes on the file system, and finds there."""
     if plan.is_done or plan.bank:
-        return 0, Room(image).free()
+        return 0, 0, Room(image).free()
     build = Build(image, plan, is_trial=True)
-    return build.need().total, Room(image, build.wanted).obtainable()
+    return sum(p.size for p in build.missing), build.need().total, Room(image, build.wanted).obtainable()
 
 
 def _installed_or_error(image):
