@@ -1,6 +1,8 @@
 """The tasks that compare, stage and change the host's software. Each takes the task and its options, and returns the
 task's result in plain JSON."""
 
+import contextlib
+
 from tessel_lifecycle import compliance, files, install, overridden, paths, spare, staging, verify
 from tessel_lifecycle.build import Build
 from tessel_lifecycle.depot import Depot, merged
@@ -163,12 +165,12 @@ def software_rollback(task, _):
         way_back = spare.find(image)
         if way_back is None:
             raise ImageError("StatelessError", notes=[Note("NoSpareImage")])
-        way_back.check()
-        task.progress(40)
         installed, _ = _installed_or_error(image)  # what cannot be read any more is left all the more
-        plan = Plan.switch(way_back.image, installed)
+        damaged = verify.find_damage(installed)
+        plan = way_back.plan(image, installed, verify.names(damaged))
         plan.check()
-        return _apply(image, plan, task, ())
+        task.progress(_RESOLVED)
+        return _apply(image, plan, task, verify.notes(damaged))
 
 
 def spec_document(path):
@@ -231,8 +233,9 @@ def _plan(task, image, installed, spec, depots, damaged, percent):
     Once the depots are read, the task is at `percent`.
     """
     way_back = spare.find_readable(image)
-    if way_back and not way_back.damaged and spare.answers(way_back, installed, spec):
-        return Plan.switch(way_back.image, installed)
+    if way_back and spare.answers(way_back, installed, spec):
+        with contextlib.suppress(ImageError):
+            return way_back.plan(image, installed, verify.names(damaged))
     others = [way_back.image] if way_back and not depots else ()
     plan = _Offer(task, installed, depots, percent, others).plan(spec, installed, damaged)
     if way_back and not plan.is_done and plan.content.outline() == way_back.content.outline():

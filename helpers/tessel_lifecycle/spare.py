@@ -1,7 +1,9 @@
 """The way back: the bank that ran before, whole, and how to know that it is what somebody asks for."""
 
-from tessel_lifecycle import verify
+from tessel_lifecycle import overridden, verify
+from tessel_lifecycle.build import Build
 from tessel_lifecycle.errors import ImageError, Note
+from tessel_lifecycle.plan import Plan
 from tessel_lifecycle.resolve import resolve
 
 
@@ -15,10 +17,22 @@ class Spare:
     def content(self):
         return self.image.content
 
-    def check(self):
-        """Raises ImageError when it is not whole."""
-        if self.damaged:
+    def plan(self, image, installed, damaged):
+        """The Plan for getting to what it holds, without a depot: a switch to it, or where it is damaged, building it
+        anew of kept packages. @throws ImageError when these do not suffice
+
+        @param damaged  names of the installed packages that are not whole
+        """
+        if not self.damaged:
+            return Plan.switch(self.image, installed)
+        kept = {}
+        for known in (self.image, installed):
+            overridden.offer_kept(known.catalogue(), kept)
+        plan = Plan(self.content, installed, kept, damaged)
+        if Build(image, plan).missing:
             raise _unusable(verify.notes(self.damaged))
+        plan.returns = True
+        return plan
 
 
 def find(image):

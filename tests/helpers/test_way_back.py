@@ -195,22 +195,29 @@ def test_equal_specifications_with_other_content_are_told_apart(host, tmp_path):
 SPARE = LIFECYCLE / "image/a"
 BROKEN = {  # what is done to the spare image: what is told of it
     "file": (lambda: (SPARE / "root/etc/x").write_text("other"), ("FileChanged", "etc/x", "p(1-1)")),
+    "file of both images": (lambda: (SPARE / "root/etc/q").write_text("other"), ("FileChanged", "etc/q", "q(1-1)")),
     "database": (lambda: (SPARE / "image.json").write_text("{"), ("DatabaseFormatError",)),
     "descriptor": (lambda: (SPARE / "descriptors/p.json").unlink(), ("DatabaseIOError",)),
 }
 
 
+@pytest.mark.parametrize("kept", [True, False])
 @pytest.mark.parametrize("case", BROKEN)
-def test_a_damaged_spare_image_is_not_switched_to_but_built_anew(host, versions, case):
+def test_a_damaged_spare_image_is_not_switched_to_but_built_anew(host, tmp_path, versions, case, kept):
     damage, reason = BROKEN[case]
     damage()
+    shutil.move(LIFECYCLE / "image/store", tmp_path / "store")
     notes = notes_of(host.task(ROLLBACK))
     assert [notes[0][0], notes[1][:len(reason)]] == ["SpareImageDamaged", reason]
     assert host.error(ROLLBACK)[0] == "StatelessError" and (ROOT / "etc/x").read_text() == "2"
-    if case == "file":
-        host.result(APPLY.format(versions), version(1))
-        assert (ROOT / "etc/x").read_text() == "1"
+    assert host.error(APPLY.format(NOWHERE), version(1))[0] == "DepotConnectError"
+    if case == "file" or kept and "file" in case:
+        if kept:
+            shutil.move(tmp_path / "store", LIFECYCLE / "image/store")
+        result = host.result(ROLLBACK if kept else APPLY.format(versions), version(1))
+        assert (result["downloaded"] == 0) == kept and (ROOT / "etc/x").read_text() == "1"
         assert changes(host.result(ROLLBACK)) == {"c": ("1-1", "2-1")}
+        assert told(host.result("software --verify --task-id ID")["warnings"]) == []
 
 
 def notes_of(record):
