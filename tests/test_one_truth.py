@@ -234,7 +234,7 @@ def test_identifiers_of_the_helpers_are_known_to_the_daemon(root):
     assert len(texts) > 5 and [name for name, text in texts.items() if text == "Unknown message."] == []
 
 
-ONLY_OF_HELPERS = {"LIFECYCLE", "DESIRED", "REGISTERED_DEPOTS", "IMAGE", "EXTRACTED_DEPOTS"}
+ONLY_OF_HELPERS = {"LIFECYCLE", "DESIRED", "REGISTERED_DEPOTS", "IMAGE", "METADATA", "EXTRACTED_DEPOTS"}
 MADE_OF_OTHERS = {"TASK_DATABASE", "TASK_HELPER"}
 
 

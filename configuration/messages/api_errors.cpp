@@ -230,6 +230,8 @@ constexpr MessageTableEntry kApiMessages[] = {
      "No depot is registered. Register one that has what is desired."},
     {"com.tessel.pelorus.lifecycle.RyxImage.DepotNotAsked",
      "A registered depot could not be asked; it may have what was not found."},
+    {"com.tessel.pelorus.lifecycle.RyxImage.DepotLeftOut",
+     "The depot at {1} could not be read, and was left out."},
     {"com.tessel.pelorus.lifecycle.RyxImage.PaxContentDiffers",
      "PAX {1} is wanted with other content than what is installed under its name and version."},
     {"com.tessel.pelorus.lifecycle.RyxImage.FileChanged",

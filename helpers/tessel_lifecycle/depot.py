@@ -77,18 +77,28 @@ class Depot:
                 raise ImageError("MetadataDownloadError", url, detail=error, notes=why_not_read(error)) from error
         return self
 
-    def read(self, kinds=tuple(KINDS), on_progress=lambda fraction: None):
-        """What the fetched metadata describes, of these kinds. @throws ImageError"""
-        catalogue, left = Catalogue(), _Bounds()
-        done, size = 0, max(1, sum(entry.size for entry in self._metadata))
+    def read(self, kinds=tuple(KINDS), on_progress=lambda fraction: None, names_only=False):
+        """What the fetched metadata describes, of these kinds. @throws ImageError
+
+        @param names_only  whether names and versions are enough; the rest is checked and forgotten
+        """
+        catalogue, documents, size = Catalogue(), 0, 0
+        done, whole = 0, max(1, sum(entry.size for entry in self._metadata))
         with _without_collector():
             for entry in self._metadata:
-                def on_part(fraction, entry=entry):
-                    on_progress((done + fraction * entry.size) / size)
+                url = self.source.url(entry.file)
                 try:
-                    self._read(_StoredFile(self.source.url(entry.file), entry.opened), catalogue, kinds, left, on_part)
+                    archive = DocumentArchive(entry.opened)
+                    documents, size = documents + archive.count, size + archive.size
+                    if documents > MOST_DOCUMENTS or size > MOST_METADATA:
+                        raise ValueError(f"more than {MOST_METADATA} bytes or {MOST_DOCUMENTS} documents in all")
+                    for unit, part in self._units(StoredFile(url, archive), kinds):
+                        if names_only:
+                            unit.keep_name_only()
+                        catalogue.add(unit)
+                        on_progress((done + part * entry.size) / whole)
                 except ARCHIVE_ERRORS as error:
-                    raise ImageError("MetadataFormatError", self.source.url(entry.file), detail=error) from error
+                    raise ImageError("MetadataFormatError", url, detail=error) from error
                 done += entry.size
         return catalogue
 
@@ -97,10 +107,10 @@ class Depot:
         self.fetch(lambda fraction: on_progress(fraction / 2))
         return self.read(kinds, lambda fraction: on_progress((1 + fraction) / 2))
 
-    def _read(self, file, catalogue, kinds, left, on_part):
-        members, depots = list(file.archive.members()), (self,)
-        left.take(members)
-        for number, (position, member, _) in enumerate(members):
+    def _units(self, file, kinds):
+        """What a metadata file describes, each unit with the part of the file that is read by then."""
+        depots = (self,)
+        for position, member, _ in file.archive.members():
             folder, _, name = member.partition("/")
             if folder not in KINDS or "/" in name or name and not name.endswith(".json"):
                 raise ValueError(f"{member!r:.200} has no place in metadata")
@@ -109,29 +119,14 @@ class Depot:
                 unit = KINDS[folder](stored.first_read())
                 unit.keep_in(stored)
                 unit.depots = depots
-                catalogue.add(unit)
-                if not number % 256:
-                    on_part(number / len(members))
+                yield unit, file.archive.part_before(position)
 
 
-class _Bounds:
-    """What the metadata files of a depot may hold together."""
-
-    def __init__(self):
-        self._documents, self._bytes = MOST_DOCUMENTS, MOST_METADATA
-
-    def take(self, members):
-        self._documents -= len(members)
-        self._bytes -= sum(size for _, _, size in members)
-        if self._documents < 0 or self._bytes < 0:
-            raise ValueError(f"more than {MOST_METADATA} bytes or {MOST_DOCUMENTS} documents are too much")
-
-
-class _StoredFile:
+class StoredFile:
     """A metadata file that was brought, and its URL."""
 
-    def __init__(self, url, file):
-        self.url, self.archive = url, DocumentArchive(file)
+    def __init__(self, url, archive):
+        self.url, self.archive = url, archive
 
 
 class StoredDocument:
@@ -175,13 +170,3 @@ def _without_collector():
 
 def _not_connected(error):
     return ImageError("DepotConnectError", detail=error, notes=why_not_read(error))
-
-
-def merged(depots, on_progress=lambda fraction: None):
-    """One catalogue of several depots, the earlier ones first. @throws ImageError"""
-    catalogue = Catalogue()
-    for number, depot in enumerate(depots):
-        def on_part(fraction, number=number):
-            on_progress((number + fraction) / len(depots))
-        catalogue.add_all(depot.catalogue(on_progress=on_part))
-    return catalogue

@@ -17,22 +17,29 @@ _BLOCK = 1 << 18
 class DocumentArchive:
     """The archive in an open file, which stays open as long as this lives. Members are told apart by their positions.
 
-    Threads may read at the same time.
+    `count` and `size` are the members' number and how many bytes they are unpacked. Threads may read at the same time.
     """
 
     MOST_DIRECTORY = 32 << 20
+    MOST_MEMBERS = 200000
     MOST_MEMBER = 16 << 20
 
     def __init__(self, file):
-        self._file = file
-        length = os.fstat(file.fileno()).st_size
+        self._file, length = file, os.fstat(file.fileno()).st_size
         end = self._at(length - _END.size, _END.size) if length >= _END.size else b""
         if not end.startswith(b"PK\5\6") or not end.endswith(b"\0\0"):
             raise ValueError("not a zip file, or one with a comment")
-        *_, size, self._begin, _ = _END.unpack(end)
-        self._end = self._begin + size
-        if size > self.MOST_DIRECTORY or self._end > length:
+        *_, directory_size, self._begin, _ = _END.unpack(end)
+        self._end = self._begin + directory_size
+        if directory_size > self.MOST_DIRECTORY or self._end > length:
             raise ValueError("the zip file's directory is too large")
+        self.count = self.size = 0
+        names = set()
+        for _, name, size in self.members():
+            names.add(name)
+            self.count, self.size = self.count + 1, self.size + size
+            if len(names) < self.count or self.count > self.MOST_MEMBERS:
+                raise ValueError(f"{name!r:.200} occurs twice, or as one too many")
 
     def _at(self, offset, length):
         data = os.pread(self._file.fileno(), length, offset)
@@ -42,16 +49,17 @@ class DocumentArchive:
 
     def members(self):
         """Of each member its position, name and unpacked size, in the directory's order."""
-        position, block, start, seen = self._begin, b"", self._begin, set()
+        position, block, start = self._begin, b"", self._begin
         while position < self._end:
             if position + _ENTRY.size + 3 * 65535 > start + len(block):
                 start, block = position, self._at(position, min(_BLOCK, self._end - position))
-            name, size, position_of_next = self._entry(block, position - start)
-            if name in seen:
-                raise ValueError(f"{name!r:.200} occurs twice")
-            seen.add(name)
+            name, size, end = self._entry(block, position - start)
             yield position, name, size
-            position = start + position_of_next
+            position = start + end
+
+    def part_before(self, position):
+        """Which part of the members come before the one at a position."""
+        return (position - self._begin) / (self._end - self._begin)
 
     @staticmethod
     def _entry(block, at):

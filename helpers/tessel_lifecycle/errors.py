@@ -84,6 +84,7 @@ TEXTS = {
     "SpareImageDamaged": "The spare image cannot be used as it is. Apply its specification with a depot that has it, "
                          "to have it built anew.",
     "SpaceShort": "{1} bytes are needed on the file system of {2}, and {3} are free or can be made free there.",
+    "DepotLeftOut": "The depot at {1} could not be read, and was left out.",
     "BaseImageVersionsKnown": "The depots have the Base Image in these versions: {1}.",
     "AddonVersionsKnown": "The depots have Addon {1} in these versions: {2}.",
     "AddonNamesKnown": "No depot has an Addon {1}. There is: {2}.",

@@ -49,7 +49,7 @@ LOCAL = Patience(attempts=1, timeout=0, pause=0, limit=0)   # a directory has no
 class Source:
     """A directory with a depot's files; other places derive from it."""
 
-    is_local = True  # what is here need not be kept a second time
+    is_local = True  # a file lies at its `url`, and need not be kept a second time
 
     def __init__(self, base, patience):
         self.base, self.patience = base.rstrip("/"), patience

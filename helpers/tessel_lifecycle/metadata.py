@@ -122,6 +122,9 @@ class Unit:
         """Forgets the document; `stored` has it, and its `digest`."""
         self._document, self.stored = None, stored
 
+    def keep_name_only(self):
+        """Forgets what only those need who install it."""
+
     def is_told_as(self, other):
         """Whether two units of a kind have the same document."""
         if self.stored and other.stored and self.stored.digest == other.stored.digest:
@@ -152,6 +155,9 @@ class BaseImage(ReleaseUnit):
         self.release_date = fields.take("release_date", date_time)
         self.components = fields.take("components", map_of(_version, _name))
         self.paxs = fields.take("paxs", list_of(Reference), [])
+
+    def keep_name_only(self):
+        self.components, self.paxs = {}, ()
 
     @property
     def key(self):
@@ -204,6 +210,9 @@ class Component(Unit):
         self.paxs = fields.take("paxs", list_of(Reference))
         self.depends = fields.take("depends", list_of(Relation), ())
         self.conflicts = fields.take("conflicts", list_of(Relation), ())
+
+    def keep_name_only(self):
+        self.paxs = self.depends = self.conflicts = ()
 
 
 class PayloadFile:

@@ -113,8 +113,8 @@ def _is(file, size, sha256):
 
 
 def _opened_there(source, name, size, sha256, on_bytes):
+    file = source.open(name)
     try:
-        file = source.open(name)
         if not _is(file, size, sha256):
             raise ContentError(source.url(name), "not the announced size and digest")
     except OSError as error:

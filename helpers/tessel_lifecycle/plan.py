@@ -10,10 +10,10 @@ class Plan:
     `damaged` names the installed PAXs of which files were changed or lost. `new` are the PAXs that the host does not
     have, or not whole and the depots have; `arriving` are those that come into the image. `bank` names the
     bank that has the content already, which only has to be switched to, and `returns` tells that it is what the spare
-    bank holds, whole or not.
+    bank holds, whole or not. `warnings` are Notes of depots that were left out.
     """
 
-    bank, returns = None, False
+    bank, returns, warnings = None, False, []
 
     def __init__(self, content, installed, offered, damaged=frozenset()):
         self.content, self.installed, self.offered, self.damaged = content, installed, offered, damaged

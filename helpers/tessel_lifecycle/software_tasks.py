@@ -5,10 +5,10 @@ import contextlib
 
 from tessel_lifecycle import compliance, files, install, overridden, paths, spare, staging, verify
 from tessel_lifecycle.build import Build
-from tessel_lifecycle.depot import Depot, merged
 from tessel_lifecycle.errors import INVALID_INPUT, ImageError, Note, TaskError
 from tessel_lifecycle.fetch import TASK
 from tessel_lifecycle.image import Image, InstalledImage
+from tessel_lifecycle.many_depots import ManyDepots
 from tessel_lifecycle.plan import Plan
 from tessel_lifecycle.resolve import resolve
 from tessel_lifecycle.space import Room, shortage
@@ -23,12 +23,13 @@ class _Offer:
     """What the given depots describe together with the installed image, and the PAXs that the depots have.
 
     `others` are InstalledImages that are used where nothing else has what is wanted. When all is read, the task is at
-    `percent`.
+    `percent`. `warnings` are Notes of those depots that are left out.
     """
 
     def __init__(self, task, installed, locations, percent, others=()):
-        depots = [Depot(location, TASK) for location in locations]
-        self.catalogue = merged(depots, lambda fraction: task.progress(percent * fraction))
+        depots = ManyDepots(locations, TASK, on_progress=lambda fraction: task.progress(percent * fraction))
+        depots.check_any()
+        self.catalogue, self.warnings = depots.catalogue, depots.notes()
         self.paxs = dict(self.catalogue.paxs)
         known = installed.described()
         self.catalogue.add_missing(known)
@@ -40,9 +41,15 @@ class _Offer:
         overridden.offer_kept(self.catalogue, self.paxs)
 
     def plan(self, spec, installed, damaged):
-        content = resolve(spec, self.catalogue)
+        try:
+            content = resolve(spec, self.catalogue)
+        except ImageError as error:
+            error.notes += self.warnings  # one of them may have what is missing
+            raise
         content.specification, content.overridden = spec.document, overridden.collect(content, self.catalogue)
-        return Plan(content, installed, self.paxs, verify.names(damaged))
+        plan = Plan(content, installed, self.paxs, verify.names(damaged))
+        plan.warnings = self.warnings
+        return plan
 
 
 def scan(task, options):
@@ -68,7 +75,7 @@ def scan(task, options):
         if not compliance.is_incompatibility(error):
             raise
         errors.append(error)
-    warnings = [Note("PaxContentDiffers", pax.label) for pax in plan.replaced] + verify.notes(damaged)
+    warnings = [Note("PaxContentDiffers", pax.label) for pax in plan.replaced] + verify.notes(damaged) + plan.warnings
     download, *space = (plan.download_size, None, None) if unreadable else _costs(image, plan)
     if not unreadable and space[0] > space[1]:
         warnings.append(shortage(paths.IMAGE, *space))
@@ -224,7 +231,7 @@ def _change(task, depots, spec, finish, downgrades=False):
         plan = _plan(task, image, installed, wanted, depots, damaged, _RESOLVED)
         plan.check(downgrades)
         task.progress(_RESOLVED)
-        return finish(image, plan, task, verify.notes(damaged))
+        return finish(image, plan, task, verify.notes(damaged) + plan.warnings)
 
 
 def _plan(task, image, installed, spec, depots, damaged, percent):

@@ -12,7 +12,7 @@ import traceback
 import pytest
 from depot_maker import base_image, component, package, write_depot
 from tessel_lifecycle import files, install, pax
-from tessel_lifecycle.depot import Depot, merged
+from tessel_lifecycle.depot import Depot
 from tessel_lifecycle.errors import ImageError
 from tessel_lifecycle.fetch import Patience
 from tessel_lifecycle.image import Image
@@ -44,7 +44,7 @@ def location(tmp_path):
 
 
 def plan(image, location, version):
-    installed, catalogue = image.read(), merged([Depot(location, ONCE)])
+    installed, catalogue = image.read(), Depot(location, ONCE).catalogue()
     offered = dict(catalogue.paxs)
     catalogue.paxs.update(installed.catalogue().paxs)
     return Plan(resolve(SoftwareSpec({"base_image": {"version": version}}), catalogue), installed, offered)
