@@ -164,7 +164,13 @@ def run_task(command, words):
         task.fail(TaskError(INVALID_INPUT))
         print(error, file=sys.stderr)
         return 1
-    return run(task, lambda task: command.load()(task, options))
+    return run(task, lambda task: _work(command, task, options))
+
+
+def _work(command, task, options):
+    from tessel_lifecycle import leftovers
+    leftovers.remove_extracts()
+    return command.load()(task, options)
 
 
 def _options(command, words):

@@ -29,10 +29,13 @@ def apply(task, options):
     interval = options["--cleanup-interval"]
     if not (interval.isascii() and interval.isdecimal()):
         raise TaskError(INVALID_INPUT, detail=f"--cleanup-interval {interval}: not a number of seconds")
+    has_image = False
     try:
-        return _apply(task, *_documents(options))
+        result = _apply(task, *_documents(options))
+        has_image = "--image-doc" in options
+        return result
     finally:
-        leftovers.remove(int(interval), "--image-doc" in options)
+        leftovers.remove(int(interval), staged=has_image)
 
 
 def _documents(options):
