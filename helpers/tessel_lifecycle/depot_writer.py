@@ -2,6 +2,7 @@
 
 import base64
 import os
+import shutil
 import zipfile
 
 from tessel_lifecycle import files, pax
@@ -15,7 +16,7 @@ METADATA = "metadata.zip"
 class DepotWriter:
     """Fills an empty folder with a depot; the index comes last, so that an unfinished one is none.
 
-    The same content gives the same bytes, whenever and wherever it is written.
+    The same content gives the same bytes, whenever and wherever it is written. Several threads may add packages.
     """
 
     def __init__(self, folder, vendor):
@@ -27,13 +28,34 @@ class DepotWriter:
         name = getattr(unit, "name", "base") + "_" + unit.version.text  # a version has no '_', but may follow a '-'
         self._members[f"{unit.folder}/{name}.json"] = unit.document
 
-    def add_pax(self, document, root, listed, sign=lambda content: None):
-        """Makes a PAX of the listed files below `root`; `sign` as in pax.create. @throws pax.ChangedFile, OSError"""
-        name = f"{document['name']}-{document['version']}"
-        path = os.path.join(self._folder, "paxs", name + ".pax")
-        descriptor, signature = pax.create(path, document, root, listed, sign)
-        unit = {"name": document["name"], "version": document["version"], "size": os.path.getsize(path),
-                "sha256": files.sha256(path), "descriptor": descriptor}
+    def add_pax(self, document, root, listed, sign=lambda content: None, on_bytes=lambda count: None):
+        """Makes a PAX of the listed files below `root`; other arguments as for pax.create, whose errors it raises."""
+        path = self._path(document)
+        descriptor, signature = pax.create(path, document, root, listed, sign, on_bytes)
+        self._add_pax(descriptor, os.path.getsize(path), files.sha256(path), signature)
+
+    def add_kept_pax(self, document, file, signature, source):
+        """Takes a PAX as it is: that at `source`, of which `file` has size and digest and `document` describes it.
+
+        It gets a second name rather than a copy, where that can be had: whoever uses a PAX verifies it. Returns False,
+        having taken nothing, when it is not what it should be. @throws OSError
+        """
+        if files.sha256(source) != file.sha256:
+            return False
+        path = self._path(document)
+        try:
+            os.link(source, path)
+        except OSError:
+            shutil.copyfile(source, path)
+        self._add_pax(document, file.size, file.sha256, signature)
+        return True
+
+    def _path(self, document):
+        return os.path.join(self._folder, "paxs", f"{document['name']}-{document['version']}.pax")
+
+    def _add_pax(self, descriptor, size, sha256, signature):
+        unit = {"name": descriptor["name"], "version": descriptor["version"], "size": size, "sha256": sha256,
+                "descriptor": descriptor}
         if signature:
             unit["signature"] = base64.b64encode(signature).decode()
         self.add(Pax(unit))

@@ -146,9 +146,10 @@ def _entry(path, relative):
     return entry
 
 
-def create(path, document, root, listed, sign=lambda content: None):
+def create(path, document, root, listed, sign=lambda content: None, on_bytes=lambda count: None):
     """Makes a PAX from the files of a folder and returns its descriptor's document, `document` with the payload's data,
-    and what `sign` made of the descriptor's bytes: its signature, or None.
+    and what `sign` made of the descriptor's bytes: its signature, or None. `on_bytes` hears of bytes before they are
+    packed.
 
     @throws ChangedFile when a file is not as listed any more, OSError
     """
@@ -156,7 +157,7 @@ def create(path, document, root, listed, sign=lambda content: None):
     try:
         with tarfile.open(packed, "w:xz", preset=PRESET) as tar:
             for file in listed:
-                _pack(tar, file, os.path.join(root, file.path))
+                _pack(tar, file, os.path.join(root, file.path), on_bytes)
         document = document | {"payload": {"name": PAYLOAD, "size": os.path.getsize(packed),
                                            "sha256": files.sha256(packed)}}
         content = compact(document).encode()
@@ -171,11 +172,23 @@ def create(path, document, root, listed, sign=lambda content: None):
     return document, signature
 
 
+class _Counted:
+    """A file that tells what is read of it."""
+
+    def __init__(self, file, on_bytes):
+        self._file, self._on_bytes = file, on_bytes
+
+    def read(self, length):
+        data = self._file.read(length)
+        self._on_bytes(len(data))
+        return data
+
+
 class ChangedFile(Exception):
     """A file that should be packed differs from its recorded size or digest."""
 
 
-def _pack(tar, file, path):
+def _pack(tar, file, path, on_bytes):
     info = tarfile.TarInfo(file.path)  # owner root, time 0: the same content gives the same archive
     info.mode = file.mode
     if file.type == "file":
@@ -183,7 +196,7 @@ def _pack(tar, file, path):
             if (os.fstat(content.fileno()).st_size, files.sha256(path)) != (file.size, file.sha256):
                 raise ChangedFile(file.path)
             info.size = file.size
-            tar.addfile(info, content)
+            tar.addfile(info, _Counted(content, on_bytes))
         return
     info.type = tarfile.DIRTYPE if file.type == "directory" else tarfile.SYMTYPE
     info.linkname = file.target if file.type == "link" else ""

@@ -103,20 +103,23 @@ def shortage(directory, needed, obtainable):
 
 
 def own_size(folder):
-    """The bytes that removing a folder frees: of a file that has another name elsewhere, none."""
+    """The bytes that removing a folder frees."""
     freed = 0
     for path, directories, names in os.walk(folder):
         for name in [*directories, *names]:
             with contextlib.suppress(OSError):
-                status = os.lstat(os.path.join(path, name))
-                if status.st_nlink == 1 or stat.S_ISDIR(status.st_mode):
-                    freed += status.st_blocks * 512
+                freed += _own_blocks(os.lstat(os.path.join(path, name)))
     return freed
 
 
 def _packages(folder):
-    """Path, digest and size on disk of each file in the stage or among the kept packages."""
+    """Path, digest and size of each file in the stage or among the kept packages; an extract may share it."""
     with contextlib.suppress(OSError), os.scandir(folder) as entries:
-        return [(entry.path, package_store.digest(entry.name), entry.stat(follow_symlinks=False).st_blocks * 512)
+        return [(entry.path, package_store.digest(entry.name), _own_blocks(entry.stat(follow_symlinks=False)))
                 for entry in entries]
     return []
+
+
+def _own_blocks(status):
+    """The bytes that removing a file frees: of one that has another name elsewhere, none."""
+    return status.st_blocks * 512 if status.st_nlink == 1 or stat.S_ISDIR(status.st_mode) else 0
