@@ -14,12 +14,14 @@ from tessel_lifecycle.proxies import proxy_for
 _MOST_HEAD = 64 << 10     # bytes of an answer's head
 _MOST_IGNORED = 64 << 10  # bytes of a body that is read only to keep its connection
 
-_SUPPRESS_CONNECT_HEADERS = 265  # of curl/curl.h; pycurl has no name for it
+# Of curl/curl.h; pycurl has no names for them.
+_SUPPRESS_CONNECT_HEADERS = 265
+_QUICK_EXIT = 322  # does not wait for the thread that resolves a name
 
 _OPTIONS = (
     (pycurl.PROTOCOLS, pycurl.PROTO_HTTP | pycurl.PROTO_HTTPS), (pycurl.NOSIGNAL, 1), (pycurl.NOPROXY, ""),
     (pycurl.USERAGENT, "imagemanagerctl"), (pycurl.HTTP_CONTENT_DECODING, 0), (pycurl.PATH_AS_IS, 1),
-    (pycurl.PIPEWAIT, 1), (pycurl.BUFFERSIZE, 256 << 10), (_SUPPRESS_CONNECT_HEADERS, 1))
+    (pycurl.PIPEWAIT, 1), (pycurl.BUFFERSIZE, 256 << 10), (_SUPPRESS_CONNECT_HEADERS, 1), (_QUICK_EXIT, 1))
 
 _TLS_ERRORS = frozenset((
     pycurl.E_SSL_CONNECT_ERROR, pycurl.E_SSL_CERTPROBLEM, pycurl.E_SSL_CIPHER, pycurl.E_PEER_FAILED_VERIFICATION,

@@ -8,7 +8,8 @@ import time
 
 AT_ONCE = 8  # transfers, and connections to one server
 
-_TICK = 0.1  # seconds between two looks for what is overdue
+_STACK = 1 << 20  # bytes
+_TICK = 0.1       # seconds between two looks for what is overdue
 _kept = threading.local()
 
 
@@ -108,11 +109,21 @@ def _connections():
     when it was opened."""
     if not hasattr(_kept, "connections"):
         import pycurl
+        _limit_stacks()
         _kept.connections = pycurl.CurlMulti(), pycurl.CurlMulti()
         for multi in _kept.connections:
             multi.setopt(pycurl.M_MAX_HOST_CONNECTIONS, AT_ONCE)
             multi.setopt(pycurl.M_MAXCONNECTS, 2 * AT_ONCE)
     return _kept.connections
+
+
+def _limit_stacks():
+    """libcurl resolves names in threads, and what their stacks reserve counts against the memory of this process."""
+    import ctypes
+    c, attributes = ctypes.CDLL(None), ctypes.create_string_buffer(64)  # pthread_attr_t has 56 bytes
+    c.pthread_getattr_default_np(attributes)
+    c.pthread_attr_setstacksize(attributes, ctypes.c_size_t(_STACK))
+    c.pthread_setattr_default_np(attributes)
 
 
 @contextlib.contextmanager
