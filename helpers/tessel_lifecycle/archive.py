@@ -14,6 +14,7 @@ ARCHIVE_ERRORS = (ValueError, EOFError, zipfile.BadZipFile, zlib.error, lzma.LZM
                   RuntimeError, NotImplementedError, OverflowError, LookupError)
 
 CHUNK = 1 << 16
+PIECE = 1 << 19
 
 
 class ZipReader:
@@ -24,6 +25,7 @@ class ZipReader:
 
     def __init__(self, file):
         self._check_directory(file)
+        self._file = file
         self._zip = zipfile.ZipFile(file)
         if len(set(self.names())) != len(self.names()):
             raise ValueError("a member occurs twice")
@@ -55,6 +57,30 @@ class ZipReader:
         if info.compress_type not in (zipfile.ZIP_STORED, zipfile.ZIP_DEFLATED):
             raise ValueError(f"{name}: unusual compression")
         return self._zip.open(info)
+
+    def sha256(self, name, most):
+        """The size and digest of a member's content; of one that is longer than `most` bytes not the true ones."""
+        digest, length = hashlib.sha256(), 0
+        for data in self._pieces(name):
+            digest.update(data)
+            length += len(data)
+            if length > most:
+                break
+        return length, digest.hexdigest()
+
+    def _pieces(self, name):
+        with self.open(name) as stream:
+            info = self._zip.getinfo(name)
+            if info.compress_type != zipfile.ZIP_STORED:
+                yield from iter(lambda: stream.read(CHUNK), b"")
+                return
+        # Past the library, whose checksum takes as long as the digest.
+        self._file.seek(info.header_offset + 26)
+        left = info.file_size
+        self._file.seek(sum(struct.unpack("<2H", self._file.read(4))), os.SEEK_CUR)  # name and extra field
+        while left and (data := self._file.read(min(left, PIECE))):
+            left -= len(data)
+            yield data
 
     def read(self, name, most):
         """A member's content, at most `most` bytes."""

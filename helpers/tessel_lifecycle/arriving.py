@@ -63,8 +63,10 @@ class Arriving:
         """Adds what has come. @throws Unlike when it is too much, DiskError"""
         if self.have + len(data) > self.most:
             raise Unlike(f"larger than {self.most} bytes")
-        with _disk_errors():
+        try:
             self._file.write(data)
+        except OSError as error:
+            raise DiskError() from error
         self._digest.update(data)
         self.have += len(data)
         self.received += len(data)

@@ -39,14 +39,8 @@ def verify(path, descriptor, signature=None):
             raise ValueError("the signature is not the depot's")
         if parse(archive.read(DESCRIPTOR, MOST_DESCRIPTOR)) != descriptor.document:
             raise ValueError("the descriptor is not the depot's")
-        digest, length = hashlib.sha256(), 0
-        with archive.open(descriptor.payload_name) as payload:
-            while data := payload.read(CHUNK):
-                digest.update(data)
-                length += len(data)
-                if length > descriptor.payload_size:
-                    break
-        if (length, digest.hexdigest()) != (descriptor.payload_size, descriptor.payload_sha256):
+        found = archive.sha256(descriptor.payload_name, descriptor.payload_size)
+        if found != (descriptor.payload_size, descriptor.payload_sha256):
             raise ImageError("PaxSigDigestError", descriptor.label, detail="payload")
 
 

@@ -43,7 +43,9 @@ def stage(image, paxs, on_bytes=lambda count: None):
             return 0
         check_space(image.stage, sum(max(0, offered.size - _begun(path)) for offered, path in missing))
         last = set()
-        brought = sum(run(_bring(offered, path, on_bytes, last) for offered, path in missing))
+        with _Verification() as verification:
+            brought = sum(run(_bring(*each, on_bytes, last, verification) for each in missing))
+            verification.finish()
         sync_file_system(image.stage)
     return brought
 
@@ -60,7 +62,7 @@ def _begun(path):
     return 0
 
 
-def _bring(offered, path, on_bytes, last):
+def _bring(offered, path, on_bytes, last, verification):
     """Brings a PAX from the first of its depots that has it. Those in `last`, which did not answer for another PAX, are
     asked when no other has it."""
     failures = []
@@ -73,9 +75,31 @@ def _bring(offered, path, on_bytes, last):
             if not isinstance(error, ContentError) and not getattr(error.reason, "status", None):
                 last.add(depot)
             continue
-        _verify(offered, path)
+        verification.begin(offered, path)
         return brought
     raise _not_brought(offered, failures) from failures[0]
+
+
+class _Verification:
+    """Verifies PAXs that have come, in a thread of its own, beside those that come."""
+
+    def __init__(self):
+        from concurrent.futures import ThreadPoolExecutor
+        self._pool, self._begun = ThreadPoolExecutor(1), []
+
+    def begin(self, offered, path):
+        self._begun.append(self._pool.submit(_verify, offered, path))
+
+    def finish(self):
+        """Raises ImageError when one was not as described; it is gone then."""
+        for verified in self._begun:
+            verified.result()
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self._pool.shutdown()  # what has come is verified or gone, however the rest ends
 
 
 def _verify(offered, path):
