@@ -184,7 +184,7 @@ def message_of(error):
 
 def test_the_daemon_tells_what_a_helper_records(root):
     """Each failure in the same words, and times, progress and results as they were recorded."""
-    failures = [errors.TaskError(name if name.startswith("com.") else errors.PREFIX + name, ["a", "b", "c", "d"])
+    failures = [errors.TaskError(name if name.startswith("com.") else errors.PREFIX + name, list("abcdefgh"))
                 for name in errors.TEXTS]
     failed = {str(uuid.uuid4()): failure for failure in failures}
     operation = "com.tessel.ryx.kestrel_daemon.software.scan$task"
@@ -234,7 +234,7 @@ def test_identifiers_of_the_helpers_are_known_to_the_daemon(root):
     assert len(texts) > 5 and [name for name, text in texts.items() if text == "Unknown message."] == []
 
 
-ONLY_OF_HELPERS = {"LIFECYCLE", "DESIRED", "REGISTERED_DEPOTS", "IMAGE", "METADATA", "EXTRACTED_DEPOTS"}
+ONLY_OF_HELPERS = {"LIFECYCLE", "DESIRED", "REGISTERED_DEPOTS", "IMAGE", "METADATA", "EXTRACTED_DEPOTS", "TRUST"}
 MADE_OF_OTHERS = {"TASK_DATABASE", "TASK_HELPER"}
 
 

@@ -10,16 +10,17 @@ from tessel_lifecycle.image import InstalledPax
 
 
 class Part:
-    """A package that is unpacked: `pax` as it will be in the database, and the depots' `offered`, if they have one."""
+    """A package that is unpacked: `pax` as it will be in the database, and the depots' `offered`, if they have one,
+    which `admit` makes such a `pax` of."""
 
-    def __init__(self, pax, offered):
-        self.pax, self._offered = pax, offered
+    def __init__(self, pax, offered, admit):
+        self.pax, self._offered, self._admit = pax, offered, admit
 
     def use_offered(self, error):
         """Takes the depot's package from here on; without one raises `error`."""
         if self._offered is None:
             raise error
-        self.pax = _offered_pax(self._offered)
+        self.pax = self._admit(self._offered)
 
     @property
     def descriptor(self):
@@ -39,7 +40,7 @@ class Build:
     """
 
     def __init__(self, image, plan, is_trial=False):
-        self._image, self.plan = image, plan
+        self._image, self.plan, self._is_trial = image, plan, is_trial
         self.reused, self.unpacked, self._copied = [], [], []
         for descriptor in plan.content.descriptors.values():
             present = plan.installed.paxs.get(descriptor.name)
@@ -63,11 +64,19 @@ class Build:
         if present and present.file and package_store.find(self._image, present.file):
             again = copy.copy(present)
             again.installed_at = None
-            return Part(again, offered)
+            return Part(again, offered, self._admit)
         if offered is None:
             raise ImageError("InstallationError",
                              detail=f"files of {descriptor.label} have changed, and no depot has it")
-        return Part(_offered_pax(offered), offered)
+        return Part(self._admit(offered), offered, self._admit)
+
+    def _admit(self, offered):
+        """A depot's package as it will be in the database. @throws ImageError when the host does not take it"""
+        admitted = InstalledPax(offered.descriptor, None, offered.depot.location, offered, signature=offered.signature)
+        if not self._is_trial:
+            admission = self.plan.admission_of(offered)
+            admitted.level, admitted.signed_by = admission.level(offered), admission.signed_by(offered)
+        return admitted
 
     def give_up(self, present):
         """Unpacks a package whose files were to be reused."""
@@ -97,10 +106,6 @@ class Build:
         written = [file for part in self.unpacked for file in part.descriptor.files if file.type == "file"]
         return space.Need(space.of_downloads(self._image, self.missing),
                           space.of_bank(self.plan.content.descriptors.values(), written + self._copied))
-
-
-def _offered_pax(offered):
-    return InstalledPax(offered.descriptor, None, offered.depot.location, offered, signature=offered.signature)
 
 
 def _touched(root, pax, are_sound=False):

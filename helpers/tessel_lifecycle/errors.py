@@ -46,6 +46,10 @@ TEXTS = {
     "PaxHwPlatformError": "Hardware vendor and model requirements of PAXs cannot be satisfied by this host. "
                           "Use PAXs that match hardware vendor and model of host.",
     "PaxRecreateError": "Failed to extract depot from the host: an error occurred while re-creating PAX {1}.",
+    "PaxCertStoreError": "Failed to import certificates or revocation lists while verifying PAX signature.",
+    "PaxSigFormatError": "PAX {1} contains an invalid or corrupted signature.",
+    "PaxSigInvalidError": "PAX {1} contains an invalid or corrupted signature.",
+    "PaxSigMissingError": "PAX {1} does not have a signature and thus cannot be verified.",
     "PaxSigDigestError": "Signature of PAX {1} cannot be verified against its contents.",
     "ReleaseUnitConflictError": "There are unequal Base Images, Addons or Solutions metadata that share the same "
                                 "ID {1}.",
@@ -72,6 +76,47 @@ TEXTS = {
     "DepotFileUnreadable": "{1} cannot be read: {2}. Check the depot's location, below which index.json lies, and "
                            "whether all its files are there.",
     "NotADepot": "What is at {1} is no depot that this host can read: {2}.",
+    "SignatureUnreadable": "The signature of {1} is none that this host can read: {2}. It has to be a detached CMS "
+                           "signature in DER.",
+    "SignatureOfOther": "{1} is not what was signed: it was changed afterwards, on its way or where it was made. "
+                        "Fetch it anew from who made it, and have that signed.",
+    "SignatureWrong": "The signature of {1} was not made with the key of the certificate in it.",
+    "SignerUnknown": "{1} was signed by {2} with a certificate issued by {3}, and no certificate in {4} vouches for "
+                     "that. If it is to be trusted, put the issuer's certificate into the folder of its level there.",
+    "SignerPurpose": "{1} was signed by {2}, whose certificate is not for signing code. It has to name this purpose "
+                     "(extendedKeyUsage codeSigning), and, if it names uses of its key, digitalSignature.",
+    "SignerOutOfTime": "{1} was signed by {2}: the certificate of {3} holds from {4} to {5}, and the clock of this "
+                       "host says {6}. Set the clock if it is wrong; otherwise have it signed with a certificate that "
+                       "holds.",
+    "SignerRevoked": "{1} was signed by {2}: the certificate of {3} was revoked by {4}. Have it signed with another "
+                     "certificate.",
+    "SignerRefused": "{1} was signed by {2}, whose certificate is refused: {3}.",
+    "RevocationListMissing": "{1} was signed by {2}: whether the certificate was revoked cannot be told, since there "
+                             "is no revocation list of {3}. Put it into {4}, as NAME.crl.",
+    "RevocationListOld": "{1} was signed by {2}: whether the certificate was revoked cannot be told, since the "
+                         "revocation list of {3} holds from {4} to {5}, and the clock of this host says {6}. Put a "
+                         "newer list beside the certificate in {7}, or set the clock.",
+    "RevocationListRefused": "{1} was signed by {2}: whether the certificate was revoked cannot be told, since the "
+                             "revocation list of {3} is refused: {4}.",
+    "TrustStoreUnreadable": "Who signed {1} cannot be told: {2}: {3}.",
+    "TrustStoreEmpty": "Who signed {1} is not asked, since this host trusts nobody: there is no certificate in {2}.",
+    "PaxUnsigned": "{1} is not signed, and this host takes only what is vouched for as {2} or better "
+                   "(acceptance_level in {3}).",
+    "PaxLevelTooLow": "{1} is vouched for as {2}, by {3}, and this host takes only what is vouched for as {4} or "
+                      "better (acceptance_level in {5}).",
+    "PaxSetuid": "{1} has {2}, which runs with the rights of its owner or group whoever starts it (setuid, setgid). "
+                 "Only a package that a certificate in {3} vouches for may have such files.",
+    "PaxsTakenUnsigned": "Nobody whom this host trusts vouches for {1} of the packages, which are taken all the same: "
+                         "{2}.",
+    "IndexUnsigned": "{1} is not signed, and this host takes depots only whose index is signed by who is trusted as "
+                     "{2} or better (acceptance_level in {3}).",
+    "IndexLevelTooLow": "{1} is vouched for as {2}, by {3}, and this host takes depots only whose index is signed by "
+                        "who is trusted as {4} or better (acceptance_level in {5}).",
+    "IndexExpired": "{1} held until {2}, and the clock of this host says {3}. Have its index signed anew, or set the "
+                    "clock if it is wrong.",
+    "IndexFromLater": "{1} was signed at {2}, and the clock of this host says {3}. Set the clock.",
+    "IndexOlder": "{1} was signed at {2}; this host has seen a newer one there, signed by {3} at {4}. Somebody may "
+                  "hold back what is new. If it was put back on purpose, have it signed anew.",
     "DepotsEmpty": "No depot is registered. Register one that has what is desired.",
     "DepotNotAsked": "A registered depot could not be asked; it may have what was not found.",
     "PaxContentDiffers": "PAX {1} is wanted with other content than what is installed under its name and version.",
@@ -129,7 +174,8 @@ INCOMPATIBILITIES = frozenset((
     "AcceptanceConfigError", "AddonBaseImageMismatchError", "AddonValidationError", "BaseimageValidationError",
     "ComponentDowngradeError", "ComponentValidationError", "IncompatibleSolutionCompsError",
     "IncompatibleSolutionComponentError", "ManifestBaseImageMismatchError", "ManifestConflictError",
-    "MultipleManifestError", "PaxHwPlatformError"))
+    "MultipleManifestError", "PaxCertStoreError", "PaxHwPlatformError", "PaxSigDigestError", "PaxSigFormatError",
+    "PaxSigInvalidError", "PaxSigMissingError"))
 
 INVALID_INPUT = "com.tessel.ryx.orbi.invalidinput"
 

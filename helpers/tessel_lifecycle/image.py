@@ -169,7 +169,7 @@ class Image(Banks):
             with open(self.path(bank, "descriptors", descriptor.name + ".json"), "x") as file:
                 file.write(compact(descriptor.document))
         for pax in paxs:
-            if pax.signature:
+            if pax.signature and pax.descriptor.document == content.descriptors[pax.descriptor.name].document:
                 with open(self.path(bank, "descriptors", pax.descriptor.name + ".cms"), "xb") as file:
                     file.write(pax.signature)
         overridden_units = overridden.to_document(content.overridden)

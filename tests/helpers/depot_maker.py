@@ -58,8 +58,8 @@ def write_tree(root, files):
                 file.write(content)
 
 
-def write_depot(folder, *units):
-    """Writes a depot; returns its location. Units are what the functions above return."""
+def write_depot(folder, *units, sign=lambda content: None):
+    """Writes a depot; returns its location. Units are what the functions above return; `sign` makes signatures."""
     folder.mkdir(parents=True)
     writer = DepotWriter(str(folder), "Test")
     for number, (kind, document, *files) in enumerate(units):
@@ -68,7 +68,8 @@ def write_depot(folder, *units):
             root.mkdir()
             write_tree(root, files[0])
             listing = pax.listing(str(root))
-            writer.add_pax(document | {"files": listing}, str(root), [PayloadFile(entry) for entry in listing])
+            writer.add_pax(document | {"files": listing}, str(root), [PayloadFile(entry) for entry in listing],
+                           sign)
         else:
             writer.add(KINDS[kind](document))
     writer.finish()
