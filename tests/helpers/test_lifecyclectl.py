@@ -211,4 +211,6 @@ def test_only_old_leftovers_are_removed(host, sample_depot):
         (LIFECYCLE / name).touch()
         os.utime(LIFECYCLE / name, None if name == new else (0, 0))
     failed(ended(host, start(host, image={"base_image": {"version": "9"}}, depots=[sample_depot])))
+    assert [name for name in (new, *old) if (LIFECYCLE / name).exists()] == [new, *old[3:]], "the stage is wanted again"
+    ended(host, start(host, image=IMAGE, depots=[sample_depot]))
     assert [name for name in (new, *old) if (LIFECYCLE / name).exists()] == [new, *old[3:5]]
