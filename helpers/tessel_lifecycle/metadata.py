@@ -18,6 +18,7 @@ from tessel_lifecycle.document import Fields, list_of, map_of, name, sha256, siz
 from tessel_lifecycle.errors import ImageError
 from tessel_lifecycle.version import Range, Version
 
+UNITS = "lib/systemd/system/"  # where a payload has its units
 ACCEPTANCE_LEVELS = ("CERTIFIED", "ACCEPTED", "PARTNER", "COMMUNITY")  # from the strictest
 MOST_SIGNATURE = 64 << 10
 
@@ -301,9 +302,14 @@ class Descriptor(Unit):
         self.installed_size = sum(file.size for file in self.files if file.type == "file")
         if max(self.installed_size, self.payload_size) > self.MOST_INSTALLED:
             raise ValueError("payload is too large")
-        problem = content_problem([self])
+        problem = content_problem([self]) or self._unit_problem()
         if problem:
             raise ValueError(problem)
+
+    def _unit_problem(self):
+        files = {file.path for file in self.files}
+        missing = [unit for unit in self.services if not files & {UNITS + unit, UNITS + unit_file(unit)}]
+        return missing and f"{missing[0]} is not in {UNITS} of the payload"
 
     @functools.cached_property
     def identity(self):
@@ -318,6 +324,12 @@ def unit_name(value):
     if not isinstance(value, str) or len(value) > 255 or not _UNIT_NAME.fullmatch(value):
         raise ValueError(f"not a service's name: {value!r:.80}")
     return value
+
+
+def unit_file(unit):
+    """The file that a unit is made from: that of its name, or its template's (systemd.unit(5))."""
+    name, at, rest = unit.partition("@")
+    return f"{name}@.{rest.rpartition('.')[2]}" if at else unit
 
 
 def flag(value):

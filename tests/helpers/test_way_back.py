@@ -39,7 +39,7 @@ PAYLOAD, OTHER = {"etc/x": "x"}, {"etc/x": "other"}
 OTHER_CONTENT = {  # what another depot has under the versions that are installed: files, descriptor, statuses
     "same": ((PAYLOAD, {}), (PAYLOAD, {}), [YES, YES, {"c": YES, "d": YES}]),
     "file": ((OTHER, {}), (PAYLOAD, {}), [NO, YES, {"c": NO, "d": YES}]),
-    "service": ((PAYLOAD, {"services": ["x.service"]}), (PAYLOAD, {}), [NO, YES, {"c": NO, "d": YES}]),
+    "descriptor": ((PAYLOAD, {"live_install": False}), (PAYLOAD, {}), [NO, YES, {"c": NO, "d": YES}]),
     "base image's own": ((PAYLOAD, {}), ({"etc/y": "y"}, {}), [NO, NO, {"c": YES, "d": YES}]),
 }
 
