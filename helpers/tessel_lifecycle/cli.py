@@ -20,18 +20,18 @@ class Command:
     """`function` is MODULE:FUNCTION, `values` the number of values after the verb.
 
     An inline command ends with `bad_usage` when its line is not understood, with `failed` when something breaks, and
-    with `late` when it takes too long, which only depots do.
+    with `late` when it takes more than `seconds`, or INLINE_LIMIT, which only depots and booting hosts do.
     A task has an `operation`, by which its record names it, and takes `required` options, --task-id and `optional`
     ones. `documents` are the input files that the daemon makes for it, whatever the line says; one whose path ends
     with "-" has the task's identifier behind it. `claim` is the one that the daemon makes for the task.
     """
 
     def __init__(self, function, values=0, required=(), operation="", bad_usage=1, failed=1, late=1, optional=(),
-                 documents=(), claim=host_claim.TASK):
+                 documents=(), claim=host_claim.TASK, seconds=None):
         self.function, self.values, self.operation = function, values, operation
         self.optional, self.documents, self.claim = optional, documents, claim
         self.required = (*required, "--task-id") if operation else required
-        self.bad_usage, self.failed, self.late = bad_usage, failed, late
+        self.bad_usage, self.failed, self.late, self.seconds = bad_usage, failed, late, seconds
 
     def load(self):
         """The function itself."""
@@ -60,6 +60,8 @@ COMMANDS = {
     ("component", "--list"): Command("installed_software:components"),
     ("PAX", "--list-all"): Command("installed_software:packages"),
     ("PAX", "--list-orphan"): Command("installed_software:orphan_packages"),
+    ("software", "--boot"): Command("boot:bring_up", seconds=300),
+    ("software", "--boot-watch"): Command("boot:watch", seconds=600),
     ("software", "--scan"): Command("software_tasks:scan", operation=_DAEMON + "software.scan$task",
                                     required=_WITH_SPEC["required"], documents=(paths.SCAN_DOCUMENT,)),
     ("software", "--stage"): Command("software_tasks:software_stage", operation=_DAEMON + "software.stage$task",
@@ -95,17 +97,19 @@ def main(arguments):
 
 
 def _run_inline(command, words):
-    """Runs a command whose caller waits; it ends itself at INLINE_LIMIT seconds."""
+    """Runs a command whose caller waits; it ends itself when its time is over."""
     import signal
+
+    limit = command.seconds or INLINE_LIMIT
 
     def too_long(*_):
         from tessel_lifecycle.errors import Note
-        sys.stderr.write(f"given up after {INLINE_LIMIT} seconds\n")
-        _tell_daemon([Note("com.tessel.ryx.host_settings.command.late", INLINE_LIMIT)])
+        sys.stderr.write(f"given up after {limit} seconds\n")
+        _tell_daemon([Note("com.tessel.ryx.host_settings.command.late", limit)])
         os._exit(command.late)
 
     signal.signal(signal.SIGALRM, too_long)
-    signal.alarm(INLINE_LIMIT)
+    signal.alarm(limit)
     if len(words) != command.values:
         return _refused_line(command, words)
     try:

@@ -16,6 +16,7 @@ TEXTS = {
     "ComponentDowngradeError": "The operation cannot continue due to downgrade of the following Components: {1}.",
     "ComponentFormatError": "An error occurred while parsing or merging components.",
     "ComponentNotFoundError": "Component {1} cannot be found in depot.",
+    "ComponentUnmountError": "Failed to remove Component {1}, files may still be in use.",
     "ComponentValidationError": "There are Compoment relation and content problems with the desired state.",
     "DatabaseFormatError": "The image database on the host is invalid or corrupted.",
     "DatabaseIOError": "Cannot read or write the image database on the host.",
@@ -28,7 +29,9 @@ TEXTS = {
     "IncompatibleSolutionComponentError": "No compatible Component {1} is found in Solution {2}, "
                                           "candidate versions are: {3}.",
     "InstallationError": "An internal error occurred while remediating the host.",
+    "LiveInstallationError": "An error occurred while performing live system changes during the remediation.",
     "LockingError": "Remediation cannot begin because another process is updating the host.",
+    "MaintenanceModeError": "Maintenance mode is either not enabled or cannot be determined on the host.",
     "ManifestBaseImageMismatchError": "Manifest with Hardware Support Manager {1} and Hardware Support Package {2} "
                                       "version {3} does not support Base Image version {4}.",
     "ManifestConflictError": "Hardware Support Packages with ID {1} and {2} have overlapping Base Image support. "
@@ -53,6 +56,8 @@ TEXTS = {
     "PaxSigDigestError": "Signature of PAX {1} cannot be verified against its contents.",
     "ReleaseUnitConflictError": "There are unequal Base Images, Addons or Solutions metadata that share the same "
                                 "ID {1}.",
+    "ServiceDisableError": "Failed to remove Component {1}: an error occurred while disabling service {2}.",
+    "ServiceEnableError": "Failed to apply Component {1}: an error occurred while enabling service {2}.",
     "SoftwareInfoExtractError": "An error occurred while extracting image info on the host.",
     "SoftwareSpecFormatError": "Corrputed or invalid software specification format. Missing attribute: {1}.",
     "SolutionComponentNotFound": "Component(s) {1} within software Solution {2} cannot be found in depot.",
@@ -138,6 +143,15 @@ TEXTS = {
     "HardwareSupportKnown": "The depots have these Hardware Support Packages: {1}.",
     "SolutionVersionsKnown": "The depots have Solution {1} in these versions: {2}.",
     "SolutionNamesKnown": "No depot has a Solution {1}. There is: {2}.",
+    "NotActivated": "not activated: {1}.",
+    "ServiceState": "Service {1} is {2}.",
+    "ServiceLog": "The last log lines of {1}: {2}",
+    "ServiceLeftAlone": "Service {1} is left alone: {2}.",
+    "NameTaken": "{1} of package {2} has the name of {3}, which the host has already.",
+    "PrefixTaken": "{1} is in the way: it has to be a link to {2}. Move it away and try again.",
+    "MaintenanceModeNeeded": "These packages change only while the host is in maintenance mode: {1}.",
+    "PutBack": "The host runs the image from before again.",
+    "BankUnusable": "Bank {1} of the image cannot be used: {2}.",
     "com.tessel.ryx.host_settings.command.late": "It was given up after {1} seconds. Registered depots may answer too "
                                                  "slowly.",
     "com.tessel.ryx.host_settings.command.reason": "Reason: {1}",
@@ -174,6 +188,7 @@ INCOMPATIBILITIES = frozenset((
     "AcceptanceConfigError", "AddonBaseImageMismatchError", "AddonValidationError", "BaseimageValidationError",
     "ComponentDowngradeError", "ComponentValidationError", "IncompatibleSolutionCompsError",
     "IncompatibleSolutionComponentError", "ManifestBaseImageMismatchError", "ManifestConflictError",
+    "LiveInstallationError", "MaintenanceModeError", "ServiceEnableError",
     "MultipleManifestError", "PaxCertStoreError", "PaxHwPlatformError", "PaxSigDigestError", "PaxSigFormatError",
     "PaxSigInvalidError", "PaxSigMissingError"))
 

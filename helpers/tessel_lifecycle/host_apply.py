@@ -17,7 +17,7 @@ class _Part:
 
     def __init__(self, task, low, high):
         self._task, self._low, self._span = task, low, high - low
-        self.commit = task.commit
+        self.id, self.operation, self.commit = task.id, task.operation, task.commit
 
     def progress(self, percent):
         self._task.progress(self._low + self._span * percent / 100)

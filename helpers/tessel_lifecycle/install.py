@@ -2,7 +2,7 @@
 
 import contextlib
 
-from tessel_lifecycle import archive, files, installed_file, package_store, parallel, pax
+from tessel_lifecycle import activation, archive, files, installed_file, package_store, parallel, pax
 from tessel_lifecycle.build import Build
 from tessel_lifecycle.errors import ImageError
 from tessel_lifecycle.progress import Progress
@@ -24,7 +24,8 @@ def prepare(image, plan, task):
 
 
 def apply(image, plan, task):
-    """Makes the plan's content the running image. Returns the bytes that were brought for it. @throws ImageError
+    """Makes the plan's content the running image. Returns the bytes that were brought for it, and the `activation` of
+    the task's result. @throws ImageError
 
     What an apply that fails has brought stays in the stage; after one that succeeds it is among the kept packages.
     """
@@ -38,15 +39,14 @@ def apply(image, plan, task):
             Room(image, build.wanted).make(build.need().files)
             brought += _fill(image, bank, build, progress, now)
             progress.enter("activate")
-            task.commit()
-            image.switch(bank)
+            activated = activation.switch(image, bank, plan.installed.content, plan.content, task)
         except BaseException:
             with contextlib.suppress(OSError, ImageError):
                 if image.current() != bank:
                     image.discard(bank)
             raise
         package_store.settle(image)
-    return brought
+    return brought, activated
 
 
 def _bring(image, build, progress):

@@ -12,6 +12,7 @@ TASK_DOCUMENT = "/var/tessel/lifecycle/swspec-"
 DEPOTS_DOCUMENT = "/var/tessel/lifecycle/depots-"
 CONFIGURATION_DOCUMENT = "/var/tessel/lifecycle/config-"
 IMAGE_DOCUMENT = "/var/tessel/lifecycle/image-"
+MAINTENANCE_MODE = "/var/run/tessel/maintenance-mode"  # a file that is there while the host is in it
 SCAN_DOCUMENT = "/var/run/lifecycle.scan.swspec"
 DESIRED = "/var/tessel/lifecycle/desired"
 REGISTERED_DEPOTS = DESIRED + "/depots.json"

@@ -3,7 +3,7 @@ task's result in plain JSON."""
 
 import contextlib
 
-from tessel_lifecycle import compliance, files, install, overridden, paths, spare, staging, verify
+from tessel_lifecycle import activation, compliance, files, install, overridden, paths, spare, staging, verify
 from tessel_lifecycle.build import Build
 from tessel_lifecycle.errors import INVALID_INPUT, ImageError, Note, TaskError
 from tessel_lifecycle.fetch import TASK
@@ -71,6 +71,7 @@ def scan(task, options):
     errors = [unreadable] if unreadable else []
     try:
         plan.check()
+        activation.check(Image(paths.IMAGE), installed.content, plan.content)
     except ImageError as error:
         if not compliance.is_incompatibility(error):
             raise
@@ -169,6 +170,7 @@ def software_rollback(task, _):
     """Makes the spare image the running one again, as it is."""
     image = Image(paths.IMAGE)
     with image.locked():
+        activation.recover(image)
         way_back = spare.find(image)
         if way_back is None:
             raise ImageError("StatelessError", notes=[Note("NoSpareImage")])
@@ -176,6 +178,7 @@ def software_rollback(task, _):
         damaged = verify.find_damage(installed)
         plan = way_back.plan(image, installed, verify.names(damaged))
         plan.check()
+        activation.check(image, installed.content, plan.content)
         task.progress(_RESOLVED)
         return _apply(image, plan, task, verify.notes(damaged))
 
@@ -225,11 +228,13 @@ def _change(task, depots, spec, finish, downgrades=False):
     """What all changing tasks share: lock the image, find out what is wanted and what it takes, then `finish`."""
     image = Image(paths.IMAGE)
     with image.locked():
+        activation.recover(image)
         installed = image.read()
         wanted = spec(installed)
         damaged = verify.find_damage(installed)
         plan = _plan(task, image, installed, wanted, depots, damaged, _RESOLVED)
         plan.check(downgrades)
+        activation.check(image, installed.content, plan.content)
         task.progress(_RESOLVED)
         return finish(image, plan, task, verify.notes(damaged) + plan.warnings)
 
@@ -258,11 +263,11 @@ def _stage(image, plan, task, warnings):
 
 
 def _apply(image, plan, task, warnings):
-    before, brought = plan.installed.content, 0
+    before, brought, activated = plan.installed.content, 0, None
     if plan.bank:
-        task.commit()
-        image.switch(plan.bank)
+        with staging.installation_errors():
+            activated = activation.switch(image, plan.bank, before, plan.content, task)
     elif not plan.is_done:
-        brought = install.apply(image, plan, task)
+        brought, activated = install.apply(image, plan, task)
     changed = bool(plan.bank) or not plan.is_done
-    return compliance.apply_result(changed, before, plan.content, brought, warnings=warnings)
+    return compliance.apply_result(changed, before, plan.content, brought, activated, warnings)

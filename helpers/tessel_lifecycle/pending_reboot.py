@@ -1,0 +1,60 @@
+"""What takes effect with the next boot: packages that cannot be changed while the host runs.
+
+For each such package that was changed, the file names the content that has been running since the boot. A
+package is pending while the image has another; the file of an earlier boot says nothing.
+
+Imported by commands that have to answer fast, so it imports little.
+"""
+
+import os
+
+from tessel_lifecycle import files
+from tessel_lifecycle.document import compact, parse
+
+_MOST = 4 << 20
+
+
+def boot_id():
+    """What tells this boot from all others (random(4))."""
+    with open("/proc/sys/kernel/random/boot_id") as file:
+        return file.read().strip()
+
+
+def path_of(banks):
+    return banks.path("reboot.json")
+
+
+def running(banks):
+    """Package name -> what has been running since the boot, None if nothing; of packages that were changed since."""
+    try:
+        document = parse(files.read_bounded(path_of(banks), _MOST))
+        return dict(document["packages"]) if document["boot"] == boot_id() else {}
+    except (OSError, ValueError, KeyError, TypeError):
+        return {}
+
+
+def write(banks, packages):
+    """@throws OSError"""
+    if packages:
+        files.replace(path_of(banks), compact({"boot": boot_id(), "packages": packages}).encode())
+    elif os.path.lexists(path_of(banks)):
+        os.unlink(path_of(banks))
+        files.sync_directory(banks.directory)
+
+
+def of_content(content):
+    """Package name -> what tells its content from all others."""
+    return {descriptor.name: descriptor.identity for descriptor in content.descriptors.values()}
+
+
+def pending(banks):
+    """The names of the packages that wait for a boot. @throws ImageError"""
+    kept, bank = running(banks), banks.current()
+    return sorted(name for name, since_boot in kept.items() if _present(banks, bank, name) != since_boot)
+
+
+def _present(banks, bank, name):
+    if bank is None or not os.path.exists(banks.path(bank, "descriptors", name + ".json")):
+        return None
+    from tessel_lifecycle.metadata import Descriptor
+    return Descriptor(banks.document(bank, "descriptors", name + ".json")).identity
