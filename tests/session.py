@@ -18,7 +18,7 @@ TEXTS = yaml.safe_load(pathlib.Path(__file__).with_name("message_texts.yaml").re
 UUID = r"[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}"
 PLACE = "com.tessel.ryx.settings.place"
 TIME = r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z"
-SIZES = ("payload_size", "download_size", "downloaded", "size")
+SIZES = ("payload_size", "download_size", "downloaded", "size", "required_space", "free_space")
 RECORD = ("description", "service", "operation", "user", "cancelable", "status", "start_time", "end_time", "progress",
           "result", "error")
 

@@ -84,8 +84,9 @@ class Build:
         self.unpacked.append(self._part(present.descriptor, present))
 
     def paxs(self):
-        """The packages as they will be in the database."""
-        return self.reused + [part.pax for part in self.unpacked]
+        """The packages as they will be in the database, in the order in which they depend on each other."""
+        built = {pax.descriptor.name: pax for pax in (*self.reused, *(part.pax for part in self.unpacked))}
+        return [built[descriptor.name] for descriptor in self.plan.content.install_order()]
 
     @property
     def missing(self):

@@ -78,14 +78,17 @@ def scan(task, options):
         errors.append(error)
     warnings = [Note("PaxContentDiffers", pax.label) for pax in plan.replaced] + verify.notes(damaged) + plan.warnings
     download, *space = (plan.download_size, None, None) if unreadable else _costs(image, plan)
-    if not unreadable and space[0] > space[1]:
+    if space[0] and space[0] > space[1]:
         warnings.append(shortage(paths.IMAGE, *space))
     return compliance.scan_result(present, compliance.of_content(plan.content), download, errors, warnings, space)
 
 
 def _costs(image, plan):
-    """Bytes that bringing the host to the plan downloads, takes on the file system, and finds there."""
-    if plan.is_done or plan.bank:
+    """Bytes that bringing the host to the plan downloads, takes on the file system, and finds there; None is all that
+    a change takes that does not come."""
+    if plan.is_done:
+        return 0, None, None
+    if plan.bank:
         return 0, 0, Room(image).free()
     build = Build(image, plan, is_trial=True)
     return sum(p.size for p in build.missing), build.need().total, Room(image, build.wanted).obtainable()
