@@ -17,7 +17,7 @@ class DiskError(Exception):
 class Arriving:
     """A file of at most `most` bytes, or, with a digest, of exactly that size and digest, that is written as it comes.
 
-    `file` holds what came of it earlier, which is gone on from.
+    `file`, which has no buffer, holds what came of it earlier, which is gone on from.
     """
 
     def __init__(self, file, most, sha256, on_bytes):
@@ -64,7 +64,9 @@ class Arriving:
         if self.have + len(data) > self.most:
             raise Unlike(f"larger than {self.most} bytes")
         try:
-            self._file.write(data)
+            written = self._file.write(data)
+            while written < len(data):  # on a disk that is nearly full
+                written += self._file.write(data[written:])
         except OSError as error:
             raise DiskError() from error
         self._digest.update(data)

@@ -29,7 +29,7 @@ class HttpSource(Source):
     def bringing(self, name, path, size, sha256, on_bytes=lambda count: None):
         part = path + ".part"
         try:
-            with open(os.open(part, os.O_RDWR | os.O_CREAT | os.O_CLOEXEC, 0o600), "r+b") as file:
+            with open(os.open(part, os.O_RDWR | os.O_CREAT | os.O_CLOEXEC, 0o600), "r+b", buffering=0) as file:
                 content = Arriving(file, size, sha256, on_bytes)
                 try:
                     yield from self._bring(name, content)
