@@ -1,5 +1,6 @@
 """Versions, dotted numbers with an optional `-release` suffix, and ranges of them."""
 
+import bisect
 import functools
 import re
 
@@ -62,10 +63,21 @@ class Range:
             match = self._TERM.fullmatch(term.strip())
             if not match:
                 raise ValueError(f"not a version range: {text!r:.80}")
-            self._terms.append((self._COMPARISONS[match[1]], Version(match[2])))
+            self._terms.append((match[1], Version(match[2])))
 
     def __contains__(self, version):
-        return all(compare(version, bound) for compare, bound in self._terms)
+        return all(self._COMPARISONS[comparison](version, bound) for comparison, bound in self._terms)
+
+    def span(self, versions):
+        """Which of ascending versions are meant, as (first, end): no range leaves out versions between two others."""
+        first, end = 0, len(versions)
+        for comparison, bound in self._terms:
+            below, up_to = bisect.bisect_left(versions, bound), bisect.bisect_right(versions, bound)
+            if comparison not in ("<", "<="):
+                first = max(first, up_to if comparison == ">" else below)
+            if comparison not in (">", ">="):
+                end = min(end, below if comparison == "<" else up_to)
+        return first, max(first, end)
 
     def __str__(self):
         return self.text
