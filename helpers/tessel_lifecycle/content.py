@@ -6,10 +6,13 @@ from tessel_lifecycle.metadata import Catalogue, content_problem
 
 
 class Choice:
-    """A component of an image and who asked for it: BASE_IMAGE, ADD_ON, HARDWARE_SUPPORT, SOLUTION or COMPONENT."""
+    """A component of an image and who asked for it: BASE_IMAGE, ADD_ON, HARDWARE_SUPPORT, SOLUTION or COMPONENT.
 
-    def __init__(self, component, source):
-        self.component, self.source = component, source
+    Nobody named one that is `pulled_in`: it is there because others need it, and has the source of one of these.
+    """
+
+    def __init__(self, component, source, pulled_in=False):
+        self.component, self.source, self.pulled_in = component, source, pulled_in
 
     @property
     def version(self):
@@ -40,7 +43,8 @@ class Content:
         return (self.base_image and self.base_image.key, self.add_on and self.add_on.key,
                 sorted(manifest.key for manifest in self.hardware_support),
                 sorted((name, solution.version, sorted(parts)) for name, (solution, parts) in self.solutions.items()),
-                sorted((name, choice.version, choice.source) for name, choice in self.components.items()),
+                sorted((name, choice.version, choice.source, choice.pulled_in)
+                       for name, choice in self.components.items()),
                 sorted(descriptor.identity for descriptor in self.descriptors.values()))
 
     def problems(self):

@@ -12,7 +12,7 @@ from tessel_lifecycle.content import Choice, Content
 from tessel_lifecycle.document import Fields, compact, list_of, name, sha256, size, text
 from tessel_lifecycle.errors import ImageError
 from tessel_lifecycle.metadata import (MOST_SIGNATURE, AddOn, BaseImage, Catalogue, Component, Descriptor, Manifest,
-                                       Solution, acceptance_level, date_time)
+                                       Solution, acceptance_level, date_time, flag)
 from tessel_lifecycle.version import Version
 
 SOURCES = ("BASE_IMAGE", "ADD_ON", "HARDWARE_SUPPORT", "SOLUTION", "COMPONENT")
@@ -101,7 +101,8 @@ class Image(Banks):
             content.solutions[solution.name] = solution, entry.take("components", list_of(name))
         for entry in fields.take("components", list_of(Fields)):
             component = entry.take("document", Component)
-            content.components[component.name] = Choice(component, SOURCES[SOURCES.index(entry.take("source", text))])
+            source = SOURCES[SOURCES.index(entry.take("source", text))]
+            content.components[component.name] = Choice(component, source, entry.take("pulled_in", flag, False))
             installed.component_dates[component.name] = entry.take("installed_at", date_time)
         for entry in fields.take("paxs", list_of(Fields)):
             key = entry.take("name", name), entry.take("version", Version)
@@ -198,7 +199,8 @@ def _database(content, dates, paxs, now):
         "solutions": [{"document": solution.document, "components": components}
                       for solution, components in content.solutions.values()],
         "components": [{"document": choice.component.document, "source": choice.source,
-                        "installed_at": dates.get(name, now)} for name, choice in content.components.items()],
+                        "pulled_in": choice.pulled_in, "installed_at": dates.get(name, now)}
+                       for name, choice in content.components.items()],
         "paxs": [_pax_entry(pax, now) for pax in paxs]}
 
 

@@ -217,7 +217,7 @@ def _spec_of(installed):
     document = {
         "base_image": {"version": content.base_image.version.text},
         "components": {name: {"version": choice.version.text} for name, choice in content.components.items()
-                       if choice.source == "COMPONENT"},
+                       if choice.source == "COMPONENT" and not choice.pulled_in},
         "solutions": {name: {"version": solution.version.text, "components": parts}
                       for name, (solution, parts) in content.solutions.items()},
         "hardware_support": {manifest.manager: {"package": manifest.package, "version": manifest.version.text}

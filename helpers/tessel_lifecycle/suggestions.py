@@ -10,7 +10,7 @@ _MOST = 5  # versions or names told
 
 def base_image(catalogue, wanted):
     """The versions of the base image that are the nearest."""
-    return [Note("BaseImageVersionsKnown", _versions(catalogue.base_images, wanted))]
+    return [Note("BaseImageVersionsKnown", nearest(catalogue.base_images, wanted))]
 
 
 def add_on(catalogue, name, wanted):
@@ -42,11 +42,12 @@ def names_like(name, known):
 def _unit(kind, units, name, wanted):
     versions = [version for known, version in units if known == name]
     if versions:
-        return [Note(kind + "VersionsKnown", name, _versions(versions, wanted))]
+        return [Note(kind + "VersionsKnown", name, nearest(versions, wanted))]
     return [Note(kind + "NamesKnown", name, names_like(name, {known for known, _ in units}))]
 
 
-def _versions(versions, wanted):
+def nearest(versions, wanted=None):
+    """Some versions in a text: those next to the wanted one, or the newest."""
     ordered = sorted(set(versions))
     place = bisect.bisect(ordered, wanted) if wanted else len(ordered)
     first = max(0, min(place - _MOST // 2, len(ordered) - _MOST))
