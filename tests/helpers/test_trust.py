@@ -14,16 +14,13 @@ import pytest
 from authority import SIGNER, Authority, self_signed
 from depot_maker import base_image, component, package, reference, tar, write_depot, write_metadata, write_tree
 from tessel_lifecycle import files, host, install, paths, pax, signature, trust
-from tessel_lifecycle.depot import Depot, merged
+from tessel_lifecycle.depot import Depot
 from tessel_lifecycle.depot_writer import DepotWriter
 from tessel_lifecycle.errors import ImageError
 from tessel_lifecycle.fetch import Patience
 from tessel_lifecycle.image import Image
 from tessel_lifecycle.metadata import PayloadFile
-from tessel_lifecycle.plan import Plan
-from tessel_lifecycle.resolve import resolve
-from tessel_lifecycle.spec import SoftwareSpec
-from test_image import QuietTask
+from test_image import QuietTask, plan
 
 ONCE = Patience(attempts=1, timeout=2, pause=0, limit=2)
 
@@ -272,18 +269,10 @@ def signed_depot(world, settings, tmp_path):
         sign=lambda content: world.sign(content, "good"))
 
 
-def plan_of(image, location, version="8.0-1"):
-    installed, catalogue = image.read(), merged([Depot(location, ONCE)])
-    made = dict(catalogue.paxs)
-    catalogue.paxs.update(installed.catalogue().paxs)
-    return Plan(resolve(SoftwareSpec({"base_image": {"version": version}}), catalogue), installed, made)
-
-
 def apply(image, location, version="8.0-1"):
     with image.locked():
-        made = plan_of(image, location, version)
+        made = plan(image, location, version)
         made.check()
-        install.stage(image, made.new)
         install.apply(image, made, QuietTask())
 
 
@@ -355,7 +344,7 @@ def test_an_image_remembers_who_vouched_and_hands_it_on(signed_depot, settings, 
 
 def test_a_certificate_that_expires_between_stage_and_apply(signed_depot, tmp_path, monkeypatch):
     image = Image(str(tmp_path / "image"))
-    staged = plan_of(image, signed_depot)
+    staged = plan(image, signed_depot, "8.0-1")
     staged.check()
     install.stage(image, staged.new)
     later = trust.now() + datetime.timedelta(days=40)
