@@ -234,7 +234,8 @@ def test_identifiers_of_the_helpers_are_known_to_the_daemon(root):
     assert len(texts) > 5 and [name for name, text in texts.items() if text == "Unknown message."] == []
 
 
-ONLY_OF_HELPERS = {"LIFECYCLE", "DESIRED", "REGISTERED_DEPOTS", "IMAGE", "METADATA", "EXTRACTED_DEPOTS", "TRUST"}
+ONLY_OF_HELPERS = {"LIFECYCLE", "DESIRED", "REGISTERED_DEPOTS", "IMAGE", "METADATA", "EXTRACTED_DEPOTS",
+                   "SEEN_INDEXES", "TRUST"}
 MADE_OF_OTHERS = {"TASK_DATABASE", "TASK_HELPER"}
 
 

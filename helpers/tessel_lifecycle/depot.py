@@ -4,7 +4,9 @@ import contextlib
 import gc
 import hashlib
 
+from tessel_lifecycle import depot_index
 from tessel_lifecycle.archive import ARCHIVE_ERRORS
+from tessel_lifecycle.depot_index import INDEX
 from tessel_lifecycle.depot_notes import why_not_read
 from tessel_lifecycle.document import Fields, list_of, parse, sha256, shallow, size, text
 from tessel_lifecycle.document_archive import DocumentArchive
@@ -14,7 +16,6 @@ from tessel_lifecycle.location import open_source
 from tessel_lifecycle.metadata import KINDS, Catalogue, relative_path
 from tessel_lifecycle.metadata_cache import MetadataCache
 
-INDEX = "index.json"
 MOST_INDEX = 1 << 20
 MOST_METADATA_FILES = 16
 MOST_METADATA = 256 << 20  # bytes of all metadata files of a depot as they lie there, and of their documents unpacked
@@ -32,9 +33,12 @@ class _MetadataFile:
 class Depot:
     """A depot at a location; nothing is read before it is asked for."""
 
-    def __init__(self, location, patience, cache=MetadataCache()):
-        """@param cache  where metadata that was brought from afar is kept"""
-        self.location, self._cache = location, cache
+    def __init__(self, location, patience, cache=MetadataCache(), check=depot_index.check):
+        """@param cache  where metadata that was brought from afar is kept
+
+        @param check  gives out the index, as depot_index.check does, if this host takes it
+        """
+        self.location, self._cache, self._check = location, cache, check
         try:
             self.source = open_source(location, patience)
         except FetchError as error:
@@ -43,7 +47,7 @@ class Depot:
     def connect(self):
         """Reads the index and sets `vendor` and the list of metadata files. @throws ImageError"""
         try:
-            data = self.source.read(INDEX, MOST_INDEX)
+            data = self._check(self.source, lambda: self.source.read(INDEX, MOST_INDEX))
         except FetchError as error:
             raise _not_connected(error) from error
         try:

@@ -5,7 +5,7 @@ import os
 import shutil
 import zipfile
 
-from tessel_lifecycle import files, pax
+from tessel_lifecycle import depot_index, files, pax
 from tessel_lifecycle.archive import add_member
 from tessel_lifecycle.document import compact
 from tessel_lifecycle.metadata import Pax
@@ -60,12 +60,12 @@ class DepotWriter:
             unit["signature"] = base64.b64encode(signature).decode()
         self.add(Pax(unit))
 
-    def finish(self):
-        """Writes metadata and index."""
+    def finish(self, sign=None, valid_for=None):
+        """Writes metadata and index; the latter signed, for so many days, if `sign` makes signatures."""
         path = os.path.join(self._folder, METADATA)
         with zipfile.ZipFile(path, "w") as archive:
             for name, document in sorted(self._members.items()):
                 add_member(archive, name, content=compact(document).encode())
         index = {"format": 1, "vendor": self._vendor, "metadata": [
             {"file": METADATA, "sha256": files.sha256(path), "size": os.path.getsize(path)}]}
-        files.replace(os.path.join(self._folder, "index.json"), compact(index).encode())
+        depot_index.write(self._folder, index, sign, valid_for)

@@ -34,7 +34,7 @@ def new_key(path):
     return path
 
 
-def self_signed(folder, name, extensions=SIGNER, days=30):
+def self_signed(folder, name, extensions=SIGNER, days=900):
     """A certificate that its own key vouches for, and the key: both paths."""
     folder.mkdir(parents=True, exist_ok=True)
     key, certificate = new_key(folder / f"{name}.key"), folder / f"{name}.pem"

@@ -13,7 +13,7 @@ import zipfile
 import pytest
 from authority import SIGNER, Authority, self_signed
 from depot_maker import base_image, component, package, reference, tar, write_depot, write_metadata, write_tree
-from tessel_lifecycle import files, host, install, paths, pax, signature, trust
+from tessel_lifecycle import depot_index, files, host, install, paths, pax, signature, trust
 from tessel_lifecycle.depot import Depot
 from tessel_lifecycle.depot_writer import DepotWriter
 from tessel_lifecycle.errors import ImageError
@@ -33,7 +33,8 @@ class World:
         sub, fake = Authority(folder, "sub", root), root.issue("fake", SIGNER)
         self.all = {
             "root": (root.certificate, root.key), "other": (other.certificate, other.key),
-            "sub": (sub.certificate, sub.key), "good": root.issue("good"), "below sub": sub.issue("below"),
+            "sub": (sub.certificate, sub.key), "good": root.issue("good"), "lasting": root.issue("lasting", until=300),
+            "below sub": sub.issue("below"),
             "second": other.issue("second"), "alone": self_signed(folder, "alone"),
             "expired": root.issue("expired", since=-9, until=-1), "early": root.issue("early", since=1),
             "revoked": root.issue("revoked"), "fake": fake,
@@ -256,17 +257,31 @@ def test_programs_with_their_owners_rights_come_from_the_certified_only(mode, wo
         assert taken or error.value.name == "AcceptanceConfigError" and "bin/su" in error.value.notes[-1].text
 
 
+def index(world, folder, signer, valid_for=1, issued=0):
+    """Writes an index that is signed by somebody, so many hours from now."""
+    if not (folder / "index.json").exists():
+        write_metadata(folder, {})
+    moment = datetime.datetime.now(datetime.timezone.utc) + datetime.timedelta(hours=issued)
+    with pytest.MonkeyPatch.context() as patch:
+        patch.setattr(depot_index, "now", lambda: moment)
+        depot_index.write(str(folder), json.loads((folder / "index.json").read_text()),
+                          signer and (lambda content: world.sign(content, signer)), valid_for)
+    return folder
+
+
 @pytest.fixture
 def signed_depot(world, settings, tmp_path):
     """A depot whose packages are signed by somebody of a level that the host takes."""
     world.store(tmp_path / "trust", ROOT)
     settings("acceptance_level = CERTIFIED\n")
-    return write_depot(
+    location = write_depot(
         tmp_path / "depot",
         base_image("8.0-1", {"c": "1-1", "d": "1-1"}), base_image("8.0-2", {"c": "2-1", "d": "1-1"}),
         component("c", paxs=["p"]), component("c", "2-1", paxs=["p 2-1"]), component("d", paxs=["q"]),
         package("p", {"etc/x": "old"}), package("p 2-1", {"etc/x": "new"}), package("q", {"etc/q": "both"}),
         sign=lambda content: world.sign(content, "good"))
+    index(world, tmp_path / "depot", "lasting")
+    return location
 
 
 def apply(image, location, version="8.0-1"):
@@ -276,13 +291,14 @@ def apply(image, location, version="8.0-1"):
         install.apply(image, made, QuietTask())
 
 
-def rewritten(location, change):
-    """Has the metadata of a depot say something else, and the index agree."""
+def rewritten(world, location, change):
+    """Has the metadata of a depot say something else, and the signed index agree."""
     path = pathlib.Path(location)
     with zipfile.ZipFile(path / "metadata.zip") as archive:
         members = {name: json.loads(archive.read(name)) for name in archive.namelist()}
     change(members)
     write_metadata(path, members)
+    index(world, path, "lasting")
 
 
 def swap_descriptor(members):
@@ -304,15 +320,15 @@ def scribble(members):
 @pytest.mark.parametrize("change, name", [
     (swap_descriptor, "PaxSigDigestError"), (exchange, "PaxSigDigestError"), (scribble, "PaxSigFormatError"),
     (strip, "PaxSigMissingError")])
-def test_what_was_tampered_with_is_not_even_fetched(change, name, signed_depot, tmp_path):
-    rewritten(signed_depot, change)
+def test_what_was_tampered_with_is_not_even_fetched(change, name, world, signed_depot, tmp_path):
+    rewritten(world, signed_depot, change)
     shutil.rmtree(f"{signed_depot}/paxs")
     with pytest.raises(ImageError) as error:
         apply(Image(str(tmp_path / "image")), signed_depot)
     assert (error.value.name, error.value.arguments) == (name, ["p(1-1)"])
 
 
-def test_another_payload_is_not_installed(signed_depot, tmp_path):
+def test_another_payload_is_not_installed(world, signed_depot, tmp_path):
     """In a package whose descriptor and signature are as they were, whether its depot announces the new file or not."""
     path = pathlib.Path(signed_depot, "paxs/p-1-1.pax")
     with zipfile.ZipFile(path) as archive:
@@ -325,7 +341,7 @@ def test_another_payload_is_not_installed(signed_depot, tmp_path):
         members["paxs/p_1-1.json"] |= {"size": path.stat().st_size, "sha256": files.sha256(path)}
 
     for change in (lambda members: None, announce):
-        rewritten(signed_depot, change)
+        rewritten(world, signed_depot, change)
         with pytest.raises(ImageError) as error:
             apply(Image(str(tmp_path / "image")), signed_depot)
         assert error.value.name == "PaxSigDigestError" and not (tmp_path / "image/current").exists()
@@ -353,3 +369,86 @@ def test_a_certificate_that_expires_between_stage_and_apply(signed_depot, tmp_pa
         apply(image, signed_depot)
     assert error.value.name == "PaxSigInvalidError" and later.strftime("%Y-%m-%d") in error.value.notes[0].text
     assert not (tmp_path / "image/current").exists()
+
+
+def told_of(folder):
+    """What a depot's index is refused as, with the first note; None when it is taken."""
+    try:
+        Depot(str(folder), ONCE).connect()
+    except ImageError as error:
+        assert error.arguments == ([] if error.name == "PaxCertStoreError" else [f"{folder}/index.json"])
+        return f"{error.name} {error.notes[0].identifier.rpartition('.')[2]}"
+    return None
+
+
+def tamper(folder):
+    (folder / "index.json").write_text((folder / "index.json").read_text().replace("Test", "Best"))
+
+
+# Who signed the index, for how many days and how many hours from now, what was done to it: how it is refused at the
+# level CERTIFIED, and at COMMUNITY.
+INDEXES = {
+    "signed": (("second", 1, 0), None, None, None),
+    "not signed": ((None, 1, 0), None, "MetadataFormatError IndexUnsigned", None),
+    "signed by a stranger": (("alone", 1, 0), None, "MetadataFormatError SignerUnknown", None),
+    "signed by who has expired": (("expired", 1, 0), None, "MetadataFormatError SignerOutOfTime", None),
+    "list is missing": (("listed", 1, 0), None, "PaxCertStoreError RevocationListMissing", None),
+    "changed": (("second", 1, 0), tamper, *["MetadataFormatError SignatureOfOther"] * 2),
+    "no signature": (("second", 1, 0), lambda folder: (folder / "index.json.cms").write_text("x"),
+                     "MetadataFormatError SignatureUnreadable", None),
+    "has held": (("second", 1, -30), None, *["MetadataDownloadError IndexExpired"] * 2),
+    "of tomorrow": (("second", 9, 30), None, *["MetadataDownloadError IndexFromLater"] * 2),
+}
+
+
+@pytest.mark.parametrize("case", INDEXES)
+def test_whose_index_is_taken(case, world, settings, tmp_path, monkeypatch):
+    (signer, valid_for, issued), change, *expected = INDEXES[case]
+    monkeypatch.setattr(paths, "SEEN_INDEXES", str(tmp_path / "seen.json"))
+    world.store(tmp_path / "trust", {"CERTIFIED": ["other"], "PARTNER": ["root"]})
+    folder = index(world, tmp_path / "depot", signer, valid_for, issued)
+    if change:
+        change(folder)
+    seen = []
+    for level in ("CERTIFIED", "COMMUNITY"):
+        settings(f"acceptance_level = {level}\n")
+        seen.append(told_of(folder))
+    assert seen == expected
+    index(world, tmp_path / "low", "good")
+    assert told_of(tmp_path / "low") is None
+    settings("acceptance_level = CERTIFIED\n")
+    assert told_of(tmp_path / "low") == "MetadataFormatError IndexLevelTooLow"
+
+
+def test_an_index_of_yesterday_is_refused(world, settings, tmp_path, monkeypatch):
+    """Once a newer one of the same signer was seen there; elsewhere, or by another, it is the newest."""
+    monkeypatch.setattr(paths, "SEEN_INDEXES", str(tmp_path / "seen.json"))
+    world.store(tmp_path / "trust", BOTH)
+    folder = index(world, tmp_path / "depot", "good", issued=-5)
+    assert told_of(folder) is None
+    shutil.copytree(folder, tmp_path / "old")
+    index(world, folder, "good", issued=-2)
+    assert [told_of(folder), told_of(folder)] == [None, None]
+    for name in ("index.json", "index.json.cms"):
+        shutil.copy(tmp_path / "old" / name, folder / name)
+    assert told_of(folder) == "MetadataDownloadError IndexOlder" and told_of(tmp_path / "old") is None
+    assert told_of(index(world, folder, "second", issued=-4)) is None
+    assert os.stat(tmp_path / "seen.json").st_mode & 0o777 == 0o600
+    (tmp_path / "seen.json").write_text("damaged")
+    assert told_of(folder) is None
+    (tmp_path / "seen.json").unlink()
+    monkeypatch.setattr(depot_index, "_MOST_SEEN", 3)
+    for number in range(5):
+        assert told_of(index(world, tmp_path / f"depot-{number}", "good")) is None
+    assert len(json.loads((tmp_path / "seen.json").read_text())["seen"]) == 3
+
+
+def test_an_index_that_is_replaced_while_it_is_read(world, settings, tmp_path, monkeypatch):
+    monkeypatch.setattr(paths, "SEEN_INDEXES", str(tmp_path / "seen.json"))
+    world.store(tmp_path / "trust", ROOT)
+    folder = index(world, tmp_path / "depot", "good", issued=-5)
+    former = (folder / "index.json").read_bytes()
+    index(world, folder, "good")
+    answers = iter([former, (folder / "index.json").read_bytes()])
+    source = Depot(str(folder), ONCE).source
+    assert json.loads(depot_index.check(source, lambda: next(answers)))["issued"] > json.loads(former)["issued"]
