@@ -9,6 +9,7 @@ from tessel_lifecycle import files, paths
 from tessel_lifecycle.errors import ImageError
 from tessel_lifecycle.image import Image
 from tessel_lifecycle.lock import LockTimeout, access_lock
+from tessel_lifecycle.metadata_cache import MetadataCache
 from tessel_lifecycle.task import is_task_id
 
 _DOCUMENTS = (paths.DEPOTS_DOCUMENT, paths.CONFIGURATION_DOCUMENT, paths.IMAGE_DOCUMENT)
@@ -20,11 +21,13 @@ EXTRACT_AGE = 86400   # seconds that a depot is there which was extracted from t
 
 def remove(age, staged):
     """Removes applies' documents and extracted depots, and if `staged` also packages in the stage, that are older than
-    `age` seconds. What a failed apply has staged is wanted again: that is no time to remove packages."""
+    `age` seconds. What a failed apply has staged is wanted again: that is no time to remove packages. Of depots'
+    metadata goes what nobody has used for long."""
     before = time.time() - age
     _remove_old(paths.LIFECYCLE, before, lambda path: any(
         path.startswith(document) and is_task_id(path.removeprefix(document)) for document in _DOCUMENTS))
     remove_extracts(age)
+    MetadataCache(paths.METADATA).tidy()
     if staged:
         image = Image(paths.IMAGE)
         with contextlib.suppress(ImageError), image.locked():

@@ -20,6 +20,7 @@ from tessel_lifecycle.errors import ImageError
 from tessel_lifecycle.fetch import Patience
 from tessel_lifecycle.image import Image
 from tessel_lifecycle.metadata import Descriptor
+from tessel_lifecycle.metadata_cache import MetadataCache
 
 ONCE = Patience(attempts=1, timeout=0.3, pause=0, limit=0.6, slowest=10 << 20)
 BASE = {"version": "8.0-1", "release_date": DATE, "components": {}}
@@ -153,7 +154,8 @@ def test_what_a_bad_server_is_told_as(case, place, tmp_path):
     write_depot(tmp_path / "depot", base_image(paxs=[reference("p")]), package("p", {"etc/x": "x"}))
     with Server(*[answer(200, file.read_bytes()) for file in files[:place]], script) as server:
         with pytest.raises(ImageError) as error:
-            (offered,) = Depot(server.url, ONCE).catalogue().paxs.values()
+            cache = MetadataCache(str(tmp_path / "image" / "metadata"))
+            (offered,) = Depot(server.url, ONCE, cache).catalogue().paxs.values()
             install.stage(Image(str(tmp_path / "image")), [offered])
         name, arguments = told[place]
         assert (error.value.name, error.value.arguments) == (name, [a.replace("URL", server.url) for a in arguments])
