@@ -5,7 +5,7 @@ import os
 import syslog
 
 from tessel_lifecycle import files
-from tessel_lifecycle.banks import BANKS
+from tessel_lifecycle.banks import ACTIVATION, BANKS
 from tessel_lifecycle.document import compact, parse
 
 SWITCHING, REBOOT = "SWITCHING", "REBOOT"  # an activation is under way; a boot has to complete it
@@ -60,4 +60,4 @@ def prove(banks, bank):
 
 
 def _path(banks):
-    return banks.path("activation.json")
+    return banks.path(ACTIVATION)

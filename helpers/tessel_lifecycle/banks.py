@@ -6,6 +6,8 @@
                            files that both have alike are one file with two names
     image/stage            PAXs that were downloaded and verified
     image/store            PAXs of the banks, kept as they came
+    image/activation.json  which bank has not come up well yet, and in place of which it runs
+    image/reboot.json      what has been running since the boot of packages that wait for the next
     image/lock             locked while the image is being changed, or shared while it is being read out
 
 Imported by commands that have to answer fast, so it imports little.
@@ -18,6 +20,7 @@ from tessel_lifecycle.document import parse
 from tessel_lifecycle.errors import ImageError
 
 BANKS = ("a", "b")
+ACTIVATION = "activation.json"  # there while the running bank has not come up well yet
 MOST_DATABASE = 64 << 20
 
 

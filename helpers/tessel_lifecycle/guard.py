@@ -15,10 +15,12 @@ import signal
 import socket
 import sys
 import syslog
+import time
 import traceback
 
 from tessel_lifecycle import paths
-from tessel_lifecycle.errors import ImageError, TaskError
+from tessel_lifecycle.banks import ACTIVATION
+from tessel_lifecycle.errors import ImageError, Note, TaskError
 from tessel_lifecycle.image import Image
 from tessel_lifecycle.lock import LockTimeout, take
 from tessel_lifecycle.task import ENDING, Terminated
@@ -163,10 +165,26 @@ def _watch(task, worker, its_end):
         how = _UNRECORDED
     if how in (0, 1):
         return how
-    Image(paths.IMAGE).discard_unfinished()
-    if not task.fail(ImageError("UnknownError")):
+    notes = _put_right(Image(paths.IMAGE))
+    if not task.fail(ImageError("UnknownError", notes=notes)):
         syslog.syslog(syslog.LOG_ERR, f"task {task.id}, {task.operation}: its worker ended with {how}")
     return 1
+
+
+def _put_right(image):
+    """Ends what a dead worker left of a change of the image. Returns what is to be told of it."""
+    notes = []
+    if os.path.exists(image.path(ACTIVATION)):
+        from tessel_lifecycle import activation  # much to load, and seldom needed
+        end = time.monotonic() + _PATIENCE
+        while time.monotonic() < end:  # what the worker had just started may hold the lock for a moment
+            with contextlib.suppress(ImageError, OSError), image.locked():
+                if activation.recover(image):
+                    notes.append(Note("PutBack"))
+                break
+            time.sleep(0.05)
+    image.discard_unfinished()
+    return notes
 
 
 def _rename_process(name):
