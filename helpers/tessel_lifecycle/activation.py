@@ -159,6 +159,19 @@ def switch(image, bank, before, after, task):
     return compliance.activation(REBOOT_PENDING if pending else ACTIVE, pending, notes)
 
 
+def present(image, content, task):
+    """The `activation` of a result where nothing is to be changed, or None when there is nothing to tell.
+
+    An image of before the host knew of it is made a part of the host. @throws ImageError, OSError
+    """
+    if not service_manager.is_running() or content.base_image is None:
+        return None
+    if not os.path.lexists(host_links.PREFIX):
+        return switch(image, image.current(), content, content, task)
+    pending = pending_reboot.pending(image)
+    return compliance.activation(REBOOT_PENDING, pending) if pending else None
+
+
 def _only_switch(image, bank, task):
     task.commit()
     image.switch(bank)
@@ -306,7 +319,7 @@ def _put_back(image, mark, old, new):
     active = [unit for unit in mark.active if unit in change.owners]
     others = [unit for unit in change.to_restart if unit not in active]
     step(service_manager.stop, others)
-    step(service_manager.reset_failures, active)
+    step(service_manager.reset_failures, [*change.gone, *active])
     step(service_manager.begin, "restart", [unit for unit in active if unit not in change.kept])
     step(service_manager.begin, "start", [unit for unit in active if unit in change.kept])
     step(watch, {unit: None for unit in active}, STAY_PROVED)

@@ -1,6 +1,6 @@
 """The inline commands that report what is installed, straight from the image's database."""
 
-from tessel_lifecycle import paths
+from tessel_lifecycle import paths, pending_reboot
 from tessel_lifecycle.banks import Banks
 from tessel_lifecycle.document import compact
 from tessel_lifecycle.errors import NO_IMAGE_INFO, CommandError, ImageError
@@ -47,7 +47,8 @@ def software_info(database):
     info["hardware_support"] = {m["manager"]: _without(_display(m, "package"), "display_version")
                                 for m in database["hardware_support"]}
     info["components"] = {c["document"]["name"]: _display(c["document"]) for c in database["components"]}
-    return info
+    waiting = pending_reboot.pending(Banks(paths.IMAGE))
+    return info | ({"reboot_pending": waiting} if waiting else {})
 
 
 @_reporting

@@ -10,6 +10,7 @@ import os
 
 from tessel_lifecycle import files
 from tessel_lifecycle.document import compact, parse
+from tessel_lifecycle.errors import ImageError
 
 _MOST = 4 << 20
 
@@ -57,4 +58,7 @@ def _present(banks, bank, name):
     if bank is None or not os.path.exists(banks.path(bank, "descriptors", name + ".json")):
         return None
     from tessel_lifecycle.metadata import Descriptor
-    return Descriptor(banks.document(bank, "descriptors", name + ".json")).identity
+    try:
+        return Descriptor(banks.document(bank, "descriptors", name + ".json")).identity
+    except ValueError as error:
+        raise ImageError("DatabaseFormatError", detail=error) from error

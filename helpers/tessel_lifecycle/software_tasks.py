@@ -3,7 +3,8 @@ task's result in plain JSON."""
 
 import contextlib
 
-from tessel_lifecycle import activation, compliance, files, install, overridden, paths, spare, staging, verify
+from tessel_lifecycle import (activation, compliance, files, install, overridden, paths, pending_reboot,
+                              spare, staging, verify)
 from tessel_lifecycle.build import Build
 from tessel_lifecycle.errors import INVALID_INPUT, ImageError, Note, TaskError
 from tessel_lifecycle.fetch import TASK
@@ -71,7 +72,7 @@ def scan(task, options):
     errors = [unreadable] if unreadable else []
     try:
         plan.check()
-        activation.check(Image(paths.IMAGE), installed.content, plan.content)
+        activation.check(image, installed.content, plan.content)
     except ImageError as error:
         if not compliance.is_incompatibility(error):
             raise
@@ -80,7 +81,8 @@ def scan(task, options):
     download, *space = (plan.download_size, None, None) if unreadable else _costs(image, plan)
     if space[0] and space[0] > space[1]:
         warnings.append(shortage(paths.IMAGE, *space))
-    return compliance.scan_result(present, compliance.of_content(plan.content), download, errors, warnings, space)
+    return compliance.scan_result(present, compliance.of_content(plan.content), download, errors, warnings, space,
+                                  () if unreadable else pending_reboot.pending(image))
 
 
 def _costs(image, plan):
@@ -272,5 +274,8 @@ def _apply(image, plan, task, warnings):
             activated = activation.switch(image, plan.bank, before, plan.content, task)
     elif not plan.is_done:
         brought, activated = install.apply(image, plan, task)
+    else:
+        with staging.installation_errors():
+            activated = activation.present(image, before, task)
     changed = bool(plan.bank) or not plan.is_done
     return compliance.apply_result(changed, before, plan.content, brought, activated, warnings)
