@@ -66,13 +66,12 @@ def _bring(offered, path, on_bytes, last, verification):
     """Brings a PAX from the first of its depots that has it. Those in `last`, which did not answer for another PAX, are
     asked when no other has it."""
     failures = []
-    depots = getattr(offered, "depots", None) or [offered.depot]
-    for depot in sorted(depots, key=last.__contains__):
+    for depot in sorted(offered.depots, key=last.__contains__):
         try:
             brought = yield from depot.source.bringing(offered.file, path, offered.size, offered.sha256, on_bytes)
         except FetchError as error:
             failures.append(error)
-            if not isinstance(error, ContentError) and not getattr(error.reason, "status", None):
+            if not isinstance(error, ContentError) and getattr(error.reason, "status", 500) >= 500:
                 last.add(depot)
             continue
         verification.begin(offered, path)
