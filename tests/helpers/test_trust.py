@@ -6,14 +6,16 @@ import json
 import os
 import pathlib
 import random
+import re
 import shutil
 import subprocess
 import zipfile
 
 import pytest
-from authority import SIGNER, Authority, self_signed
+from authority import SIGNER, Authority, openssl, self_signed
 from depot_maker import base_image, component, package, reference, tar, write_depot, write_metadata, write_tree
-from tessel_lifecycle import depot_index, files, host, install, paths, pax, signature, trust
+from sandboxed_host import LIFECYCLE, REPOSITORY
+from tessel_lifecycle import depot_index, files, host as own_host, install, paths, pax, signature, trust
 from tessel_lifecycle.depot import Depot
 from tessel_lifecycle.depot_writer import DepotWriter
 from tessel_lifecycle.errors import ImageError
@@ -220,7 +222,7 @@ def test_the_least_level_decides(world, settings, tmp_path):
         seen = []
         for made_of in made.values():
             try:
-                admission = host.check_admitted([made_of])
+                admission = own_host.check_admitted([made_of])
                 seen.append(admission.level(made_of) + "!" * bool(admission.warnings))
             except ImageError as error:
                 assert error.arguments == ([] if error.name == low else ["p(1-1)"]) and error.notes
@@ -232,10 +234,10 @@ def test_many_refusals_are_told_in_few_words(settings, tmp_path):
     paxs = offered(tmp_path / "depot", *(package(f"p{n}", {}) for n in range(9)))
     settings("acceptance_level = PARTNER\n")
     with pytest.raises(ImageError) as error:
-        host.check_admitted(paxs)
+        own_host.check_admitted(paxs)
     assert error.value.arguments == ["p0(1-1), p1(1-1), p2(1-1), p3(1-1), p4(1-1) and 4 more"]
     settings("")
-    (warning,) = host.check_admitted(paxs).warnings
+    (warning,) = own_host.check_admitted(paxs).warnings
     assert warning.arguments == ["9", *error.value.arguments] and len(error.value.notes) == 5
 
 
@@ -253,7 +255,7 @@ def test_programs_with_their_owners_rights_come_from_the_certified_only(mode, wo
         writer.finish()
         (found,) = Depot(str(tmp_path / f"depot-{name}"), ONCE).catalogue().paxs.values()
         with contextlib.nullcontext() if taken else pytest.raises(ImageError) as error:
-            host.check_admitted([found])
+            own_host.check_admitted([found])
         assert taken or error.value.name == "AcceptanceConfigError" and "bin/su" in error.value.notes[-1].text
 
 
@@ -452,3 +454,72 @@ def test_an_index_that_is_replaced_while_it_is_read(world, settings, tmp_path, m
     answers = iter([former, (folder / "index.json").read_bytes()])
     source = Depot(str(folder), ONCE).source
     assert json.loads(depot_index.check(source, lambda: next(answers)))["issued"] > json.loads(former)["issued"]
+
+
+APPLY, SCAN = (f"software --{what} --task-id ID --depot {{}} --software-spec DOCUMENT" for what in ("apply", "scan"))
+
+
+@pytest.fixture
+def own_settings():
+    """Gives back what a test sets in /etc/tessel."""
+    yield
+    shutil.rmtree(paths.TRUST, ignore_errors=True)
+    pathlib.Path(paths.PREFERENCES).unlink(missing_ok=True)
+
+
+def test_the_guide_leads_to_a_host_that_takes_only_what_is_signed(host, own_settings, tmp_path):
+    """Its commands, as they stand. What the host extracts has the packages' signatures, and none over its index."""
+    guide = (REPOSITORY / "docs/depots.md").read_text()
+    commands = "".join(re.findall(r"^```bash\n(.*?)^```$", guide, re.MULTILINE | re.DOTALL))
+    subprocess.run(["bash", "-euc", commands], cwd=tmp_path, check=True, capture_output=True)
+    spec = {"base_image": {"version": "1.0-1"}}
+    assert host.result(APPLY.format(tmp_path / "depot"), spec)["warnings"] == {"OPTIONAL": None}
+    vouched = [("greeter", "CERTIFIED", "CN=Depot signer, O=Example")]
+    listed = json.loads(host.run("PAX --list-all")[1])
+    assert [(entry["name"], entry["acceptance_level"], entry["signed_by"]) for entry in listed] == vouched
+    extracted = host.result("depots --extract --task-id ID")["location"].removeprefix("file://")
+    shutil.copytree(extracted, tmp_path / "extracted")
+    shutil.rmtree(LIFECYCLE / "image")
+    assert host.error(APPLY.format(tmp_path / "extracted"), spec)[0] == "MetadataFormatError"
+    subprocess.run(["kestreld-build-depot", "--renew", "--sign", "signer.key", "--certificate", "signer.pem",
+                    "extracted"], cwd=tmp_path, check=True)
+    host.result(APPLY.format(tmp_path / "extracted"), spec)
+    listed = json.loads(host.run("PAX --list-all")[1])
+    assert [(entry["name"], entry["acceptance_level"], entry["signed_by"]) for entry in listed] == vouched
+
+
+def test_a_key_with_a_passphrase_signs_the_sample(host, own_settings, world, sample_depot, tmp_path):
+    """The host takes it signed, and says of the unsigned one beforehand that it cannot."""
+    certificate, key = world.all["good"]
+    openssl("pkcs8", "-topk8", "-in", key, "-passout", "pass:secret words", "-out", tmp_path / "own.key")
+    for passphrase, code in ((b"secret", 1), (b"secret words", 0)):
+        reading, writing = os.pipe()
+        os.write(writing, passphrase + b"\n")
+        os.close(writing)
+        made = subprocess.run([REPOSITORY / "helpers/build-depot", "--sign", tmp_path / "own.key", "--certificate",
+                               certificate, "--passphrase-fd", str(reading), REPOSITORY / "helpers/sample-depot",
+                               tmp_path / "depot"], pass_fds=[reading], capture_output=True, check=False)
+        os.close(reading)
+        assert (made.returncode, (tmp_path / "depot").exists()) == (code, not code) and b"secret" not in made.stderr
+    spec = {"base_image": {"version": "8.0.1-1"}}
+    world.store(pathlib.Path(paths.TRUST), {"ACCEPTED": ["root"], "PARTNER": ["other"]})
+    pathlib.Path(paths.PREFERENCES).write_text("acceptance_level = ACCEPTED\n")
+    for command in ("scan", "apply"):
+        line = {"scan": SCAN, "apply": APPLY}[command]
+        assert host.error(line.format(sample_depot), spec)[0] == "MetadataFormatError"
+    assert host.result(SCAN.format(tmp_path / "depot"), spec)["status"] == "NON_COMPLIANT"
+    host.result(APPLY.format(tmp_path / "depot"), spec)
+    # Only the index of the unsigned one is signed now, by who is trusted.
+    shutil.copytree(sample_depot, tmp_path / "half")
+    index(world, tmp_path / "half", "good")
+    spec["base_image"]["version"] = "8.0.2-1"
+    assert host.result(SCAN.format(tmp_path / "half"), spec)["status"] == "INCOMPATIBLE"
+    assert host.error(APPLY.format(tmp_path / "half"), spec)[0] == "PaxSigMissingError"
+
+
+@pytest.mark.parametrize("arguments", [
+    ["depot"], ["--renew", "depot"], ["--sign", "key", "a", "b"], ["--valid-for", "0", "a", "b"], ["--own", "a", "b"]])
+def test_command_lines_that_build_nothing(arguments, tmp_path):
+    done = subprocess.run([REPOSITORY / "helpers/build-depot", *arguments], cwd=tmp_path, capture_output=True,
+                          check=False)
+    assert done.returncode == 2 and b"usage: " in done.stderr and not list(tmp_path.iterdir())
