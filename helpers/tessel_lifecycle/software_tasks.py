@@ -1,56 +1,16 @@
 """The tasks that compare, stage and change the host's software. Each takes the task and its options, and returns the
 task's result in plain JSON."""
 
-import contextlib
-
-from tessel_lifecycle import (activation, compliance, files, install, overridden, paths, pending_reboot,
-                              spare, staging, verify)
+from tessel_lifecycle import (activation, compliance, files, install, paths, pending_reboot, planning, spare, staging,
+                              verify)
 from tessel_lifecycle.build import Build
 from tessel_lifecycle.errors import INVALID_INPUT, ImageError, Note, TaskError
-from tessel_lifecycle.fetch import TASK
 from tessel_lifecycle.image import Image, InstalledImage
-from tessel_lifecycle.many_depots import ManyDepots
-from tessel_lifecycle.plan import Plan
-from tessel_lifecycle.resolve import resolve
 from tessel_lifecycle.space import Room, shortage
 from tessel_lifecycle.spec import MOST_SPEC, SoftwareSpec, parse_spec
 
-
 _MOST_VERIFIED = 1000  # files that a verification tells of
 _RESOLVED = 5          # percent of a change that are done when it is known what it takes
-
-
-class _Offer:
-    """What the given depots describe together with the installed image, and the PAXs that the depots have.
-
-    `others` are InstalledImages that are used where nothing else has what is wanted. When all is read, the task is at
-    `percent`. `warnings` are Notes of those depots that are left out.
-    """
-
-    def __init__(self, task, installed, locations, percent, others=()):
-        depots = ManyDepots(locations, TASK, on_progress=lambda fraction: task.progress(percent * fraction))
-        depots.check_any()
-        self.catalogue, self.warnings = depots.catalogue, depots.notes()
-        self.paxs = dict(self.catalogue.paxs)
-        known = installed.described()
-        self.catalogue.add_missing(known)
-        for other in others:
-            self.catalogue.add_missing(other.described())
-        for pax in installed.paxs.values():  # what is installed need not be brought again
-            if self.catalogue.paxs[pax.key].descriptor.identity == pax.descriptor.identity:
-                self.catalogue.paxs[pax.key] = pax
-        overridden.offer_kept(self.catalogue, self.paxs)
-
-    def plan(self, spec, installed, damaged):
-        try:
-            content = resolve(spec, self.catalogue)
-        except ImageError as error:
-            error.notes += self.warnings  # one of them may have what is missing
-            raise
-        content.specification, content.overridden = spec.document, overridden.collect(content, self.catalogue)
-        plan = Plan(content, installed, self.paxs, verify.names(damaged))
-        plan.warnings = self.warnings
-        return plan
 
 
 def scan(task, options):
@@ -61,7 +21,7 @@ def scan(task, options):
     damaged = verify.find_damage(installed)
     present = None if unreadable else compliance.of_content(installed.content, verify.names(damaged))
     try:
-        plan = _plan(task, image, installed, spec, options["--depot"], damaged, 60)
+        plan = planning.plan(task, image, installed, spec, options["--depot"], damaged, 60)
     except ImageError as error:
         if not compliance.is_incompatibility(error):
             raise
@@ -112,9 +72,9 @@ def software_verify(task, _):
             raise ImageError("StatelessError", detail="no image is installed")
         meter = staging.Meter(task.progress, 5, 95, sum(p.descriptor.installed_size for p in installed.paxs.values()))
         damaged = verify.find_damage(installed, thorough=True, on_bytes=meter.add)
+        warnings = verify.notes(damaged, _MOST_VERIFIED) + spare.warnings(image)
     present = compliance.of_content(installed.content, verify.names(damaged))
-    return compliance.scan_result(present, compliance.of_content(installed.content),
-                                  warnings=verify.notes(damaged, _MOST_VERIFIED))
+    return compliance.scan_result(present, compliance.of_content(installed.content), warnings=warnings)
 
 
 def software_stage(task, options):
@@ -237,29 +197,11 @@ def _change(task, depots, spec, finish, downgrades=False):
         installed = image.read()
         wanted = spec(installed)
         damaged = verify.find_damage(installed)
-        plan = _plan(task, image, installed, wanted, depots, damaged, _RESOLVED)
+        plan = planning.plan(task, image, installed, wanted, depots, damaged, _RESOLVED)
         plan.check(downgrades)
         activation.check(image, installed.content, plan.content)
         task.progress(_RESOLVED)
         return finish(image, plan, task, verify.notes(damaged) + plan.warnings)
-
-
-def _plan(task, image, installed, spec, depots, damaged, percent):
-    """What it takes to get to a specification. When the host can tell that the spare image is it, no depot is asked.
-
-    Once the depots are read, the task is at `percent`.
-    """
-    way_back = spare.find_readable(image)
-    if way_back and spare.answers(way_back, installed, spec):
-        with contextlib.suppress(ImageError):
-            return way_back.plan(image, installed, verify.names(damaged))
-    others = [way_back.image] if way_back and not depots else ()
-    plan = _Offer(task, installed, depots, percent, others).plan(spec, installed, damaged)
-    if way_back and not plan.is_done and plan.content.outline() == way_back.content.outline():
-        if not way_back.damaged:
-            return Plan.switch(way_back.image, installed)
-        plan.returns = True
-    return plan
 
 
 def _stage(image, plan, task, warnings):

@@ -48,6 +48,15 @@ def _unusable(notes):
     return ImageError("StatelessError", notes=[Note("SpareImageDamaged"), *notes])
 
 
+def warnings(image):
+    """Notes on a spare image that cannot be switched to as it is."""
+    try:
+        found = find(image)
+        return [Note("SpareImageDamaged"), *verify.notes(found.damaged)] if found and found.damaged else []
+    except ImageError as error:
+        return error.notes
+
+
 def find_readable(image):
     """The Spare of an Image, None also when it cannot be read."""
     try:

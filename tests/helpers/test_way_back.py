@@ -98,7 +98,8 @@ def test_files_that_were_changed_are_found_and_put_right(host, tmp_path, case):
     result = host.result(APPLY.format(location), SPEC)
     assert result["changed"] == bool(expected) and sorted(told(result["warnings"])) == sorted(expected)
     result = host.result("software --verify --task-id ID")
-    assert statuses(result) == [YES, YES, {"c": YES, "d": YES}] and told(result["warnings"]) == []
+    assert statuses(result) == [YES, YES, {"c": YES, "d": YES}]
+    assert told(result["warnings"])[:1] == ([("SpareImageDamaged",)] if expected else [])
     if expected:
         assert {path: path.read_text() for path in ROOT.glob("*/*")} == whole
 
@@ -207,8 +208,9 @@ def test_a_damaged_spare_image_is_not_switched_to_but_built_anew(host, tmp_path,
     damage, reason = BROKEN[case]
     damage()
     shutil.move(LIFECYCLE / "image/store", tmp_path / "store")
-    notes = notes_of(host.task(ROLLBACK))
-    assert [notes[0][0], notes[1][:len(reason)]] == ["SpareImageDamaged", reason]
+    for notes in (told(host.result("software --verify --task-id ID")["warnings"]), notes_of(host.task(ROLLBACK))):
+        place = notes.index(("SpareImageDamaged",))
+        assert notes[place + 1][:len(reason)] == reason
     assert host.error(ROLLBACK)[0] == "StatelessError" and (ROOT / "etc/x").read_text() == "2"
     assert host.error(APPLY.format(NOWHERE), version(1))[0] == "DepotConnectError"
     if case == "file" or kept and "file" in case:
