@@ -109,6 +109,7 @@ class Image(Banks):
             descriptor = Descriptor(self.document(bank, "descriptors", key[0] + ".json"))
             if descriptor.key != key:
                 raise ValueError(f"the descriptor of {key[0]} is that of {descriptor.label}")
+            descriptor.pack()
             content.descriptors[descriptor.name] = descriptor
             installed.paxs[descriptor.name] = InstalledPax(
                 descriptor, entry.take("installed_at", date_time), entry.take("depot", text, ""),

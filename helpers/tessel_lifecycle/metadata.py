@@ -13,8 +13,9 @@ import json
 import re
 import sys
 import weakref
+import zlib
 
-from tessel_lifecycle.document import Fields, list_of, map_of, name, sha256, size, text
+from tessel_lifecycle.document import Fields, compact, list_of, map_of, name, parse, sha256, size, text
 from tessel_lifecycle.errors import ImageError
 from tessel_lifecycle.version import Range, Version
 
@@ -123,14 +124,17 @@ class Unit:
         """Forgets the document; `stored` has it, and its `digest`."""
         self._document, self.stored = None, stored
 
+    def pack(self):
+        """Keeps the document in a fraction of the memory, for units of which there are many."""
+        self.keep_in(_Packed(self.document))
+
     def keep_name_only(self):
         """Forgets what only those need who install it."""
 
     def is_told_as(self, other):
         """Whether two units of a kind have the same document."""
-        if self.stored and other.stored and self.stored.digest == other.stored.digest:
-            return True
-        return self.document == other.document
+        digests = [unit.stored and unit.stored.digest for unit in (self, other)]
+        return None not in digests and digests[0] == digests[1] or self.document == other.document
 
     @property
     def key(self):
@@ -139,6 +143,18 @@ class Unit:
     @property
     def label(self):
         return f"{self.name}({self.version})"
+
+
+class _Packed:
+    """A document that is unpacked when it is needed."""
+
+    digest = None
+
+    def __init__(self, document):
+        self._packed = zlib.compress(compact(document).encode(), 1)
+
+    def document(self):
+        return parse(zlib.decompress(self._packed))
 
 
 class ReleaseUnit(Unit):
@@ -219,15 +235,15 @@ class Component(Unit):
 class PayloadFile:
     """One file, directory or symbolic link of a payload. `path` is relative and has no '..'."""
 
-    __slots__ = ("path", "type", "mode", "size", "sha256", "target")
+    __slots__ = ("path", "type", "mode", "size", "target", "_digest")  # an image has a hundred thousand of these
 
     def __init__(self, document):
         fields = Fields(document, "file")
         self.path = fields.take("path", relative_path)
-        self.type = fields.take("type", text)
+        self.type = sys.intern(fields.take("type", text))
         self.mode = fields.take("mode", size, 0o644)
         if self.type == "file":
-            self.size, self.sha256 = fields.take("size", size), fields.take("sha256", sha256)
+            self.size, self._digest = fields.take("size", size), bytes.fromhex(fields.take("sha256", sha256))
         elif self.type == "link":
             self.target = fields.take("target", text)
             check_link(self.path, self.target)
@@ -235,6 +251,14 @@ class PayloadFile:
             raise ValueError(f"{self.path}: a {self.type:.40} cannot be in a payload")
         if self.mode > 0o7777:
             raise ValueError(f"{self.path}: bad mode")
+        self.mode = _MODES.setdefault(self.mode, self.mode)
+
+    @property
+    def sha256(self):
+        return self._digest.hex()
+
+
+_MODES = {}  # one number for all files that have it
 
 
 def relative_path(value):
