@@ -1,9 +1,11 @@
 """Metadata files that were brought from depots, kept by their digests so that none is brought twice.
 
     image/metadata/SHA256            a whole file
-    image/metadata/SHA256.part       what came of one; who goes on with it takes it by renaming it
+    image/metadata/SHA256.part       what came of one, as far as a process got in the time that it had
+    image/metadata/SHA256.PID.N.part the same while process PID goes on with it, or did when it was killed
 
-Nothing here is locked: a file takes its name when it is whole, and is compared with that name whenever it is used.
+Nothing here is locked: a file takes its name when it is whole, and is compared with that name whenever it is used; a
+part is taken by renaming it.
 """
 
 import contextlib
@@ -21,7 +23,7 @@ LONGEST_KEPT = 30 * 86400    # seconds without being used
 LONGEST_PART = 86400         # seconds in which a part has to be taken up again
 MOST_IN_MEMORY = 16 << 20    # bytes of a file for which there is no disk
 _SPARE = 16 << 20            # bytes to leave free on the file system
-_OURS = re.compile(r"[0-9a-f]{64}(\.[0-9.]+)?(\.part)?")
+_OURS = re.compile(r"([0-9a-f]{64})(?:\.([0-9]+)\.[0-9]+)?(\.part)?")
 
 _number = itertools.count()
 
@@ -79,8 +81,7 @@ class MetadataCache:
 
     def _brought(self, source, name, path, size, sha256, on_bytes):
         own = f"{path}.{os.getpid()}.{next(_number)}"
-        with contextlib.suppress(OSError):
-            os.rename(path + ".part", own + ".part")
+        self._take_part(sha256, own + ".part")
         try:
             source.download(name, own, size, sha256, on_bytes)
             file = files.open_regular(own)
@@ -91,18 +92,27 @@ class MetadataCache:
         self.tidy()
         return file
 
+    def _take_part(self, sha256, own):
+        """Takes what came of a file, if there is a part at which no other process is."""
+        for name in os.listdir(self._folder):
+            found = _OURS.fullmatch(name)
+            if found and found[1] == sha256 and found[3] and not (found[2] and os.path.exists(f"/proc/{found[2]}")):
+                with contextlib.suppress(OSError):
+                    os.rename(os.path.join(self._folder, name), own)
+                    return
+
     def tidy(self):
         """Removes what has not been used for long, and what is too much, beginning with what was not used for the
         longest time."""
         found, now, kept = [], time.time(), 0
         with contextlib.suppress(OSError), os.scandir(self._folder) as entries:
             for entry in entries:
-                if _OURS.fullmatch(entry.name):
+                if name := _OURS.fullmatch(entry.name):
                     status = entry.stat(follow_symlinks=False)
-                    found.append((now - status.st_mtime, status.st_size, entry.path))
-        for age, size, path in sorted(found):
+                    found.append((now - status.st_mtime, status.st_size, entry.path, name[0] == name[1]))
+        for age, size, path, is_whole in sorted(found):
             kept += size
-            if kept > MOST_KEPT or age > (LONGEST_PART if path.endswith(".part") else LONGEST_KEPT):
+            if kept > MOST_KEPT or age > (LONGEST_KEPT if is_whole else LONGEST_PART):
                 files.remove(path)
 
 

@@ -5,6 +5,7 @@ import os
 import pathlib
 import resource
 import socket
+import subprocess
 
 import pytest
 from depot_maker import base_image, component, package, write_depot, write_metadata
@@ -113,12 +114,17 @@ def test_metadata_is_brought_once(tmp_path):
         read_from(index, metadata)
         read_from(index)
 
-    half = kept.read_bytes()[:100]
-    (folder / (kept.name + ".part")).write_bytes(half)
-    kept.unlink()
-    rest = (tmp_path / "depot/metadata.zip").read_bytes()[100:]
-    *_, asked = read_from(index, answer(206, rest, f"Content-Range: bytes 100-{size - 1}/{size}"))
-    assert "Range: bytes=100-" in asked and os.listdir(folder) == [kept.name]
+    whole = kept.read_bytes()
+    ended = subprocess.Popen(["true"])
+    ended.wait()
+    rest = answer(206, whole[100:], f"Content-Range: bytes 100-{size - 1}/{size}")
+    for part, goes_on in ((".part", True), (f".{ended.pid}.0.part", True),
+                          (f".{os.getpid()}.99.part", False)):
+        kept.rename(folder / (kept.name + part))
+        os.truncate(folder / (kept.name + part), 100)
+        *_, asked = read_from(index, rest if goes_on else metadata)
+        assert ("Range: bytes=100-" in asked) == goes_on
+        assert goes_on == (os.listdir(folder) == [kept.name]) and kept.read_bytes() == whole
 
 
 def test_what_nobody_used_for_long_goes(tmp_path):
