@@ -30,21 +30,18 @@ def on_all_cores(work, items, meanwhile=lambda: None, most=MOST_THREADS):
     crew = _Crew(work, items)
     try:
         crew.start(min(threads(most), len(items)))
-        while crew.running:
-            with contextlib.suppress(queue.Empty):
-                crew.collect(_PATIENCE)
+        while not crew.has_ended(_PATIENCE):
             meanwhile()
     finally:
         crew.stop()
-    if crew.error:
-        raise crew.error
+    crew.raise_first()
 
 
 class _Crew:
     def __init__(self, work, items):
-        self._work, self._items = work, collections.deque(items)
-        self._stopping, self._ended, self._threads = threading.Event(), queue.SimpleQueue(), []
-        self.running, self.error = 0, None
+        self._work, self._items, self._threads = work, collections.deque(items), []
+        self._is_stopping, self._wake = False, queue.SimpleQueue()
+        self._ended = []  # of each thread that has come to its end what went wrong, or None
 
     def start(self, count):
         """Starts the threads. Signals are this thread's: another would take one without the work being interrupted."""
@@ -55,26 +52,29 @@ class _Crew:
                 thread = threading.Thread(target=self._run, daemon=True)
                 thread.start()
                 self._threads.append(thread)
-                self.running += 1
         finally:
             threading.stack_size(stack)
             signal.pthread_sigmask(signal.SIG_SETMASK, mask)
 
-    def collect(self, timeout=None):
-        """Waits for a thread to end. @throws queue.Empty"""
-        error = self._ended.get(timeout=timeout)
-        self.running -= 1
-        self.error = self.error or error
+    def has_ended(self, patience):
+        """Whether all threads have; waits for one for `patience` seconds. A signal may interrupt it anywhere, so that
+        nothing is counted here."""
+        if len(self._ended) < len(self._threads):
+            with contextlib.suppress(queue.Empty):
+                self._wake.get(timeout=patience)
+        return len(self._ended) == len(self._threads)
 
     def stop(self):
-        self._stopping.set()
-        while self.running:
-            self.collect()
+        self._is_stopping = True
         for thread in self._threads:
             thread.join()
 
+    def raise_first(self):
+        for error in filter(None, self._ended):
+            raise error
+
     def _check(self):
-        if self._stopping.is_set():
+        if self._is_stopping:
             raise Stopped()
 
     def _next(self):
@@ -84,11 +84,12 @@ class _Crew:
     def _run(self):
         error = None
         try:
-            while not self._stopping.is_set() and (item := self._next()) is not None:
+            while not self._is_stopping and (item := self._next()) is not None:
                 self._work(item, self._check)
         except Stopped:
             pass
         except BaseException as failed:
             error = failed
-            self._stopping.set()
-        self._ended.put(error)
+            self._is_stopping = True
+        self._ended.append(error)
+        self._wake.put(None)

@@ -1,17 +1,21 @@
 """The two banks: what an apply leaves when it ends well, fails, or dies at any moment."""
 
 import errno
+import itertools
+import json
 import os
+import resource
 import shutil
 import signal
 import stat
 import sys
 import threading
+import time
 import traceback
 
 import pytest
 from depot_maker import base_image, component, package, write_depot
-from tessel_lifecycle import files, install, pax
+from tessel_lifecycle import files, install, package_store, pax
 from tessel_lifecycle.depot import Depot
 from tessel_lifecycle.errors import ImageError
 from tessel_lifecycle.fetch import Patience
@@ -19,6 +23,7 @@ from tessel_lifecycle.image import Image
 from tessel_lifecycle.plan import Plan
 from tessel_lifecycle.resolve import resolve
 from tessel_lifecycle.spec import SoftwareSpec
+from tessel_lifecycle.task import Task, Terminated
 from tessel_lifecycle.version import Version
 
 ONCE = Patience(attempts=1, timeout=2, pause=0, limit=2)
@@ -34,11 +39,21 @@ class QuietTask:
         pass
 
 
+class EndingTask(QuietTask):
+    commit = Task.commit
+
+
+@pytest.fixture(autouse=True)
+def keep_packages_on_a_full_disk(monkeypatch):
+    monkeypatch.setattr(package_store, "_LEAST_FREE", 0)
+
+
 @pytest.fixture
 def location(tmp_path):
     return write_depot(
         tmp_path / "depot",
         base_image("8.0-1", {"c": "1-1", "d": "1-1"}), base_image("8.0-2", {"c": "2-1", "d": "1-1"}),
+        base_image("8.0-3", {"d": "1-1"}),
         component("c", paxs=["p"]), component("c", "2-1", paxs=["p 2-1"]), component("d", paxs=["q"]),
         package("p", {"etc/x": "old\n", "bin/run": "run"}),
         package("p 2-1", {"etc/x": "new\n", "lib/y": "y" * 5000, "lib/link": ("link", "../etc/x")}),
@@ -90,18 +105,16 @@ CHANGES = {"open", "write", "flush", "fsync", "close", "rename", "mkdir", "link"
            "fchmod", "utime"}
 
 
-def dies_at(point, work):
-    """Runs `work` in a process that is killed before its n-th change of the file system; False when it ended sooner."""
+def in_a_child(work, kill=lambda change: None):
+    """Runs `work` in a process in which `kill(number)` is called before each change of the file system. Returns how the
+    process ended."""
     child = os.fork()
     if child == 0:
-        left = point
+        changes = itertools.count()
 
         def count(_, event, function):
-            nonlocal left
             if event == "c_call" and function.__name__ in CHANGES:
-                left -= 1
-                if left < 0:
-                    os.kill(os.getpid(), signal.SIGKILL)
+                kill(next(changes))
 
         threading.setprofile(count)
         sys.setprofile(count)
@@ -111,21 +124,92 @@ def dies_at(point, work):
         finally:
             traceback.print_exc()
             os._exit(1)
-    status = os.waitpid(child, 0)[1]
-    assert status in (0, signal.SIGKILL)
-    return status != 0
+    end = time.monotonic() + 30
+    while not (ended := os.waitpid(child, os.WNOHANG))[0]:
+        if time.monotonic() > end:
+            os.kill(child, signal.SIGABRT)
+        time.sleep(0.001)
+    return os.waitstatus_to_exitcode(ended[1])
+
+
+def killing(point, number):
+    return lambda change: change == point and os.kill(os.getpid(), number)
 
 
 def test_death_at_every_point_leaves_the_old_or_the_new_image(tmp_path, location):
     seen, point, image = [], 0, Image(str(tmp_path / "image"))
     apply(image, location, "8.0-1")
-    while dies_at(point, lambda: apply(image, location, "8.0-2")):
+    while ended := in_a_child(lambda: apply(image, location, "8.0-2"), killing(point, signal.SIGKILL)):
+        assert ended == -signal.SIGKILL
         seen.append(state(image))
         if seen[-1] == "8.0-2":
             image.switch("a")
         point += 1
     assert state(image) == "8.0-2"
     assert point > 80 and {"8.0-1", "8.0-2"} == set(seen)
+
+
+def test_an_apply_that_is_asked_to_end_does_so_cleanly(tmp_path, location):
+    """At every point: no thread goes on, and nothing is left of the new bank unless it is the running one."""
+    point, image, terminated = 0, Image(str(tmp_path / "image")), 7
+
+    def terminate(number, _):
+        signal.signal(number, signal.SIG_IGN)
+        raise Terminated()
+
+    def work():
+        signal.signal(signal.SIGTERM, terminate)
+        try:
+            with image.locked():
+                install.apply(image, plan(image, location, "8.0-2"), EndingTask())
+        except Terminated:
+            threads = threading.active_count()
+            os._exit(terminated if threads == 1 else 1)
+
+    apply(image, location, "8.0-1")
+    while ended := in_a_child(work, killing(point, signal.SIGTERM)):
+        assert ended == terminated and state(image) == "8.0-1" and not (tmp_path / "image/b").exists()
+        point += 1
+    assert point > 40 and state(image) == "8.0-2"
+
+
+def test_payloads_that_take_much_memory_are_unpacked_one_by_one(tmp_path, monkeypatch):
+    """Each takes 65 MiB, and two do not fit."""
+    monkeypatch.setattr(pax, "PRESET", 9)
+    names = [f"p{number}" for number in range(4)]
+    location = write_depot(tmp_path / "depot", base_image("8.0-1", {"c": "1-1"}), component("c", paxs=names),
+                           *[package(name, {f"lib/{name}": name * 1000}) for name in names])
+    image = Image(str(tmp_path / "image"))
+
+    def work():
+        with open("/proc/self/status") as file:
+            used = next(int(line.split()[1]) << 10 for line in file if line.startswith("VmData"))
+        resource.setrlimit(resource.RLIMIT_DATA, (used + (110 << 20),) * 2)
+        apply(image, location, "8.0-1")
+
+    assert in_a_child(work) == 0 and state(image) == "8.0-1"
+
+
+def test_an_image_of_before_goes_on(tmp_path, location):
+    """One without files of a known time and packages of a known digest: its files are copied once, then shared."""
+    image, shared = Image(str(tmp_path / "image")), []
+    apply(image, location, "8.0-1")
+    database = tmp_path / "image/a/image.json"
+    document = json.loads(database.read_text())
+    for entry in document["paxs"]:
+        del entry["file"]
+    database.write_text(json.dumps(document))
+    for path in (tmp_path / "image/a/root").rglob("*"):
+        os.utime(path, (1234567890.5, 1234567890.5))
+    shutil.rmtree(image.store)
+    for version in ("8.0-2", "8.0-3"):
+        made = plan(image, location, version)
+        del made.offered["q", Version("1-1")]
+        with image.locked():
+            install.apply(image, made, QuietTask())
+        assert state(image) == version
+        shared.append((tmp_path / "image/a/root/etc/q").samefile(tmp_path / "image/b/root/etc/q"))
+    assert shared == [False, True]
 
 
 def edit(file):
