@@ -76,7 +76,7 @@ def check_admitted(paxs):
         if identifier in objections:
             _refuse(identifier, objections)
     _check_hardware(paxs)
-    return Admission(paxs, vouchers, _warnings(doubts))
+    return Admission(paxs, vouchers, _warnings(doubts, not store.is_empty))
 
 
 def trust_store():
@@ -117,11 +117,11 @@ def _refuse(identifier, objections):
     raise ImageError(identifier, *arguments, detail=_listed(labels), notes=told[:_MOST_TOLD])
 
 
-def _warnings(doubts):
-    """What is told of PAXs that are taken although nobody vouches for them."""
+def _warnings(doubts, is_asked):
+    """What is told of PAXs that are taken although nobody vouches for them; why, if there is somebody to ask."""
     if not doubts:
         return []
-    refusals = [answer.note(label) for label, answer in doubts if answer is not None]
+    refusals = [answer.note(label) for label, answer in doubts if answer is not None] if is_asked else []
     return [Note("PaxsTakenUnsigned", len(doubts), _listed([label for label, _ in doubts])), *refusals[:_MOST_TOLD]]
 
 
