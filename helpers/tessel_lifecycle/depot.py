@@ -3,8 +3,9 @@
 import contextlib
 import gc
 import hashlib
+import os
 
-from tessel_lifecycle import depot_index
+from tessel_lifecycle import paths, platform_file
 from tessel_lifecycle.archive import ARCHIVE_ERRORS
 from tessel_lifecycle.depot_index import INDEX
 from tessel_lifecycle.depot_notes import why_not_read
@@ -23,6 +24,22 @@ MOST_DOCUMENTS = 200000    # of a depot
 MOST_VALUES = 1 << 20      # in one document: each takes up to a hundred bytes of memory, however short it is
 
 
+def check_index(source, read):
+    """The bytes of a depot's index, if the host takes it: `read` reads them from `source`. @throws ImageError"""
+    if _is_anything_taken():
+        return read()
+    from tessel_lifecycle import index_trust  # takes long to load, and callers of inline commands wait
+    return index_trust.check(source, read)
+
+
+def _is_anything_taken():
+    try:
+        level = platform_file.read(paths.PREFERENCES).get("acceptance_level", "COMMUNITY")
+    except (OSError, ValueError):
+        level = "COMMUNITY"  # no package is admitted then, and of the depot itself no more is asked
+    return level.upper() == "COMMUNITY" and not os.path.exists(paths.TRUST)
+
+
 class _MetadataFile:
     def __init__(self, value):
         fields = Fields(value, "metadata")
@@ -33,10 +50,10 @@ class _MetadataFile:
 class Depot:
     """A depot at a location; nothing is read before it is asked for."""
 
-    def __init__(self, location, patience, cache=MetadataCache(), check=depot_index.check):
+    def __init__(self, location, patience, cache=MetadataCache(), check=check_index):
         """@param cache  where metadata that was brought from afar is kept
 
-        @param check  gives out the index, as depot_index.check does, if this host takes it
+        @param check  gives out the index, as check_index does, if this host takes it
         """
         self.location, self._cache, self._check = location, cache, check
         try:

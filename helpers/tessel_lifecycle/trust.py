@@ -6,23 +6,20 @@
 What is signed has the level of the certificate that vouches for it, the best if there are several.
 """
 
-import datetime
 import itertools
 import os
 import stat
 import subprocess
-import threading
-from concurrent.futures import ThreadPoolExecutor
 
-from tessel_lifecycle import files
+from tessel_lifecycle import files, parallel
 from tessel_lifecycle.certificate import Certificate, RevocationList, pem_blocks
+from tessel_lifecycle.clock import now, shown_time
 from tessel_lifecycle.metadata import ACCEPTANCE_LEVELS
 from tessel_lifecycle.signature import DIGEST, FORMAT, INVALID, STORE, Refusal, Signed, signers, verify_chain
 
 _MOST_FILES, _MOST_FILE = 200, 16 << 20
 _MOST_PATHS, _LONGEST_PATH = 16, 5
-_AT_ONCE, _BATCH = 4, 32
-_STACK = 1 << 20  # bytes; what threads reserve counts against the memory of a task
+_BATCH = 32  # contents that are in memory at once
 # Numbers of openssl verify(1).
 _NOT_YET_VALID, _EXPIRED, _REVOKED = 9, 10, 23
 _LIST_NOT_YET_VALID, _LIST_EXPIRED = 11, 12
@@ -89,14 +86,14 @@ class TrustStore:
     def vouch_all(self, items):
         """For each (signature, content), or (None, …) where there is none: a Voucher, a Refusal or None."""
         answers, items = [], iter(items)
-        former = threading.stack_size(_STACK)
-        try:
-            with ThreadPoolExecutor(min(_AT_ONCE, os.cpu_count() or 1)) as pool:
-                while batch := list(itertools.islice(items, _BATCH)):
-                    for found in pool.map(self._signers, batch):
-                        answers.append(self._answer(found))
-        finally:
-            threading.stack_size(former)
+        while batch := list(itertools.islice(items, _BATCH)):
+            found = {}
+
+            def ask(place, _, batch=batch, found=found):
+                found[place] = self._signers(batch[place])
+
+            parallel.on_all_cores(ask, range(len(batch)))
+            answers += [self._answer(found[place]) for place in range(len(batch))]
         return answers
 
     def _signers(self, item):
@@ -213,13 +210,3 @@ def _check_owner(status):
 
 def _no_openssl(error):
     return Refusal(STORE, "TrustStoreUnreadable", "openssl", error)
-
-
-def now():
-    """The host's time."""
-    return datetime.datetime.now(datetime.timezone.utc)
-
-
-def shown_time(moment):
-    """A time as messages tell it."""
-    return moment.strftime("%Y-%m-%dT%H:%M:%SZ")

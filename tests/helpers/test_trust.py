@@ -15,7 +15,7 @@ import pytest
 from authority import SIGNER, Authority, openssl, self_signed
 from depot_maker import base_image, component, package, reference, tar, write_depot, write_metadata, write_tree
 from sandboxed_host import LIFECYCLE, REPOSITORY
-from tessel_lifecycle import depot_index, files, host as own_host, install, paths, pax, signature, trust
+from tessel_lifecycle import depot_index, files, host as own_host, index_trust, install, paths, pax, signature, trust
 from tessel_lifecycle.depot import Depot
 from tessel_lifecycle.depot_writer import DepotWriter
 from tessel_lifecycle.errors import ImageError
@@ -439,7 +439,7 @@ def test_an_index_of_yesterday_is_refused(world, settings, tmp_path, monkeypatch
     (tmp_path / "seen.json").write_text("damaged")
     assert told_of(folder) is None
     (tmp_path / "seen.json").unlink()
-    monkeypatch.setattr(depot_index, "_MOST_SEEN", 3)
+    monkeypatch.setattr(index_trust, "_MOST_SEEN", 3)
     for number in range(5):
         assert told_of(index(world, tmp_path / f"depot-{number}", "good")) is None
     assert len(json.loads((tmp_path / "seen.json").read_text())["seen"]) == 3
@@ -453,7 +453,7 @@ def test_an_index_that_is_replaced_while_it_is_read(world, settings, tmp_path, m
     index(world, folder, "good")
     answers = iter([former, (folder / "index.json").read_bytes()])
     source = Depot(str(folder), ONCE).source
-    assert json.loads(depot_index.check(source, lambda: next(answers)))["issued"] > json.loads(former)["issued"]
+    assert json.loads(index_trust.check(source, lambda: next(answers)))["issued"] > json.loads(former)["issued"]
 
 
 APPLY, SCAN = (f"software --{what} --task-id ID --depot {{}} --software-spec DOCUMENT" for what in ("apply", "scan"))
