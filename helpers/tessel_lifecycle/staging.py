@@ -8,7 +8,7 @@ from tessel_lifecycle.depot_notes import why_not_read
 from tessel_lifecycle.errors import ImageError
 from tessel_lifecycle.fetch import ContentError, FetchError
 from tessel_lifecycle.image import sync_file_system
-from tessel_lifecycle.transfers import run
+from tessel_lifecycle.transfers import run, undisturbed
 
 _SPARE = 16 << 20  # bytes to leave free on the file system of the image
 
@@ -87,7 +87,8 @@ class _Verification:
         self._pool, self._begun = ThreadPoolExecutor(1), []
 
     def begin(self, offered, path):
-        self._begun.append(self._pool.submit(_verify, offered, path))
+        with undisturbed():
+            self._begun.append(self._pool.submit(_verify, offered, path))
 
     def finish(self):
         """Raises ImageError when one was not as described; it is gone then."""

@@ -59,7 +59,7 @@ class _Run:
     def go_on(self):
         """Advances every job that has what it waited for."""
         for multi in _connections() if self._asked else ():
-            with _undisturbed():
+            with undisturbed():
                 multi.perform()
             _, done, failed = multi.info_read()
             for handle, code, message in [(handle, 0, "") for handle in done] + failed:
@@ -127,8 +127,9 @@ def _limit_stacks():
 
 
 @contextlib.contextmanager
-def _undisturbed():
-    """Keeps signals out of libcurl: what a handler raises in one of its callbacks would be lost there."""
+def undisturbed():
+    """Keeps signals out of libcurl: what a handler raises in one of its callbacks would be lost there. Threads that
+    begin meanwhile get none either, on behalf of which the handler would run all the same."""
     mask = signal.pthread_sigmask(signal.SIG_BLOCK, signal.valid_signals())
     try:
         yield

@@ -4,6 +4,7 @@ import contextlib
 import hashlib
 import os
 import pathlib
+import signal
 import socket
 import subprocess
 
@@ -14,7 +15,7 @@ from tessel_lifecycle import paths, proxies
 from tessel_lifecycle.depot_notes import why_not_read
 from tessel_lifecycle.fetch import ContentError, FetchError, Patience
 from tessel_lifecycle.location import open_source
-from tessel_lifecycle.transfers import run
+from tessel_lifecycle.transfers import run, undisturbed
 
 CONTENT = bytes(range(256)) * 2000
 DIGEST = hashlib.sha256(CONTENT).hexdigest()
@@ -223,6 +224,28 @@ def test_download_is_given_up(case, tmp_path):
     assert not (tmp_path / "f").exists()
     part = tmp_path / "f.part"
     assert not part.exists() or part.stat().st_size <= len(CONTENT) + 1
+
+
+def test_a_signal_ends_a_transfer_wherever_it_strikes(tmp_path):
+    """Most of the time inside of libcurl, where the exception of the signal's handler would be lost."""
+    class Ended(BaseException):
+        pass
+
+    def end(*_):
+        raise Ended
+    before = signal.signal(signal.SIGALRM, end)
+    with undisturbed():
+        server = Server(endless)  # whose threads are those of another process otherwise
+    try:
+        with server:
+            for number in range(20):
+                signal.setitimer(signal.ITIMER_REAL, 0.01 + number / 2000)
+                with pytest.raises(Ended):
+                    open_source(server.url, PATIENCE).download("f", str(tmp_path / "f"), 64 << 20, DIGEST)
+                (tmp_path / "f.part").unlink(missing_ok=True)
+    finally:
+        signal.setitimer(signal.ITIMER_REAL, 0)
+        signal.signal(signal.SIGALRM, before)
 
 
 @pytest.mark.parametrize("tag, second", [(None, ""), ('W/"1"', ""), ('"1"', "If-Range: \"1\"")])
