@@ -25,15 +25,18 @@ ACTIVE, NOT_ACTIVATED, REBOOT_PENDING = "ACTIVE", "NOT_ACTIVATED", "REBOOT_PENDI
 class Change:
     """What it takes to get the host from one content to another.
 
-    Packages that change with the next boot only are `deferred`, and what they bring is left as it is.
+    Packages that change with the next boot only are `deferred`, and what they bring is left as it is. `renewed` names
+    packages that stay, but were put right: what is up of them runs what was changed.
     """
 
-    def __init__(self, image, old, new):
+    def __init__(self, image, old, new, renewed=()):
         self.old, self.new = old, new
+        self.renewed = {name for name in renewed if name in new.descriptors and self._is_live(name)}
         self.old_files, self.files = host_links.linked_files(old), host_links.linked_files(new)
         self.before = pending_reboot.of_content(old) | pending_reboot.running(image)
         after = pending_reboot.of_content(new)
         self.changed = {name for name in self.before.keys() | after.keys() if self.before.get(name) != after.get(name)}
+        self.changed |= self.renewed
         self.deferred = {name for name in self.changed if not self._is_live(name)}
         self.owners = {unit: descriptor for descriptor in new.descriptors.values()
                        if descriptor.name not in self.deferred for unit in descriptor.services}
@@ -77,7 +80,8 @@ class Change:
         """The files of settings that are new or others, and take effect now."""
         return [one for path, one in self.files.items()
                 if not one.is_unit and one.descriptor.name in self.changed - self.deferred
-                and (path not in self.old_files or self.old_files[path].content != one.content)]
+                and (one.descriptor.name in self.renewed or path not in self.old_files
+                     or self.old_files[path].content != one.content)]
 
     def component_of(self, descriptor):
         """How messages name what a package belongs to."""
@@ -126,15 +130,16 @@ def _prefix_taken():
     return ImageError("LiveInstallationError", notes=[Note("PrefixTaken", host_links.PREFIX, host_links.ROOT)])
 
 
-def switch(image, bank, before, after, task):
+def switch(image, bank, before, after, task, renewed=()):
     """Makes a complete bank the running one and has the host run it: `after` in place of `before`.
 
+    `renewed` names packages of which files are right again: what is up of those that stay is restarted.
     Cannot be ended any more once it returns. When it raises, all is as it was. Returns the `activation` of the result.
     @throws ImageError, OSError
     """
     if not service_manager.is_running():
         return _only_switch(image, bank, task)
-    change = Change(image, before, after)
+    change = Change(image, before, after, renewed)
     previous, start = image.current(), time.time()
     mark = Mark(bank, previous, task.id, task.operation, _active(change), pending_reboot.boot_id())
     try:
@@ -225,7 +230,8 @@ def _link(change):
     changed = host_links.synchronize(change.links())
     paths_of_units = {path for path in change.old_files.keys() | change.files.keys()
                       if path.startswith(UNITS)}
-    if changed or any(_content(change.old_files, path) != _content(change.files, path) for path in paths_of_units):
+    others = [path for path in paths_of_units if _content(change.old_files, path) != _content(change.files, path)]
+    if changed or change.renewed or others:
         service_manager.reload()
 
 

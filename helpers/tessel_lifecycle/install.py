@@ -39,7 +39,7 @@ def apply(image, plan, task):
             Room(image, build.wanted).make(build.need().files)
             brought += _fill(image, bank, build, progress, now)
             progress.enter("activate")
-            activated = activation.switch(image, bank, plan.installed.content, plan.content, task)
+            activated = activation.switch(image, bank, plan.installed.content, plan.content, task, plan.damaged)
         except BaseException:
             with contextlib.suppress(OSError, ImageError):
                 if image.current() != bank:

@@ -26,9 +26,9 @@ class Plan:
         self.new = [offered[d.key] for d in content.descriptors.values() if d.identity not in have]
 
     @classmethod
-    def switch(cls, spare, installed):
+    def switch(cls, spare, installed, damaged):
         """The plan for getting to what the spare image holds, an InstalledImage that is whole."""
-        made = cls(installed.content, installed, {})
+        made = cls(installed.content, installed, {}, damaged)
         made.content, made.bank, made.returns = spare.content, spare.bank, True
         return made
 

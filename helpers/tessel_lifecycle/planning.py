@@ -24,7 +24,7 @@ def plan(task, image, installed, spec, depots, damaged, percent):
     made = _Offer(task, installed, depots, percent, others).plan(spec, installed, damaged)
     if way_back and not made.is_done and made.content.outline() == way_back.content.outline():
         if not way_back.damaged:
-            return Plan.switch(way_back.image, installed)
+            return Plan.switch(way_back.image, installed, verify.names(damaged))
         made.returns = True
     return made
 

@@ -213,7 +213,7 @@ def _apply(image, plan, task, warnings):
     before, brought, activated = plan.installed.content, 0, None
     if plan.bank:
         with staging.installation_errors():
-            activated = activation.switch(image, plan.bank, before, plan.content, task)
+            activated = activation.switch(image, plan.bank, before, plan.content, task, plan.damaged)
     elif not plan.is_done:
         brought, activated = install.apply(image, plan, task)
     else:

@@ -24,7 +24,7 @@ class Spare:
         @param damaged  names of the installed packages that are not whole
         """
         if not self.damaged:
-            return Plan.switch(self.image, installed)
+            return Plan.switch(self.image, installed, damaged)
         kept = {}
         for known in (self.image, installed):
             overridden.offer_kept(known.catalogue(), kept)

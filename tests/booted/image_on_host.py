@@ -11,6 +11,7 @@ import signal
 import subprocess
 import sys
 import time
+import uuid
 
 REPOSITORY = pathlib.Path("/repository")
 sys.path[:0] = [str(REPOSITORY / folder) for folder in ("tools", "helpers", "tests/helpers")]
@@ -116,6 +117,12 @@ def sample_host():
     return Host(SAMPLE, "8.0.1-1")
 
 
+def on_the_host(verb):
+    """Carries out a task that only root on the host can ask for."""
+    sh("/usr/bin/python3", "/usr/lib/tessel/lifecycle/bin/imagemanagerctl.py", "software", verb,
+       "--task-id", str(uuid.uuid4()))
+
+
 def services():
     """The sample's service through its life: it answers, is replaced, comes with each boot, and goes."""
     if BOOT == 1:
@@ -125,6 +132,14 @@ def services():
         assert sh("runuser", "-u", "nobody", "--", "bash", "-lc", "status-page").endswith("status-page 1.0.0")
         assert host.apply("status-page 1.1.0-1")["status"] == "ACTIVE"
         assert page() == "1.1.0"
+        for version in ("1.0.0", "1.1.0"):
+            on_the_host("--rollback")
+            assert page() == version
+        program, process = pathlib.Path("/opt/tessel/lib/status-page/serve"), shown("status-page.service", "MainPID")
+        whole = program.read_text()
+        program.write_text(whole + "# changed\n")
+        assert host.apply("status-page 1.1.0-1")["status"] == "ACTIVE" and program.read_text() == whole
+        assert page() == "1.1.0" and shown("status-page.service", "MainPID") != process
         return REBOOT
     if BOOT in (2, 3):
         assert until(page) == "1.1.0"
