@@ -4,18 +4,18 @@ import contextlib
 import hashlib
 import os
 import pathlib
-import signal
 import socket
 import subprocess
+import sys
 
 import pytest
 from misbehaving_server import FolderServer, Server, answer, drip, drip_body, endless, hang, redirect, rest_of
-from sandboxed_host import wait_until
+from sandboxed_host import REPOSITORY, wait_until
 from tessel_lifecycle import paths, proxies
 from tessel_lifecycle.depot_notes import why_not_read
 from tessel_lifecycle.fetch import ContentError, FetchError, Patience
 from tessel_lifecycle.location import open_source
-from tessel_lifecycle.transfers import run, undisturbed
+from tessel_lifecycle.transfers import run
 
 CONTENT = bytes(range(256)) * 2000
 DIGEST = hashlib.sha256(CONTENT).hexdigest()
@@ -226,26 +226,29 @@ def test_download_is_given_up(case, tmp_path):
     assert not part.exists() or part.stat().st_size <= len(CONTENT) + 1
 
 
+ENDED_AGAIN_AND_AGAIN = """
+import signal, sys
+sys.path.insert(0, sys.argv[1])
+from tessel_lifecycle import files
+from tessel_lifecycle.fetch import TASK
+from tessel_lifecycle.location import open_source
+class Ended(BaseException): pass
+def end(*_): raise Ended
+signal.signal(signal.SIGALRM, end)
+for number in range(20):
+    signal.setitimer(signal.ITIMER_REAL, 0.02 + number / 2000)
+    try:
+        open_source(sys.argv[2], TASK).download("f", sys.argv[3], 64 << 20, "0" * 64)
+    except Ended:
+        files.remove(sys.argv[3] + ".part")
+"""
+
+
 def test_a_signal_ends_a_transfer_wherever_it_strikes(tmp_path):
     """Most of the time inside of libcurl, where the exception of the signal's handler would be lost."""
-    class Ended(BaseException):
-        pass
-
-    def end(*_):
-        raise Ended
-    before = signal.signal(signal.SIGALRM, end)
-    with undisturbed():
-        server = Server(endless)  # whose threads are those of another process otherwise
-    try:
-        with server:
-            for number in range(20):
-                signal.setitimer(signal.ITIMER_REAL, 0.01 + number / 2000)
-                with pytest.raises(Ended):
-                    open_source(server.url, PATIENCE).download("f", str(tmp_path / "f"), 64 << 20, DIGEST)
-                (tmp_path / "f.part").unlink(missing_ok=True)
-    finally:
-        signal.setitimer(signal.ITIMER_REAL, 0)
-        signal.signal(signal.SIGALRM, before)
+    with Server(endless) as server:
+        words = [REPOSITORY / "helpers", server.url, tmp_path / "f"]
+        subprocess.run([sys.executable, "-c", ENDED_AGAIN_AND_AGAIN, *words], check=True, timeout=60)
 
 
 @pytest.mark.parametrize("tag, second", [(None, ""), ('W/"1"', ""), ('"1"', "If-Range: \"1\"")])
