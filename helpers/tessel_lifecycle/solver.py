@@ -10,12 +10,17 @@ import graphlib
 from tessel_lifecycle.solver_facts import Ban, Cycle, Demand, Relations
 from tessel_lifecycle.solver_pool import Pool
 
+_MOST_RELATIONS = 3000  # among which those are looked for that explain a conflict
+
 
 class Solver:
-    """Finds the content that fulfils facts, Demands and Bans, and all relations of the offer."""
+    """Finds the content that fulfils `facts`, Demands and Bans, and all relations of the offer.
+
+    `reachable` are the names of what is demanded, and of all that can be needed for it.
+    """
 
     def __init__(self, offer, facts):
-        self._offer, self._facts, self._names, self._cycles = offer, facts, _demanded(facts), []
+        self._offer, self.facts, self._names, self._cycles = offer, facts, _demanded(facts), []
         self._pool = Pool(offer, _domains(offer, facts))
         self._add_reachable()
         self._jobs = [self._pool.install(name) for name in self._names]
@@ -26,44 +31,70 @@ class Solver:
         libsolv prefers new versions by rules of thumb. What it finds is a witness; then it is asked for anything
         better at all, until there is nothing.
         """
-        best, better = None, self._content([])
+        best, better = None, self.best_guess()
         while better is not None:
             best, question = better, self._pool.better_than(better, self._order(better))
             better = self._content([question]) if question else None
         return best and {name: self._offer.versions(name)[rank] for name, rank in best.items()}
 
-    def conflict(self):
-        """Once there was no content: facts that cannot be together, none of which can be left out."""
-        cyclic = {name for cycle in self._cycles for name, _, _ in cycle.edges}
-        facts = self._facts_about(self._pool.suspects() | cyclic)
-        if feasible(self._offer, facts):
-            facts = self._facts_about(None)
-        return minimal(facts, lambda some: feasible(self._offer, some))
+    def best_guess(self):
+        """Some content, as ranks by name; None when there is none."""
+        return self._content([])
 
-    def _facts_about(self, names):
-        """All facts about some components, or all; those first that are the last to be doubted."""
-        facts = [fact for fact in self._facts if names is None or fact.name in names]
+    def conflict(self):
+        """Once there was no content: facts that cannot be together, none of which can be left out.
+
+        First the demands are found, then the relations on account of which they cannot be fulfilled; these are left
+        out where they are too many to follow.
+        """
+        last = self._smallest_without_content()
+        relations = last.relations(last.suspects())
+        if feasible(self._offer, last.facts + relations):
+            relations = last.relations(last.reachable)
+        if len(relations) > _MOST_RELATIONS:
+            return last.facts
+        return last.facts + minimal(relations, lambda some: feasible(self._offer, last.facts + some))
+
+    def _smallest_without_content(self):
+        """A Solver with as few facts as lead to no content; of solutions only where nothing else does."""
+        suspects = self.suspects()
+        self._pool = None  # with many components, one at a time is large enough
+        facts = sorted(self.facts, key=lambda fact: getattr(fact, "solution", None) or "")
+        suspicious = [fact for fact in facts if fact.name in suspects]
+        if not self._without_content(suspicious):
+            suspicious = facts
+        return self._without_content(minimal(suspicious, lambda some: not self._without_content(some)))
+
+    def _without_content(self, facts):
+        """The Solver of some facts that has found no content; None when it finds one."""
+        solver = Solver(self._offer, facts)
+        return solver if solver.best_guess() is None else None
+
+    def suspects(self):
+        """The names of components that have part in there being no content."""
+        return self._pool.suspects() | {name for cycle in self._cycles for name, _, _ in cycle.edges}
+
+    def relations(self, names):
+        """What is said of some components about each other, the same of several versions together."""
         grouped = {}
-        for name in sorted(self._seen if names is None else names):
+        for name in sorted(names):
             for rank, version in enumerate(self._offer.versions(name)):
                 for kind in ("depends", "conflicts"):
                     for relation in self._offer.relations(kind, name, rank):
-                        if names is None or relation.name in names:
+                        if relation.name in names:
                             key = name, kind, relation.name, relation.range.text
                             grouped.setdefault(key, Relations(name, [], kind, relation)).versions.append(version)
-        pins = [fact for fact in facts if isinstance(fact, Ban) or fact.pin]
-        wishes = sorted((fact for fact in facts if fact not in pins), key=lambda fact: fact.solution or "")
-        return [*pins, *grouped.values(), *self._cycles, *wishes]
+        return [*grouped.values(), *self._cycles]
 
     def _add_reachable(self):
-        waiting, self._seen = list(self._names), set(self._names)
+        waiting, self.reachable = list(self._names), set(self._names)
         while waiting:
             name = waiting.pop()
             for rank in self._pool.ranks(name):
                 needs = self._offer.relations("depends", name, rank)
                 self._pool.add(name, rank, needs, self._offer.relations("conflicts", name, rank))
-                fresh = {need.name for need in needs} - self._seen
-                self._seen |= fresh
+                fresh = {need.name for need in needs} - self.reachable
+                self.reachable |= fresh
                 waiting += sorted(fresh)
 
     def _content(self, more):
@@ -136,7 +167,7 @@ def minimal(facts, is_feasible):
         first, second = doubted[:len(doubted) // 2], doubted[len(doubted) // 2:]
         of_second = among(kept + first, first, second)
         return among(kept + of_second, of_second, first) + of_second
-    return among([], [], facts) if facts else []
+    return among([], [], facts) if facts and is_feasible([]) else []
 
 
 def _demanded(facts):

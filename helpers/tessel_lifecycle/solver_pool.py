@@ -33,8 +33,13 @@ class Pool:
         solvable = self._solvable(name, rank)
         self._components[solvable.id] = name, rank
         solvable.add_provides(self._versions(name, rank, rank + 1))
-        for need in needs:
-            solvable.add_requires(self._versions(need.name, *self._offer.span(need.name, need.range)))
+        spans = {}
+        for need in needs:  # two of one component are one for libsolv, which would have to search for what fulfils both
+            first, end = self._offer.span(need.name, need.range)
+            least, most = spans.get(need.name, (first, end))
+            spans[need.name] = max(first, least), min(end, most)
+        for target, (first, end) in spans.items():
+            solvable.add_requires(self._versions(target, first, end))
         for clash in clashes:
             first, end = self._offer.span(clash.name, clash.range)
             if first < end:

@@ -3,9 +3,13 @@
 import graphlib
 import itertools
 import random
+import unittest.mock
 
 from depot_maker import add_on, base_image, component, solution
+from tessel_lifecycle.errors import ImageError
 from tessel_lifecycle.metadata import KINDS, Catalogue
+from tessel_lifecycle.resolve import resolve
+from tessel_lifecycle.solver import Solver
 from tessel_lifecycle.solver_facts import Ban, Cycle, Demand
 from tessel_lifecycle.spec import SoftwareSpec
 from tessel_lifecycle.version import Range, Version
@@ -13,6 +17,28 @@ from tessel_lifecycle.version import Range, Version
 NAMES = "abcde"
 VERSIONS = "1", "1.0-1", "2", "10"  # four different ones, though not to those who compare texts or forget releases
 RANGES = "*", "*", "1", "<2", ">=1-1", ">1", "<=2.0", "=2", ">1,<10", ">=2"
+
+
+def compare(seed):
+    """Whether a world has a content. The resolver must find the best one, or a smallest set of facts against it."""
+    world, conflicts = World(seed), []
+
+    def found_conflict(solver):
+        conflicts.append(find_conflict(solver))
+        return conflicts[0]
+
+    find_conflict = Solver.conflict
+    with unittest.mock.patch.object(Solver, "conflict", found_conflict):
+        try:
+            found = resolve(world.spec, world.catalogue).versions()
+        except ImageError as error:
+            found = None
+            assert error.notes or not conflicts, (seed, error)
+    assert found == world.best(), seed
+    for facts in conflicts:
+        assert not world.can_be(facts), seed
+        assert all(world.can_be([other for other in facts if other is not fact]) for fact in facts), seed
+    return found is not None
 
 
 class World:
