@@ -79,6 +79,18 @@ def check_admitted(paxs):
     return Admission(paxs, vouchers, _warnings(doubts, not store.is_empty))
 
 
+def check_levels(paxs):
+    """Raises ImageError when InstalledPaxs were taken with less than what the host's acceptance level is by now.
+
+    What was said of them then counts: the way back does not depend on how long certificates hold.
+    """
+    least = ACCEPTANCE_LEVELS.index(least_acceptance_level())
+    refused = [pax.label for pax in paxs
+               if ACCEPTANCE_LEVELS.index(pax.level if pax.signed_by else ACCEPTANCE_LEVELS[-1]) > least]
+    if refused:
+        raise ImageError("AcceptanceConfigError", detail=", ".join(refused))
+
+
 def trust_store():
     """Whom this host trusts. @throws ImageError when the preferences cannot be read"""
     return TrustStore(paths.TRUST, _preferences().get("require_revocation_lists", "false").lower() == "true")

@@ -1,7 +1,7 @@
 """What it takes to bring a host from its image to another content."""
 
 from tessel_lifecycle.errors import ImageError
-from tessel_lifecycle.host import check_admitted
+from tessel_lifecycle.host import check_admitted, check_levels
 
 
 class Plan:
@@ -10,10 +10,10 @@ class Plan:
     `damaged` names the installed PAXs of which files were changed or lost. `new` are the PAXs that the host does not
     have, or not whole and the depots have. `bank` names the bank that has the content already, which only has to be
     switched to, and `returns` tells that it is what the spare bank holds, whole or not. `warnings` are Notes: of depots
-    that were left out and, once it is checked, on the new PAXs.
+    that were left out and, once it is checked, on the new PAXs. `arriving` are the InstalledPaxs that a switch brings.
     """
 
-    bank, returns, warnings = None, False, []
+    bank, returns, warnings, arriving = None, False, [], ()
 
     def __init__(self, content, installed, offered, damaged=frozenset()):
         self.content, self.installed, self.offered, self.damaged = content, installed, offered, damaged
@@ -30,6 +30,8 @@ class Plan:
         """The plan for getting to what the spare image holds, an InstalledImage that is whole."""
         made = cls(installed.content, installed, {}, damaged)
         made.content, made.bank, made.returns = spare.content, spare.bank, True
+        have = {p.descriptor.identity for p in installed.paxs.values()}
+        made.arriving = [p for p in spare.paxs.values() if p.descriptor.identity not in have]
         return made
 
     @property
@@ -61,5 +63,6 @@ class Plan:
                  if name in present and version < present[name]]
         if lower and not downgrades and not self.returns:
             raise ImageError("ComponentDowngradeError", ", ".join(lower))
+        check_levels(self.arriving)
         self.admission = check_admitted(self.new)
         self.warnings = [*self.warnings, *self.admission.warnings]

@@ -2,11 +2,13 @@
 
 import json
 import os
+import pathlib
 import shutil
 
 import pytest
 from depot_maker import base_image, component, package, solution, write_depot
 from sandboxed_host import LIFECYCLE
+from tessel_lifecycle import paths
 
 SCAN = "software --scan --software-spec DOCUMENT --depot {} --task-id ID"
 APPLY = " software --apply --task-id ID --depot {} --software-spec DOCUMENT"
@@ -183,6 +185,18 @@ def test_what_only_depots_can_tell_is_asked_of_them(host, versions):
     assert changes(host.result(APPLY.format(versions), newest)) == {"c": ("2-1", "1-1")}
     host.result(APPLY.format(versions), version(3))
     assert host.error(APPLY.format(versions), version(2)) == ("ComponentDowngradeError", ["c(3-1 to 2-1)"])
+
+
+def test_what_is_not_admitted_any_more_does_not_come_back(host, versions):
+    preferences = pathlib.Path(paths.PREFERENCES)
+    preferences.write_text("acceptance_level = PARTNER\n")
+    try:
+        for line in (APPLY.format(NOWHERE), ROLLBACK):
+            assert host.error(line, version(1))[0] == "AcceptanceConfigError"
+        assert host.result(SCAN.format(NOWHERE), version(1))["status"] == "INCOMPATIBLE"
+    finally:
+        preferences.unlink()
+    assert changes(host.result(ROLLBACK)) == {"c": ("2-1", "1-1")}
 
 
 def test_equal_specifications_with_other_content_are_told_apart(host, tmp_path):
