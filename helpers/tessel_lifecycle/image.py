@@ -150,10 +150,29 @@ class Image(Banks):
         return bank
 
     def discard(self, bank):
-        """Removes a bank that does not run; one whose removal is broken off is no bank to go back to."""
+        """Removes a bank that does not run; one whose removal is broken off is no bank to go back to.
+
+        @throws ImageError when a file of it cannot be removed
+        """
         if os.path.lexists(self.path(bank)):
             files.remove(self.path(bank, "image.json"))
-            shutil.rmtree(self.path(bank))
+
+            def refuse(_, path, failure):
+                holder = self._holder(os.path.relpath(path, self.path(bank, "root")))
+                raise ImageError("ComponentUnmountError", holder, detail=failure[1]) from failure[1]
+
+            shutil.rmtree(self.path(bank), onerror=refuse)
+
+    def _holder(self, path):
+        """Whose file this is: the component's label in the running image, which mostly has it, too; or the path."""
+        with contextlib.suppress(ImageError):
+            content = self.read().content
+            for choice in content.components.values():
+                for reference in choice.component.paxs:
+                    descriptor = content.descriptors.get(reference.name)
+                    if descriptor and any(file.path == path for file in descriptor.files):
+                        return choice.component.label
+        return path
 
     def discard_unfinished(self):
         """Removes what a killed apply left of a new bank; the database is the last thing that a bank gets."""

@@ -8,6 +8,7 @@ import resource
 import shutil
 import signal
 import stat
+import subprocess
 import sys
 import threading
 import time
@@ -86,6 +87,21 @@ def state(image):
     listed = {file.path for d in installed.content.descriptors.values() for file in d.files}
     assert {entry["path"] for entry in pax.listing(installed.root)} == listed
     return installed.content.base_image.version.text
+
+
+def test_a_file_that_cannot_be_removed_is_told_with_its_component(tmp_path, location):
+    image = Image(str(tmp_path / "image"))
+    for version in ("8.0-1", "8.0-2"):
+        apply(image, location, version)
+    held = image.path("a", "root", "etc")
+    subprocess.run(["mount", "-t", "tmpfs", "tmpfs", held], check=True)
+    try:
+        with pytest.raises(ImageError) as error:
+            image.new_bank()
+        assert (error.value.name, error.value.arguments) == ("ComponentUnmountError", ["c(2-1)"])
+    finally:
+        subprocess.run(["umount", held], check=True)
+    assert (image.new_bank(), state(image)) == ("a", "8.0-2")
 
 
 def test_banks_change_places(tmp_path, location):
