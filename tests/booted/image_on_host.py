@@ -331,6 +331,35 @@ def boots():
     return 0
 
 
+def other_times():
+    """A host whose image nothing ran from; one whose image's database is lost; one whose package is removed."""
+    if BOOT == 3:
+        left = word(), links(), os.readlink("/opt/tessel")
+        assert left == (False, [], str(IMAGE / "current/root")), left
+        return 0
+    host = own_host()
+    if BOOT == 1:
+        host.apply("word 1-1")
+        sh("systemctl", "stop", "word")
+        pathlib.Path("/run/word").unlink()
+        pathlib.Path("/run/systemd/system/word.service").unlink()
+        pathlib.Path("/opt/tessel").unlink()
+        sh("systemctl", "daemon-reload")
+        assert host.apply("word 1-1")["status"] == "ACTIVE" and (word(), links()) == ("one", ["word.service"])
+        host.apply("word 2-1")
+        host.apply("word 1-1")
+        assert word() == "one"
+        host.apply("word 2-1")
+        (IMAGE / os.readlink(IMAGE / "current") / "image.json").write_text("{")
+        return CUT
+    assert until(word) == "one" and shown("word") == "active"
+    (failure,) = failed_tasks(host)
+    assert "its database cannot be read" in failure["BankUnusable"][1] and "PutBack" in failure, failure
+    sh("dpkg", "--purge", "kestreld")
+    assert shown("word") == "active" and sh("find", "/etc/systemd", "/var/lib/systemd", "-name", "kestreld*") == ""
+    return REBOOT
+
+
 def kill(task, names):
     """Kills the worker of a task, and its guard if that is among the names."""
     for path in pathlib.Path("/proc").glob("[0-9]*/cmdline"):

@@ -5,6 +5,7 @@ import pytest
 from booted_host import in_booted_host
 
 
-@pytest.mark.parametrize("scenario", ["services", "failures", "administrators", "pending", "boots", "kills"])
+@pytest.mark.parametrize("scenario", ["services", "failures", "administrators", "pending", "boots", "other_times",
+                                      "kills"])
 def test_the_host_becomes_what_is_applied(scenario):
     in_booted_host(f"python3 /repository/tests/booted/image_on_host.py {scenario}")
