@@ -9,6 +9,8 @@ import time
 AT_ONCE = 8  # transfers, and connections to one server
 
 _STACK = 1 << 20  # bytes
+# Signals with handlers in these commands; to block all takes longer than what is done meanwhile.
+_HANDLED = (signal.SIGTERM, signal.SIGINT, signal.SIGHUP, signal.SIGIO, signal.SIGALRM)
 _TICK = 0.1       # seconds between two looks for what is overdue
 _kept = threading.local()
 
@@ -130,7 +132,7 @@ def _limit_stacks():
 def undisturbed():
     """Keeps signals out of libcurl: what a handler raises in one of its callbacks would be lost there. Threads that
     begin meanwhile get none either, on behalf of which the handler would run all the same."""
-    mask = signal.pthread_sigmask(signal.SIG_BLOCK, signal.valid_signals())
+    mask = signal.pthread_sigmask(signal.SIG_BLOCK, _HANDLED)
     try:
         yield
     finally:
