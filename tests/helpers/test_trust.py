@@ -16,6 +16,7 @@ from authority import SIGNER, Authority, openssl, self_signed
 from depot_maker import base_image, component, package, reference, tar, write_depot, write_metadata, write_tree
 from sandboxed_host import LIFECYCLE, REPOSITORY
 from tessel_lifecycle import depot_index, files, host as own_host, index_trust, install, paths, pax, signature, trust
+from tessel_lifecycle.compliance import is_incompatibility
 from tessel_lifecycle.depot import Depot
 from tessel_lifecycle.depot_writer import DepotWriter
 from tessel_lifecycle.errors import ImageError
@@ -228,6 +229,19 @@ def test_the_least_level_decides(world, settings, tmp_path):
                 assert error.arguments == ([] if error.name == low else ["p(1-1)"]) and error.notes
                 seen.append(error.name)
         assert tuple(seen) == expected
+
+
+@pytest.mark.parametrize("signer, name", [
+    (None, "PaxSigMissingError"), ("alone", "PaxSigInvalidError"), ("expired", "PaxSigInvalidError"),
+    ("revoked", "PaxSigInvalidError"), ("server", "PaxSigInvalidError"), ("second", "AcceptanceConfigError"),
+    ("listed", "PaxCertStoreError"), ("good", None)])
+def test_what_a_certified_host_does_not_take(signer, name, world, settings, tmp_path):
+    world.store(tmp_path / "trust", {"CERTIFIED": ["root", "new"], "PARTNER": ["other"]})
+    units = offered(tmp_path / "depot", package("p", {}), sign=lambda content: signer and world.sign(content, signer))
+    settings("acceptance_level = CERTIFIED\n")
+    with pytest.raises(ImageError) if name else contextlib.nullcontext() as error:
+        own_host.check_admitted(units)
+    assert name is None or (error.value.name, is_incompatibility(error.value)) == (name, True)
 
 
 def test_many_refusals_are_told_in_few_words(settings, tmp_path):
