@@ -90,17 +90,14 @@ class TrustStore:
             found = {}
 
             def ask(place, _, batch=batch, found=found):
-                found[place] = self._signers(batch[place])
+                found[place] = self._signers(*batch[place])
 
-            parallel.on_all_cores(ask, range(len(batch)))
-            answers += [self._answer(found[place]) for place in range(len(batch))]
+            parallel.on_all_cores(ask, [place for place, (signature, _) in enumerate(batch) if signature is not None])
+            answers += [self._answer(found.get(place)) for place in range(len(batch))]
         return answers
 
-    def _signers(self, item):
-        """The certificates of those who signed and those that came along, a Refusal, or None."""
-        signature, content = item
-        if signature is None:
-            return None
+    def _signers(self, signature, content):
+        """The certificates of those who signed and those that came along, or a Refusal."""
         try:
             signed = Signed(signature)
         except ValueError as error:
