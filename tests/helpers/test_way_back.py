@@ -302,3 +302,22 @@ def test_what_cannot_be_given_back_is_told(host, raising):
     record = host.task(REMOVE)
     assert record["error"]["message"]["id"].endswith(".MissingComponentError")
     assert notes_of(record) == [("Detail", "c(1-1)"), ("PaxNotKept",)]
+
+
+def test_what_nobody_named_goes_with_what_needed_it(host, tmp_path):
+    depot = write_depot(
+        tmp_path / "needy", base_image(), solution("s", {"agent": "*"}), component("agent", depends={"lib": "*"}),
+        component("tool", depends={"plug": "*"}), component("tool", "2-1"), *map(component, ("lib", "plug", "x")))
+    take = f"components --apply --task-id ID --depot {depot} --component "
+    steps = [  # the line, and what is there then, by the source's first letter
+        (APPLY.format(depot), {"agent": "S", "lib": "S"}),
+        (take + "tool:1-1", {"agent": "S", "lib": "S", "plug": "C", "tool": "C"}),
+        (REMOVE, {"plug": "C", "tool": "C"}),
+        (take + "tool:2-1", {"tool": "C"}),
+        (take + "tool:2-1 --component plug:1-1", {"plug": "C", "tool": "C"}),
+        (take + "x:1-1", {"plug": "C", "tool": "C", "x": "C"})]
+    for line, expected in steps:
+        host.result(line, WITH_SOLUTION if "software" in line else None)
+        names = [component["component"] for component in json.loads(host.run("component --list")[1])]
+        found = {name: json.loads(host.run(f"component --get {name}")[1])["source"][0] for name in names}
+        assert found == expected, line
