@@ -155,7 +155,8 @@ def switch(image, bank, before, after, task, renewed=()):
         task.commit()
     except BaseException as error:
         task.commit()
-        if not service_manager.is_stopping():  # else the boot decides
+        # Before the mark nothing has changed; and when the host goes down, the boot decides.
+        if mark.is_written(image) and not service_manager.is_stopping():
             _put_back(image, mark, after, before)
         if isinstance(error, ManagerError):
             raise ImageError("LiveInstallationError", detail=error) from error

@@ -27,6 +27,11 @@ class Mark:
         """@throws OSError"""
         files.replace(_path(banks), compact(vars(self)).encode())
 
+    def is_written(self, banks):
+        """Whether this mark is there, or was: its bank runs."""
+        there = read(banks)
+        return (there is not None and vars(there) == vars(self)) or banks.current() == self.bank
+
 
 def read(banks):
     """The mark, or None."""

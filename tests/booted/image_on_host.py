@@ -238,6 +238,9 @@ def failures():
         assert not (IMAGE / "activation.json").exists()
     for name in ("clash", "grave"):
         assert host.scan("word 2-1", "ends 1-1", f"{name} 1-1")["status"] == "INCOMPATIBLE"
+    (IMAGE / "activation.json.new").mkdir()  # no mark can be written, and without it nothing is touched
+    assert "InstallationError" in host.refused("word 2-1", "ends 1-1") and state() == before
+    (IMAGE / "activation.json.new").rmdir()
     pathlib.Path("/run/tessel/maintenance-mode").touch()
     everything = host.apply("word 2-1", "needs 1-1", "settings 1-1", "grave 1-1", "instance 1-1")
     assert everything == {"status": "ACTIVE", "reboot_pending": [], "messages": []}
