@@ -22,6 +22,7 @@ from tessel_lifecycle.errors import ImageError
 from tessel_lifecycle.fetch import Patience
 from tessel_lifecycle.image import Image
 from tessel_lifecycle.plan import Plan
+from tessel_lifecycle.progress import Progress
 from tessel_lifecycle.resolve import resolve
 from tessel_lifecycle.spec import SoftwareSpec
 from tessel_lifecycle.task import Task, Terminated
@@ -314,3 +315,17 @@ def test_a_full_disk_leaves_the_old_image(tmp_path, location, monkeypatch):
             names.add(error.name)
             assert state(image) == "8.0-1"
     assert state(image) == "8.0-2" and names <= {"InstallationError", "DatabaseIOError"} and names
+
+
+def test_progress_follows_what_is_still_to_come(monkeypatch):
+    """Of 100 MB that come at 5 MB/s and 60 MB that are unpacked at half of the speed that was thought."""
+    clock, told = [0.0], []
+    monkeypatch.setattr("time.monotonic", lambda: clock[0])
+    progress = Progress(lambda percent: told.append(round(percent)), download=100e6, unpack=60e6)
+    for name, seconds, done in (("download", 10, 50e6), ("", 0, -25e6), ("", 10, 75e6), ("unpack", 1, 30e6),
+                                ("", 1, 30e6)):
+        if name:
+            progress.enter(name)
+        clock[0] += seconds
+        progress.add_and_tell(done)
+    assert told == [5, 50, 50, 95, 95, 95, 99]
