@@ -9,6 +9,10 @@ from tessel_lifecycle.metadata import ACCEPTANCE_LEVELS
 from tessel_lifecycle.signature import DIGEST, FORMAT, INVALID, STORE, Refusal
 from tessel_lifecycle.trust import TrustStore, Voucher
 
+# What a client is told for each kind of Refusal.
+REFUSALS = {STORE: "PaxCertStoreError", DIGEST: "PaxSigDigestError", FORMAT: "PaxSigFormatError",
+            INVALID: "PaxSigInvalidError"}
+
 _DMI = "/sys/class/dmi/id/"
 
 
@@ -97,16 +101,14 @@ def trust_store():
 
 
 _MOST_TOLD = 5
-_BY_KIND = {STORE: "PaxCertStoreError", DIGEST: "PaxSigDigestError", FORMAT: "PaxSigFormatError",
-            INVALID: "PaxSigInvalidError"}
-_OBJECTIONS = (*_BY_KIND.values(), "PaxSigMissingError", "AcceptanceConfigError")
+_OBJECTIONS = (*REFUSALS.values(), "PaxSigMissingError", "AcceptanceConfigError")
 
 
 def _objection(pax, answer, least, store):
     """Why a PAX is not taken: (identifier, Notes), or None."""
     is_open, level = least == ACCEPTANCE_LEVELS[-1], getattr(answer, "level", ACCEPTANCE_LEVELS[-1])
     if isinstance(answer, Refusal) and (answer.kind == DIGEST or not is_open):
-        return _BY_KIND[answer.kind], [answer.note(pax.label)]
+        return REFUSALS[answer.kind], [answer.note(pax.label)]
     if answer is None and not is_open:
         return "PaxSigMissingError", [Note("PaxUnsigned", pax.label, least, paths.PREFERENCES)]
     if ACCEPTANCE_LEVELS.index(level) > ACCEPTANCE_LEVELS.index(least):

@@ -26,7 +26,9 @@ _LONGEST = 500  # characters of a location that is remembered
 
 
 def check(source, read):
-    """The bytes of a depot's index, if the host takes it: `read` reads them from `source`. @throws ImageError
+    """The bytes of a depot's index, if the host takes it: `read` reads them from `source`.
+
+    What is wrong with its signature is told as of a PAX's. @throws ImageError
 
     At the level COMMUNITY an index may be unsigned, or signed by who is not trusted. One that is signed by who is
     trusted has to hold all the same.
@@ -42,17 +44,17 @@ def check(source, read):
     except FetchError as error:
         if is_open:
             return data
-        raise ImageError("MetadataFormatError", url, detail=error,
+        raise ImageError("PaxSigMissingError", url, detail=error,
                          notes=[Note("IndexUnsigned", url, least, paths.PREFERENCES)]) from error
     try:
         data, voucher = _vouched(store, source, read, data, signature)
     except Refusal as refusal:
         if is_open and refusal.kind != DIGEST:
             return data
-        name, arguments = ("PaxCertStoreError", ()) if refusal.kind == STORE else ("MetadataFormatError", (url,))
-        raise ImageError(name, *arguments, notes=[refusal.note(url)]) from refusal
+        arguments = () if refusal.kind == STORE else (url,)
+        raise ImageError(host.REFUSALS[refusal.kind], *arguments, notes=[refusal.note(url)]) from refusal
     if ACCEPTANCE_LEVELS.index(voucher.level) > ACCEPTANCE_LEVELS.index(least):
-        raise ImageError("MetadataFormatError", url, notes=[
+        raise ImageError("AcceptanceConfigError", notes=[
             Note("IndexLevelTooLow", url, voucher.level, voucher.signed_by, least, paths.PREFERENCES),
             *(refusal.note(url) for refusal in voucher.refusals)])
     _check_time(url, data, voucher)

@@ -392,7 +392,8 @@ def told_of(folder):
     try:
         Depot(str(folder), ONCE).connect()
     except ImageError as error:
-        assert error.arguments == ([] if error.name == "PaxCertStoreError" else [f"{folder}/index.json"])
+        named = error.name not in ("PaxCertStoreError", "AcceptanceConfigError")
+        assert error.arguments == ([f"{folder}/index.json"] if named else [])
         return f"{error.name} {error.notes[0].identifier.rpartition('.')[2]}"
     return None
 
@@ -405,13 +406,13 @@ def tamper(folder):
 # level CERTIFIED, and at COMMUNITY.
 INDEXES = {
     "signed": (("second", 1, 0), None, None, None),
-    "not signed": ((None, 1, 0), None, "MetadataFormatError IndexUnsigned", None),
-    "signed by a stranger": (("alone", 1, 0), None, "MetadataFormatError SignerUnknown", None),
-    "signed by who has expired": (("expired", 1, 0), None, "MetadataFormatError SignerOutOfTime", None),
+    "not signed": ((None, 1, 0), None, "PaxSigMissingError IndexUnsigned", None),
+    "signed by a stranger": (("alone", 1, 0), None, "PaxSigInvalidError SignerUnknown", None),
+    "signed by who has expired": (("expired", 1, 0), None, "PaxSigInvalidError SignerOutOfTime", None),
     "list is missing": (("listed", 1, 0), None, "PaxCertStoreError RevocationListMissing", None),
-    "changed": (("second", 1, 0), tamper, *["MetadataFormatError SignatureOfOther"] * 2),
+    "changed": (("second", 1, 0), tamper, *["PaxSigDigestError SignatureOfOther"] * 2),
     "no signature": (("second", 1, 0), lambda folder: (folder / "index.json.cms").write_text("x"),
-                     "MetadataFormatError SignatureUnreadable", None),
+                     "PaxSigFormatError SignatureUnreadable", None),
     "has held": (("second", 1, -30), None, *["MetadataDownloadError IndexExpired"] * 2),
     "of tomorrow": (("second", 9, 30), None, *["MetadataDownloadError IndexFromLater"] * 2),
 }
@@ -433,7 +434,7 @@ def test_whose_index_is_taken(case, world, settings, tmp_path, monkeypatch):
     index(world, tmp_path / "low", "good")
     assert told_of(tmp_path / "low") is None
     settings("acceptance_level = CERTIFIED\n")
-    assert told_of(tmp_path / "low") == "MetadataFormatError IndexLevelTooLow"
+    assert told_of(tmp_path / "low") == "AcceptanceConfigError IndexLevelTooLow"
 
 
 def test_an_index_of_yesterday_is_refused(world, settings, tmp_path, monkeypatch):
@@ -494,7 +495,7 @@ def test_the_guide_leads_to_a_host_that_takes_only_what_is_signed(host, own_sett
     extracted = host.result("depots --extract --task-id ID")["location"].removeprefix("file://")
     shutil.copytree(extracted, tmp_path / "extracted")
     shutil.rmtree(LIFECYCLE / "image")
-    assert host.error(APPLY.format(tmp_path / "extracted"), spec)[0] == "MetadataFormatError"
+    assert host.error(APPLY.format(tmp_path / "extracted"), spec)[0] == "PaxSigMissingError"
     subprocess.run(["kestreld-build-depot", "--renew", "--sign", "signer.key", "--certificate", "signer.pem",
                     "extracted"], cwd=tmp_path, check=True)
     host.result(APPLY.format(tmp_path / "extracted"), spec)
@@ -518,9 +519,9 @@ def test_a_key_with_a_passphrase_signs_the_sample(host, own_settings, world, sam
     spec = {"base_image": {"version": "8.0.1-1"}}
     world.store(pathlib.Path(paths.TRUST), {"ACCEPTED": ["root"], "PARTNER": ["other"]})
     pathlib.Path(paths.PREFERENCES).write_text("acceptance_level = ACCEPTED\n")
-    for command in ("scan", "apply"):
-        line = {"scan": SCAN, "apply": APPLY}[command]
-        assert host.error(line.format(sample_depot), spec)[0] == "MetadataFormatError"
+    scanned = host.result(SCAN.format(sample_depot), spec)
+    assert scanned["status"] == "INCOMPATIBLE" and "PaxSigMissingError" in str(scanned["messages"])
+    assert host.error(APPLY.format(sample_depot), spec)[0] == "PaxSigMissingError"
     assert host.result(SCAN.format(tmp_path / "depot"), spec)["status"] == "NON_COMPLIANT"
     host.result(APPLY.format(tmp_path / "depot"), spec)
     # Only the index of the unsigned one is signed now, by who is trusted.
