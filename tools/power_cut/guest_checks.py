@@ -13,7 +13,7 @@ import time
 import urllib.request
 
 import guest_operations
-from guest_operations import DAEMON, DOCUMENTS, SETTINGS, client, must_succeed
+from guest_operations import CONFIGURATION, DOCUMENTS, SETTINGS, client, must_succeed
 
 LIFECYCLE = pathlib.Path("/var/tessel/lifecycle")
 IMAGE = LIFECYCLE / "image"
@@ -21,7 +21,6 @@ STORE = "/var/tessel/configstore/store.db"
 ENDED = ("SUCCEEDED", "FAILED")
 # Of each key of the configuration, the file that it makes.
 CONFIGURED = {"system/banner/motd": "/etc/motd", "system/banner/issue": "/etc/issue",
-              "time/ntp/servers": "/etc/systemd/timesyncd.conf.d/50-kestreld.conf",
               "kernel/sysctl/settings": "/etc/sysctl.d/60-kestreld.conf",
               "logging/remote/targets": "/etc/rsyslog.d/50-kestreld.conf"}
 # What operations change when they succeed.
@@ -181,7 +180,7 @@ def configured_files():
 
 def exported_keys():
     """The stored value of each key."""
-    exported = client().call(DAEMON + "configuration", "export")
+    exported = client().call(CONFIGURATION, "export")
     profile = json.loads(exported["document"] if isinstance(exported, dict) else exported)["profile"]
     return {f"{component}/{group}/{key}": value for component, groups in profile.items()
             for group, keys in groups.items() for key, value in keys.items()}
@@ -260,10 +259,10 @@ def check_next_apply(expected, told):
         yield f"a scan after the next apply says {scanned['status']}"
     yield from faults_of_bank("current")
     yield from check_activation(expected, told)
-    if expected["kind"] in ("stage", "apply", "activation", "rollback"):
+    if expected["kind"] not in ("configuration", "both"):
         return  # has nothing to do with the configuration, and applying that takes its time
-    must_succeed(guest_operations.configure(tell, "new"))
-    checked = must_succeed(guest_operations.run_task(tell, DAEMON + "configuration", "check_compliance$task",
+    guest_operations.configure(tell, "new")
+    checked = must_succeed(guest_operations.run_task(tell, CONFIGURATION, "check_compliance$task",
                                                      document=DOCUMENTS["new"]))
     for host in checked["compliance"]:
         for setting in host["settings"]:

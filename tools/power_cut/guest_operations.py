@@ -8,6 +8,7 @@ import uuid
 from orbi_client import Client
 
 DAEMON = "com.tessel.ryx.kestrel_daemon."
+CONFIGURATION = DAEMON + "configuration"
 SETTINGS = "com.tessel.ryx.host_settings."
 DEPOT = "file:///srv/depot"
 HELPER = "/usr/lib/tessel/lifecycle/bin/imagemanagerctl.py"
@@ -33,7 +34,6 @@ IMAGES = {
 def document(mark, number):
     return json.dumps({"metadata": {"schema_version": "1.0"}, "profile": {
         "system": {"banner": {"motd": {"text": f"The {mark} text.\n"}, "issue": {"text": f"The {mark} host.\n"}}},
-        "time": {"ntp": {"servers": {"server": [f"{mark}.example.com"], "enabled": True}}},
         "kernel": {"sysctl": {"settings": [{"name": "net.ipv4.ip_default_ttl", "value": str(number)}]}},
         "logging": {"remote": {"targets": [{"name": "main", "host": "127.0.0.1", "port": number, "protocol": "udp"}]}},
     }})
@@ -66,10 +66,17 @@ def change_software(tell, operation, image):
     return run_task(tell, DAEMON + "software", operation, depots=[DEPOT], software_spec=IMAGES[image])
 
 
+def check_configuration(tell, mark="new"):
+    """Returns what the configuration can be applied by."""
+    return must_succeed(run_task(tell, CONFIGURATION, "check_apply$task", document=DOCUMENTS[mark]))["spec_id"]
+
+
+def apply_configuration(tell, checked):
+    must_succeed(run_task(tell, CONFIGURATION, "apply$task", spec_id=checked))
+
+
 def configure(tell, mark):
-    service = DAEMON + "configuration"
-    checked = must_succeed(run_task(tell, service, "check_apply$task", document=DOCUMENTS[mark]))
-    return run_task(tell, service, "apply$task", spec_id=checked["spec_id"])
+    apply_configuration(tell, check_configuration(tell, mark))
 
 
 def stage(tell):
@@ -82,10 +89,6 @@ def apply(tell):
 
 def activate(tell):
     must_succeed(change_software(tell, "apply$task", "served"))
-
-
-def apply_configuration(tell):
-    must_succeed(configure(tell, "new"))
 
 
 def apply_both(tell):
@@ -107,7 +110,7 @@ def change_tasks(tell):
         tell(wants={"software": spec})
         client().call(SETTINGS + "software", "set", spec=spec)
         tell(has={"software": spec})
-        must_succeed(run_task(tell, DAEMON + "configuration", "validate$task", document=DOCUMENTS["new"]))
+        must_succeed(run_task(tell, CONFIGURATION, "validate$task", document=DOCUMENTS["new"]))
         client().call(SETTINGS + "depots", "create", spec={"name": f"depot-{number}", "url": DEPOT})
         tell(has={"depot": f"depot-{number}"})
         must_succeed(change_software(tell, "scan$task", "new"))
@@ -117,9 +120,13 @@ OPERATIONS = {"stage": stage, "apply": apply, "activation": activate, "rollback"
               "configuration": apply_configuration, "both": apply_both, "tasks": change_tasks}
 
 
+PREPARATIONS = {"configuration": check_configuration}
+
+
 def perform(tell, kind):
+    prepared = [PREPARATIONS[kind](tell)] if kind in PREPARATIONS else []
     tell(begins=kind)
-    OPERATIONS[kind](tell)
+    OPERATIONS[kind](tell, *prepared)
     return {}
 
 
@@ -131,6 +138,6 @@ def prepare(tell, _):
     client().call(SETTINGS + "depots", "create", spec={"name": "sample", "url": DEPOT})
     for image in ("first", "old"):
         must_succeed(change_software(tell, "apply$task", image))
-    must_succeed(configure(tell, "old"))
+    configure(tell, "old")
     subprocess.Popen(["systemctl", "poweroff"])
     return {}
