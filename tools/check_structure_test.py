@@ -31,6 +31,9 @@ class StructureTest(unittest.TestCase):
     def test_faults_are_told_with_their_place(self):
         leaf = {"configuration/messages/texts.h": "", "platform/pcore/a.h": "", "lifecycle/task.h": "",
                 "platform/configmanager/state/plan.h": "", "platform/configmanager/apply.h": ""}
+        grouped = {"helpers/tessel_lifecycle/README.md": "| tasks | `a`, `b` | x `y` |\n| ground | `c` | z |\n",
+                   "helpers/tessel_lifecycle/__init__.py": "", "helpers/tessel_lifecycle/c.py": "",
+                   "helpers/tessel_lifecycle/b.py": "", "helpers/tessel_lifecycle/a.py": "import tessel_lifecycle.b\n"}
         cases = {
             "upwards": ({"lifecycle/a.cpp": "\n" + include("daemon/b.h"), "daemon/b.h": ""},
                         "lifecycle/a.cpp:2: lifecycle -> daemon is not allowed (daemon/b.h)"),
@@ -75,6 +78,12 @@ class StructureTest(unittest.TestCase):
                  "helpers/tessel_lifecycle/b.py": "def c():\n    import tessel_lifecycle.a\n"},
                 "helpers/tessel_lifecycle/b.py:2: a circle: helpers/tessel_lifecycle/a -> helpers/tessel_lifecycle/b "
                 "-> helpers/tessel_lifecycle/a"),
+            "up, among the groups of a package": (
+                grouped | {"helpers/tessel_lifecycle/c.py": "def f():\n    from tessel_lifecycle import b\n"},
+                "helpers/tessel_lifecycle/c.py:2: tessel_lifecycle.b is in a group further up"),
+            "a module in no group": (
+                grouped | {"helpers/tessel_lifecycle/d.py": ""},
+                "helpers/tessel_lifecycle/README.md:1: helpers/tessel_lifecycle/d.py is in no group"),
         }
         for name, (files, told) in cases.items():
             with self.subTest(name):
