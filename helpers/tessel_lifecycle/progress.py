@@ -3,8 +3,8 @@
 import threading
 import time
 
-# What a second brings before it was measured: bytes from a depot, unpacked bytes, packed bytes, and seconds.
-_RATES = {"download": 10e6, "unpack": 60e6, "pack": 5e6, "activate": 1}
+# What a second brings before it was measured: bytes from a depot, unpacked, packed and read bytes, and seconds.
+_RATES = {"download": 10e6, "unpack": 60e6, "pack": 5e6, "verify": 300e6, "activate": 1}
 _LOW, _HIGH = 5, 99    # percent; what comes before is finding out what to do
 _LEAST_MEASURED = 0.2  # seconds of work that tell something of its rate
 

@@ -6,6 +6,7 @@ from tessel_lifecycle import (activation, compliance, files, install, paths, pen
 from tessel_lifecycle.build import Build
 from tessel_lifecycle.errors import INVALID_INPUT, ImageError, Note, TaskError
 from tessel_lifecycle.image import Image, InstalledImage
+from tessel_lifecycle.progress import Progress
 from tessel_lifecycle.space import Room, shortage
 from tessel_lifecycle.spec import MOST_SPEC, SoftwareSpec, parse_spec
 
@@ -70,8 +71,9 @@ def software_verify(task, _):
         installed = image.read()
         if installed.content.base_image is None:
             raise ImageError("StatelessError", detail="no image is installed")
-        meter = staging.Meter(task.progress, 5, 95, sum(p.descriptor.installed_size for p in installed.paxs.values()))
-        damaged = verify.find_damage(installed, thorough=True, on_bytes=meter.add)
+        progress = Progress(task.progress, verify=sum(p.descriptor.installed_size for p in installed.paxs.values()))
+        progress.enter("verify")
+        damaged = verify.find_damage(installed, thorough=True, on_bytes=progress.add_and_tell)
         warnings = verify.notes(damaged, _MOST_VERIFIED) + spare.warnings(image)
     present = compliance.of_content(installed.content, verify.names(damaged))
     return compliance.scan_result(present, compliance.of_content(installed.content), warnings=warnings)

@@ -13,17 +13,6 @@ from tessel_lifecycle.transfers import run, undisturbed
 _SPARE = 16 << 20  # bytes to leave free on the file system of the image
 
 
-class Meter:
-    """Turns bytes done into a percentage between `low` and `high` and tells it to `report`."""
-
-    def __init__(self, report, low, high, total):
-        self._report, self._low, self._span, self._total, self._done = report, low, high - low, max(total, 1), 0
-
-    def add(self, count):
-        self._done += count
-        self._report(self._low + self._span * min(self._done / self._total, 1))
-
-
 def stage(image, paxs, on_bytes=lambda count: None):
     """Downloads and verifies PAXs into the stage, as far as they are not there. Returns how many bytes came.
 
