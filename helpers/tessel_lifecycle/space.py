@@ -65,8 +65,16 @@ class Room:
 
     def check(self, need):
         """Raises ImageError, with both numbers, when a change does not fit whatever is given up for it."""
-        if need.total > self.free() and need.total > (obtainable := self.obtainable()):
-            raise ImageError("InstallationError", notes=[shortage(self._image.directory, need.total, obtainable)])
+        if need.total > self.free():
+            self._check(need, self.obtainable())
+
+    def check_free(self, need):
+        """As `check`, with nothing given up."""
+        self._check(need, self.free())
+
+    def _check(self, need, found):
+        if need.total > found:
+            raise ImageError("InstallationError", notes=[shortage(self._image.directory, need.total, found)])
 
     def make(self, size):
         """Gives up what it takes, the least valuable first, to have `size` bytes free."""

@@ -8,9 +8,8 @@ from tessel_lifecycle.depot_notes import why_not_read
 from tessel_lifecycle.errors import ImageError
 from tessel_lifecycle.fetch import ContentError, FetchError
 from tessel_lifecycle.image import sync_file_system
+from tessel_lifecycle.space import Need, Room, of_downloads
 from tessel_lifecycle.transfers import run, undisturbed
-
-_SPARE = 16 << 20  # bytes to leave free on the file system of the image
 
 
 def stage(image, paxs, on_bytes=lambda count: None):
@@ -30,7 +29,7 @@ def stage(image, paxs, on_bytes=lambda count: None):
                 missing.append((offered, path))
         if not missing:
             return 0
-        check_space(image.stage, sum(max(0, offered.size - _begun(path)) for offered, path in missing))
+        Room(image).check_free(Need(of_downloads(image, [offered for offered, _ in missing])))
         last = set()
         with _Verification() as verification:
             brought = sum(run(_bring(*each, on_bytes, last, verification) for each in missing))
@@ -42,13 +41,6 @@ def stage(image, paxs, on_bytes=lambda count: None):
 def staged(image, offered):
     """Where a PAX lies in the stage; named by digest, so that what lies there is either it or not there."""
     return os.path.join(image.stage, offered.sha256 + ".pax")
-
-
-def _begun(path):
-    """How many bytes of a file an earlier call has left."""
-    with contextlib.suppress(OSError):
-        return os.stat(path + ".part").st_size
-    return 0
 
 
 def _bring(offered, path, on_bytes, last, verification):
@@ -104,13 +96,6 @@ def _not_brought(offered, failures):
         return ImageError("PaxSigDigestError", offered.label, detail=failures[0])
     notes = [note for failure in failures for note in why_not_read(failure)]
     return ImageError("PaxDownloadError", failures[0].url, detail=failures[0], notes=notes)
-
-
-def check_space(directory, size):
-    """Raises OSError when a file system has less than `size` bytes free, and some more."""
-    status = os.statvfs(directory)
-    if status.f_bavail * status.f_frsize < size + _SPARE:
-        raise OSError(28, f"{size} bytes are needed", directory)
 
 
 @contextlib.contextmanager
