@@ -145,7 +145,6 @@ def software_rollback(task, _):
         damaged = verify.find_damage(installed)
         plan = way_back.plan(image, installed, verify.names(damaged))
         plan.check()
-        activation.check(image, installed.content, plan.content)
         task.progress(_RESOLVED)
         return _apply(image, plan, task, verify.notes(damaged))
 
@@ -201,7 +200,6 @@ def _change(task, depots, spec, finish, downgrades=False):
         damaged = verify.find_damage(installed)
         plan = planning.plan(task, image, installed, wanted, depots, damaged, _RESOLVED)
         plan.check(downgrades)
-        activation.check(image, installed.content, plan.content)
         task.progress(_RESOLVED)
         return finish(image, plan, task, verify.notes(damaged) + plan.warnings)
 
@@ -213,6 +211,7 @@ def _stage(image, plan, task, warnings):
 
 def _apply(image, plan, task, warnings):
     before, brought, activated = plan.installed.content, 0, None
+    activation.check(image, before, plan.content)
     if plan.bank:
         with staging.installation_errors():
             activated = activation.switch(image, plan.bank, before, plan.content, task, plan.damaged)

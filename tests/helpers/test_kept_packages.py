@@ -114,6 +114,21 @@ def test_a_failed_apply_leaves_the_stage(host, location):
     assert apply(host, location, 1)["downloaded"] == size
 
 
+def test_what_needs_maintenance_mode_is_staged_before(host, tmp_path):
+    location = write_depot(tmp_path / "depot", base_image("8.0-1", {"c": "1-1"}), component("c", paxs=["p"]),
+                           package("p", {"etc/p": "p"}, maintenance_mode=True))
+    assert host.result(line("scan", location), spec(1))["status"] == "INCOMPATIBLE"
+    assert host.result(line("stage", location), spec(1))["paxs"] == 1
+    assert host.error(line("apply", location), spec(1))[0] == "MaintenanceModeError" and not (IMAGE / "a").exists()
+    mode = pathlib.Path(paths.MAINTENANCE_MODE)
+    mode.parent.mkdir(parents=True, exist_ok=True)
+    mode.touch()
+    try:
+        assert apply(host, location, 1)["downloaded"] == 0
+    finally:
+        mode.unlink()
+
+
 def test_extracts_do_not_stay(host, location):
     apply(host, location, 1)
     young, old = extract(host).parent, extract(host).parent
