@@ -88,11 +88,6 @@ def clash(linked):
     return None
 
 
-def is_masked(linked):
-    """Whether an administrator has seen to it that a file has no effect."""
-    return any(is_mask(path) for path in linked.others())
-
-
 def check_prefix():
     """@throws PrefixTaken"""
     if os.path.lexists(PREFIX) and not (os.path.islink(PREFIX) and os.readlink(PREFIX) == ROOT):

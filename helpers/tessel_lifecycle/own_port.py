@@ -10,7 +10,7 @@ import socket
 import struct
 
 _LISTENS = "0A"
-_ANY, _ANY6 = ipaddress.ip_address("0.0.0.0"), ipaddress.ip_address("::")
+_ANY6 = ipaddress.ip_address("::")
 _LOOPBACK = ("127.0.0.1", "::1")  # one family may be all that the daemon could listen on
 
 
