@@ -93,7 +93,8 @@ TEST(RequestThreadsTest, IdleThreadsEndAndComeAgain) {
 }
 
 TEST(RequestThreadsTest, StopDropsWhatWaitsAndAwaitsWhatRuns) {
-  RequestThreads threads;
+  constexpr std::size_t kEnough = 1 << 30;  // only the stop refuses work
+  RequestThreads threads({.waiting = kEnough, .waitingOfParty = kEnough});
   Gate gate;
   for (int i = 0; i < 4; ++i) ASSERT_TRUE(threads.Submit("peer", gate.Work()));
   ASSERT_TRUE(gate.WaitForBegun(4));
