@@ -15,7 +15,7 @@ from tessel_lifecycle.content import Content
 from tessel_lifecycle.errors import ImageError, Note
 from tessel_lifecycle.host_links import PrefixTaken
 from tessel_lifecycle.image import sync_file_system
-from tessel_lifecycle.metadata import UNITS, unit_file
+from tessel_lifecycle.payload import UNITS, unit_file
 from tessel_lifecycle.service_manager import ManagerError
 from tessel_lifecycle.service_watch import STAY, STAY_PROVED, ServiceFailed, watch
 

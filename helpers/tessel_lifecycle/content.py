@@ -2,7 +2,8 @@
 
 import graphlib
 
-from tessel_lifecycle.metadata import Catalogue, content_problem
+from tessel_lifecycle.catalogue import Catalogue
+from tessel_lifecycle.payload import content_problem
 
 
 class Choice:

@@ -7,6 +7,7 @@ import os
 
 from tessel_lifecycle import paths, platform_file
 from tessel_lifecycle.archive import ARCHIVE_ERRORS
+from tessel_lifecycle.catalogue import KINDS, Catalogue
 from tessel_lifecycle.depot_index import INDEX
 from tessel_lifecycle.depot_notes import why_not_read
 from tessel_lifecycle.document import Fields, list_of, parse, sha256, shallow, size, text
@@ -14,8 +15,8 @@ from tessel_lifecycle.document_archive import DocumentArchive
 from tessel_lifecycle.errors import ImageError, Note
 from tessel_lifecycle.fetch import FetchError
 from tessel_lifecycle.location import open_source
-from tessel_lifecycle.metadata import KINDS, Catalogue, relative_path
 from tessel_lifecycle.metadata_cache import MetadataCache
+from tessel_lifecycle.payload import relative_path
 
 MOST_INDEX = 1 << 20
 MOST_METADATA_FILES = 16

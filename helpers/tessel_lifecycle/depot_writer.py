@@ -7,8 +7,8 @@ import zipfile
 
 from tessel_lifecycle import depot_index, files, pax
 from tessel_lifecycle.archive import add_member
+from tessel_lifecycle.descriptor import Pax
 from tessel_lifecycle.document import compact
-from tessel_lifecycle.metadata import Pax
 
 METADATA = "metadata.zip"
 

@@ -102,6 +102,13 @@ def name(value):
     return value
 
 
+def flag(value):
+    """True or false."""
+    if not isinstance(value, bool):
+        raise ValueError("neither true nor false")
+    return value
+
+
 def size(value):
     """A number of bytes."""
     if isinstance(value, bool) or not isinstance(value, int) or not 0 <= value < 2 ** 63:

@@ -9,7 +9,7 @@ import os
 import stat
 
 from tessel_lifecycle import paths
-from tessel_lifecycle.metadata import UNITS
+from tessel_lifecycle.payload import UNITS
 
 PREFIX = "/opt/tessel"
 ROOT = paths.IMAGE + "/current/root"

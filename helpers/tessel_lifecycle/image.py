@@ -8,11 +8,13 @@ import shutil
 
 from tessel_lifecycle import files, overridden
 from tessel_lifecycle.banks import BANKS, Banks
+from tessel_lifecycle.catalogue import Catalogue
 from tessel_lifecycle.content import Choice, Content
-from tessel_lifecycle.document import Fields, compact, list_of, name, sha256, size, text
+from tessel_lifecycle.descriptor import Descriptor
+from tessel_lifecycle.document import Fields, compact, flag, list_of, name, sha256, size, text
 from tessel_lifecycle.errors import ImageError
-from tessel_lifecycle.metadata import (MOST_SIGNATURE, AddOn, BaseImage, Catalogue, Component, Descriptor, Manifest,
-                                       Solution, acceptance_level, date_time, flag)
+from tessel_lifecycle.metadata import (MOST_SIGNATURE, AddOn, BaseImage, Component, Manifest, Solution,
+                                       acceptance_level, date_time)
 from tessel_lifecycle.version import Version
 
 SOURCES = ("BASE_IMAGE", "ADD_ON", "HARDWARE_SUPPORT", "SOLUTION", "COMPONENT")

@@ -5,10 +5,10 @@ import queue
 import threading
 
 from tessel_lifecycle import paths
+from tessel_lifecycle.catalogue import KINDS, Catalogue
 from tessel_lifecycle.depot import Depot
 from tessel_lifecycle.errors import ImageError, Note
 from tessel_lifecycle.location import has_credentials
-from tessel_lifecycle.metadata import KINDS, Catalogue
 from tessel_lifecycle.metadata_cache import MetadataCache
 
 _AT_ONCE = 8

@@ -9,12 +9,14 @@ these are brought from where they once came from.
 import base64
 import functools
 
+from tessel_lifecycle.catalogue import Catalogue
 from tessel_lifecycle.depot_notes import why_not_read
+from tessel_lifecycle.descriptor import Pax
 from tessel_lifecycle.document import Fields, list_of, text
 from tessel_lifecycle.errors import ImageError
 from tessel_lifecycle.fetch import TASK, FetchError
 from tessel_lifecycle.location import open_source
-from tessel_lifecycle.metadata import Catalogue, Component, Pax
+from tessel_lifecycle.metadata import Component
 
 FILE = "overridden.json"
 

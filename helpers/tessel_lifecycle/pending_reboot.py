@@ -57,7 +57,7 @@ def pending(banks):
 def _present(banks, bank, name):
     if bank is None or not os.path.exists(banks.path(bank, "descriptors", name + ".json")):
         return None
-    from tessel_lifecycle.metadata import Descriptor
+    from tessel_lifecycle.descriptor import Descriptor
     try:
         return Descriptor(banks.document(bank, "descriptors", name + ".json")).identity
     except ValueError as error:

@@ -7,8 +7,9 @@ import tarfile
 import zipfile
 
 from tessel_lifecycle import pax
+from tessel_lifecycle.catalogue import KINDS
 from tessel_lifecycle.depot_writer import DepotWriter
-from tessel_lifecycle.metadata import KINDS, PayloadFile
+from tessel_lifecycle.payload import PayloadFile
 
 DATE = "2026-03-02T00:00:00.000Z"
 

@@ -6,8 +6,8 @@ import random
 import unittest.mock
 
 from depot_maker import add_on, base_image, component, solution
+from tessel_lifecycle.catalogue import KINDS, Catalogue
 from tessel_lifecycle.errors import ImageError
-from tessel_lifecycle.metadata import KINDS, Catalogue
 from tessel_lifecycle.resolve import resolve
 from tessel_lifecycle.solver import Solver
 from tessel_lifecycle.solver_facts import Ban, Cycle, Demand

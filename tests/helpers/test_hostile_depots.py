@@ -16,10 +16,10 @@ from depot_maker import (DATE, base_image, package, reference, tar, write_depot,
 from misbehaving_server import Server, answer, drip_body, endless, hang, redirect
 from tessel_lifecycle import install, pax
 from tessel_lifecycle.depot import Depot
+from tessel_lifecycle.descriptor import Descriptor
 from tessel_lifecycle.errors import ImageError
 from tessel_lifecycle.fetch import Patience
 from tessel_lifecycle.image import Image
-from tessel_lifecycle.metadata import Descriptor
 from tessel_lifecycle.metadata_cache import MetadataCache
 
 ONCE = Patience(attempts=1, timeout=0.3, pause=0, limit=0.6, slowest=10 << 20)

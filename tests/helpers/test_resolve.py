@@ -2,8 +2,8 @@
 
 import pytest
 from depot_maker import add_on, base_image, component, manifest, package, solution
+from tessel_lifecycle.catalogue import KINDS, Catalogue
 from tessel_lifecycle.errors import ImageError
-from tessel_lifecycle.metadata import KINDS, Catalogue
 from tessel_lifecycle.resolve import resolve
 from tessel_lifecycle.spec import SoftwareSpec
 

@@ -6,8 +6,8 @@ import pytest
 import yaml
 from depot_maker import add_on, base_image, component, manifest, solution
 from small_worlds import compare
+from tessel_lifecycle.catalogue import KINDS, Catalogue
 from tessel_lifecycle.errors import ImageError
-from tessel_lifecycle.metadata import KINDS, Catalogue
 from tessel_lifecycle.resolve import resolve
 from tessel_lifecycle.spec import SoftwareSpec
 

@@ -22,7 +22,7 @@ from tessel_lifecycle.depot_writer import DepotWriter
 from tessel_lifecycle.errors import ImageError
 from tessel_lifecycle.fetch import Patience
 from tessel_lifecycle.image import Image
-from tessel_lifecycle.metadata import PayloadFile
+from tessel_lifecycle.payload import PayloadFile
 from test_image import QuietTask, plan
 
 ONCE = Patience(attempts=1, timeout=2, pause=0, limit=2)
