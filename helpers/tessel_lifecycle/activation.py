@@ -181,6 +181,7 @@ def present(image, content, task):
 def _only_switch(image, bank, task):
     task.commit()
     image.switch(bank)
+    image.keep(bank)
     note = Note("NotActivated", "systemd does not run here")
     syslog.syslog(syslog.LOG_NOTICE, f"task {task.id}: {note.text}")
     return compliance.activation(NOT_ACTIVATED, notes=[note])
@@ -267,6 +268,7 @@ def _why(unit, state, start):
 
 def _conclude(image, mark, change):
     """The image is up: all of it, or all that needs no boot."""
+    image.keep(mark.bank)
     if change.deferred:
         mark.phase = REBOOT
         mark.write(image)
@@ -330,6 +332,8 @@ def _put_back(image, mark, old, new):
     step(service_manager.begin, "restart", [unit for unit in active if unit not in change.kept])
     step(service_manager.begin, "start", [unit for unit in active if unit in change.kept])
     step(watch, {unit: None for unit in active}, STAY_PROVED)
+    if mark.bank != mark.previous and not activation_mark.is_proved(image, mark.bank):
+        step(image.disown, mark.bank)
     step(activation_mark.remove, image)
     files.remove(image.path("current.back"))
 
@@ -348,6 +352,8 @@ def recover(image):
     Returns whether there was one.
     """
     mark = activation_mark.read(image)
+    if mark is None and (bank := image.current()):
+        image.keep(bank)  # whoever switched to it may have died before it said so
     if mark is None or not service_manager.is_running():
         return False
     if mark.boots:
@@ -388,6 +394,7 @@ def judge(image, mark):
         mark.active = sorted(unit for descriptor in before.descriptors.values() for unit in descriptor.services)
         _put_back(image, mark, content, before)
         return error
+    image.keep(mark.bank)
     activation_mark.prove(image, mark.bank)
     activation_mark.remove(image)
     return None

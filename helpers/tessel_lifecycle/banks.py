@@ -4,6 +4,7 @@
     image/a, image/b       each with image.json (the database), root/ (the installed files), and of each package
                            descriptors/NAME.json and, if it was signed, NAME.cms;
                            files that both have alike are one file with two names
+    image/a/unfit          there while that bank is nothing to go back to: it has never run, or did not come up
     image/stage            PAXs that were downloaded and verified
     image/store            PAXs of the banks, kept as they came
     image/activation.json  which bank has not come up well yet, and in place of which it runs
@@ -47,9 +48,23 @@ class Banks:
         return bank
 
     def spare(self):
-        """The name of the other bank if it is complete and could run instead, or None. @throws ImageError"""
+        """The name of the other bank if it is complete and ran before, or None. @throws ImageError"""
         bank = {"a": "b", "b": "a"}.get(self.current())
-        return bank if bank and os.path.exists(self.path(bank, "image.json")) else None
+        return bank if bank and self.is_fit(bank) else None
+
+    def is_fit(self, bank):
+        """Whether a bank is complete, and one to go back to. One that is a link is another's folder."""
+        return (not os.path.islink(self.path(bank)) and os.path.exists(self.path(bank, "image.json"))
+                and not os.path.lexists(self.path(bank, "unfit")))
+
+    def disown(self, bank):
+        """Has a bank not be gone back to. @throws OSError"""
+        open(self.path(bank, "unfit"), "w").close()
+        files.sync_directory(self.path(bank))
+
+    def keep(self, bank):
+        """Has a bank, which runs, be one to go back to later."""
+        files.remove(self.path(bank, "unfit"))
 
     def database(self):
         """The running bank's database as a JSON value, or None when nothing is installed. @throws ImageError"""

@@ -147,16 +147,24 @@ class Image(Banks):
         """Empties the bank that does not run and returns its name."""
         bank = "b" if self.current() == "a" else "a"
         self.discard(bank)
-        os.makedirs(self.path(bank, "descriptors"))
-        files.make_directories(self.path(bank, "root"))
+        try:
+            os.makedirs(self.path(bank, "descriptors"))
+            self.disown(bank)
+            files.make_directories(self.path(bank, "root"))
+        except BaseException:
+            self.discard(bank)
+            raise
         return bank
 
     def discard(self, bank):
         """Removes a bank that does not run; one whose removal is broken off is no bank to go back to.
 
-        @throws ImageError when a file of it cannot be removed
+        @throws ImageError when a file of it cannot be removed, OSError
         """
         if os.path.lexists(self.path(bank)):
+            if os.path.islink(self.path(bank)) or not os.path.isdir(self.path(bank)):
+                os.unlink(self.path(bank))  # what a link leads to is not touched: it may be the bank that runs
+                return
             files.remove(self.path(bank, "image.json"))
 
             def refuse(_, path, failure):
@@ -177,9 +185,8 @@ class Image(Banks):
         return path
 
     def discard_unfinished(self):
-        """Removes what a killed apply left of a new bank; the database is the last thing that a bank gets."""
-        unfinished = [bank for bank in BANKS if os.path.isdir(self.path(bank))
-                      and not os.path.exists(self.path(bank, "image.json"))]
+        """Removes what a killed apply left of a new bank."""
+        unfinished = [bank for bank in BANKS if os.path.isdir(self.path(bank)) and not self.is_fit(bank)]
         if unfinished:
             with contextlib.suppress(ImageError, OSError), self.locked():
                 for bank in unfinished:

@@ -159,6 +159,7 @@ def test_death_at_every_point_leaves_the_old_or_the_new_image(tmp_path, location
     while ended := in_a_child(lambda: apply(image, location, "8.0-2"), killing(point, signal.SIGKILL)):
         assert ended == -signal.SIGKILL
         seen.append(state(image))
+        assert image.spare() == ("a" if seen[-1] == "8.0-2" else None)  # what never ran is nothing to go back to
         if seen[-1] == "8.0-2":
             image.switch("a")
         point += 1

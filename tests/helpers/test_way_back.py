@@ -236,6 +236,17 @@ def test_a_damaged_spare_image_is_not_switched_to_but_built_anew(host, tmp_path,
         assert told(host.result("software --verify --task-id ID")["warnings"]) == []
 
 
+@pytest.mark.parametrize("put", [lambda: SPARE.symlink_to("b"), lambda: SPARE.write_text("")])
+def test_what_is_no_folder_is_not_taken_for_the_spare_image(host, versions, put):
+    shutil.rmtree(SPARE)
+    put()
+    assert notes_of(host.task(ROLLBACK)) == [("NoSpareImage",)]
+    host.result(APPLY.format(versions), version(3))
+    assert (ROOT / "etc/x").read_text() == "3" and not SPARE.is_symlink()
+    host.result(ROLLBACK)
+    assert (ROOT / "etc/x").read_text() == "2"
+
+
 def notes_of(record):
     """What a failed task tells beside its error's own message."""
     ((_, fields),) = json.loads(record["exception"])["ERROR"].items()
