@@ -57,6 +57,10 @@ class State:
         return self.active in ("active", "reloading")
 
     @property
+    def is_stopping(self):
+        return self.active == "deactivating"
+
+    @property
     def text(self):
         if self.load not in ("loaded", ""):
             return self.load

@@ -5,6 +5,7 @@ import time
 from tessel_lifecycle import service_manager
 
 LONGEST = 90        # seconds for services to come up, if their own time is not shorter
+STOPPING = 100      # as many more, at most, for what ran before under their names to stop
 STAY = 5            # seconds that they have to stay
 STAY_PROVED = 0.5   # as long, of an image that has been up well before
 
@@ -26,8 +27,11 @@ def watch(units, stay):
     @throws ServiceFailed, ManagerError
     """
     begun, last_rise, up, done = time.monotonic(), time.monotonic(), {}, set()
+    stopped = begun + STOPPING
     while len(done) < len(units):
         for unit, state in service_manager.states(unit for unit in units if unit not in done).items():
+            if state.is_stopping and unit not in up and time.monotonic() < stopped:
+                begun = time.monotonic()
             if unit in up:
                 if not state.is_up or (state.invocation, state.restarts) != up[unit]:
                     raise ServiceFailed(unit, "ended after it had come up: " + state.text)
