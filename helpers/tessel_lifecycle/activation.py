@@ -19,6 +19,8 @@ from tessel_lifecycle.payload import UNITS, unit_file
 from tessel_lifecycle.service_manager import ManagerError
 from tessel_lifecycle.service_watch import STAY, STAY_PROVED, ServiceFailed, watch
 
+_WITH_STATE = (".service", ".socket", ".timer", ".path")  # units that go on as they were begun
+
 ACTIVE, NOT_ACTIVATED, REBOOT_PENDING = "ACTIVE", "NOT_ACTIVATED", "REBOOT_PENDING"
 
 
@@ -44,7 +46,16 @@ class Change:
         self.to_restart = sorted(unit for unit in linked if self.owners[unit].name in self.changed)
         self.to_start = sorted(self.owners.keys() - linked)
         self.kept = sorted(linked - set(self.to_restart))
+        self.beside = sorted(unit for path in self.files for unit in [self._beside(path)] if unit)
         self.gone = self._gone()
+
+    def _beside(self, path):
+        """The unit, or pattern, of a file of a package that changed, if it is none that is declared."""
+        one = self.files[path]
+        if (not one.unit or one.unit in self.owners or not one.unit.endswith(_WITH_STATE) or not one.is_in_place
+                or one.descriptor.name not in self.changed - self.deferred):
+            return None
+        return one.unit.replace("@.", "@*.")
 
     def _is_live(self, name):
         descriptor = self.new.descriptors.get(name) or self.old.descriptors.get(name)
@@ -141,7 +152,8 @@ def switch(image, bank, before, after, task, renewed=()):
         return _only_switch(image, bank, task)
     change = Change(image, before, after, renewed)
     previous, start = image.current(), time.time()
-    mark = Mark(bank, previous, task.id, task.operation, _active(change), pending_reboot.boot_id())
+    mark = Mark(bank, previous, task.id, task.operation, _active(change), pending_reboot.boot_id(),
+                over=activation_mark.waiting(image, bank))
     try:
         sync_file_system(image.directory)  # while the services still run
         host_links.open_way(image, bank)
@@ -168,11 +180,13 @@ def switch(image, bank, before, after, task, renewed=()):
 def present(image, content, task):
     """The `activation` of a result where nothing is to be changed, or None when there is nothing to tell.
 
-    An image of before the host knew of it is made a part of the host. @throws ImageError, OSError
+    An image of before the host knew of it is made a part of the host, and so is one of which links are gone.
+    @throws ImageError, OSError
     """
     if not service_manager.is_running() or content.base_image is None:
         return None
-    if not os.path.lexists(host_links.PREFIX):
+    links = [one for one in host_links.linked_files(content).values() if not host_links.clash(one)]
+    if not os.path.lexists(host_links.PREFIX) or not all(os.path.lexists(one.place) for one in links):
         return switch(image, image.current(), content, content, task)
     pending = pending_reboot.pending(image)
     return compliance.activation(REBOOT_PENDING, pending) if pending else None
@@ -188,9 +202,10 @@ def _only_switch(image, bank, task):
 
 
 def _active(change):
-    """Which of the old content's services are up."""
+    """Which of the old content's services are up, and of the units beside them that are to be replaced."""
     declared = sorted({unit for descriptor in change.old.descriptors.values() for unit in descriptor.services})
-    return [unit for unit, state in service_manager.states(declared).items() if state.is_up]
+    beside = [unit for unit in change.beside if "*" not in unit]
+    return [unit for unit, state in service_manager.states(declared + beside).items() if state.is_up]
 
 
 def _since_boot(change):
@@ -251,7 +266,8 @@ def _start(image, mark, change, start):
     watched |= {unit: None for unit in change.kept if unit in mark.active and unit not in masked}
     begun = [unit for unit in watched if unit not in change.kept]
     service_manager.reset_failures(begun)
-    service_manager.begin("restart", begun)
+    _restart_beside(change)
+    _restart(change, begun)
     try:
         watch(watched, STAY_PROVED if activation_mark.is_proved(image, mark.bank) else STAY)
     except ServiceFailed as failure:
@@ -259,6 +275,25 @@ def _start(image, mark, change, start):
                          notes=_why(failure.unit, failure.why, start)) from failure
     return ([Note("ServiceLeftAlone", unit, "it is masked") for unit in masked]
             + [Note("ServiceLeftAlone", unit, "it was stopped before") for unit in stopped])
+
+
+def _restart_beside(change):
+    """Has what is up beside the services restarted. @throws ManagerError"""
+    states = service_manager.states(unit for unit in change.beside if "*" not in unit)
+    service_manager.begin("try-restart", [unit for unit in change.beside if unit not in states
+                                          or states[unit].is_up and not states[unit].is_masked])
+
+
+def _restart(change, units):
+    """Has services restarted. @throws ImageError with the one of which systemd takes no job, ManagerError"""
+    try:
+        service_manager.begin("restart", units)
+    except ManagerError as error:
+        unit = next((unit for unit in units if f" {unit}:" in str(error)), None)
+        if unit is None:
+            raise
+        raise ImageError("ServiceEnableError", change.component_of_unit(unit), unit,
+                         notes=[Note("ServiceLog", unit, str(error))]) from error
 
 
 def _why(unit, state, start):
@@ -331,10 +366,12 @@ def _put_back(image, mark, old, new):
     step(service_manager.reset_failures, [*change.gone, *active])
     step(service_manager.begin, "restart", [unit for unit in active if unit not in change.kept])
     step(service_manager.begin, "start", [unit for unit in active if unit in change.kept])
+    step(_restart_beside, change)
+    step(service_manager.begin, "start", [unit for unit in change.beside if unit in mark.active])
     step(watch, {unit: None for unit in active}, STAY_PROVED)
     if mark.bank != mark.previous and not activation_mark.is_proved(image, mark.bank):
         step(image.disown, mark.bank)
-    step(activation_mark.remove, image)
+    step(activation_mark.withdraw, image, mark)
     files.remove(image.path("current.back"))
 
 

@@ -16,12 +16,13 @@ _MOST = 1 << 20
 class Mark:
     """`bank` is being made the running one in place of `previous`, None if there was none, for a task.
 
-    `active` are the image's services that were up before, `boots` the number of boots begun since.
+    `active` are the image's services that were up before, `boots` the number of boots begun since. `over` is the mark,
+    as a document, that `previous` had then: it waited for a boot itself.
     """
 
-    def __init__(self, bank, previous, task_id, operation, active, boot, phase=SWITCHING, boots=0):
+    def __init__(self, bank, previous, task_id, operation, active, boot, phase=SWITCHING, boots=0, over=None):
         self.bank, self.previous, self.task_id, self.operation = bank, previous, task_id, operation
-        self.active, self.boot, self.phase, self.boots = list(active), boot, phase, boots
+        self.active, self.boot, self.phase, self.boots, self.over = list(active), boot, phase, boots, over
 
     def write(self, banks):
         """@throws OSError"""
@@ -44,6 +45,27 @@ def read(banks):
     except (OSError, ValueError, TypeError) as error:
         syslog.syslog(syslog.LOG_ERR, f"The mark of an activation cannot be read: {error}")
     return None
+
+
+def waiting(banks, bank):
+    """The mark, as a document, of a running image that waits for a boot, with which `bank` is about to change places.
+
+    When `bank` was made anew for that, there is no other to go back to any more. None if there is no such mark.
+    """
+    mark = read(banks)
+    if mark is None or mark.phase != REBOOT or mark.boots or mark.bank != banks.current() or mark.bank == bank:
+        return None
+    return vars(mark) | {"previous": bank if banks.is_fit(bank) else mark.bank}
+
+
+def withdraw(banks, mark):
+    """Removes the mark of a bank that does not run any more, None if it had none. Returns the one that was there before
+    it, which is put in its place, or None. @throws OSError"""
+    if mark is None or mark.over is None:
+        return remove(banks)
+    before = Mark(**mark.over)
+    before.write(banks)
+    return before
 
 
 def remove(banks):

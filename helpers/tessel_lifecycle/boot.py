@@ -25,21 +25,40 @@ def bring_up(_):
     image = Image(paths.IMAGE)
     if not service_manager.is_running() or not os.path.lexists(image.path("current")):
         return ""
-    with image.locked():
-        _choose_bank(image)
-        with contextlib.suppress(OSError):
-            files.remove(image.path("current.back"))
-            if not pending_reboot.running(image):
-                files.remove(pending_reboot.path_of(image))
+    with _locked_at_last(image):
+        try:
+            pending_reboot.boot_id()  # before units do that see another
+            _choose_bank(image)
+        except (OSError, ImageError) as error:
+            _log(f"What was switched to cannot be looked after: {error}")
+        files.remove(image.path("current.back"))
+        if not pending_reboot.running(image):
+            files.remove(pending_reboot.path_of(image))
         _make_part_of_host(image)
     return ""
+
+
+@contextlib.contextmanager
+def _locked_at_last(image):
+    """The image's lock, for which others are waited for; on a disk that takes nothing there is none."""
+    with contextlib.ExitStack() as stack:
+        while True:
+            try:
+                stack.enter_context(image.locked())
+                break
+            except ImageError as error:
+                if error.name != "LockingError":
+                    _log(f"The image cannot be locked: {error}")
+                    break
+            service_manager.pause()
+        yield
 
 
 def watch(_):
     """After that: waits for the services of an image that has not come up well before, and goes back when they fail."""
     image = Image(paths.IMAGE)
     if service_manager.is_running():
-        with image.locked():
+        with _locked_at_last(image):
             mark = activation_mark.read(image)
             if mark is not None and mark.boots:
                 why = activation.judge(image, mark)
@@ -50,11 +69,11 @@ def watch(_):
 
 def _choose_bank(image):
     """Goes back to the other bank where the current one has had its chance, or cannot be used."""
-    bank, mark = image.current(), activation_mark.read(image)
+    mark = activation_mark.read(image)
+    bank = os.readlink(image.path("current"))  # which may name one that is gone
     why, serious = _damage(image, bank)
     if mark is not None and mark.bank != bank:  # it was not switched to
-        activation_mark.remove(image)
-        mark = None
+        mark = activation_mark.withdraw(image, mark)
     if mark is not None and mark.boot != pending_reboot.boot_id():
         if mark.boots and not why:
             why = "it did not come up at its first boot"
@@ -70,13 +89,19 @@ def _choose_bank(image):
 
 
 def _go_back(image, bank, mark, why):
-    other = BANKS[bank == BANKS[0]]
+    other = next((one for one in BANKS if one != bank and image.is_fit(one)), None)
+    if other is None or mark is not None and mark.previous != other:
+        _log(f"Staying with bank {bank} of the image, since there is no other to go back to")
+        return
     damage, _ = _damage(image, other)
     if damage:
         _log(f"Staying with bank {bank} of the image, since bank {other} cannot be used: {damage}")
         return
     image.switch(other)
-    activation_mark.remove(image)
+    if not activation_mark.is_proved(image, bank):
+        with contextlib.suppress(OSError):
+            image.disown(bank)
+    activation_mark.withdraw(image, mark)
     _log(f"Went back to bank {other} of the image")
     _record_return(mark, ImageError("LiveInstallationError", notes=[Note("BankUnusable", bank, why), Note("PutBack")]))
 

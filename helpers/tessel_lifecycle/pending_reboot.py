@@ -6,19 +6,28 @@ package is pending while the image has another; the file of an earlier boot says
 Imported by commands that have to answer fast, so it imports little.
 """
 
+import contextlib
 import os
 
 from tessel_lifecycle import files
 from tessel_lifecycle.document import compact, parse
 from tessel_lifecycle.errors import ImageError
 
+_BOOT = "/run/tessel/boot"  # gone with a boot
 _MOST = 4 << 20
 
 
 def boot_id():
-    """What tells this boot from all others (random(4))."""
+    """What tells this boot from all others (random(4)), the same for the whole host: in a container, a unit that has a
+    /proc of its own sees another one there than the rest does."""
+    with contextlib.suppress(OSError, ValueError):
+        return files.read_bounded(_BOOT, 64).decode()
     with open("/proc/sys/kernel/random/boot_id") as file:
-        return file.read().strip()
+        found = file.read().strip()
+    with contextlib.suppress(OSError):
+        os.makedirs(os.path.dirname(_BOOT), mode=0o755, exist_ok=True)
+        files.replace(_BOOT, found.encode())
+    return found
 
 
 def path_of(banks):

@@ -8,6 +8,7 @@ import itertools
 import os
 import pathlib
 import signal
+import socket
 import subprocess
 import sys
 import time
@@ -24,6 +25,7 @@ REBOOT, CUT = 75, 76
 SOFTWARE = "com.tessel.ryx.kestrel_daemon.software"
 IMAGE = pathlib.Path("/var/tessel/lifecycle/image")
 SAMPLE = "/srv/sample"
+HELPER = ("/usr/bin/python3", "/usr/lib/tessel/lifecycle/bin/imagemanagerctl.py")
 
 
 def sh(*command, check=True):
@@ -119,8 +121,7 @@ def sample_host():
 
 def on_the_host(verb):
     """Carries out a task that only root on the host can ask for."""
-    sh("/usr/bin/python3", "/usr/lib/tessel/lifecycle/bin/imagemanagerctl.py", "software", verb,
-       "--task-id", str(uuid.uuid4()))
+    sh(*HELPER, "software", verb, "--task-id", str(uuid.uuid4()))
 
 
 def services():
@@ -181,6 +182,11 @@ PACKAGES = [
                          + unit("ExecStart=/bin/sleep infinity")}),
     *one("broken", files={"broken.service": unit("ExecStart=/bin/sh -c 'echo no colour printer >&2; exit 3'"),
                           "lib/sysctl.d/70-broken.conf": "net.ipv4.conf.all.log_martians = 1\n"}),
+    *one("alone", files={"alone.service": "[Unit]\nRequires=nothing-there.service\n" + serving("alone")}),
+    *(part for n in (1, 2) for part in one("beside", f"{n}-1", {
+        "beside.service": "[Unit]\nWants=side.service\n" + unit("ExecStart=/bin/sleep infinity"),
+        "lib/systemd/system/side.service": unit(f"ExecStart=/bin/sh -c 'echo {n} >/run/side; exec sleep infinity'")},
+        services=["beside.service"])),
     *one("brief", files={"brief.service": unit("ExecStart=/bin/sleep 1")}),
     *one("restless", files={"restless.service": unit("ExecStart=/bin/sleep 1", "Restart=always")}),
     *one("silent", files={"silent.service": unit("ExecStart=/bin/sleep infinity", "TimeoutStartSec=2",
@@ -224,6 +230,7 @@ def failures():
     assert (before["word"], before["links"]) == ("one", ["ends.service", "word.service"])
     for name, identifier, arguments, part in (
             ("broken", "ServiceEnableError", ["broken(1-1)", "broken.service"], "no colour printer"),
+            ("alone", "ServiceEnableError", ["alone(1-1)", "alone.service"], "nothing-there.service not found"),
             ("brief", "ServiceEnableError", ["brief(1-1)", "brief.service"], "ended after it had come up"),
             ("restless", "ServiceEnableError", ["restless(1-1)", "restless.service"], "ended after it had come up"),
             ("silent", "ServiceEnableError", ["silent(1-1)", "silent.service"], "timeout"),
@@ -242,6 +249,13 @@ def failures():
     assert "InstallationError" in host.refused("word 2-1", "ends 1-1") and state() == before
     (IMAGE / "activation.json.new").rmdir()
     pathlib.Path("/run/tessel/maintenance-mode").touch()
+    side = pathlib.Path("/run/side")
+    host.apply("word 1-1", "ends 1-1", "beside 1-1")
+    assert until(lambda: side.exists() and side.read_text()) == "1\n"
+    host.refused("word 2-1", "ends 1-1", "beside 2-1", "broken 1-1")
+    until(lambda: side.read_text() == "1\n" and shown("side") == "active")
+    host.apply("word 1-1", "ends 1-1", "beside 2-1")  # one that another of the image brought up is replaced, too
+    until(lambda: side.read_text() == "2\n" and shown("side") == "active")
     everything = host.apply("word 2-1", "needs 1-1", "settings 1-1", "grave 1-1", "instance 1-1")
     assert everything == {"status": "ACTIVE", "reboot_pending": [], "messages": []}
     assert (word(), PARAMETER.read_text(), shown("needs"), shown("at@x")) == ("two", "1\n", "active", "active")
@@ -254,6 +268,8 @@ def administrators():
     """What an administrator stopped or masked is left alone, and told; the host's own package manager works on."""
     host = own_host()
     host.apply("word 1-1")
+    pathlib.Path("/run/systemd/system/word.service").unlink()
+    assert host.apply("word 1-1")["status"] == "ACTIVE" and links() == ["word.service"]
     sh("systemctl", "stop", "word")
     (message,) = host.apply("word 1-1", "settings 1-1")["messages"]
     assert message["args"] == ["word.service", "it was stopped before"] and shown("word") == "inactive"
@@ -297,6 +313,12 @@ def pending():
         assert host.apply("clock-source 1.0.0-1") == waits
         assert host.apply()["status"] == "ACTIVE" and "reboot_pending" not in host.installed()
         assert host.apply("clock-source 1.0.0-1") == waits
+        for expected in (None, ["clock-source"]):
+            on_the_host("--rollback")
+            assert host.installed().get("reboot_pending") == expected
+        with socket.create_server(("127.0.0.1", 8642)):  # the status page's
+            host.refused("clock-source 1.0.0-1", "status-page 1.0.0-1")
+        assert (IMAGE / "activation.json").exists()  # the boot that was waited for is still watched
         return REBOOT
     until(lambda: not (IMAGE / "activation.json").exists())
     assert version.read_text() == "1.0.0\n" and "reboot_pending" not in host.installed()
