@@ -1,5 +1,5 @@
-/* Breaks the worker of a helper task, or the daemon, at a chosen one of its calls that change the file system;
- * preloaded into it.
+/* Breaks the worker of a helper task, or the daemon, at a chosen one of its calls that change the file system or begin
+ * the start of a child; preloaded into it.
  *
  * The file named by FAULT_PLAN is shared memory: what to do, and how many such calls there were. Calls are counted in
  * the forked worker and, once that has made one, in the guard; for the daemon, when it is to be broken, in the daemon
@@ -109,3 +109,4 @@ CALL(int, ftruncate64, (int d, off64_t size), (d, size), 1, 1)
 CALL(int, fsync, (int d), (d), 1, 1)
 CALL(int, fdatasync, (int d), (d), 1, 1)
 CALL(int, syncfs, (int d), (d), 1, 1)
+CALL(int, pipe2, (int *ends, int flags), (ends, flags), 1, 0) /* Python makes them for each child that it starts */
