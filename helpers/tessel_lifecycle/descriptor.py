@@ -48,10 +48,15 @@ class Descriptor(Unit):
 
     @functools.cached_property
     def identity(self):
-        """A digest of all that the PAX brings: of the document but for how the payload is packed, which a depot that
-        was rebuilt from a host may do otherwise."""
-        brought = {member: value for member, value in self.document.items() if member != "payload"}
-        return hashlib.sha256(json.dumps(brought, sort_keys=True).encode()).hexdigest()
+        """A digest of all that the PAX brings."""
+        return _identity(self.document)
+
+
+def _identity(document):
+    """The digest of a descriptor but for how the payload is packed, which a depot that was rebuilt from a host may do
+    otherwise."""
+    brought = {member: value for member, value in document.items() if member != "payload"}
+    return hashlib.sha256(json.dumps(brought, sort_keys=True).encode()).hexdigest()
 
 
 def _platform(value):
@@ -103,6 +108,11 @@ class Pax(Unit):
             found.keep_in(_DescriptorOf(self))
             self._descriptor = weakref.ref(found)
         return found
+
+    @property
+    def identity(self):
+        """That of the descriptor, which is not read in full for it. @throws ImageError when it cannot be read again"""
+        return _identity(self.document["descriptor"])
 
     @property
     def file(self):

@@ -42,6 +42,10 @@ class InstalledPax:
     def label(self):
         return self.descriptor.label
 
+    @property
+    def identity(self):
+        return self.descriptor.identity
+
 
 class PaxFile:
     """Size and digest of a whole PAX."""

@@ -51,9 +51,8 @@ def collect(content, catalogue):
 def offer_kept(catalogue, paxs):
     """Adds to the PAXs that can be had, key -> Pax, those of a catalogue that came from somewhere once."""
     for key, pax in catalogue.paxs.items():
-        known = pax if isinstance(pax, Pax) else offered(pax)
-        if known:
-            paxs.setdefault(key, known)
+        if key not in paxs and (known := pax if isinstance(pax, Pax) else offered(pax)):
+            paxs[key] = known
 
 
 def offered(pax):

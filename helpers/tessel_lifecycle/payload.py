@@ -64,11 +64,12 @@ def content_problem(descriptors):
     """Tells what keeps payloads from lying in one tree, or None: a file twice, or a file below a file or a link."""
     owners, directories = {}, {}
     for descriptor in descriptors:
+        label = descriptor.label
         for file in descriptor.files:
             seen = directories if file.type == "directory" else owners
             if seen is owners and file.path in owners:
-                return f"{file.path} is in {owners[file.path]} and {descriptor.label}"
-            seen[file.path] = descriptor.label
+                return f"{file.path} is in {owners[file.path]} and {label}"
+            seen[file.path] = label
     for path in [*owners, *directories]:
         parent = path if path in directories else path.rpartition("/")[0]
         while parent:

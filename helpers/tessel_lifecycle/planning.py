@@ -46,7 +46,7 @@ class _Offer:
         for other in others:
             self.catalogue.add_missing(other.described())
         for pax in installed.paxs.values():  # what is installed need not be brought again
-            if self.catalogue.paxs[pax.key].descriptor.identity == pax.descriptor.identity:
+            if self.catalogue.paxs[pax.key].identity == pax.identity:
                 self.catalogue.paxs[pax.key] = pax
         overridden.offer_kept(self.catalogue, self.paxs)
 
