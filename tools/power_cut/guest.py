@@ -33,14 +33,20 @@ class Line:
         return json.loads(text)
 
 
+def system_state():
+    done = subprocess.run(["systemctl", "is-system-running", "--wait"], stdout=subprocess.PIPE, text=True, check=False)
+    return done.stdout.strip()
+
+
 COMMANDS = {"prepare": guest_operations.prepare, "perform": guest_operations.perform, "look": guest_checks.look,
             "remember": guest_checks.remember}
 
 
 def main():
     line = Line()
-    state = subprocess.run(["systemctl", "is-system-running", "--wait"], stdout=subprocess.PIPE, text=True, check=False)
-    line.tell(booted=state.stdout.strip())
+    while (state := system_state()) not in ("running", "degraded", "maintenance", "stopping"):
+        time.sleep(0.5)  # where the processor is very slow, systemctl(1) gives up waiting
+    line.tell(booted=state)
     while True:
         (command, argument), = line.next().items()
         try:

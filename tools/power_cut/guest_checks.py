@@ -75,7 +75,7 @@ def check_system(expected, told):
     told["recovered"] = "recovery complete" in kernel
     if re.search("EXT4-fs (error|warning)", kernel):
         yield "the file system has faults"
-    if output_of("systemctl", "is-active", "kestreld") != "active\n":
+    if not wait_until(lambda: output_of("systemctl", "is-active", "kestreld") == "active\n"):
         yield "the daemon does not run"
 
 
