@@ -1,4 +1,4 @@
-"""Which versions of components go together: what libsolv finds, made the best that there is.
+"""Which versions of components go together: what a SAT solver finds, made the best that there is.
 
 What is best is exact. Contents are compared name by name: first the components that somebody demands, in the order of
 their names; then those that these need, in that order; then those that these need, and so on. The first name at which
@@ -8,75 +8,62 @@ two contents differ tells: the one with the newer version is better. What nothin
 import graphlib
 
 from tessel_lifecycle.solver_facts import Ban, Cycle, Demand, Relations
-from tessel_lifecycle.solver_pool import Pool
+from tessel_lifecycle.solver_clauses import Clauses
 
-_MOST_RELATIONS = 3000  # among which those are looked for that explain a conflict
+_MOST_RELATIONS = 300  # of which those are looked for that are needed to explain a conflict
+_FIRST_ASKED = 64  # components that are looked at together
 
 
 class Solver:
-    """Finds the content that fulfils `facts`, Demands and Bans, and all relations of the offer.
-
-    `reachable` are the names of what is demanded, and of all that can be needed for it.
-    """
+    """Finds the content that fulfils `facts`, Demands and Bans, and all relations of the offer."""
 
     def __init__(self, offer, facts):
-        self._offer, self.facts, self._names, self._cycles = offer, facts, _demanded(facts), []
-        self._pool = Pool(offer, _domains(offer, facts))
-        self._add_reachable()
-        self._jobs = [self._pool.install(name) for name in self._names]
+        self._offer, self._facts, self._domains = offer, facts, _domains(offer, facts)
+        self._names, self._cycles = _demanded(facts), []
 
     def best(self):
-        """The best content, name -> version; None when there is none.
-
-        libsolv prefers new versions by rules of thumb. What it finds is a witness; then it is asked for anything
-        better at all, until there is nothing.
-        """
-        best, better = None, self.best_guess()
-        while better is not None:
-            best, question = better, self._pool.better_than(better, self._order(better))
-            better = self._content([question]) if question else None
-        return best and {name: self._offer.versions(name)[rank] for name, rank in best.items()}
-
-    def best_guess(self):
-        """Some content, as ranks by name; None when there is none."""
-        return self._content([])
+        """The best content, name -> version; None when there is none."""
+        self._clauses = Clauses(self._offer)
+        for fact in self._facts:
+            self._clauses.add(self._clauses.state(fact))
+        self._describe(self._ends)
+        if not self._has_content(self._names):
+            return None
+        for layer in self._layers(self._names):
+            self._raise(layer)
+        return {name: self._offer.versions(name)[self._clauses.rank(name)]
+                for layer in self._layers(self._names) for name in layer}
 
     def conflict(self):
         """Once there was no content: facts that cannot be together, none of which can be left out.
 
-        First the demands are found, then the relations on account of which they cannot be fulfilled; these are left
-        out where they are too many to follow.
+        First the demands are found, then the relations on account of which they cannot be fulfilled. Where these are
+        too many to follow, there may be some among them that can be left out.
         """
-        last = self._smallest_without_content()
-        relations = last.relations(last.suspects())
-        if feasible(self._offer, last.facts + relations):
-            relations = last.relations(last.reachable)
-        if len(relations) > _MOST_RELATIONS:
-            return last.facts
-        return last.facts + minimal(relations, lambda some: feasible(self._offer, last.facts + some))
+        demands = self._conflicting_demands()
+        clauses, relations = Clauses(self._offer), [*self._relations(demands), *self._cycles]
+        for demand in demands:
+            clauses.add(clauses.state(demand))
+        given = {relation: clauses.state(relation) for relation in relations}
+        clauses.solve(given.values())
+        culprits = clauses.culprits()
+        relations = [relation for relation in relations if given[relation] in culprits]
+        if len(relations) <= _MOST_RELATIONS:
+            relations = minimal(relations, lambda some: clauses.solve(given[fact] for fact in some))
+        return demands + relations
 
-    def _smallest_without_content(self):
-        """A Solver with as few facts as lead to no content; of solutions only where nothing else does."""
-        suspects = self.suspects()
-        self._pool = None  # with many components, one at a time is large enough
-        facts = sorted(self.facts, key=lambda fact: getattr(fact, "solution", None) or "")
-        suspicious = [fact for fact in facts if fact.name in suspects]
-        if not self._without_content(suspicious):
-            suspicious = facts
-        return self._without_content(minimal(suspicious, lambda some: not self._without_content(some)))
+    def _conflicting_demands(self):
+        """As few facts as lead to no content; of solutions only where nothing else does."""
+        self._clauses = Clauses(self._offer)
+        given = {fact: self._clauses.state(fact) for fact in self._facts}
+        self._describe(self._all_ranks)
+        facts = sorted(self._facts, key=lambda fact: getattr(fact, "solution", None) or "")
+        return minimal(facts, lambda some: self._has_content(_demanded(some), [given[fact] for fact in some]))
 
-    def _without_content(self, facts):
-        """The Solver of some facts that has found no content; None when it finds one."""
-        solver = Solver(self._offer, facts)
-        return solver if solver.best_guess() is None else None
-
-    def suspects(self):
-        """The names of components that have part in there being no content."""
-        return self._pool.suspects() | {name for cycle in self._cycles for name, _, _ in cycle.edges}
-
-    def relations(self, names):
-        """What is said of some components about each other, the same of several versions together."""
-        grouped = {}
+    def _relations(self, facts):
+        """What is said about each other of all that can be needed, the same of several versions together."""
+        last = Solver(self._offer, facts)
+        names, grouped = last._needed(last._ends), {}
         for name in sorted(names):
             for rank, version in enumerate(self._offer.versions(name)):
                 for kind in ("depends", "conflicts"):
@@ -84,74 +71,99 @@ class Solver:
                         if relation.name in names:
                             key = name, kind, relation.name, relation.range.text
                             grouped.setdefault(key, Relations(name, [], kind, relation)).versions.append(version)
-        return [*grouped.values(), *self._cycles]
+        return grouped.values()
 
-    def _add_reachable(self):
-        waiting, self.reachable = list(self._names), set(self._names)
+    def _all_ranks(self, name):
+        return 0, len(self._offer.versions(name))
+
+    def _ends(self, name):
+        """The ranks that a component may have, as (first, end)."""
+        return self._domains.get(name) or self._all_ranks(name)
+
+    def _needed(self, ends):
+        """The names of what is demanded and of all that can be needed for it, each with those that it can need."""
+        needed, waiting = {}, list(self._names)
         while waiting:
             name = waiting.pop()
-            for rank in self._pool.ranks(name):
-                needs = self._offer.relations("depends", name, rank)
-                self._pool.add(name, rank, needs, self._offer.relations("conflicts", name, rank))
-                fresh = {need.name for need in needs} - self.reachable
-                self.reachable |= fresh
-                waiting += sorted(fresh)
+            if name not in needed:
+                needed[name] = {need.name for rank in range(*ends(name)) for need in self._needs(name, rank)}
+                waiting += sorted(needed[name])
+        return needed
 
-    def _content(self, more):
-        """Ranks by name that fulfil everything, without what is not needed; None if there are none."""
-        while True:
-            ranks = self._pool.solve([*self._jobs, *more])
-            if ranks is None:
-                return None
-            content = {name: ranks[name] for name in self._order(ranks)}
-            cycle = self._cycle(content)
+    def _describe(self, ends):
+        """Says the relations of all that can be needed."""
+        needed = self._needed(ends)
+        self._can_be_cyclic = _cycle(needed) is not None
+        for name in needed:
+            for rank in range(*ends(name)):
+                for need in self._needs(name, rank):
+                    self._clauses.depends(name, rank, need)
+                for clash in self._offer.relations("conflicts", name, rank):
+                    self._clauses.conflicts(name, rank, clash)
+
+    def _has_content(self, names, assumed=()):
+        """Whether there is a content for demanded names, where some literals hold; when not, the last one stays."""
+        last = self._clauses.model
+        while self._clauses.solve(assumed):
+            cycle = self._cycle(names) if self._can_be_cyclic else None
             if cycle is None:
-                return content
+                return True
             self._cycles.append(cycle)
-            self._jobs.append(self._pool.forbid(cycle))
+            self._clauses.forbid(cycle)
+        self._clauses.model = last
+        return False
 
-    def _order(self, ranks):
-        """The names that are needed, in the order in which they count."""
-        layer, seen = self._names, set(self._names)
+    def _raise(self, layer):
+        """Makes the content found last the best in these names, as those before are fixed already, and fixes them.
+
+        Most are the best from the outset, which one question shows of many names; or else of fewer.
+        """
+        done, size = 0, _FIRST_ASKED
+        while done < len(layer):
+            names = layer[done:done + size]
+            asked = self._clauses.better((name, self._ends(name)[1]) for name in names)
+            if asked and self._has_content(self._names, [asked]):
+                size //= 2
+                if size == 0:
+                    self._raise_one(names[0])
+                    size = 1
+            else:
+                for name in names:
+                    self._clauses.fix(name)
+                done, size = done + size, size * 2
+
+    def _raise_one(self, name):
+        first, end = self._clauses.rank(name), self._ends(name)[1]
+        tried = end - 1
+        while first + 1 < end:
+            if self._has_content(self._names, [self._clauses.at_least(name, tried)]):
+                first = self._clauses.rank(name)
+            else:
+                end = tried
+            tried = (first + end) // 2
+
+    def _layers(self, names):
+        """The names in the content found last that are needed, in the order in which they count."""
+        layer, seen = names, set(names)
         while layer:
-            yield from layer
-            layer = sorted({need.name for name in layer for need in self._needs(name, ranks[name])} - seen)
+            yield layer
+            layer = sorted({need.name for name in layer
+                            for need in self._needs(name, self._clauses.rank(name))} - seen)
             seen.update(layer)
 
     def _needs(self, name, rank):
         return self._offer.relations("depends", name, rank)
 
-    def _cycle(self, ranks):
-        graph = {name: [need.name for need in self._needs(name, rank)] for name, rank in ranks.items()}
-        try:
-            graphlib.TopologicalSorter(graph).prepare()
-        except graphlib.CycleError as error:
-            names = error.args[1]  # each is needed by the next; the last is the first again
-            return Cycle([(name, self._versions_that_need(name, other), other)
-                          for other, name in zip(names, names[1:])])
-        return None
+    def _cycle(self, names):
+        """A Cycle in the content found last for demanded names, or None."""
+        found = _cycle({name: [need.name for need in self._needs(name, self._clauses.rank(name))]
+                        for layer in self._layers(names) for name in layer})
+        return found and Cycle([(name, self._versions_that_need(name, other), other)
+                                for other, name in zip(found, found[1:])])
 
     def _versions_that_need(self, name, other):
         return [version for rank, version in enumerate(self._offer.versions(name))
                 if any(need.name == other for need in self._needs(name, rank))]
-
-
-def feasible(offer, facts):
-    """Whether there is a content for facts of all kinds, without any relations beside them."""
-    relations, names = {}, set(_demanded(facts))
-    for fact in facts:
-        if isinstance(fact, Relations):
-            names |= {fact.name, fact.relation.name}
-            for version in fact.versions:
-                relations.setdefault((fact.kind, fact.name, version), []).append(fact.relation)
-    pool = Pool(offer, _domains(offer, facts))
-    for name in sorted(names):
-        for rank in pool.ranks(name):
-            key = name, offer.versions(name)[rank]
-            pool.add(name, rank, relations.get(("depends", *key), ()), relations.get(("conflicts", *key), ()))
-    jobs = [pool.install(name) for name in _demanded(facts)]
-    jobs += [pool.forbid(fact) for fact in facts if isinstance(fact, Cycle)]
-    return pool.solve(jobs) is not None
 
 
 def minimal(facts, is_feasible):
@@ -185,3 +197,12 @@ def _domains(offer, facts):
             least, most = offer.span(fact.name, fact.range)
             domains[fact.name] = max(first, least), min(end, most)
     return domains
+
+
+def _cycle(graph):
+    """Names of which each is needed by the next, and the last is the first again; None when there is no such circle."""
+    try:
+        graphlib.TopologicalSorter(graph).prepare()
+    except graphlib.CycleError as error:
+        return error.args[1]
+    return None
