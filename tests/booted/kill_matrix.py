@@ -64,6 +64,7 @@ class Matrix:
 
     def count(self):
         self.prepare()
+        self.breaker.plan(NOTHING)
         self.host.apply(*NEW)
         return self.breaker.calls()[0]
 
